@@ -1,0 +1,18 @@
+// What a worker thread hands to every operation that it calls.
+#pragma once
+
+#include <string>
+
+class LBArp;
+class LBDaemon;
+class LBNeighbor;
+
+// One per worker thread, made by the VRF thread and fixed afterwards. Exactly one of the two probers
+// is set: `arp` for an IPv4 worker, `neighbor` for an IPv6 worker; neither is owned.
+struct LBWorkerContext {
+  LBDaemon* daemon = nullptr;
+  LBArp* arp = nullptr;
+  LBNeighbor* neighbor = nullptr;
+  int ipv6 = 0;
+  std::string vrf;
+};

@@ -1,0 +1,19 @@
+// Next hops that are found at run time: the router of a DHCP lease, the peer of a tunnel.
+//
+// Runs on the worker, for the worker's family; the result goes to
+// InterfaceState::nexthop_address.
+#pragma once
+
+#include <string>
+
+#include "config/lb_config.h"
+#include "config/worker_context.h"
+
+// Reads the lease file of every interface with the next hop "dhcp", in name order. An address found
+// earlier survives a file that is missing or names no router; a warning is logged only while there
+// is no address at all.
+void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker);
+
+// Looks up the point-to-point peer of every interface with the next hop "tunnel" in the calling
+// thread's network namespace; the address becomes empty when there is none.
+void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker);
