@@ -16,7 +16,7 @@ class Be16 {
 
  private:
   std::array<uint8_t, 2> bytes_{};
-};
+} __attribute__((packed));
 
 // A 32-bit field in network byte order.
 class Be32 {
@@ -32,7 +32,7 @@ class Be32 {
 
  private:
   std::array<uint8_t, 4> bytes_{};
-};
+} __attribute__((packed));
 
 static_assert(sizeof(Be16) == 2 && alignof(Be16) == 1);
 static_assert(sizeof(Be32) == 4 && alignof(Be32) == 1);

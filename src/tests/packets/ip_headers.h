@@ -62,5 +62,5 @@ static_assert(sizeof(Ipv6Header) == 40);
 
 // The checksum of an ICMPv6 message whose checksum field is 0: the message after the IPv6
 // pseudo-header (RFC 8200 section 8.1, RFC 4443 section 2.3).
-uint16_t icmp6_checksum(const in6_addr& source, const in6_addr& destination,
-                        const uint8_t* message, uint32_t length);
+uint16_t icmp6_checksum(const in6_addr& source, const in6_addr& destination, const uint8_t* message,
+                        uint32_t length);
