@@ -1,0 +1,54 @@
+"""Fixtures of the lab: every test gets namespaces of its own, and answers for what the daemon did in them."""
+
+import os
+import shutil
+import sys
+
+import pytest
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+
+from lab import daemon  # noqa: E402  pylint: disable=wrong-import-position
+from lab.lab import Lab  # noqa: E402  pylint: disable=wrong-import-position
+
+# The far ends are threads of the test; they are to answer at once even while it decodes packets.
+sys.setswitchinterval(0.0005)
+
+_NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird")
+
+
+def pytest_sessionstart(session):
+    os.environ["PATH"] += ":/usr/sbin:/sbin"
+    missing = [name for name in _NEEDED if not shutil.which(name)]
+    if missing:
+        pytest.exit(f"the lab needs these programs: {', '.join(missing)}", 3)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    setattr(item, "report_" + call.when, outcome.get_result())
+
+
+@pytest.fixture
+def lab(request):
+    with Lab() as made:
+        yield made
+        problems = made.finish()
+        report = getattr(request.node, "report_call", None)
+        if problems or (report and report.failed):
+            print("--- log\n" + made.log.text())
+            for started in made.daemons:
+                print(f"--- standard error of {started.process.argv}\n{started.process.stderr}")
+        assert not problems, "\n".join(problems)
+
+
+@pytest.fixture
+def tun_devices():
+    """For scenarios with a tun device, which an ordinary user may be denied."""
+    if not os.access("/dev/net/tun", os.R_OK | os.W_OK):
+        pytest.skip("/dev/net/tun may not be opened by this user")
+
+
+def pytest_report_header(config):
+    return f"daemon under test: {daemon.program()}"

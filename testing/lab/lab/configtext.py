@@ -1,0 +1,62 @@
+"""Builds configuration files for the daemon, so that a scenario shows only what matters to it."""
+
+import textwrap
+
+
+def ping(target="", kind="ping", **keywords):
+    """The lines of one test. Keywords are written with "-" for "_": resp_time=300 gives "resp-time 300"."""
+    lines = [f"type {kind}"]
+    if target:
+        lines.append(f"target {target}")
+    lines += [f"{name.replace('_', '-')} {value}" for name, value in keywords.items()]
+    return lines
+
+
+def ping_ext(target="", **keywords):
+    return ping(target, "ping_ext", **keywords)
+
+
+def interface(name, tests=(), ipv6=False, check_all=False, nested=False, **keywords):
+    """A block of the health section; `nested` writes the test's type as an inner block.
+
+    Keywords: success_ct, failure_ct, nexthop, namespace, origin, source_address.
+    """
+    lines = [f"interface{'6' if ipv6 else ''} {name} {{"]
+    for keyword, value in keywords.items():
+        written = keyword if keyword == "source_address" else keyword.replace("_", "-")
+        lines.append(f"    {written} {value}")
+    if check_all:
+        lines.append("    check_all")
+    for index, test in enumerate(tests, start=1):
+        lines.append(f"    test {index} {{")
+        if nested:
+            lines += [f"        {test[0]} {{", *(f"            {line}" for line in test[1:]), "        }"]
+        else:
+            lines += [f"        {line}" for line in test]
+        lines.append("    }")
+    return "\n".join(lines + ["}"])
+
+
+def rule(name, members, targets, failover=False, namespace=None, ipv6=None):
+    """A rule. members: {interface: weight}; targets: {prefix: metric or None}."""
+    if ipv6 is None:
+        ipv6 = "ipv4" not in name
+    lines = [f"rule {name} {{"]
+    if namespace:
+        lines.append(f"    namespace {namespace}")
+    if failover:
+        lines.append("    failover")
+    for member, weight in members.items():
+        lines += [f"    interface{'6' if ipv6 else ''} {member} {{", f"        weight {weight}", "    }"]
+    for prefix, metric in targets.items():
+        lines += ["    target {", f"        address {prefix}"]
+        if metric is not None:
+            lines.append(f"        metric {metric}")
+        lines.append("    }")
+    return "\n".join(lines + ["}"])
+
+
+def build(interfaces, rules):
+    """The whole file."""
+    health = textwrap.indent("\n".join(interfaces), "    ")
+    return "health {\n" + health + "\n}\n" + "\n".join(rules) + "\n"

@@ -1,0 +1,97 @@
+"""Datagram sockets that record what the daemon says: the private /dev/log and a service manager's socket."""
+
+import os
+import re
+import socket
+import threading
+import time
+
+from . import waiting
+
+_LINE = re.compile(r"<(?P<priority>\d+)>(?P<stamp>.{15}) (?P<tag>[^:\[]+)(\[(?P<pid>\d+)\])?: (?P<text>.*)",
+                   re.S)
+
+
+class Record:
+    """One message: `when` on the monotonic clock, `level` 0 to 7, `facility`, `tag`, `pid`, `text`."""
+
+    def __init__(self, when, raw):
+        self.when, self.raw = when, raw
+        found = _LINE.match(raw)
+        priority = int(found["priority"]) if found else 0
+        self.facility, self.level = priority >> 3, priority & 7
+        self.tag = found["tag"] if found else ""
+        self.pid = int(found["pid"]) if found and found["pid"] else None
+        self.text = found["text"] if found else raw
+
+    def __repr__(self):
+        return f"{self.when:.3f} <{self.level}> {self.text}"
+
+
+class DatagramSink:
+    """Binds a datagram socket of the file system and records what `parse(when, text)` makes of each message."""
+
+    def __init__(self, path, parse):
+        self.records = []
+        self._path, self._parse = path, parse
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(path)
+        os.chmod(path, 0o666)
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        self._thread.start()
+
+    def _read(self):
+        while True:
+            data = self._socket.recv(65536)
+            if not data:
+                return
+            text = data.decode(errors="replace").rstrip("\0\n")
+            self.records.append(self._parse(time.monotonic(), text))
+
+    def mark(self):
+        """A place in the records; give it to the operations below as `since` to look only behind it."""
+        return len(self.records)
+
+    def matching(self, pattern, since=0):
+        expression = re.compile(pattern)
+        return [record for record in self.records[since:] if expression.search(record.text)]
+
+    def wait_for(self, pattern, timeout=10.0, since=0, count=1):
+        """Waits for `count` messages that match and returns the last of them."""
+        waiting.wait_until(lambda: len(self.matching(pattern, since)) >= count, timeout,
+                           lambda: f"{count} x {pattern!r} among:\n{self.text()}")
+        return self.matching(pattern, since)[count - 1]
+
+    def text(self):
+        return "\n".join(map(repr, self.records))
+
+    def close(self):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as waker:
+            waker.connect(self._path)
+            waker.send(b"")
+        self._thread.join()
+        self._socket.close()
+
+
+class LogSink(DatagramSink):
+    """The system log; `records` holds Record objects."""
+
+    def __init__(self, path):
+        super().__init__(path, Record)
+
+
+class Notification:
+    """One message to the service manager, for example "WATCHDOG=1"."""
+
+    def __init__(self, when, text):
+        self.when, self.text = when, text
+
+    def __repr__(self):
+        return f"{self.when:.3f} {self.text}"
+
+
+class NotifySink(DatagramSink):
+    """A service manager's notification socket."""
+
+    def __init__(self, path):
+        super().__init__(path, Notification)

@@ -1,0 +1,129 @@
+"""A capture of what crosses one interface of the lab, with time stamps of the kernel.
+
+Frames are recorded raw; `decode` hands them to scapy, which knows nothing of the daemon's code.
+"""
+
+import select
+import socket
+import struct
+import threading
+
+from . import waiting
+
+ETH_P_ALL = 0x0003
+PACKET_OUTGOING = 4
+SO_TIMESTAMPNS = 35
+SOL_PACKET, PACKET_AUXDATA, PACKET_STATISTICS = 263, 8, 6
+
+
+class Frame:
+    """`when`: seconds of the wall clock; `outgoing`: sent by the machine that the interface belongs to."""
+
+    def __init__(self, when, outgoing, data, ethernet):
+        self.when, self.outgoing, self.data, self._ethernet = when, outgoing, data, ethernet
+
+    def decode(self):
+        # Slow to import, and only tests that look into packets need it.
+        # pylint: disable=import-outside-toplevel
+        from scapy.layers.inet import IP
+        from scapy.layers.inet6 import IPv6
+        from scapy.layers.l2 import Ether
+        if self._ethernet:
+            return Ether(self.data)
+        return IPv6(self.data) if self.data[0] >> 4 == 6 else IP(self.data)
+
+    def __repr__(self):
+        return f"<{self.when:.6f} {'out' if self.outgoing else 'in'} {self.data.hex()}>"
+
+
+class Sniffer:
+    def __init__(self, enclosure, interface, netns=None, ethernet=True):
+        self.frames = []
+        self._ethernet = ethernet
+        self._socket = enclosure.socket(socket.AF_PACKET, socket.SOCK_RAW, ETH_P_ALL, netns, interface)
+        self._socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        self._stop_read, self._stop_write = socket.socketpair()
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        self._thread.start()
+
+    def _read(self):
+        poller = select.poll()
+        poller.register(self._socket, select.POLLIN)
+        poller.register(self._stop_read, select.POLLIN)
+        while True:
+            ready = dict(poller.poll())
+            if self._stop_read.fileno() in ready:
+                return
+            try:
+                data, control, _, address = self._socket.recvmsg(65536, 256)
+            except OSError:  # The interface went down or away; there may be more later.
+                continue
+            when = 0.0
+            for level, kind, value in control:
+                if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS:
+                    seconds, nanoseconds = struct.unpack("qq", value[:16])
+                    when = seconds + nanoseconds / 1e9
+            self.frames.append(Frame(when, address[2] == PACKET_OUTGOING, data, self._ethernet))
+
+    def mark(self):
+        return len(self.frames)
+
+    def select(self, condition, since=0):
+        return [frame for frame in self.frames[since:] if condition(frame)]
+
+    def wait_for(self, condition, timeout=10.0, count=1, since=0, what="frame"):
+        """Waits for `count` frames that `condition` accepts and returns all that came."""
+        waiting.wait_until(lambda: len(self.select(condition, since)) >= count, timeout,
+                           lambda: f"{count} x {what}; seen: {self.frames[-20:]}")
+        return self.select(condition, since)
+
+    def close(self):
+        self._stop_write.close()
+        self._thread.join()
+        self._socket.close()
+        self._stop_read.close()
+
+
+def ether_type(frame):
+    return int.from_bytes(frame.data[12:14], "big")
+
+
+def is_arp_request(frame):
+    return ether_type(frame) == 0x0806 and frame.data[20:22] == b"\0\1"
+
+
+def is_arp_reply(frame):
+    return ether_type(frame) == 0x0806 and frame.data[20:22] == b"\0\2"
+
+
+def is_echo_request(frame):
+    """An ICMP echo request in an Ethernet frame, to whomever."""
+    return ether_type(frame) == 0x0800 and frame.data[23] == 1 and frame.data[34] == 8
+
+
+def is_echo_reply(frame):
+    return ether_type(frame) == 0x0800 and frame.data[23] == 1 and frame.data[34] == 0
+
+
+def is_echo6_request(frame):
+    return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 128
+
+
+def is_echo6_reply(frame):
+    return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 129
+
+
+def is_solicitation(frame):
+    return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 135
+
+
+def is_advertisement(frame):
+    return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 136
+
+
+def destination(frame):
+    """Text of the IP destination of an Ethernet frame."""
+    if ether_type(frame) == 0x86DD:
+        return socket.inet_ntop(socket.AF_INET6, frame.data[38:54])
+    return socket.inet_ntop(socket.AF_INET, frame.data[30:34])

@@ -1,0 +1,42 @@
+"""Waiting for events with deadlines. Nothing in the lab sleeps for a fixed time and hopes.
+
+LB_LAB_SLOW stretches every deadline, for builds with sanitizers and for loaded machines.
+"""
+
+import os
+import time
+
+SLOW = float(os.environ.get("LB_LAB_SLOW", "1"))
+
+
+class TimedOut(AssertionError):
+    """An event did not come before its deadline."""
+
+
+def scaled(seconds):
+    return seconds * SLOW
+
+
+def wait_until(condition, timeout=10.0, what="", interval=0.01):
+    """Calls `condition` until it returns something true, and returns that; raises TimedOut.
+
+    `what` says what was waited for: a text, or a function that is called when time is up.
+    """
+    deadline = time.monotonic() + scaled(timeout)
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() >= deadline:
+            text = what() if callable(what) else what
+            raise TimedOut(f"not within {scaled(timeout):g} s: {text or condition}")
+        time.sleep(interval)
+
+
+def never(condition, seconds, what="", interval=0.02):
+    """Fails as soon as `condition` becomes true within `seconds` (which are not stretched)."""
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        result = condition()
+        assert not result, f"happened although it must not: {what or condition} ({result!r})"
+        time.sleep(interval)
