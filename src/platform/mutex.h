@@ -37,6 +37,11 @@ class LB_CAPABILITY("mutex") Mutex {
   int unlock() LB_RELEASE() { return pthread_mutex_unlock(&mutex_); }
   bool try_lock() LB_TRY_ACQUIRE(true) { return pthread_mutex_trylock(&mutex_) == 0; }
 
+  // Releases the mutex, waits until `condition` is signalled (or for no reason), takes it again.
+  int wait(pthread_cond_t& condition) LB_REQUIRES(this) {
+    return pthread_cond_wait(&condition, &mutex_);
+  }
+
   // Destroys the mutex ahead of the destructor for a caller that reports the result; once only.
   int destroy() {
     if (init_result_ != 0 || destroyed_) return 0;
