@@ -1,0 +1,25 @@
+// Packet sockets (packet(7)): whole Ethernet frames in and out.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+
+#include "platform/file_descriptor.h"
+#include "tests/packets/ethernet.h"
+
+// A raw packet socket of the calling thread's network namespace that receives the frames of
+// `ether_type` (host byte order; ETH_P_ALL for every frame) on all interfaces. Not valid on
+// failure, with errno set.
+FileDescriptor open_packet_socket(uint16_t ether_type);
+
+// The same for a socket that is only sent through: it receives nothing, so that no frames pile up
+// in a queue that nobody reads.
+FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
+
+// Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer
+// address handed to the kernel; what goes on the wire stands in the frame. The bytes sent, or -1
+// with errno set.
+ssize_t send_frame(int fd, int ifindex, const MacAddress& destination,
+                   std::span<const uint8_t> frame);
