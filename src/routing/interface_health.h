@@ -12,8 +12,8 @@
 #include "config/lb_config.h"
 #include "config/worker_context.h"
 
-// Counts one outcome of `target` (0 success, -1 failure) and settles the target's result when a
-// threshold is reached. No effect on the interface's state.
+// Counts one outcome of `target` (-1 failure, any other value success) and settles the target's
+// result when a threshold is reached. No effect on the interface's state.
 void record_result(LBInterface& interface, int32_t result, const std::string& target);
 
 // Settles the interface ACTIVE or FAILED from its targets' results and logs a change. Only for
@@ -29,8 +29,8 @@ std::map<std::string, std::string> changed_interfaces(LBConfig& config,
                                                       const LBWorkerContext& worker);
 
 // Read access by name, in the worker's family; the stated default for an unknown name.
-bool interface_active(const LBConfig& config, const std::string& name, bool ipv6);       // false
-std::string interface_vrf(const LBConfig& config, const std::string& name, bool ipv6);   // "default"
+bool interface_active(const LBConfig& config, const std::string& name, bool ipv6);      // false
+std::string interface_vrf(const LBConfig& config, const std::string& name, bool ipv6);  // "default"
 std::string interface_origin(const LBConfig& config, const std::string& name, bool ipv6);  // ""
 
 // Consecutive results of a target, 0 for an unknown one.
