@@ -9,11 +9,18 @@
 #include "config/lb_config.h"
 #include "config/worker_context.h"
 
-// Reads the lease file of every interface with the next hop "dhcp", in name order. An address found
-// earlier survives a file that is missing or names no router; a warning is logged only while there
-// is no address at all.
+// Reads the lease file of every interface with the next hop "dhcp", of all VRFs, in name order. An
+// address found earlier survives a file that is missing or names no router; a warning is logged
+// while there is no address at all.
 void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker);
 
-// Looks up the point-to-point peer of every interface with the next hop "tunnel" in the calling
-// thread's network namespace; the address becomes empty when there is none.
+// Looks up the point-to-point peer of every interface of the worker's VRF with the next hop
+// "tunnel" in the calling thread's network namespace; the address becomes empty when there is none.
 void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker);
+
+namespace nexthop_discovery {
+
+// resolve_dhcp_nexthops with the lease files below the directory `root`.
+void resolve_dhcp_below(const std::string& root, LBConfig& config, const LBWorkerContext& worker);
+
+}  // namespace nexthop_discovery

@@ -1,0 +1,100 @@
+#include "routing/lease_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <vector>
+
+#include "config/tokens.h"
+#include "platform/file_descriptor.h"
+
+namespace {
+
+constexpr size_t kMaxPiece = 1023;
+
+// Far above any client's file. It bounds the time and memory that a runaway file can cost a worker.
+constexpr size_t kMaxFileSize = size_t{16} << 20;
+
+std::string first_token(const std::string& text, char delimiter) {
+  return token_at(split_tokens(text, delimiter), 0);
+}
+
+// "option routers ADDRESS[,ADDRESS...];"
+std::optional<std::string> option_routers(std::string_view line) {
+  const std::vector<std::string> tokens = split_tokens(line, ' ');
+  if (token_at(tokens, 1) != "routers") return std::nullopt;
+  std::string router = first_token(token_at(tokens, 2), ',');
+  if (!router.empty() && (router.back() < '0' || router.back() > '9')) router.pop_back();
+  return router;
+}
+
+// "new_routers='ADDRESS'". The first and the last character of the first word go, whatever they
+// are: where several addresses share the quotes, the first address loses its last character. The
+// client is known to list one router; the cut is meant.
+std::optional<std::string> new_routers(std::string_view line) {
+  const std::vector<std::string> tokens = split_tokens(line, '=');
+  if (token_at(tokens, 0) != "new_routers") return std::nullopt;
+  std::string router = first_token(token_at(tokens, 1), ' ');
+  if (!router.empty()) router.erase(0, 1);
+  if (!router.empty()) router.pop_back();
+  return router;
+}
+
+struct LeaseFormat {
+  const char* path_start;
+  std::optional<std::string> (*parse_line)(std::string_view line);
+};
+
+// The IPv6 client's file name has no separator before the interface name.
+constexpr std::array<LeaseFormat, 2> kFormats = {{
+    {"/var/db/dhclient_", option_routers},
+    {"/var/db/dhcp6_client", new_routers},
+}};
+
+const LeaseFormat& format_of(bool ipv6) { return kFormats[ipv6 ? 1 : 0]; }
+
+// Takes the next line, its newline included, from the front of `text`.
+std::string_view take_piece(std::string_view& text) {
+  const size_t newline = text.find('\n');
+  const size_t length = newline == std::string_view::npos ? text.size() : newline + 1;
+  const std::string_view piece = text.substr(0, std::min(length, kMaxPiece));
+  text.remove_prefix(piece.size());
+  return piece;
+}
+
+}  // namespace
+
+std::string lease_path(const std::string& interface_name, bool ipv6, const std::string& root) {
+  return root + format_of(ipv6).path_start + interface_name + ".leases";
+}
+
+std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
+  while (!text.empty()) {
+    std::string_view piece = take_piece(text);
+    piece = piece.substr(0, piece.find('\0'));  // a line is a C string: it ends at a NUL byte
+    if (std::optional<std::string> router = format_of(ipv6).parse_line(piece)) return router;
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> read_lease_router(const std::string& path, bool ipv6) {
+  // Neither a FIFO nor a device may hold up the worker: nothing but a regular file is read.
+  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!file.valid()) return std::nullopt;
+  struct stat status {};
+  if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+
+  std::string text;
+  std::array<char, 16384> buffer;
+  while (text.size() < kMaxFileSize) {
+    const ssize_t count = read(file.get(), buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    text.append(buffer.data(), static_cast<size_t>(count));
+  }
+  return lease_router(text, ipv6);
+}

@@ -1,0 +1,21 @@
+// The router in a DHCP client's lease file.
+//
+// The IPv4 client writes option statements ("  option routers 192.0.2.1;"), the IPv6 client's
+// script shell assignments ("new_routers='fe80::1'"). Both are read as lines of at most 1023 bytes:
+// a longer line counts as several.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+// The lease file of the interface with the configured name `interface_name`. Every path is below
+// `root`, which is empty outside tests.
+std::string lease_path(const std::string& interface_name, bool ipv6, const std::string& root = "");
+
+// The first router that the text names. No value when no line is a router line; an empty text when
+// the first router line has no usable address. Never fails, whatever the bytes are.
+std::optional<std::string> lease_router(std::string_view text, bool ipv6);
+
+// The same for a file; no value also when `path` cannot be read or is no regular file.
+std::optional<std::string> read_lease_router(const std::string& path, bool ipv6);
