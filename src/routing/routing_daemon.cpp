@@ -1,0 +1,102 @@
+#include "routing/routing_daemon.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "config/lb_config.h"
+#include "config/log.h"
+#include "platform/file_descriptor.h"
+
+namespace {
+
+struct FamilyPlaces {
+  const char* file_name;
+  const char* flush_command;
+};
+
+constexpr std::array<FamilyPlaces, 2> kPlaces = {{
+    {"routing-wlb.conf", "ip route flush cache"},
+    {"routing-wlb6.conf", "ip -6 route flush cache"},
+}};
+
+constexpr const char* kNoErrors = " 2>/dev/null";
+
+// Everything that a shell command prints: each line as it was read, then a blank. Empty when the
+// command printed nothing or could not be started.
+std::string command_output(const std::string& command) {
+  FILE* pipe = popen((command + kNoErrors).c_str(), "r");
+  if (pipe == nullptr) return "";
+  std::string output;
+  char* line = nullptr;
+  size_t capacity = 0;
+  for (ssize_t length; (length = getline(&line, &capacity, pipe)) >= 0;) {
+    output.append(line, static_cast<size_t>(length)) += ' ';
+  }
+  free(line);
+  pclose(pipe);
+  return output;
+}
+
+void run_command(const std::string& command) {
+  FILE* pipe = popen((command + kNoErrors).c_str(), "w");
+  if (pipe != nullptr) pclose(pipe);
+}
+
+// Read as atoi does, but without its wrap-around: 4294967297 must not become process 1. A pid of 0
+// or below would reach a process group or every process.
+void send_hangup(const std::string& pid_text, const std::string& pid_command) {
+  errno = 0;
+  const long pid = strtol(pid_text.c_str(), nullptr, 10);
+  if (errno == ERANGE || pid <= 0 || pid > INT_MAX) {
+    LOG_ERROR("wan_lb: '%s' gives no process id, routing daemon not signalled",
+              pid_command.c_str());
+    return;
+  }
+  if (kill(static_cast<pid_t>(pid), SIGHUP) != 0) {
+    LOG_WARNING("wan_lb: can't send SIGHUP to the routing daemon (pid %ld), errno = %d", pid,
+                errno);
+  }
+}
+
+}  // namespace
+
+RoutingDaemon::RoutingDaemon(const std::string& vrf, bool ipv6, const std::string& root)
+    : flush_command_(kPlaces[ipv6 ? 1 : 0].flush_command) {
+  const bool main_vrf = vrf == kDefaultNamespace;
+  const std::string home = main_vrf ? root : root + "/var/vrfs/" + vrf;
+  file_path_ = home + "/usr/etc/" + kPlaces[ipv6 ? 1 : 0].file_name;
+  pid_command_ = "cat " + home + (main_vrf ? "/var/run/routing.pid" : "/usr/var/run/routing.pid");
+}
+
+void RoutingDaemon::write_file(const std::string& text) const {
+  const FileDescriptor file(
+      open(file_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666));
+  if (!file.valid()) return;
+  for (size_t written = 0; written < text.size();) {
+    const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) {
+      LOG_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), errno);
+      return;
+    }
+    written += static_cast<size_t>(count);
+  }
+}
+
+void RoutingDaemon::reload() const {
+  const std::string pid_text = command_output(pid_command_);
+  if (pid_text.empty()) {
+    LOG_DEBUG("LBDecision::run() can't execute '%s'", pid_command_.c_str());
+    return;
+  }
+  send_hangup(pid_text, pid_command_);
+  run_command(flush_command_);
+}

@@ -1,0 +1,28 @@
+// The routing daemon that a VRF runs: its file of static routes, its reload signal, and the
+// kernel's route cache behind it.
+#pragma once
+
+#include <string>
+
+class RoutingDaemon {
+ public:
+  // The daemon of `vrf`, seen by the worker of one family. Every path is below `root`, which is
+  // empty outside tests.
+  RoutingDaemon(const std::string& vrf, bool ipv6, const std::string& root = "");
+
+  // Replaces the content of the daemon's file, in place. A file that cannot be opened is left as it
+  // is, in silence: a VRF may have no routing daemon at all.
+  void write_file(const std::string& text) const;
+
+  // Sends SIGHUP to the daemon when its pid is known and flushes the kernel's route cache. Runs
+  // shell commands in the calling thread's network namespace; no lock may be held.
+  void reload() const;
+
+  const std::string& file_path() const { return file_path_; }
+  const std::string& pid_command() const { return pid_command_; }
+
+ private:
+  std::string file_path_;
+  std::string pid_command_;
+  const char* flush_command_;
+};
