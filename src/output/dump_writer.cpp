@@ -1,0 +1,125 @@
+// The dump operations of LBOutput: records are filled one at a time and written as they are.
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include "config/log.h"
+#include "output/dump_records.h"
+#include "output/lb_output.h"
+
+namespace {
+
+// A dump file that is being written, anew.
+class DumpFile {
+ public:
+  explicit DumpFile(const std::string& path) : file_(fopen(path.c_str(), "wbe")) {
+    // Without a buffer a record that does not fit on the disk fails at once, not at the close.
+    if (file_ != nullptr) setvbuf(file_.get(), nullptr, _IONBF, 0);
+  }
+
+  bool valid() const { return file_ != nullptr; }
+
+  template <typename Record>
+  bool write(const Record& record) {
+    return fwrite(&record, sizeof(record), 1, file_.get()) == 1;
+  }
+
+ private:
+  struct Closer {
+    void operator()(FILE* file) const { fclose(file); }
+  };
+  std::unique_ptr<FILE, Closer> file_;
+};
+
+std::map<std::string, LBConfig::TextByTarget> copy_failover_nexthops(const LBConfig& config) {
+  MutexLock lock(config.written_mutex);
+  return config.failover_nexthops;
+}
+
+// What is noted for `key`, or an empty value.
+template <typename Value>
+Value value_or_empty(const std::map<std::string, Value>& values, const std::string& key) {
+  const auto found = values.find(key);
+  return found == values.end() ? Value() : found->second;
+}
+
+// False after a failure, which is logged.
+bool write_routes(const RuleKey& key, const LBRule& rule, const LBConfig::TextByTarget& nexthops,
+                  const char* operation, DumpFile& file) {
+  int32_t index = 0;
+  for (const auto& [destination, target] : rule.targets) {
+    if (index == static_cast<int32_t>(kDumpMaxRoutes)) break;
+    DumpRoute record{};
+    if (!fill_route(key, destination, target, ++index, value_or_empty(nexthops, destination),
+                    record)) {
+      LOG_ERROR("<%s> wan_lb: snprintf failed", operation);
+      return false;
+    }
+    if (!file.write(record)) {
+      LOG_ERROR("wan_lb: error dumping routes");
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+void LBOutput::dump_outbounds(timespec now, const InterfaceMap* interfaces, bool ipv6) {
+  constexpr const char* kOperation = "dump_outbounds";
+  if (interfaces == nullptr) return;
+
+  MutexLock lock(family_mutexes_[ipv6 ? 1 : 0]);
+  const std::string path = outbounds_path(ipv6);
+  DumpFile file(path);
+  if (!file.valid()) {
+    LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
+    return;
+  }
+  for (const auto& [name, interface] : *interfaces) {
+    DumpOutbound record{};
+    if (!fill_outbound(take_snapshot(interface), static_cast<uint32_t>(now.tv_sec), record)) {
+      LOG_ERROR("<%s> wan_lb: snprintf failed", kOperation);
+      return;
+    }
+    if (!file.write(record)) {
+      LOG_ERROR("wan_lb: <%s> error writing data block", kOperation);
+      return;
+    }
+  }
+}
+
+void LBOutput::dump_rules_and_routes(const std::map<std::string, LBRule>& rules,
+                                     const LBConfig* names) {
+  constexpr const char* kOperation = "dump_rules_and_routes";
+  if (names == nullptr) return;
+
+  DumpFile rules_file(rules_path());
+  if (!rules_file.valid()) {
+    LOG_ERROR("wan_lb: Error open file for writing '%s'", rules_path().c_str());
+    return;
+  }
+  DumpFile routes_file(routes_path());
+  if (!routes_file.valid()) {
+    LOG_ERROR("wan_lb: Error open file for writing '%s'", routes_path().c_str());
+    return;
+  }
+  const auto nexthops = copy_failover_nexthops(*names);
+  for (const auto& [name, rule] : rules) {
+    const std::optional<RuleKey> key = parse_rule_key(name);
+    if (!key) {
+      LOG_ERROR("<%s> wan_lb: sscanf failed", kOperation);
+      return;
+    }
+    DumpRule record{};
+    if (!fill_rule(*key, rule, *names, record)) {
+      LOG_ERROR("<%s> wan_lb: snprintf failed", kOperation);
+      return;
+    }
+    if (!rules_file.write(record)) {
+      LOG_ERROR("wan_lb: <%s> error writing data block", kOperation);
+      return;
+    }
+    if (!write_routes(*key, rule, value_or_empty(nexthops, name), kOperation, routes_file)) return;
+  }
+}

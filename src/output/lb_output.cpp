@@ -1,0 +1,104 @@
+// One write per check cycle and worker: the dumps first, the status report last. Everything is
+// copied out of the model before it is formatted, and formatted before its file is opened: no lock
+// of the model is held over a file.
+#include "output/lb_output.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <initializer_list>
+
+#include "config/log.h"
+#include "output/status_report.h"
+#include "platform/clock.h"
+
+namespace {
+
+[[noreturn]] void end_thread(int code) {
+  pthread_exit(reinterpret_cast<void*>(static_cast<intptr_t>(code)));
+}
+
+}  // namespace
+
+LBOutput::LBOutput(const std::string& output_directory)
+    : output_directory_(output_directory), dump_directory_(output_directory + "/wlb_dump") {
+  for (const Mutex* mutex : {&mutex_, &family_mutexes_[0], &family_mutexes_[1], &files_mutex_}) {
+    if (mutex->init_result() == 0) continue;
+    LOG_ERROR("wan_lb: <%s> error mutex initialization", "LBOutput");
+    end_thread(mutex->init_result());
+  }
+}
+
+LBOutput::~LBOutput() noexcept(false) {
+  for (Mutex* mutex : {&mutex_, &family_mutexes_[0], &family_mutexes_[1], &files_mutex_}) {
+    const int result = mutex->destroy();
+    if (result == 0) continue;
+    LOG_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");
+    end_thread(result);
+  }
+}
+
+void LBOutput::write(const LBConfig& config, const LBWorkerContext& worker) {
+  const bool ipv6 = worker.ipv6 != 0;
+  const std::string path = status_path(ipv6);
+  note_files(path, ipv6);
+  if (!make_dump_directory()) return;
+
+  dump_outbounds(wall_now(), &config.interfaces_of(ipv6), ipv6);
+  if (mutex_.try_lock()) {
+    dump_rules_and_routes(config.rules, &config);
+    const int result = mutex_.unlock();
+    if (result != 0) {
+      LOG_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", result);
+      return;
+    }
+  }
+  write_status(path, config, ipv6);
+}
+
+std::set<std::string> LBOutput::used_files(bool ipv6) const {
+  MutexLock lock(files_mutex_);
+  return files_[ipv6 ? 1 : 0];
+}
+
+bool LBOutput::make_dump_directory() {
+  errno = 0;
+  if (mkdir(dump_directory_.c_str(), 0777) == 0 || errno == EEXIST) return true;
+  const int error = errno;
+  LOG_ERROR("wan_lb: error create directory: %s, errno = %d", dump_directory_.c_str(), error);
+  return false;
+}
+
+void LBOutput::note_files(const std::string& status_path, bool ipv6) {
+  MutexLock lock(files_mutex_);
+  files_[0].insert({rules_path(), routes_path()});
+  files_[ipv6 ? 1 : 0].insert({outbounds_path(ipv6), status_path});
+}
+
+void LBOutput::write_status(const std::string& path, const LBConfig& config, bool ipv6) {
+  MutexLock lock(family_mutexes_[ipv6 ? 1 : 0]);
+  const uint32_t now = static_cast<uint32_t>(wall_now().tv_sec);
+  std::string text;
+  for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
+    text += interface_block(take_snapshot(interface), now);
+  }
+
+  FILE* file = fopen(path.c_str(), "we");
+  if (file == nullptr) {
+    LOG_ERROR("wan_lb: error ordering output file %s", path.c_str());
+    return;
+  }
+  fputs(text.c_str(), file);
+  fclose(file);
+}
+
+std::string LBOutput::status_path(bool ipv6) const {
+  return output_directory_ + (ipv6 ? "/wlb_ipv6.out" : "/wlb_ipv4.out");
+}
+
+std::string LBOutput::outbounds_path(bool ipv6) const {
+  return dump_directory_ + (ipv6 ? "/wlb_ipv6_outbounds.bin" : "/wlb_ipv4_outbounds.bin");
+}
