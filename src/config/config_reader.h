@@ -1,11 +1,19 @@
 // The reader of the configuration file: lines, blocks, and one keyword dispatch per line.
+//
+// The file is a tree of blocks in curly brackets. A line is a keyword, perhaps a value, perhaps
+// brackets; it belongs to the depth that holds after its brackets, so the line that opens a block
+// already belongs to that block. What the keywords do is up to the sections (health_section.h,
+// rule_section.h); unknown sections and keywords are ignored.
 #pragma once
 
-#include <array>
+#include <cstdio>
 #include <set>
 #include <string>
 
+#include "config/config_line.h"
+#include "config/health_section.h"
 #include "config/lb_config.h"
+#include "config/rule_section.h"
 #include "config/test_settings.h"
 
 // Fills one LBConfig and notes every VRF name that a "namespace" keyword gave. One thread only.
@@ -19,7 +27,19 @@ class ConfigReader {
   bool read_config(const std::string& path);
 
  private:
-  static constexpr int kMaxDepth = 31;
-  using BlockStack = std::array<std::string, kMaxDepth + 1>;
-  // To be completed by the implementation.
+  bool read_lines(FILE* file);
+
+  // One line without its comment. False when the brackets leave the range that the stack has.
+  bool read_line(const std::string& line);
+
+  void dispatch_line(const ConfigLine& line);
+
+  // Notes the keyword of the present depth; nothing where the depth is out of range.
+  void set_block(const std::string& key);
+  bool depth_in_range() const { return depth_ >= 0 && depth_ <= kMaxBlockDepth; }
+
+  HealthSection health_;
+  RuleSection rules_;
+  BlockStack blocks_;
+  int depth_ = 0;
 };

@@ -1,0 +1,170 @@
+#include "config/health_section.h"
+
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "config/log.h"
+
+namespace {
+
+constexpr int kInterfaceDepth = 2;
+constexpr int kTestDepth = 3;
+constexpr int kTypeDepth = 4;
+
+constexpr int32_t kDefaultTestIndex = 1;
+constexpr std::string_view kDefaultTestType = "ping";
+
+// The keywords that give a number to the current IPv4 test, whatever the interface's family.
+constexpr std::pair<std::string_view, TestKeyword> kIpv4Numbers[] = {
+    {"period", TestKeyword::kPeriod}, {"timeout", TestKeyword::kTimeout},
+    {"count", TestKeyword::kCount},   {"loss", TestKeyword::kLoss},
+    {"rtt", TestKeyword::kRtt},       {"jitter", TestKeyword::kJitter},
+};
+
+std::optional<TestKeyword> ipv4_number(std::string_view key) {
+  for (const auto& [name, keyword] : kIpv4Numbers) {
+    if (key == name) return keyword;
+  }
+  return std::nullopt;
+}
+
+bool is_test_keyword(std::string_view key) {
+  return key == "type" || key == "target" || key == "resp-time" || ipv4_number(key).has_value();
+}
+
+// The test under `index`, null when there is none.
+template <typename Test>
+std::shared_ptr<Test> find_test(const std::map<int32_t, std::shared_ptr<Test>>& tests,
+                                int32_t index) {
+  const auto found = tests.find(index);
+  return found == tests.end() ? nullptr : found->second;
+}
+
+// Inserts `test` unless the index is taken. The test that is under the index then.
+template <typename Test>
+std::shared_ptr<Test> insert_test(std::map<int32_t, std::shared_ptr<Test>>& tests, int32_t index,
+                                  std::shared_ptr<Test> test) {
+  return tests.try_emplace(index, std::move(test)).first->second;
+}
+
+}  // namespace
+
+HealthSection::HealthSection(LBConfig& config, std::set<std::string>& namespaces,
+                             const TestFactory& factory)
+    : config_(config), namespaces_(namespaces), factory_(factory) {}
+
+void HealthSection::apply(const ConfigLine& line) {
+  switch (line.depth) {
+    case kInterfaceDepth:
+      if (line.key == "interface" || line.key == "interface6") {
+        select_interface(line.value, line.key == "interface6");
+      } else if (interface_ != nullptr) {
+        apply_to_interface(line);
+      }
+      break;
+    case kTestDepth:
+      // Two forms of a test block are in use: with the keywords directly in it, or with a block of
+      // the type around them. The line that opens either block, and the bracket that closes the
+      // inner one, set the index; any word may open a test block, a test keyword too.
+      if (!line.opens_block && is_test_keyword(line.key)) {
+        apply_to_test(line);
+      } else {
+        test_index_ = line.signed_number();
+      }
+      break;
+    case kTypeDepth:
+      apply_to_test(line);
+      break;
+    default:
+      break;
+  }
+}
+
+void HealthSection::select_interface(const std::string& name, bool ipv6) {
+  if (name.empty()) return;
+  interface_ = &config_.interfaces_of(ipv6).try_emplace(name, name, ipv6).first->second;
+}
+
+void HealthSection::apply_to_interface(const ConfigLine& line) {
+  LBInterface& interface = *interface_;
+  if (line.key == "success-ct") {
+    if (line.signed_number() > 0) {
+      interface.success_ct = line.signed_number();
+    } else {
+      LOG_ERROR("wan_lb: illegal success-ct specified in configuration file: %s",
+                line.value.c_str());
+    }
+  } else if (line.key == "failure-ct") {
+    if (line.signed_number() > 0) {
+      interface.failure_ct = line.signed_number();
+    } else {
+      LOG_ERROR("wan_lb: illegal failure-ct specified in configuration file: %s",
+                line.value.c_str());
+    }
+  } else if (line.key == "nexthop") {
+    interface.nexthop = line.value;
+  } else if (line.key == "source_address") {
+    interface.source_address = line.value;
+  } else if (line.key == "check_all") {
+    interface.check_all = true;
+  } else if (line.key == "namespace") {
+    interface.vrf = line.value;
+    namespaces_.insert(line.value);
+  } else if (line.key == "origin") {
+    interface.origin = line.value;
+  }
+}
+
+void HealthSection::apply_to_test(const ConfigLine& line) {
+  if (line.key == "type") {
+    create_test(line.value);
+  } else if (line.key == "target") {
+    set_target(line.value);
+  } else if (line.key == "resp-time") {
+    TestSettings* const settings = current_settings();
+    if (settings != nullptr) settings->set_number(TestKeyword::kResponseTime, line.number());
+  } else if (const auto keyword = ipv4_number(line.key); keyword && test_ != nullptr) {
+    factory_.settings(*test_).set_number(*keyword, line.number());
+  }
+}
+
+void HealthSection::create_test(const std::string& type) {
+  if (interface_ == nullptr) return;
+  if (interface_->ipv6) {
+    auto test = factory_.create6(type);
+    if (test != nullptr) test6_ = insert_test(interface_->tests6, test_index_, std::move(test));
+    return;
+  }
+  // Unlike that of IPv6, a type that is unknown still chooses the test under the index.
+  auto test = factory_.create(type);
+  test_ = test != nullptr ? insert_test(interface_->tests, test_index_, std::move(test))
+                          : find_test(interface_->tests, test_index_);
+}
+
+void HealthSection::set_target(const std::string& target) {
+  TestSettings* const settings = current_settings();
+  if (settings == nullptr || target.empty()) return;
+  settings->set_target(target);
+  MutexLock lock(interface_->mutex);
+  interface_->state.target_results[target] = -1;
+}
+
+TestSettings* HealthSection::current_settings() const {
+  if (interface_ == nullptr) return nullptr;
+  if (interface_->ipv6) return test6_ == nullptr ? nullptr : &factory_.settings(*test6_);
+  return test_ == nullptr ? nullptr : &factory_.settings(*test_);
+}
+
+void HealthSection::add_default_tests() {
+  for (auto& [name, interface] : config_.interfaces) {
+    if (interface.tests.empty()) {
+      interface.tests.emplace(kDefaultTestIndex, factory_.create(kDefaultTestType));
+    }
+  }
+  for (auto& [name, interface] : config_.interfaces6) {
+    if (interface.tests6.empty()) {
+      interface.tests6.emplace(kDefaultTestIndex, factory_.create6(kDefaultTestType));
+    }
+  }
+}
