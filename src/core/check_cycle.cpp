@@ -1,0 +1,88 @@
+#include "core/check_cycle.h"
+
+#include "config/log.h"
+#include "core/lb_daemon.h"
+#include "platform/clock.h"
+#include "platform/interface_names.h"
+#include "routing/interface_health.h"
+#include "routing/nexthop_discovery.h"
+#include "tests/lb_test.h"
+
+namespace {
+
+template <class Visitor>
+void for_each_interface(const LBWorkerContext& worker, bool ipv6, Visitor visit) {
+  for (auto& [name, interface] : worker.daemon->config().interfaces_of(ipv6)) {
+    if (interface.vrf == worker.vrf) visit(interface);
+  }
+}
+
+}  // namespace
+
+CheckCycle::CheckCycle(LBWorkerContext& worker) : worker_(worker) {}
+
+void CheckCycle::start() {
+  announce_interfaces();
+  prepare_tests();
+}
+
+void CheckCycle::announce_interfaces() {
+  const bool ipv6 = worker_.ipv6 != 0;
+  for_each_interface(worker_, ipv6, [ipv6](LBInterface& interface) {
+    {
+      MutexLock lock(interface.mutex);
+      interface.state.last_state_change = static_cast<int32_t>(wall_now().tv_sec);
+    }
+    const char* device = interfaces_linux_to_zel_name_static(interface.origin.c_str(), 0);
+    if (ipv6) {
+      LOG_INSTANCE("IPv6 interface %s changed state to inactive", device);
+    } else {
+      LOG_INSTANCE("IP interface %s changed state to inactive", device);
+    }
+  });
+}
+
+// Both families, whatever the worker's own: the other family's worker may start later, and a test
+// is prepared once.
+void CheckCycle::prepare_tests() {
+  for (const bool ipv6 : {false, true}) {
+    for_each_interface(worker_, ipv6, [](LBInterface& interface) {
+      for_each_test(interface, [&](HealthTest& test) { test.init(interface); });
+    });
+  }
+}
+
+void CheckCycle::run_cycle_tests() {
+  const bool ipv6 = worker_.ipv6 != 0;
+  for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
+    for_each_test(interface, [&](HealthTest& test) { test.send(interface, worker_); });
+  });
+  // All probes are out before any is judged, so that one slow reply delays no other probe.
+  for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
+    for_each_test(interface, [&](HealthTest& test) { test.recv(interface, worker_); });
+    evaluate_state(interface, worker_);
+  });
+}
+
+void CheckCycle::end_cycle() {
+  LBConfig& config = worker_.daemon->config();
+  clear_state_changed(config, worker_);
+  resolve_dhcp_nexthops(config, worker_);
+  resolve_tunnel_nexthops(config, worker_);
+}
+
+void CheckCycle::run_once() {
+  LBDaemon& daemon = *worker_.daemon;
+  run_cycle_tests();
+  daemon.decision().run(daemon.config(), worker_);
+  daemon.output().write(daemon.config(), worker_);
+  sleep_for({.tv_sec = 1, .tv_nsec = 0});
+  send_and_shift_timeout(daemon.watchdog_timeout(), &last_report_, 1);
+  end_cycle();
+}
+
+void run_worker(LBWorkerContext& worker) {
+  CheckCycle cycle(worker);
+  cycle.start();
+  while (true) cycle.run_once();
+}

@@ -1,0 +1,100 @@
+#include "core/start_up.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "config/log.h"
+#include "core/command_line.h"
+#include "core/lb_daemon.h"
+#include "core/pid_file.h"
+#include "core/vrf_thread.h"
+#include "platform/clock.h"
+#include "platform/crash_report.h"
+
+namespace {
+
+// The parent is done at once; the child goes on without a terminal. The three descriptors are taken
+// by the null device so that no socket gets their numbers and receives an error text.
+void detach_from_terminal() {
+  const pid_t child = fork();
+  if (child < 0) {
+    LOG_ERROR("Can't fork to run as daemon, continuing in the foreground");
+    return;
+  }
+  if (child > 0) {
+    send_signal_live(child, 1);
+    exit(0);
+  }
+  for (const int fd : {0, 1, 2}) close(fd);
+  if (open("/dev/null", O_RDONLY) == 0) {
+    if (open("/dev/null", O_WRONLY) == 1) dup(1);
+  }
+}
+
+// Every interface and family costs three descriptors, and the usual soft limit is 1024.
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// Starts the VRF threads and waits for them, for the life of the process.
+void run_vrfs(LBDaemon& daemon) {
+  std::vector<pthread_t> threads;
+  for (const std::string& vrf : daemon.namespaces()) {
+    const VrfPresence ipv4 = daemon.presence(vrf, false);
+    const VrfPresence ipv6 = daemon.presence(vrf, true);
+    if (!ipv4.has_interfaces && !ipv4.has_rules && !ipv6.has_interfaces && !ipv6.has_rules) {
+      continue;
+    }
+    pthread_t thread;
+    if (start_vrf_thread(daemon, vrf, thread) != 0) {
+      LOG_WARNING("Can't create new thread for VRF %s", vrf.c_str());
+      exit(-1);
+    }
+    threads.push_back(thread);
+  }
+  for (const pthread_t thread : threads) pthread_join(thread, nullptr);
+}
+
+}  // namespace
+
+int run_daemon(int argc, char** argv) {
+  backtrace_set_program_name(argv[0]);
+  backtrace_open_console();
+  backtrace_install_signal_handlers();
+
+  const CommandLine line = parse_command_line(argc, argv);
+  if (line.show_usage) {
+    fputs(kUsage, stdout);
+    return 0;
+  }
+  if (line.config_path.empty()) {
+    puts("Configuration file is empty");
+    return 0;
+  }
+  if (line.daemonise) detach_from_terminal();
+  if (!line.pid_path.empty()) write_pid_file(line.pid_path);
+  raise_descriptor_limit();
+
+  auto daemon = std::make_unique<LBDaemon>(line.output_directory);
+  if (!daemon->load_configuration(line.config_path)) {
+    LOG_ERROR("wan_lb: error loading configuration file: %s", line.config_path.c_str());
+    return 0;
+  }
+  if (line.load_only) return 0;
+
+  daemon->register_with_watchdog();
+  run_vrfs(*daemon);
+  // Nothing left to do, yet the process stays: its watchdog would take an exit for a crash.
+  daemon.reset();
+  while (true) sleep_for({.tv_sec = 4, .tv_nsec = 0});
+}

@@ -1,0 +1,60 @@
+// The probes that wait for their replies: one table per family, shared by all tests of the process.
+//
+// Workers enter and remove probes, receiver threads mark them answered. The table has its own lock;
+// the interface's mutex (interface_sockets.h) is held around each step as well, it orders the steps
+// of one interface.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "platform/mutex.h"
+
+inline constexpr int32_t kProbeWaiting = -2;
+inline constexpr int32_t kProbeAnswered = 0;
+
+struct PendingProbe {
+  std::string ifname;  // Linux name of the interface that the probe left by
+  int32_t state = kProbeWaiting;
+  timespec sent_at{};  // monotonic
+  std::string target;
+};
+
+// Milliseconds from `from` to `to`, each first cut to whole milliseconds.
+int64_t elapsed_milliseconds(const timespec& from, const timespec& to);
+
+class ProbesInFlight {
+ public:
+  struct Entry {
+    int32_t key;
+    PendingProbe probe;
+  };
+
+  // Draws the next probe key: 1 to 32766, then 0, and again.
+  int32_t next_key();
+
+  // Enters a probe; a record that already has this key is kept and the new one dropped.
+  void insert(int32_t key, const PendingProbe& probe);
+
+  // Marks the probe as answered; an unknown key changes nothing.
+  void mark_answered(int64_t key);
+
+  void erase(int32_t key);
+
+  // A copy of the first probe, in key order, to this target through this interface.
+  std::optional<Entry> find(const std::string& ifname, const std::string& target) const;
+
+  size_t size() const;
+
+ private:
+  mutable Mutex mutex_;
+  std::map<int32_t, PendingProbe> pending_ LB_GUARDED_BY(mutex_);
+  int32_t sequence_ LB_GUARDED_BY(mutex_) = 0;
+};
+
+// The table of a family.
+template <class Family>
+ProbesInFlight& probes_in_flight();
