@@ -9,7 +9,7 @@
 
 template <>
 struct LinkProtocol<Ipv4> {
-  static constexpr const char* kClass = "LBArp";
+  static constexpr const char* kDestructor = "~LBArp";
   static constexpr const char* kMutex = "_arp_mutex";
   static constexpr const char* kStarter = "received_arp";
   static constexpr const char* kReceiver = "recv_arp";

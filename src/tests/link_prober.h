@@ -45,13 +45,20 @@ class WatchedTargets {
 };
 
 // What the two protocols do differently; specialised beside each prober with
-//   kClass, kMutex, kStarter, kReceiver, kThread   words of the messages
+//   kMutex, kDestructor, kStarter, kReceiver, kThread   words of the messages
 //   kUnlockWithoutSocket         whether a receiver without a socket gives the handshake lock back
 //   open_receiver()              the receiver's socket
 //   handle_frame(frame, targets) what is done with a frame; false ends the receiver
 //   log_no_send_socket(vrf), log_no_mutex(rc), log_receive_failure(call)
 template <class Family>
 struct LinkProtocol;
+
+// The message about a pthread call that failed with `rc`.
+void log_prober_mutex_failure(const char* operation, const char* call, const char* mutex, int rc);
+
+// The first address that `name` resolves to. 0, or the failure of getaddrinfo.
+template <class Family>
+int first_address(const std::string& name, typename Family::Address& address);
 
 template <class Family>
 class LinkProber {
@@ -70,6 +77,17 @@ class LinkProber {
   int lock_mutex();
   int unlock_mutex();
 
+  // Sends a request by calling `send`, not before the VRF's receiver listens. False when the
+  // handshake lock failed.
+  template <class Send>
+  bool request_address(const Send& send) {
+    start_receiver();
+    if (lock_mutex() != 0) return false;
+    send();
+    return unlock_mutex() == 0;
+  }
+
+  // For reading only; the receiver adds to them.
   const WatchedTargets& targets() const { return *_targets; }
 
  protected:
@@ -91,6 +109,8 @@ class LinkProber {
   std::string _vrf;
 
  private:
+  using Protocol = LinkProtocol<Family>;
+
   // Of the whole process, by VRF name.
   struct Registry {
     Mutex mutex;

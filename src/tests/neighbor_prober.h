@@ -9,7 +9,7 @@
 
 template <>
 struct LinkProtocol<Ipv6> {
-  static constexpr const char* kClass = "LBNeighbor";
+  static constexpr const char* kDestructor = "~LBNeighbor";
   static constexpr const char* kMutex = "_neighbor_mutex";
   static constexpr const char* kStarter = "receive_reply";
   static constexpr const char* kReceiver = "recv_neighbor";

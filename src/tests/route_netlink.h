@@ -5,7 +5,10 @@
 #include <sys/uio.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "tests/packets/ethernet.h"
 
@@ -14,6 +17,11 @@
 // without one, or the kernel acknowledged; -1: failure (logged where the kernel or a socket said
 // so), or the entry was there and `mac_out` is null.
 int rtnl_exchange(iovec* iov, size_t iov_count, MacAddress* mac_out, const std::string& target);
+
+// Appends an attribute to a request of at most `bound` bytes. False, printed and logged, when it
+// would grow beyond that.
+bool add_route_attribute(std::vector<uint8_t>& message, uint16_t type,
+                         std::span<const uint8_t> data, size_t bound);
 
 // Looks `target` up in the kernel's neighbour table; the result is that of rtnl_exchange.
 int get_neighbor_mac(const std::string& target, MacAddress* mac_out);

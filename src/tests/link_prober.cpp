@@ -1,0 +1,208 @@
+#include "tests/link_prober.h"
+
+#include <linux/if_ether.h>
+#include <netdb.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "config/error_text.h"
+#include "config/log.h"
+#include "tests/arp_prober.h"
+#include "tests/neighbor_prober.h"
+#include "tests/packet_socket.h"
+
+void log_prober_mutex_failure(const char* operation, const char* call, const char* mutex, int rc) {
+  const int error = errno;
+  LOG_ERROR("<%s> %s for %s failed!!!!! rc = %d, errno = %d (%s)", operation, call, mutex, rc,
+            error, error_text(error).c_str());
+}
+
+void WatchedTargets::watch(const std::string& target, const std::string& ifname) {
+  MutexLock lock(mutex_);
+  _targets[target] = ifname;
+}
+
+std::string WatchedTargets::interface_of(const std::string& address) {
+  MutexLock lock(mutex_);
+  return _targets[address];
+}
+
+WatchedTargets::Map WatchedTargets::snapshot() const {
+  MutexLock lock(mutex_);
+  return _targets;
+}
+
+template <class Family>
+int first_address(const std::string& name, typename Family::Address& address) {
+  addrinfo hints{};
+  hints.ai_family = Family::kFamily;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_CANONNAME;
+  addrinfo* list = nullptr;
+  const int rc = getaddrinfo(name.c_str(), nullptr, &hints, &list);
+  if (rc != 0) return rc;
+  constexpr size_t kOffset =
+      Family::kIpv6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr);
+  std::memcpy(&address, reinterpret_cast<const char*>(list->ai_addr) + kOffset, sizeof(address));
+  freeaddrinfo(list);
+  return 0;
+}
+
+template int first_address<Ipv4>(const std::string& name, in_addr& address);
+template int first_address<Ipv6>(const std::string& name, in6_addr& address);
+
+template <class Family>
+LinkProber<Family>::LinkProber()
+    : _targets(std::make_shared<WatchedTargets>()), _mutex(std::make_shared<HandshakeLock>()) {}
+
+template <class Family>
+LinkProber<Family>::~LinkProber() {
+  close_send_socket();
+  const int rc = _mutex->destroy();
+  if (rc != 0) {
+    log_prober_mutex_failure(Protocol::kDestructor, "pthread_mutex_destroy", Protocol::kMutex, rc);
+  }
+}
+
+template <class Family>
+void LinkProber<Family>::init(const std::string& vrf) {
+  _vrf = vrf;
+  FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
+  const bool opened = fd.valid();
+  {
+    Registry& shared = registry();
+    MutexLock lock(shared.mutex);
+    shared._send_sock[vrf] = std::move(fd);
+    if (opened) shared._recv_started[vrf] = false;
+  }
+  if (!opened) {
+    Protocol::log_no_send_socket(vrf);
+    return;
+  }
+  _mutex = std::make_shared<HandshakeLock>();
+  if (_mutex->init_result() != 0) Protocol::log_no_mutex(_mutex->init_result());
+}
+
+template <class Family>
+void LinkProber<Family>::set_target(const std::string& target, const std::string& source,
+                                    const std::string& ifname) {
+  _target = target;
+  _source = source;
+  _ifname = ifname;
+  _targets->watch(target, ifname);
+}
+
+template <class Family>
+int LinkProber<Family>::lock_mutex() {
+  return lock(*_mutex, "lock_mutex");
+}
+
+template <class Family>
+int LinkProber<Family>::unlock_mutex() {
+  return unlock(*_mutex, "unlock_mutex");
+}
+
+template <class Family>
+int LinkProber<Family>::lock(HandshakeLock& mutex, const char* operation) {
+  const int rc = mutex.lock();
+  if (rc == 0) return 0;
+  log_prober_mutex_failure(operation, "pthread_mutex_lock", Protocol::kMutex, rc);
+  return -1;
+}
+
+template <class Family>
+int LinkProber<Family>::unlock(HandshakeLock& mutex, const char* operation) {
+  const int rc = mutex.unlock();
+  if (rc == 0) return 0;
+  log_prober_mutex_failure(operation, "pthread_mutex_unlock", Protocol::kMutex, rc);
+  return -1;
+}
+
+template <class Family>
+typename LinkProber<Family>::Registry& LinkProber<Family>::registry() {
+  static Registry registry;
+  return registry;
+}
+
+template <class Family>
+int LinkProber<Family>::send_socket() const {
+  Registry& shared = registry();
+  MutexLock lock(shared.mutex);
+  return shared._send_sock[_vrf].get();
+}
+
+template <class Family>
+void LinkProber<Family>::close_send_socket() {
+  Registry& shared = registry();
+  MutexLock lock(shared.mutex);
+  shared._send_sock[_vrf].reset();
+}
+
+template <class Family>
+bool LinkProber<Family>::mark_started(const std::string& vrf) {
+  Registry& shared = registry();
+  MutexLock lock(shared.mutex);
+  return !std::exchange(shared._recv_started[vrf], true);
+}
+
+template <class Family>
+void LinkProber<Family>::start_receiver() {
+  if (!mark_started(_vrf)) return;
+  if (lock(*_mutex, Protocol::kStarter) != 0) return;
+
+  auto argument = std::make_unique<ThreadArgument>(ThreadArgument{_mutex, _targets});
+  pthread_t thread;
+  const bool created = pthread_create(&thread, nullptr, &receive, argument.get()) == 0;
+  if (created) {
+    argument.release();  // the thread's own now
+  } else {
+    unlock(*_mutex, Protocol::kStarter);
+    LOG_ERROR("<%s> Can't create new thread for %s recv", Protocol::kStarter, Protocol::kThread);
+  }
+  // A thread that does not exist cannot be detached either, and that is reported too.
+  if (!created || pthread_detach(thread) != 0) {
+    LOG_ERROR("<%s> Can't detach thread for %s recv", Protocol::kStarter, Protocol::kThread);
+  }
+}
+
+template <class Family>
+void* LinkProber<Family>::receive(void* argument) {
+  const std::unique_ptr<ThreadArgument> own(static_cast<ThreadArgument*>(argument));
+  const FileDescriptor fd = Protocol::open_receiver();
+  if (!fd.valid()) {
+    LOG_ERROR("<%s> socket() for _recv_sock failed ", Protocol::kReceiver);
+    if (Protocol::kUnlockWithoutSocket) unlock(*own->mutex, Protocol::kReceiver);
+    return nullptr;
+  }
+  if (unlock(*own->mutex, Protocol::kReceiver) != 0) return nullptr;
+  receive_frames(fd.get(), *own->targets);
+  return nullptr;
+}
+
+template <class Family>
+void LinkProber<Family>::receive_frames(int fd, WatchedTargets& targets) {
+  std::vector<uint8_t> buffer(65535);
+  pollfd waiting{fd, POLLIN, 0};
+  for (;;) {
+    const int ready = poll(&waiting, 1, -1);
+    if (ready < 0) Protocol::log_receive_failure("select");
+    if (ready <= 0) return;
+    const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      Protocol::log_receive_failure("recv");
+      return;
+    }
+    if (!Protocol::handle_frame({buffer.data(), static_cast<size_t>(length)}, targets)) return;
+  }
+}
+
+template class LinkProber<Ipv4>;
+template class LinkProber<Ipv6>;
