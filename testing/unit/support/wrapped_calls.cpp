@@ -34,6 +34,15 @@ int __wrap_open64(const char* path, int flags, mode_t mode) {
   return wrapped::open.call(path, flags, mode);
 }
 FILE* __wrap_fopen64(const char* path, const char* mode) { return wrapped::fopen.call(path, mode); }
+int __wrap_snprintf(char* text, size_t size, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+int __wrap_snprintf(char* text, size_t size, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  const int result = wrapped::vsnprintf.call(text, size, format, arguments);
+  va_end(arguments);
+  return result;
+}
 }
 
 namespace {
