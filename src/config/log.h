@@ -8,12 +8,12 @@
 
 inline constexpr int kLogFacility = 34;
 
-#define LB_LOG(guard, priority, letter, mnemonic, text, ...)                                   \
-  do {                                                                                         \
-    if (SYSLOG_flag_get(kLogFacility, guard)) {                                                \
-      SYSLOG_message(priority, "%%%s-%s-%s: " text, "WAN", letter, mnemonic __VA_OPT__(, )     \
-                                                                       __VA_ARGS__);           \
-    }                                                                                          \
+#define LB_LOG(guard, priority, letter, mnemonic, text, ...)       \
+  do {                                                             \
+    if (SYSLOG_flag_get(kLogFacility, guard)) {                    \
+      SYSLOG_message(priority, "%%%s-%s-%s: " text, "WAN", letter, \
+                     mnemonic __VA_OPT__(, ) __VA_ARGS__);         \
+    }                                                              \
   } while (false)
 
 #define LOG_INSTANCE(text, ...) LB_LOG(0, 6, "I", "INSTANCE", text __VA_OPT__(, ) __VA_ARGS__)

@@ -7,8 +7,8 @@ class LBArp;
 class LBDaemon;
 class LBNeighbor;
 
-// One per worker thread, made by the VRF thread and fixed afterwards. Exactly one of the two probers
-// is set: `arp` for an IPv4 worker, `neighbor` for an IPv6 worker; neither is owned.
+// One per worker thread, made by the VRF thread and fixed afterwards. Exactly one of the two
+// probers is set: `arp` for an IPv4 worker, `neighbor` for an IPv6 worker; neither is owned.
 struct LBWorkerContext {
   LBDaemon* daemon = nullptr;
   LBArp* arp = nullptr;
