@@ -3,7 +3,6 @@
 #include "config/log.h"
 #include "core/lb_daemon.h"
 #include "platform/clock.h"
-#include "platform/interface_names.h"
 #include "routing/interface_health.h"
 #include "routing/nexthop_discovery.h"
 #include "tests/lb_test.h"
@@ -33,11 +32,11 @@ void CheckCycle::announce_interfaces() {
       MutexLock lock(interface.mutex);
       interface.state.last_state_change = static_cast<int32_t>(wall_now().tv_sec);
     }
-    const char* device = interfaces_linux_to_zel_name_static(interface.origin.c_str(), 0);
+    const std::string device = device_name(interface.origin);
     if (ipv6) {
-      LOG_INSTANCE("IPv6 interface %s changed state to inactive", device);
+      LOG_INSTANCE("IPv6 interface %s changed state to inactive", device.c_str());
     } else {
-      LOG_INSTANCE("IP interface %s changed state to inactive", device);
+      LOG_INSTANCE("IP interface %s changed state to inactive", device.c_str());
     }
   });
 }
