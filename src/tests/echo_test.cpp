@@ -58,10 +58,10 @@ void EchoTest<Family>::send(LBInterface& interface, const LBWorkerContext& worke
   if (probes.find(interface.origin, target)) return;
 
   const int32_t key = probes.next_key();
-  InterfaceMutex& mutex = this->sockets().mutex;
-  if (!mutex.template lock<Family>("send")) return;
+  const auto sockets = this->sockets();
+  if (!sockets->mutex.template lock<Family>("send")) return;
   probes.insert(key, {interface.origin, kProbeWaiting, monotonic_now(), target});
-  if (!mutex.template unlock<Family>("send")) {
+  if (!sockets->mutex.template unlock<Family>("send")) {
     probes.erase(key);
     return;
   }
@@ -76,7 +76,8 @@ template <class Family>
 int EchoTest<Family>::send_raw(const LBInterface& interface, const std::string& target, int32_t key,
                                const LBWorkerContext& worker) {
   using Traits = EchoTraits<Family>;
-  const int socket = this->sockets().send_socket.get();
+  const auto sockets = this->sockets();
+  const int socket = sockets->send_socket.get();
   typename SocketAddress<Family>::Type destination;
   const int error = prepare_raw_path<Family, typename Traits::Words>(socket, interface.origin,
                                                                      target, worker, destination);
@@ -97,7 +98,7 @@ int EchoTest<Family>::send_frame(const LBInterface& interface, const Destination
   if (error != 0) return error;
   const auto frame =
       make_echo_frame(path.addresses, echo_identifier(), 0, static_cast<uint32_t>(key));
-  return error_of(::send_frame(this->sockets().packet_socket.get(), path.ifindex,
+  return error_of(::send_frame(this->sockets()->packet_socket.get(), path.ifindex,
                                path.addresses.destination_mac, bytes_of(frame)));
 }
 

@@ -91,7 +91,8 @@ TestReport LBTestPING::report() const {
 LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
                                              const std::string& target, int32_t key,
                                              const LBWorkerContext& worker) {
-  const int socket = sockets().send_socket.get();
+  const auto sockets = this->sockets();
+  const int socket = sockets->send_socket.get();
   sockaddr_in destination;
   const int error =
       prepare_raw_path<Ipv4, BurstWords>(socket, interface.origin, target, worker, destination);
@@ -114,10 +115,11 @@ LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
   sockaddr_in replier{};
   replier.sin_family = AF_INET;
   replier.sin_addr = path.addresses.destination;
+  const auto sockets = this->sockets();
   const auto send_request = [&](uint16_t sequence) {
     const auto frame =
         make_echo_frame(path.addresses, echo_identifier(), sequence, static_cast<uint32_t>(key));
-    return send_frame(sockets().packet_socket.get(), path.ifindex, path.addresses.destination_mac,
+    return send_frame(sockets->packet_socket.get(), path.ifindex, path.addresses.destination_mac,
                       bytes_of(frame));
   };
   return run_burst(send_request, replier, key);
@@ -153,7 +155,8 @@ std::optional<int64_t> LBTestPING::await_reply(const sockaddr_in& destination, u
                                                int32_t key) {
   // select(2) refuses a microsecond figure of a whole second or more, and so does this daemon.
   if (!wait_.is_valid()) return std::nullopt;
-  const int socket = sockets().recv_socket.get();
+  const auto sockets = this->sockets();
+  const int socket = sockets->recv_socket.get();
   if (socket < 0) return std::nullopt;
   const timespec start = monotonic_now();
   const int64_t limit = wait_.microseconds() * 1000;

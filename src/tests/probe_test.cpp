@@ -7,9 +7,8 @@
 
 template <class Family>
 ProbeTest<Family>::~ProbeTest() {
-  if (sockets_ == nullptr) return;
-  sockets_.reset();
-  SocketRegistry<Family>::release(ifname_);
+  MutexLock lock(status_mutex_);
+  if (bound_) SocketRegistry<Family>::release(ifname_);
 }
 
 template <class Family>
@@ -29,7 +28,7 @@ void ProbeTest<Family>::init(LBInterface& interface) {
   if (bound_) return;
   bound_ = true;
   ifname_ = interface.origin;
-  sockets_ = SocketRegistry<Family>::acquire(ifname_);
+  SocketRegistry<Family>::acquire(ifname_);
   description_ = type_name();
 }
 
@@ -51,10 +50,11 @@ void ProbeTest<Family>::recv(LBInterface& interface, const LBWorkerContext& work
     return;
   }
 
-  const bool locked = sockets().mutex.template lock<Family>("recv");
+  const auto sockets = this->sockets();
+  const bool locked = sockets->mutex.template lock<Family>("recv");
   settle(interface, outcome, target);
   probes_in_flight<Family>().erase(entry->key);
-  if (locked) sockets().mutex.template unlock<Family>("recv");
+  if (locked) sockets->mutex.template unlock<Family>("recv");
 }
 
 template <class Family>

@@ -44,7 +44,10 @@ class ProbeTest : public HealthTest {
   // Reports one outcome to the interface and keeps it as the test's result.
   void settle(LBInterface& interface, int32_t outcome, const std::string& target);
 
-  InterfaceSockets& sockets() { return *sockets_; }
+  // Asked for anew each time, since another test of the interface may have closed them meanwhile.
+  std::shared_ptr<InterfaceSockets> sockets() const {
+    return SocketRegistry<Family>::acquire(ifname_);
+  }
 
   mutable Mutex status_mutex_;
 
@@ -57,5 +60,4 @@ class ProbeTest : public HealthTest {
   // Set by the first init; both workers of a VRF call it, under the lock.
   bool bound_ LB_GUARDED_BY(status_mutex_) = false;
   std::string ifname_;
-  std::shared_ptr<InterfaceSockets> sockets_;
 };
