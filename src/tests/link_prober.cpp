@@ -3,7 +3,6 @@
 #include <linux/if_ether.h>
 #include <netdb.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -15,6 +14,7 @@
 #include "config/error_text.h"
 #include "config/log.h"
 #include "tests/arp_prober.h"
+#include "tests/detached_thread.h"
 #include "tests/neighbor_prober.h"
 #include "tests/packet_socket.h"
 
@@ -158,16 +158,14 @@ void LinkProber<Family>::start_receiver() {
   if (lock(*_mutex, Protocol::kStarter) != 0) return;
 
   auto argument = std::make_unique<ThreadArgument>(ThreadArgument{_mutex, _targets});
-  pthread_t thread;
-  const bool created = pthread_create(&thread, nullptr, &receive, argument.get()) == 0;
-  if (created) {
+  const DetachedThread thread = start_detached_thread(&receive, argument.get());
+  if (thread.create_result == 0) {
     argument.release();  // the thread's own now
   } else {
     unlock(*_mutex, Protocol::kStarter);
     LOG_ERROR("<%s> Can't create new thread for %s recv", Protocol::kStarter, Protocol::kThread);
   }
-  // A thread that does not exist cannot be detached either, and that is reported too.
-  if (!created || pthread_detach(thread) != 0) {
+  if (thread.detach_result != 0) {
     LOG_ERROR("<%s> Can't detach thread for %s recv", Protocol::kStarter, Protocol::kThread);
   }
 }
