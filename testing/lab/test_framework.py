@@ -13,7 +13,9 @@ import time
 import pytest
 
 from lab import configtext, daemon, responder, sniffer, waiting
+from lab.bird import Bird
 from lab.lab import Lab
+from lab.two_uplinks import TwoUplinks
 
 
 def ping(lab, target, *options, check=True):
@@ -72,7 +74,7 @@ def test_responder_answers_fast_and_as_told(lab):
     assert ping(lab, link.gateway, "0.2", check=False) != 0
     link.responder.echo = lambda echo: echo.reply(source="10.1.0.77")
     assert ping(lab, link.gateway) == 0
-    assert capture.select(sniffer.is_echo_reply)[-1].decode()["IP"].src == "10.1.0.77"
+    assert capture.wait_for(sniffer.is_echo_reply, count=3)[-1].decode()["IP"].src == "10.1.0.77"
     link.responder.echo = lambda echo: echo.reply(truncate=6)
     assert ping(lab, link.gateway, "0.2", check=False) != 0
     link.cut()
@@ -159,8 +161,8 @@ def test_fake_routing_daemon_counts(lab):
 
 
 FAKE_LB = """#!/bin/sh
-case "$*" in
-  *-t*) exit 0;;
+case " $* " in
+  *" -t "*) exit 0;;
 esac
 ip route flush cache
 echo hello > "$4/wlb_ipv4.out"; echo >> "$4/wlb_ipv4.out"
@@ -192,14 +194,14 @@ def test_launcher(lab, fake_lb):
     ("kill -SEGV $$", "ended by itself with status -11"),
     ('echo "WARNING: data race" > $(echo "$TSAN_OPTIONS" | sed "s/log_path=//;s/:.*//").1', "data race"),
     ("trap 'exit 5' TERM; while :; do read x < /dev/null; done", "status 5 after SIGTERM"),
-])
-def test_a_bad_end_is_noticed(fake_lb, action, expected, lab):
+], ids=["exit", "crash", "report", "status"])
+def test_a_bad_end_is_noticed(lab, fake_lb, action, expected):
     fake_lb(action)
     started = lab.start_lb("")
     started.wait_report("hello")
     if "exit 3" in action or "SEGV" in action:
         started.process.wait()
-    waiting.wait_until(lambda: "TSAN" not in action or lab.sanitizer_reports(), 5)
+    waiting.wait_until(lambda: "TSAN" not in action or "data race" in "".join(lab.sanitizer_reports()), 5)
     problems = lab.finish()
     assert len(problems) == 1 and expected in problems[0]
     started.end_expected = True
@@ -228,3 +230,26 @@ def test_deadlines():
 
 def test_signal_numbers():
     assert signal.SIGHUP == 1 and daemon.program().endswith("lb")
+
+
+def test_routing_daemon_takes_our_files():
+    """Files as our daemon writes them, by hand: the routing daemon puts them into the kernel's tables."""
+    with TwoUplinks() as network:
+        network.bird = Bird(network.lab)
+        assert network.kernel_weights() == {}
+        bird_pid = network.lab.read("run/routing.pid").strip()
+
+        def routes(*numbers):
+            for family, prefix, name in ((4, "0.0.0.0/0", "routing-wlb.conf"), (6, "::/0", "routing-wlb6.conf")):
+                vias = "".join(
+                    f" via {network.links[number].gateway6 if family == 6 else network.links[number].gateway}"
+                    f" weight {network.WEIGHTS[number]}" for number in numbers)
+                network.lab.write("usr_etc/" + name, f"protocol static {{\nipv{family} {{table master{family};}};\n"
+                                  f"check link 1;\nroute {prefix}{vias};\n}};\n")
+            network.lab.run(["kill", "-HUP", bird_pid])
+
+        routes(1, 2)
+        network.wait_both()
+        routes(2)
+        network.wait_only(2)
+        assert network.bird.reconfigured() == 2

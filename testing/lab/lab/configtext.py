@@ -60,3 +60,20 @@ def build(interfaces, rules):
     """The whole file."""
     health = textwrap.indent("\n".join(interfaces), "    ")
     return "health {\n" + health + "\n}\n" + "\n".join(rules) + "\n"
+
+
+def single(link, tests=(), ipv6=False, target_prefix=None, **keywords):
+    """A configuration with one uplink in one rule; settles after one result unless told otherwise."""
+    settings = {"success_ct": 1, "nexthop": link.gateway6 if ipv6 else link.gateway, **keywords}
+    if link.vrf:
+        settings.setdefault("namespace", link.vrf)
+    version = 6 if ipv6 else 4
+    prefix = target_prefix or ("::/0" if ipv6 else "0.0.0.0/0")
+    return build([interface(link.name, tests, ipv6=ipv6, **settings)],
+                 [rule(f"1_ipv{version}", {link.name: 1}, {prefix: None}, namespace=link.vrf)])
+
+
+def route_file(*lines, ipv6=False):
+    """The routing daemon's file for those route lines, as documented."""
+    table = "ipv6 {table master6;};" if ipv6 else "ipv4 {table master4;};"
+    return "".join(f"protocol static {{\n{table}\ncheck link 1;\n{line}\n}};\n" for line in lines)

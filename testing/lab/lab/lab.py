@@ -6,8 +6,9 @@ import signal
 import sys
 
 from . import daemon, network, responder, waiting
-from .enclosure import Enclosure
+from .enclosure import Enclosure, Process
 from .logsink import LogSink, NotifySink
+from .nameserver import NameServer
 from .sniffer import Sniffer
 
 _FAKES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes")
@@ -64,6 +65,16 @@ class Lab:
 
     def exists(self, name):
         return os.path.exists(self.path(name))
+
+    def hide(self, name):
+        """Takes a host's file out of /etc, for example "protocols"."""
+        os.unlink(self.path(f"etc/{name}"))
+
+    def replace_etc(self, name, text):
+        """Puts a private file in the place of a host's file in /etc."""
+        if os.path.lexists(self.path(f"etc/{name}")):
+            self.hide(name)
+        self.write(f"etc/{name}", text)
 
     def wait_text(self, name, text, timeout=15.0):
         """Waits until a file is exactly `text`."""
@@ -174,8 +185,12 @@ class Lab:
 
     # The daemon and its surroundings
 
-    def start_lb(self, config_text, *args, out=None, argv=None, env=None, netns=None, nofile=0, config="lb.conf"):
-        """Starts the daemon with "-f CONFIG -o OUT" and further arguments, or with exactly `argv`."""
+    def start_lb(self, config_text, *args, out=None, argv=None, env=None, netns=None, nofile=0, config="lb.conf",
+                 prefix=()):
+        """Starts the daemon with "-f CONFIG -o OUT" and further arguments, or with exactly `argv`.
+
+        `prefix` is a command that starts the daemon, for example ["env", "-i"].
+        """
         program = daemon.program()
         out = out or self.path(f"out{len(self.daemons) or ''}")
         os.makedirs(os.path.dirname(out), exist_ok=True)
@@ -187,9 +202,14 @@ class Lab:
             argv = ["-f", self.path(config), "-o", out, *args]
         environment = {**daemon.sanitizer_environment(self.path("san")),
                        "PATH": f"{self.path('bin')}:/usr/sbin:/usr/bin:/sbin:/bin", **(env or {})}
-        process = self.enclosure.spawn([program, *argv], netns=netns, env=environment, nofile=nofile,
+        process = self.enclosure.spawn([*prefix, program, *argv], netns=netns, env=environment, nofile=nofile,
                                        fixed_addresses=daemon.is_thread_sanitizer(program))
         self.daemons.append(daemon.Daemon(process, out))
+        return self.daemons[-1]
+
+    def adopt_daemon(self, pid, out):
+        """Takes responsibility for a daemon that has detached itself."""
+        self.daemons.append(daemon.Daemon(Process(self.enclosure, pid, ["detached"], os.devnull, os.devnull), out))
         return self.daemons[-1]
 
     def run_lb(self, config_text, *args, **options):
@@ -202,6 +222,9 @@ class Lab:
                                                                 "usr_etc/routing-wlb6.conf")):
         """A stand-in for the routing daemon that counts SIGHUP."""
         return FakeRoutingDaemon(self, pid_file, watch)
+
+    def name_server(self, silent=False, timeout=2):
+        return self._closing(NameServer(self, silent, timeout))
 
     def notify_socket(self):
         return self._closing(NotifySink(self.path("notify")))
@@ -250,7 +273,7 @@ class FakeRoutingDaemon:
             [sys.executable, os.path.join(_FAKES, "routing_daemon.py"), self._events,
              lab.path(pid_file) if pid_file else "", *map(lab.path, watch)])
         self.pid = self._process.pid
-        waiting.wait_until(lambda: os.path.exists(self._events), 10, "the fake routing daemon")
+        waiting.wait_until(lambda: os.path.exists(self._events), 10, "the stand-in for the routing daemon")
 
     @property
     def hups(self):

@@ -42,6 +42,7 @@ class Echo:
         self.identifier, self.sequence, self.payload = identifier, sequence, payload
         self.number = number  # 0 for the first request that the responder saw
         self.key = int.from_bytes(payload[:4], "big")
+        self.when = time.monotonic()
 
     def message(self, **changes):
         """The ICMP message of the reply. Changes: type, code, identifier, sequence, payload, source, checksum."""

@@ -22,11 +22,12 @@ def content(path):
 def main():
     notes, pid_file, *watched = sys.argv[1:]
     signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGHUP})
+    if pid_file:
+        os.makedirs(os.path.dirname(pid_file), exist_ok=True)
+        with open(pid_file, "w", encoding="ascii") as file:
+            file.write(f"{os.getpid()}\n")
+    # Its appearance says that everything above is done.
     with open(notes, "w", encoding="utf-8") as out:
-        if pid_file:
-            os.makedirs(os.path.dirname(pid_file), exist_ok=True)
-            with open(pid_file, "w", encoding="ascii") as file:
-                file.write(f"{os.getpid()}\n")
         while True:
             signal.sigwait({signal.SIGHUP})
             out.write(json.dumps([time.time(), {os.path.basename(path): content(path) for path in watched}]) + "\n")

@@ -1,0 +1,46 @@
+"""The real routing daemon, BIRD 2, in the lab's network namespace, including the files that our daemon writes."""
+
+from . import waiting
+
+# The files are named with a pattern, since a missing file would be an error and none exist at first.
+CONFIG = """log "{log}" all;
+router id 10.0.0.1;
+ipv4 table master4;
+ipv6 table master6;
+protocol device {{ scan time 1; }}
+protocol direct {{ ipv4; ipv6; }}
+protocol kernel kernel4 {{
+  scan time 1;
+  merge paths on;
+  ipv4 {{ table master4; import none; export where source = RTS_STATIC; }};
+}}
+protocol kernel kernel6 {{
+  scan time 1;
+  merge paths on;
+  ipv6 {{ table master6; import none; export where source = RTS_STATIC; }};
+}}
+include "/usr/etc/routing-wlb.con[f]";
+include "/usr/etc/routing-wlb6.con[f]";
+"""
+
+
+class Bird:
+    """A running bird; its pid stands in /var/run/routing.pid, where our daemon looks for it."""
+
+    def __init__(self, lab):
+        self.lab = lab
+        lab.write("etc/bird.conf", CONFIG.format(log=lab.path("bird.log")))
+        self.process = lab.enclosure.spawn(
+            ["bird", "-f", "-c", "/etc/bird.conf", "-P", "/var/run/routing.pid", "-s", "/run/bird.ctl"])
+        waiting.wait_until(lambda: lab.exists("run/routing.pid") or self.process.status is not None, 10,
+                           "the routing daemon's pid file")
+        assert self.process.status is None, self.process.stderr
+
+    def log(self):
+        return self.lab.read("bird.log")
+
+    def reconfigured(self):
+        """How often it took a new configuration; a refused one raises."""
+        text = self.log()
+        assert "syntax error" not in text and "<ERR>" not in text, text
+        return text.count("Reconfigured")
