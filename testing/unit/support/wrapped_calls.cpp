@@ -30,6 +30,12 @@ int __wrap___ppoll_chk(pollfd* fds, nfds_t count, const timespec* timeout, const
                        size_t) {
   return wrapped::ppoll.call(fds, count, timeout, mask);
 }
+void __wrap___syslog_chk(int priority, int, const char* format, const char* text) {
+  wrapped::syslog.call(priority, format, text);
+}
+int __wrap_stat64(const char* path, struct stat* result) {
+  return wrapped::stat.call(path, result);
+}
 int __wrap_open64(const char* path, int flags, mode_t mode) {
   return wrapped::open.call(path, flags, mode);
 }

@@ -120,7 +120,7 @@ class WrappedCall<Result(Arguments...)> : public WrappedCallBase {
     if constexpr (std::is_integral_v<Result>) {
       if (form_ == FailureForm::kMinusOne) return static_cast<Result>(-1);
     }
-    return Result{};
+    return Result();
   }
 
   Pointer real_;

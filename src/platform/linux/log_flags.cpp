@@ -1,0 +1,109 @@
+#include "platform/linux/log_flags.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sstream>
+
+namespace {
+
+constexpr long kLookEveryMilliseconds = 250;
+
+// A file of flags has a handful of lines. One that is wildly larger is not read to its end.
+constexpr int kMaxLines = 1000;
+constexpr size_t kMaxProblems = 20;
+
+long milliseconds_between(timespec from, timespec to) {
+  return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
+}
+
+bool same_time(timespec a, timespec b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+}  // namespace
+
+bool LogFlags::same(const Version& a, const Version& b) {
+  return a.exists == b.exists && a.inode == b.inode && a.size == b.size &&
+         same_time(a.modified, b.modified) && same_time(a.changed, b.changed);
+}
+
+LogFlags::Version LogFlags::present_version() const {
+  struct stat status {};
+  if (stat(path_.c_str(), &status) != 0) return {};
+  return {true, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+}
+
+std::vector<std::string> LogFlags::refresh(timespec now) {
+  if (looked_ && milliseconds_between(last_look_, now) < kLookEveryMilliseconds) return {};
+  looked_ = true;
+  last_look_ = now;
+  const Version version = present_version();
+  if (same(version, version_)) return {};
+  version_ = version;
+  return read();
+}
+
+std::vector<std::string> LogFlags::read() {
+  levels_.clear();
+  all_repeats_ = false;
+  if (!version_.exists) return {};
+
+  const auto close_file = [](FILE* file) { fclose(file); };
+  const std::unique_ptr<FILE, decltype(close_file)> file(fopen(path_.c_str(), "re"));
+  if (file == nullptr)
+    return {path_ + ": cannot be opened: " + std::generic_category().message(errno)};
+
+  std::vector<std::string> problems;
+  char line[256];
+  int number = 0;
+  while (fgets(line, sizeof(line), file.get()) != nullptr && number < kMaxLines) {
+    ++number;
+    const size_t length = strcspn(line, "\n");
+    std::string problem;
+    if (line[length] == '\0' && !feof(file.get())) {
+      problem = "the line is too long";
+      for (int c = 0; c != EOF && c != '\n';) c = fgetc(file.get());
+    } else {
+      problem = apply(std::string_view(line, length));
+    }
+    if (!problem.empty() && problems.size() < kMaxProblems) {
+      problems.push_back(path_ + ":" + std::to_string(number) + ": " + problem);
+    }
+  }
+  return problems;
+}
+
+std::string LogFlags::apply(std::string_view line) {
+  std::istringstream words(std::string(line.substr(0, line.find('#'))));
+  std::string first;
+  std::string second;
+  std::string more;
+  words >> first >> second >> more;
+  if (first.empty()) return {};
+  if (!more.empty()) return "'" + more + "' is too much";
+  if (first == "repeats") {
+    if (second != "all") return "'repeats' must be followed by 'all'";
+    all_repeats_ = true;
+    return {};
+  }
+  const auto number = [](const std::string& text) {
+    return !text.empty() && text.size() <= 6 &&
+                   text.find_first_not_of("0123456789") == std::string::npos
+               ? std::stoi(text)
+               : -1;
+  };
+  const int facility = number(first);
+  if (facility < 0) return "'" + first + "' is neither a facility number nor 'repeats'";
+  const int level = number(second);
+  if (level < 0 || level > kHighestLevel) {
+    return second.empty() ? "the level (0 to 3) is missing"
+                          : "'" + second + "' is no level (0 to 3)";
+  }
+  levels_[facility] = level;
+  return {};
+}
+
+bool LogFlags::wanted(int facility, int level) const {
+  const auto found = levels_.find(facility);
+  return level <= (found == levels_.end() ? kDefaultLevel : found->second);
+}
