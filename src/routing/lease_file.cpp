@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <vector>
@@ -59,9 +58,10 @@ const LeaseFormat& format_of(bool ipv6) { return kFormats[ipv6 ? 1 : 0]; }
 
 // Takes the next line, its newline included, from the front of `text`.
 std::string_view take_piece(std::string_view& text) {
-  const size_t newline = text.find('\n');
-  const size_t length = newline == std::string_view::npos ? text.size() : newline + 1;
-  const std::string_view piece = text.substr(0, std::min(length, kMaxPiece));
+  std::string_view piece = text.substr(0, kMaxPiece);
+  if (const size_t newline = piece.find('\n'); newline != std::string_view::npos) {
+    piece = piece.substr(0, newline + 1);
+  }
   text.remove_prefix(piece.size());
   return piece;
 }
