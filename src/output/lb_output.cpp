@@ -18,14 +18,17 @@
 namespace {
 
 [[noreturn]] void end_thread(int code) {
-  pthread_exit(reinterpret_cast<void*>(static_cast<intptr_t>(code)));
+  // The thread's result is the code itself, not an address.
+  pthread_exit(reinterpret_cast<void*>(  // NOLINT(performance-no-int-to-ptr)
+      static_cast<intptr_t>(code)));
 }
 
 }  // namespace
 
 LBOutput::LBOutput(const std::string& output_directory)
     : output_directory_(output_directory), dump_directory_(output_directory + "/wlb_dump") {
-  for (const Mutex* mutex : {&mutex_, &family_mutexes_[0], &family_mutexes_[1], &files_mutex_}) {
+  for (const Mutex* mutex :
+       {&mutex_, &family_mutexes_.front(), &family_mutexes_.back(), &files_mutex_}) {
     if (mutex->init_result() == 0) continue;
     LOG_ERROR("wan_lb: <%s> error mutex initialization", "LBOutput");
     end_thread(mutex->init_result());
@@ -33,7 +36,7 @@ LBOutput::LBOutput(const std::string& output_directory)
 }
 
 LBOutput::~LBOutput() noexcept(false) {
-  for (Mutex* mutex : {&mutex_, &family_mutexes_[0], &family_mutexes_[1], &files_mutex_}) {
+  for (Mutex* mutex : {&mutex_, &family_mutexes_.front(), &family_mutexes_.back(), &files_mutex_}) {
     const int result = mutex->destroy();
     if (result == 0) continue;
     LOG_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");

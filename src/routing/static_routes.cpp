@@ -60,12 +60,12 @@ StaticRoutes build_static_routes(const LBConfig& config, bool ipv6, const std::s
         const std::optional<std::string>& gateway = gateways.at(name);
         if (!gateway || weight == 0) continue;
         const bool first = line.empty();
-        line += " via " + *gateway + " weight " + std::to_string(weight);
+        line.append(" via ").append(*gateway).append(" weight ").append(std::to_string(weight));
         // The metric belongs to the route; the routing daemon takes it after the first next hop.
         if (first && target.metric != -1) line += " metric " + std::to_string(target.metric);
         if (rule.failover != 0) routes.failover_nexthops[rule_name][prefix] = *gateway;
       }
-      if (!line.empty()) routes.body += "route " + prefix + line + ";\n";
+      if (!line.empty()) routes.body.append("route ").append(prefix).append(line).append(";\n");
     }
   }
   return routes;
