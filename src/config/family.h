@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <optional>
 #include <string>
 
 struct Ipv4 {
@@ -29,3 +28,6 @@ std::string address_to_text(int family, const void* address);
 // Parses the text form of an address into `address` (in_addr or in6_addr, network byte order).
 // The result is inet_pton's: 1, or 0 for a text that is no address.
 int address_from_text(int family, const std::string& text, void* address);
+
+// The same for callers that need an address: false, with a message, when `text` is none.
+bool parse_address(int family, const std::string& text, void* address);

@@ -4,16 +4,22 @@
 // "%WAN-<level letter>-<mnemonic>: text" when the facility's flag of the guard level is set.
 #pragma once
 
+#include <cerrno>
+
 #include "platform/syslog.h"
 
 inline constexpr int kLogFacility = 34;
 
+// errno is the caller's all along: arguments may read it, and it is the same afterwards.
 #define LB_LOG(guard, priority, letter, mnemonic, text, ...)       \
   do {                                                             \
+    const int lb_log_errno = errno;                                \
     if (SYSLOG_flag_get(kLogFacility, guard)) {                    \
+      errno = lb_log_errno;                                        \
       SYSLOG_message(priority, "%%%s-%s-%s: " text, "WAN", letter, \
                      mnemonic __VA_OPT__(, ) __VA_ARGS__);         \
     }                                                              \
+    errno = lb_log_errno;                                          \
   } while (false)
 
 #define LOG_INSTANCE(text, ...) LB_LOG(0, 6, "I", "INSTANCE", text __VA_OPT__(, ) __VA_ARGS__)

@@ -50,7 +50,8 @@ class LB_CAPABILITY("mutex") Mutex {
   }
 
  private:
-  pthread_mutex_t mutex_;
+  // Usable even where pthread_mutex_init fails: the failure is reported and the work goes on.
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
   int init_result_;
   bool destroyed_ = false;
 };

@@ -56,6 +56,7 @@ int fail_with(const char* call, int error) {
 }
 
 Socket open_socket() {
+  // The daemon runs shell commands, which are to inherit nothing.
   Socket socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
   if (socket == nullptr) {
     fail_with("mnl_socket_open", errno);
@@ -66,13 +67,6 @@ Socket open_socket() {
     return nullptr;
   }
   return socket;
-}
-
-bool parse_address(int family, const std::string& text, void* address) {
-  const int status = address_from_text(family, text, address);
-  if (status == 1) return true;
-  LOG_ERROR("inet_pton() failed.\nError message: %s", error_text(status).c_str());
-  return false;
 }
 
 // Sets both addresses in the tracker's attributes. An IPv4 text is taken as it is, as inet_addr
@@ -111,12 +105,12 @@ bool describe_exchange(nf_conntrack* record, const std::string& source, const st
 }
 
 // Sends the request in `message` and reads the kernel's answer; 0, or -1 with a message.
-int exchange(mnl_socket* socket, const nlmsghdr* message, std::vector<char>& buffer, bool ipv6) {
+int exchange(mnl_socket* socket, unsigned int port, const nlmsghdr* message,
+             std::vector<char>& buffer, bool ipv6) {
   const uint32_t sequence = message->nlmsg_seq;
   if (mnl_socket_sendto(socket, message, message->nlmsg_len) < 0) {
     return fail_with("mnl_socket_sendto", errno);
   }
-  const unsigned int port = mnl_socket_get_portid(socket);
   ssize_t result = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
   while (result > 0) {
     result =
@@ -134,8 +128,8 @@ int exchange(mnl_socket* socket, const nlmsghdr* message, std::vector<char>& buf
 
 int send_record(mnl_socket* socket, const std::string& source, const std::string& target,
                 bool ipv6) {
-  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-  std::vector<char> buffer(page < 8192 ? page : 8192);  // MNL_SOCKET_BUFFER_SIZE
+  const unsigned int port = mnl_socket_get_portid(socket);
+  std::vector<char> buffer(static_cast<size_t>(MNL_SOCKET_BUFFER_SIZE));
   nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
   message->nlmsg_type = NFNL_SUBSYS_CTNETLINK << 8 | IPCTNL_MSG_CT_NEW;
   message->nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK | NLM_F_EXCL | NLM_F_CREATE;
@@ -151,7 +145,7 @@ int send_record(mnl_socket* socket, const std::string& source, const std::string
   if (record == nullptr) return fail_with("mnl_nlmsg_put_extra_header", errno);
   if (!describe_exchange(record.get(), source, target, ipv6)) return -1;
   nfct_nlmsg_build(message, record.get());
-  return exchange(socket, message, buffer, ipv6);
+  return exchange(socket, port, message, buffer, ipv6);
 }
 
 }  // namespace

@@ -27,6 +27,8 @@ struct PathTraits;
 
 template <>
 struct PathTraits<Ipv4> {
+  static constexpr const char* kPacketName = "icmp";
+
   static std::optional<MacAddress> resolve(const LBWorkerContext& worker,
                                            const std::string& gateway, const std::string& source,
                                            const std::string& ifname) {
@@ -37,6 +39,7 @@ struct PathTraits<Ipv4> {
                   sockaddr_in& destination) {
     destination.sin_family = AF_INET;
     if (inet_aton(target.c_str(), &destination.sin_addr) != 0) return 0;
+    // inet_aton leaves errno alone; this is what its failure means.
     LOG_ERROR("inet_aton() failed: %s", error_text(EINVAL).c_str());
     return EINVAL;
   }
@@ -44,6 +47,8 @@ struct PathTraits<Ipv4> {
 
 template <>
 struct PathTraits<Ipv6> {
+  static constexpr const char* kPacketName = "icmp6";
+
   static std::optional<MacAddress> resolve(const LBWorkerContext& worker,
                                            const std::string& gateway, const std::string& source,
                                            const std::string& ifname) {
@@ -57,14 +62,6 @@ struct PathTraits<Ipv6> {
     return 0;
   }
 };
-
-template <class Family>
-bool parse_address(const std::string& text, typename Family::Address& address) {
-  const int status = address_from_text(Family::kFamily, text, &address);
-  if (status == 1) return true;
-  LOG_ERROR("inet_pton() failed.\nError message: %s", error_text(status).c_str());
-  return false;
-}
 
 // The source of an IPv4 frame must be an address of the host, else replies could not come back. An
 // empty one becomes the interface's own.
@@ -163,8 +160,8 @@ int prepare_frame_path(const LBInterface& interface, const std::string& chosen_s
   if (!gateway_mac) return EHOSTUNREACH;
   path.addresses.destination_mac = *gateway_mac;
 
-  if (!parse_address<Family>(source, path.addresses.source) ||
-      !parse_address<Family>(target, path.addresses.destination)) {
+  if (!parse_address(Family::kFamily, source, &path.addresses.source) ||
+      !parse_address(Family::kFamily, target, &path.addresses.destination)) {
     return EINVAL;
   }
 
@@ -186,16 +183,14 @@ bool is_no_arp(LBInterface& interface) {
   return *flag;
 }
 
-template <>
-void log_send_error<Ipv4>(int error) {
-  if (error != ENETUNREACH) LOG_DEBUG("wan_lb: error on sending icmp packet: %d", error);
+template <class Family>
+void log_send_error(int error) {
+  if (error == ENETUNREACH) return;
+  LOG_DEBUG("wan_lb: error on sending %s packet: %d", PathTraits<Family>::kPacketName, error);
 }
 
-template <>
-void log_send_error<Ipv6>(int error) {
-  if (error != ENETUNREACH) LOG_DEBUG("wan_lb: error on sending icmp6 packet: %d", error);
-}
-
+template void log_send_error<Ipv4>(int error);
+template void log_send_error<Ipv6>(int error);
 template std::optional<in_addr> resolve_host<Ipv4>(const std::string&);
 template std::optional<in6_addr> resolve_host<Ipv6>(const std::string&);
 template int prepare_raw_path<Ipv4, EchoWords>(int, const std::string&, const std::string&,

@@ -8,6 +8,7 @@
 
 #include <netinet/in.h>
 
+#include <optional>
 #include <string>
 
 #include "config/family.h"

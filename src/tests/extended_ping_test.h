@@ -38,6 +38,11 @@ class LBTestPING : public LBTest {
   template <class SendRequest>
   Ending run_burst(SendRequest send_request, const sockaddr_in& destination, int32_t key);
 
+  // Throws away what waits in the receiving socket. It takes every ICMP packet of the namespace,
+  // and where nobody read it since the last burst a full queue would drop the first reply of this
+  // one.
+  void drain_replies();
+
   // The round-trip time in milliseconds, or nothing when the wait was over first.
   std::optional<int64_t> await_reply(const sockaddr_in& destination, uint16_t sequence,
                                      int32_t key);

@@ -50,6 +50,7 @@ bool keep_sending_socket(FileDescriptor socket, FileDescriptor& kept) {
   }
   const int on = 1;
   setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+  refuse_input(socket.get());
   kept = std::move(socket);
   return true;
 }
@@ -63,8 +64,7 @@ template <class Family>
 void open_sockets(InterfaceSockets& sockets) {
   using Traits = SocketTraits<Family>;
   if (!keep_sending_socket(open_raw_socket<Family>(Traits::send_protocol()), sockets.send_socket) ||
-      !keep_sending_socket(open_send_only_packet_socket(Traits::kEtherType),
-                           sockets.packet_socket)) {
+      !keep_sending_socket(open_packet_socket(Traits::kEtherType), sockets.packet_socket)) {
     return;
   }
   sockets.recv_socket = open_raw_socket<Family>(Traits::kReceiveProtocol);

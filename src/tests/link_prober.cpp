@@ -127,7 +127,8 @@ int LinkProber<Family>::unlock(HandshakeLock& mutex, const char* operation) {
 
 template <class Family>
 typename LinkProber<Family>::Registry& LinkProber<Family>::registry() {
-  static Registry registry;
+  // Leaked on purpose: workers may still run while the process exits.
+  static Registry& registry = *new Registry;
   return registry;
 }
 

@@ -15,7 +15,7 @@ struct LinkProtocol<Ipv6> {
   static constexpr const char* kReceiver = "recv_neighbor";
   static constexpr const char* kThread = "neigh";
   // A receiver without a socket keeps the lock: requests that nobody would hear the answer of are
-  // held back for good. That is meant.
+  // held back for good.
   static constexpr bool kUnlockWithoutSocket = false;
 
   static FileDescriptor open_receiver();

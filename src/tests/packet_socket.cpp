@@ -11,13 +11,16 @@ FileDescriptor open_packet_socket(uint16_t ether_type) {
   return FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ether_type)));
 }
 
-FileDescriptor open_send_only_packet_socket(uint16_t ether_type) {
-  FileDescriptor fd = open_packet_socket(ether_type);
-  if (!fd.valid()) return fd;
+void refuse_input(int fd) {
   sock_filter refuse_all[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
   const sock_fprog program = {1, refuse_all};
   // Without the filter the queue fills once and drops the rest; sending works all the same.
-  setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+  setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+}
+
+FileDescriptor open_send_only_packet_socket(uint16_t ether_type) {
+  FileDescriptor fd = open_packet_socket(ether_type);
+  if (fd.valid()) refuse_input(fd.get());
   return fd;
 }
 

@@ -14,8 +14,10 @@
 // failure, with errno set.
 FileDescriptor open_packet_socket(uint16_t ether_type);
 
-// The same for a socket that is only sent through: it receives nothing, so that no frames pile up
-// in a queue that nobody reads.
+// Makes a socket receive nothing, so that no packets pile up in a queue that nobody reads.
+void refuse_input(int fd);
+
+// A packet socket that is only sent through: it receives nothing.
 FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
 
 // Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer

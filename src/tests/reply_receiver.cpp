@@ -33,7 +33,7 @@ struct ReceiverTraits<Ipv4> {
 template <>
 struct ReceiverTraits<Ipv6> {
   static constexpr const char* kOperation = "recv_icmp6";
-  // A failed wait goes on to the read, as if the socket were readable; that is kept.
+  // A failed wait goes on to the read, whose own failure then tells what is wrong.
   static bool wait_failed(int result) { return result == 0; }
   static std::optional<uint32_t> key(std::span<const uint8_t> packet) {
     return echo6_reply_key(packet);

@@ -44,8 +44,8 @@ struct RawEchoRequest {
 
 static_assert(sizeof(RawEchoRequest) == 24);
 
-// The request of the raw IPv6 path. The key stands behind the time of sending, where the receiver,
-// which takes the first word of the payload, does not look for it; that is kept.
+// The request of the raw IPv6 path. The key stands behind the time of sending, as in the
+// requests that peers know, so a reply is as a rule not matched: the receiver takes the first word.
 struct RawEchoRequest6 {
   uint8_t type = kIcmp6EchoRequest;
   uint8_t code = 0;

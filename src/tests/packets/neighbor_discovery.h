@@ -34,7 +34,7 @@ struct NeighborMessage {
   uint8_t type = kNeighborSolicitation;
   uint8_t code = 0;
   Be16 checksum;
-  Be16 reserved = 1000;  // receivers must ignore it; the value is kept
+  Be16 reserved = 1000;  // receivers must ignore it (RFC 4861); marks our solicitations
   Be16 reserved_low = 0;
   in6_addr target{};
   uint8_t option_type = 1;    // source link-layer address

@@ -11,8 +11,6 @@ class PacketReader {
  public:
   explicit PacketReader(std::span<const uint8_t> bytes) : bytes_(bytes) {}
 
-  size_t size() const { return bytes_.size(); }
-
   // The record of type T at `offset`, or nothing when the bytes end before it does.
   template <class T>
   std::optional<T> at(size_t offset) const {
