@@ -4,12 +4,11 @@
     router wan2 10.2.0.2 -------- f2 far2: responder
 """
 
-import os
 import socket
 
 import pytest
 
-from lab import configtext, waiting
+from lab import configtext, daemon, waiting
 from lab.configtext import interface, ping, ping_ext, rule
 
 
@@ -86,13 +85,7 @@ def test_name_service_that_never_answers(lab):
     lb.wait_status("wan2", "active", family=6)
     first, second = lab.log.matching("error in resolving configured hostname")[:2]
     assert second.when - first.when >= 2
-    stamps = set()
-
-    def three_cycles():
-        stamps.add(os.stat(lb.report_path(6)).st_mtime_ns)
-        return len(stamps) >= 3
-
-    waiting.wait_until(three_cycles, 6, "cycles of the other family")
+    lb.wait_cycles(3, family=6, timeout=6)
 
 
 def test_no_protocols_database(lab):
@@ -125,16 +118,19 @@ def test_descriptors_above_1023(lab):
 
 
 def test_out_of_descriptors(lab):
-    """Sockets that cannot be had are reported; the interfaces that got theirs work."""
+    """Sockets that cannot be had are reported, and nothing ends."""
+    if daemon.is_undefined_behaviour_sanitizer(daemon.program()):
+        pytest.skip("UndefinedBehaviorSanitizer needs a pipe to check a virtual call and reports a bad object without")
     link = lab.uplink(1)
     config = configtext.build(
         [interface("a-first", [ping(link.gateway, resp_time=500)], success_ct=1, nexthop=link.gateway, origin="wan1")]
         + [interface(f"absent{number:02}", [ping("198.51.100.1")], nexthop="198.51.100.1") for number in range(30)],
         [rule("1_ipv4", {"a-first": 1}, {"0.0.0.0/0": None})])
     lb = lab.start_lb(config, nofile=64)
-    record = lab.log.wait_for("^%WAN-W-ERR: wan_lb: failed to acquired socket")
+    record = lab.log.wait_for("^%WAN-W-ERR: wan_lb: failed to acquired socket$")
     assert record.level == 4
-    waiting.wait_until(lambda: link.responder.requests or lab.log.matching(r"socket\(\) failed|Socket$"), 10)
+    # Every probe needs more sockets: that fails too, again and again.
+    lab.log.wait_for(r"^%WAN-W-ERR: (<check_arp_exist> Socket|.*socket\(\) failed)", count=2)
     assert lb.alive
 
 

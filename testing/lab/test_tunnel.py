@@ -15,7 +15,7 @@ pytestmark = pytest.mark.usefixtures("tun_devices")
 def test_peer_comes_and_goes(lab):
     link = lab.uplink(1)
     lb = lab.start_lb(configtext.build(
-        [interface("tun0", [[*ping(resp_time=300)]], success_ct=1, nexthop="tunnel"),
+        [interface("tun0", [ping(resp_time=300)], success_ct=1, nexthop="tunnel"),
          interface("wan1", [ping(link.gateway, resp_time=300)], success_ct=1, nexthop=link.gateway)],
         [rule("1_ipv4", {"tun0": 2, "wan1": 1}, {"0.0.0.0/0": None})]))
     only_link = route_file("route 0.0.0.0/0 via 10.1.0.1 weight 1;")
@@ -24,7 +24,8 @@ def test_peer_comes_and_goes(lab):
     peer = lab.tun_peer("tun0", "10.9.0.2", "10.9.0.1")
     lab.wait_text("usr_etc/routing-wlb.conf", both)
     assert {request.target for request in peer.requests} == {"10.9.0.1"}
-    assert lb.outbounds()[0]["nexthop"] == "10.9.0.1" and lb.outbounds()[0]["tunnel"] == 1
+    waiting.wait_until(lambda: lb.outbounds()[0]["nexthop"] == "10.9.0.1", 5)
+    assert lb.outbounds()[0]["tunnel"] == 1
 
     # The tunnel is gone: its next hop too, and without a word.
     mark = lab.log.mark()
@@ -54,7 +55,7 @@ def test_dead_tunnel(lab):
 def test_ipv6_peer(lab):
     """The peer is found; probes on a device without ARP do not recognise their replies, so it stays failed."""
     lb = lab.start_lb(configtext.build(
-        [interface("tun0", [[*ping(resp_time=300)]], ipv6=True, success_ct=1, nexthop="tunnel")],
+        [interface("tun0", [ping(resp_time=300)], ipv6=True, success_ct=1, nexthop="tunnel")],
         [rule("1_ipv6", {"tun0": 2}, {"::/0": None})]))
     waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "", 5)
     peer = lab.tun_peer("tun0", "fd00:9::2", "fd00:9::1")

@@ -22,6 +22,10 @@ def is_thread_sanitizer(path):
     return _holds(path, [b"__tsan_init"])
 
 
+def is_undefined_behaviour_sanitizer(path):
+    return _holds(path, [b"__ubsan_handle"])
+
+
 def ends_by_itself_on_sigterm(path):
     """A build that writes coverage data when it is told to end."""
     return _holds(path, [b"__gcov_dump"])
@@ -86,6 +90,17 @@ class Daemon:
 
         waiting.wait_until(check, timeout, lambda: f"{pattern_or_condition!r} in the report:\n{last[0]}")
         return last[0]
+
+    def wait_cycles(self, count=1, family=4, timeout=15.0):
+        """Waits until the report has been written `count` times from now on: so many cycles have come that far."""
+        stamps = set()
+
+        def seen():
+            if os.path.exists(self.report_path(family)):
+                stamps.add(os.stat(self.report_path(family)).st_mtime_ns)
+            return len(stamps) > count
+
+        waiting.wait_until(seen, timeout, f"{count} more cycles of IPv{family}")
 
     def statuses(self, family=4):
         """{interface: "active" or "failed"} of the current report."""
