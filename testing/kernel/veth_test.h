@@ -1,0 +1,105 @@
+// A pair of virtual Ethernet interfaces for a test: `near()` is the interface that is tested,
+// `far()` its other end. Both are in the namespace that the test program was started in, and go
+// with the test.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/file_descriptor.h"
+#include "tests/link_info.h"
+#include "tests/packets/ethernet.h"
+
+using Bytes = std::vector<uint8_t>;
+
+class VethTest : public testing::Test {
+ protected:
+  static constexpr std::chrono::seconds kDeadline{20};
+
+  void SetUp() override {
+    // Only in namespaces of its own may the test make interfaces.
+    std::ifstream map("/proc/self/uid_map");
+    unsigned long inside = 0, outside = 0, count = 0;
+    map >> inside >> outside >> count;
+    ASSERT_EQ(count, 1u) << "run this program under unshare -Urnm";
+    static int number = 0;
+    near_ = "lbn" + std::to_string(++number);
+    far_ = "lbf" + std::to_string(number);
+    run("ip link add " + near_ + " type veth peer name " + far_);
+    // No addresses but those that a test gives: nothing else is on the link.
+    run("ip link set lo up");
+    for (const std::string& name : {near_, far_}) {
+      run("ip link set " + name + " addrgenmode none up");
+    }
+  }
+  void TearDown() override { std::system(("ip link del " + near_).c_str()); }
+
+  const std::string& near() const { return near_; }
+  const std::string& far() const { return far_; }
+
+  static void run(const std::string& command) {
+    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+  }
+
+  static MacAddress mac_of(const std::string& ifname) {
+    return hardware_address(LinkSocket::kPacket, ifname).value;
+  }
+
+  // A packet socket on one interface.
+  static FileDescriptor open_on(const std::string& ifname, uint16_t ether_type) {
+    FileDescriptor fd(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, 0));
+    sockaddr_ll address{};
+    address.sll_family = AF_PACKET;
+    address.sll_protocol = htons(ether_type);
+    address.sll_ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
+    EXPECT_EQ(bind(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    return fd;
+  }
+
+  // The next frame that `wanted` accepts; empty when none came before the deadline.
+  static Bytes next_frame(const FileDescriptor& fd,
+                          const std::function<bool(const Bytes&)>& wanted) {
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (std::chrono::steady_clock::now() < end) {
+      pollfd waiting{fd.get(), POLLIN, 0};
+      if (poll(&waiting, 1, 100) <= 0) continue;
+      Bytes frame(2000);
+      const ssize_t length = recv(fd.get(), frame.data(), frame.size(), 0);
+      if (length < 0) break;
+      frame.resize(static_cast<size_t>(length));
+      if (wanted(frame)) return frame;
+    }
+    return {};
+  }
+
+  static bool wait_for(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + kDeadline;
+    while (!condition()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+  }
+
+  void send_from_far_end(const Bytes& frame) {
+    const FileDescriptor fd = open_on(far_, 0);
+    ASSERT_EQ(send(fd.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+  }
+
+ private:
+  std::string near_;
+  std::string far_;
+};
