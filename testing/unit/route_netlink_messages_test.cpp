@@ -16,6 +16,12 @@ namespace {
 const std::string kTarget = "2001:db8::1";
 const MacAddress kMac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
 
+Bytes empty_request() {
+  const NeighborRequest request = make_neighbor_request(RTM_NEWNEIGH, 0);
+  const auto bytes = bytes_of(request);
+  return {bytes.begin(), bytes.end()};
+}
+
 }  // namespace
 
 TEST(RouteNetlinkMessages, DumpRequest) {
@@ -32,8 +38,7 @@ TEST(RouteNetlinkMessages, DumpRequest) {
 }
 
 TEST(RouteNetlinkMessages, AttributesArePaddedAndCounted) {
-  const auto head = bytes_of(make_neighbor_request(RTM_NEWNEIGH, 0));
-  Bytes message(head.begin(), head.end());
+  Bytes message = empty_request();
   ASSERT_TRUE(append_attribute(message, 2, kMac, 40));
   // 28 bytes, and the attribute's 10 rounded up to 12.
   EXPECT_EQ(message.size(), 40u);
@@ -45,8 +50,7 @@ TEST(RouteNetlinkMessages, AttributesArePaddedAndCounted) {
 }
 
 TEST(RouteNetlinkMessages, AttributeBeyondTheBoundChangesNothing) {
-  const auto head = bytes_of(make_neighbor_request(RTM_NEWNEIGH, 0));
-  Bytes message(head.begin(), head.end());
+  Bytes message = empty_request();
   const Bytes before = message;
   EXPECT_FALSE(append_attribute(message, 2, kMac, 39));
   EXPECT_EQ(message, before);
