@@ -48,6 +48,14 @@ std::shared_ptr<Test> insert_test(std::map<int32_t, std::shared_ptr<Test>>& test
   return tests.try_emplace(index, std::move(test)).first->second;
 }
 
+// Gives every interface without a test of its family one.
+template <typename Tests, typename Create>
+void give_default_test(InterfaceMap& interfaces, Tests LBInterface::*tests, const Create& create) {
+  for (auto& [name, interface] : interfaces) {
+    if ((interface.*tests).empty()) (interface.*tests).emplace(kDefaultTestIndex, create());
+  }
+}
+
 }  // namespace
 
 HealthSection::HealthSection(LBConfig& config, std::set<std::string>& namespaces,
@@ -65,8 +73,8 @@ void HealthSection::apply(const ConfigLine& line) {
       break;
     case kTestDepth:
       // Two forms of a test block are in use: with the keywords directly in it, or with a block of
-      // the type around them. The line that opens either block, and the bracket that closes the
-      // inner one, set the index; any word may open a test block, a test keyword too.
+      // the type around them. The line that opens the test block, and the bracket that closes
+      // an inner block, set the index; any word may open a test block, a test keyword too.
       if (!line.opens_block && is_test_keyword(line.key)) {
         apply_to_test(line);
       } else {
@@ -157,14 +165,8 @@ TestSettings* HealthSection::current_settings() const {
 }
 
 void HealthSection::add_default_tests() {
-  for (auto& [name, interface] : config_.interfaces) {
-    if (interface.tests.empty()) {
-      interface.tests.emplace(kDefaultTestIndex, factory_.create(kDefaultTestType));
-    }
-  }
-  for (auto& [name, interface] : config_.interfaces6) {
-    if (interface.tests6.empty()) {
-      interface.tests6.emplace(kDefaultTestIndex, factory_.create6(kDefaultTestType));
-    }
-  }
+  give_default_test(config_.interfaces, &LBInterface::tests,
+                    [this] { return factory_.create(kDefaultTestType); });
+  give_default_test(config_.interfaces6, &LBInterface::tests6,
+                    [this] { return factory_.create6(kDefaultTestType); });
 }

@@ -3,9 +3,10 @@
 //
 // The reader fills one LBConfig, start-up copies it into the active configuration. From then on the
 // maps and every field outside the guarded parts are fixed and read by all threads without a lock.
-// What changes lives in LBInterface::state (one lock per interface; its worker writes, writers of
-// other VRFs' reports read) and in LBConfig::written (one lock, all workers). Neither lock is held
-// over a system call that can block.
+// What changes lives in LBInterface::state (one lock per interface; its worker settles it, workers
+// of other VRFs read it for reports, clear its change mark and read its lease) and in what LBConfig
+// notes as written (written_mutex, all workers). Neither lock is held over a system call that can
+// block.
 #pragma once
 
 #include <cstdint>

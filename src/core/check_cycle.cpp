@@ -76,7 +76,7 @@ void CheckCycle::run_once() {
   daemon.decision().run(daemon.config(), worker_);
   daemon.output().write(daemon.config(), worker_);
   sleep_for({.tv_sec = 1, .tv_nsec = 0});
-  send_and_shift_timeout(daemon.watchdog_timeout(), &last_report_, 1);
+  send_and_shift_timeout(daemon.watchdog_timeout(), daemon.watchdog_last(), 1);
   end_cycle();
 }
 

@@ -22,7 +22,6 @@ class CheckCycle {
   void end_cycle();
 
   LBWorkerContext& worker_;
-  unsigned long last_report_ = 0;  // the watchdog's second word
 };
 
 // The body of a worker thread; never returns.

@@ -32,7 +32,10 @@ class LBDaemon {
   LBConfig& config() { return config_; }
   LBDecision& decision() { return decision_; }
   LBOutput& output() { return output_; }
+
+  // The two words of the watchdog library, shared by all workers.
   WatchdogWord* watchdog_timeout() { return &watchdog_timeout_; }
+  WatchdogWord* watchdog_last() { return &watchdog_last_; }
 
  private:
   LBConfig parsed_;
@@ -41,7 +44,8 @@ class LBDaemon {
   std::map<std::pair<std::string, bool>, VrfPresence> vrf_presence_;
   LBDecision decision_;
   LBOutput output_;
-  WatchdogWord watchdog_timeout_ = 0;  // fixed once the threads run
+  WatchdogWord watchdog_timeout_ = 0;
+  WatchdogWord watchdog_last_ = 0;
 
   void note_presence();
 };

@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <vector>
 
 #include "config/log.h"
@@ -85,7 +84,9 @@ int run_daemon(int argc, char** argv) {
   if (!line.pid_path.empty()) write_pid_file(line.pid_path);
   raise_descriptor_limit();
 
-  auto daemon = std::make_unique<LBDaemon>(line.output_directory);
+  // A plain pointer: an output mutex that cannot be destroyed ends the thread, and the unwinding of
+  // that must not meet a smart pointer's noexcept. Static, so that it is no leak where it stays.
+  static LBDaemon* const daemon = new LBDaemon(line.output_directory);
   if (!daemon->load_configuration(line.config_path)) {
     LOG_ERROR("wan_lb: error loading configuration file: %s", line.config_path.c_str());
     return 0;
@@ -95,6 +96,6 @@ int run_daemon(int argc, char** argv) {
   daemon->register_with_watchdog();
   run_vrfs(*daemon);
   // Nothing left to do, yet the process stays: its watchdog would take an exit for a crash.
-  daemon.reset();
+  delete daemon;
   while (true) sleep_for({.tv_sec = 4, .tv_nsec = 0});
 }

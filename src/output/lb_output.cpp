@@ -1,6 +1,5 @@
 // One write per check cycle and worker: the dumps first, the status report last. Everything is
-// copied out of the model before it is formatted, and formatted before its file is opened: no lock
-// of the model is held over a file.
+// copied out of the model before it is formatted: no lock of the model is held over a file.
 #include "output/lb_output.h"
 
 #include <pthread.h>
@@ -47,8 +46,9 @@ LBOutput::~LBOutput() noexcept(false) {
 void LBOutput::write(const LBConfig& config, const LBWorkerContext& worker) {
   const bool ipv6 = worker.ipv6 != 0;
   const std::string path = status_path(ipv6);
-  note_files(path, ipv6);
+  note_files({rules_path(), routes_path()}, false);
   if (!make_dump_directory()) return;
+  note_files({outbounds_path(ipv6), path}, ipv6);
 
   dump_outbounds(wall_now(), &config.interfaces_of(ipv6), ipv6);
   if (mutex_.try_lock()) {
@@ -75,10 +75,9 @@ bool LBOutput::make_dump_directory() {
   return false;
 }
 
-void LBOutput::note_files(const std::string& status_path, bool ipv6) {
+void LBOutput::note_files(std::initializer_list<std::string> paths, bool ipv6) {
   MutexLock lock(files_mutex_);
-  files_[0].insert({rules_path(), routes_path()});
-  files_[ipv6 ? 1 : 0].insert({outbounds_path(ipv6), status_path});
+  files_[ipv6 ? 1 : 0].insert(paths);
 }
 
 void LBOutput::write_status(const std::string& path, const LBConfig& config, bool ipv6) {

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <ctime>
+#include <initializer_list>
 #include <set>
 #include <string>
 
@@ -43,7 +44,7 @@ class LBOutput {
 
  private:
   bool make_dump_directory();
-  void note_files(const std::string& status_path, bool ipv6);
+  void note_files(std::initializer_list<std::string> paths, bool ipv6);
   void write_status(const std::string& path, const LBConfig& config, bool ipv6);
 
   std::string status_path(bool ipv6) const;

@@ -2,6 +2,8 @@
 // default action.
 #pragma once
 
+extern "C" {
+
 // The name under which reports are written; `name` is copied. Called first.
 void backtrace_set_program_name(const char* name);
 
@@ -10,3 +12,5 @@ void backtrace_open_console();
 
 // Installs the handlers of the fatal signals for the whole process.
 void backtrace_install_signal_handlers();
+
+}  // extern "C"

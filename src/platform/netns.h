@@ -1,6 +1,10 @@
 // Network namespaces, which serve as VRFs.
 #pragma once
 
+extern "C" {
+
 // Moves the calling thread (no other) into the network namespace `name`. 0, or -1 with errno set
 // when there is no such namespace or it may not be entered; the thread then stays where it is.
 int lh_netns_set(const char* name);
+
+}  // extern "C"

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+extern "C" {
+
 // A word that belongs to the watchdog library; the daemon only keeps it and passes it on.
 using WatchdogWord = unsigned long;
 
@@ -17,3 +19,5 @@ void set_timeout(WatchdogWord* timeout);
 // One thread's report that it is alive; `*last` takes the time of this report. The watchdog is fed
 // only while every thread that has ever reported has done so within the time-out. Any thread.
 void send_and_shift_timeout(WatchdogWord* timeout, WatchdogWord* last, int alive);
+
+}  // extern "C"

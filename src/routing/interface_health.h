@@ -1,8 +1,8 @@
 // The health state of an interface: results are debounced per target, the interface's state follows
 // from the settled results once per cycle.
 //
-// All of it runs on the interface's worker; the state is guarded by the interface's lock because
-// writers of other VRFs' reports read it.
+// Results are recorded and states settled on the interface's worker; the state is guarded by the
+// interface's lock because workers of other VRFs read it for reports and clear its change mark.
 #pragma once
 
 #include <cstdint>

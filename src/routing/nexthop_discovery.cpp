@@ -4,6 +4,7 @@
 
 #include <ifaddrs.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -55,6 +56,15 @@ void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker) {
 }
 
 void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
+  const bool ipv6 = worker.ipv6 != 0;
+  InterfaceMap& interfaces = config.interfaces_of(ipv6);
+  // A tunnel of another VRF is not visible from here; to look would take away the peer that its own
+  // worker found.
+  const auto is_own_tunnel = [&worker](const auto& entry) {
+    return entry.second.nexthop == "tunnel" && entry.second.vrf == worker.vrf;
+  };
+  if (std::none_of(interfaces.begin(), interfaces.end(), is_own_tunnel)) return;
+
   ifaddrs* entries = nullptr;
   if (getifaddrs(&entries) != 0) {
     // It says nothing about any tunnel: the peers stay, so that no route is taken away.
@@ -63,12 +73,10 @@ void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
   }
   const AddressList owner(entries, &freeifaddrs);
 
-  const bool ipv6 = worker.ipv6 != 0;
   const int family = ipv6 ? AF_INET6 : AF_INET;
-  for (auto& [name, interface] : config.interfaces_of(ipv6)) {
-    // A tunnel of another VRF is not visible from here; to look would take away the peer that its
-    // own worker found.
-    if (interface.nexthop != "tunnel" || interface.vrf != worker.vrf) continue;
+  for (auto& entry : interfaces) {
+    if (!is_own_tunnel(entry)) continue;
+    auto& [name, interface] = entry;
     const void* peer = find_peer(entries, name, family);
     if (peer == nullptr) {
       store_nexthop(interface, "");

@@ -24,11 +24,12 @@ void ProbeTest<Family>::set_number(TestKeyword keyword, uint32_t value) {
 
 template <class Family>
 void ProbeTest<Family>::init(LBInterface& interface) {
+  // Before the lock, which reports wait for: this opens sockets.
+  SocketRegistry<Family>::acquire(interface.origin);
   MutexLock lock(status_mutex_);
   if (bound_) return;
   bound_ = true;
   ifname_ = interface.origin;
-  SocketRegistry<Family>::acquire(ifname_);
   description_ = type_name();
 }
 

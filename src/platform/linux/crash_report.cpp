@@ -32,8 +32,8 @@ namespace {
 constexpr int kFatalSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
 constexpr int kPriority = 2;  // critical
 constexpr size_t kDepth = 64;
-constexpr size_t kHandlerStack = 1024 * 1024;
-constexpr unsigned kReportSeconds = 10;
+constexpr size_t kHandlerStack = size_t{1024} * 1024;
+constexpr unsigned kReportSeconds = 30;
 
 char program_name[64] = "wan_lb";
 bool console_open = false;
@@ -76,7 +76,7 @@ volatile sig_atomic_t reported_signal = 0;
 void on_alarm(int) { raise(reported_signal); }
 
 void end_after(unsigned seconds) {
-  struct sigaction action{};
+  struct sigaction action {};
   action.sa_handler = on_alarm;
   sigaction(SIGALRM, &action, nullptr);
   sigset_t alarm_only;

@@ -65,11 +65,10 @@ std::string interface_alias(const std::string& name) {
 
 const char* interfaces_linux_to_zel_name_static(const char* linux_name, int /*flags*/) {
   thread_local std::string result;
-  result.assign(linux_name == nullptr ? "" : linux_name);
+  // The argument may be the thread's last result.
+  const std::string name = linux_name == nullptr ? "" : linux_name;
   // A name that the kernel would cut is no interface's.
-  if (!result.empty() && result.size() < IFNAMSIZ) {
-    std::string alias = interface_alias(result);
-    if (!alias.empty()) result = std::move(alias);
-  }
+  result = !name.empty() && name.size() < IFNAMSIZ ? interface_alias(name) : "";
+  if (result.empty()) result = name;
   return result.c_str();
 }

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <thread>
 
 #include "platform/mutex.h"
 
@@ -22,7 +21,8 @@ class Liveness {
   bool all_alive(uint64_t now, uint64_t timeout) const LB_EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
     for (const auto& [reporter, last] : reports_) {
-      if (!last || now - *last > timeout) return false;
+      // Another thread may have reported since `now` was read.
+      if (!last || (*last < now && now - *last > timeout)) return false;
     }
     return true;
   }
