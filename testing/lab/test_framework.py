@@ -193,7 +193,7 @@ def test_launcher(lab, fake_lb):
     ("exit 3", "ended by itself with status 3"),
     ("kill -SEGV $$", "ended by itself with status -11"),
     ('echo "WARNING: data race" > $(echo "$TSAN_OPTIONS" | sed "s/log_path=//;s/:.*//").1', "data race"),
-    ("trap 'exit 5' TERM; while :; do read x < /dev/null; done", "status 5 after SIGTERM"),
+    ("trap 'exit 5' TERM; echo > $4/trapped; while :; do read x < /dev/null; done", "status 5 after SIGTERM"),
 ], ids=["exit", "crash", "report", "status"])
 def test_a_bad_end_is_noticed(lab, fake_lb, action, expected):
     fake_lb(action)
@@ -201,6 +201,7 @@ def test_a_bad_end_is_noticed(lab, fake_lb, action, expected):
     started.wait_report("hello")
     if "exit 3" in action or "SEGV" in action:
         started.process.wait()
+    waiting.wait_until(lambda: "trap" not in action or os.path.exists(started.out + "/trapped"), 5)
     waiting.wait_until(lambda: "TSAN" not in action or "data race" in "".join(lab.sanitizer_reports()), 5)
     problems = lab.finish()
     assert len(problems) == 1 and expected in problems[0]

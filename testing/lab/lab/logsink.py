@@ -11,6 +11,8 @@ from . import waiting
 _LINE = re.compile(r"<(?P<priority>\d+)>(?P<stamp>.{15}) (?P<tag>[^:\[]+)(\[(?P<pid>\d+)\])?: (?P<text>.*)",
                    re.S)
 
+_MARKER = b"lab marker "
+
 
 class Record:
     """One message: `when` on the monotonic clock, `level` 0 to 7, `facility`, `tag`, `pid`, `text`."""
@@ -33,6 +35,7 @@ class DatagramSink:
 
     def __init__(self, path, parse):
         self.records = []
+        self._markers = []
         self._path, self._parse = path, parse
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(path)
@@ -45,22 +48,39 @@ class DatagramSink:
             data = self._socket.recv(65536)
             if not data:
                 return
+            if data.startswith(_MARKER):
+                self._markers.append(data)
+                continue
             text = data.decode(errors="replace").rstrip("\0\n")
             self.records.append(self._parse(time.monotonic(), text))
 
+    def settle(self):
+        """Waits until everything that was sent before this call is in the records."""
+        marker = _MARKER + str(time.monotonic_ns()).encode()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.connect(self._path)
+            sender.send(marker)
+        waiting.wait_until(lambda: marker in self._markers, 10, "the reader of " + self._path, 0.002)
+
     def mark(self):
         """A place in the records; give it to the operations below as `since` to look only behind it."""
+        self.settle()
         return len(self.records)
 
     def matching(self, pattern, since=0):
+        """The records so far that match."""
+        self.settle()
+        return self._matching(pattern, since)
+
+    def _matching(self, pattern, since):
         expression = re.compile(pattern)
         return [record for record in self.records[since:] if expression.search(record.text)]
 
     def wait_for(self, pattern, timeout=10.0, since=0, count=1):
         """Waits for `count` messages that match and returns the last of them."""
-        waiting.wait_until(lambda: len(self.matching(pattern, since)) >= count, timeout,
+        waiting.wait_until(lambda: len(self._matching(pattern, since)) >= count, timeout,
                            lambda: f"{count} x {pattern!r} among:\n{self.text()}")
-        return self.matching(pattern, since)[count - 1]
+        return self._matching(pattern, since)[count - 1]
 
     def text(self):
         return "\n".join(map(repr, self.records))

@@ -13,7 +13,6 @@ from . import waiting
 ETH_P_ALL = 0x0003
 PACKET_OUTGOING = 4
 SO_TIMESTAMPNS = 35
-SOL_PACKET, PACKET_AUXDATA, PACKET_STATISTICS = 263, 8, 6
 
 
 class Frame:
@@ -43,6 +42,7 @@ class Sniffer:
         self._socket = enclosure.socket(socket.AF_PACKET, socket.SOCK_RAW, ETH_P_ALL, netns, interface)
         self._socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        self._busy = threading.Lock()
         self._stop_read, self._stop_write = socket.socketpair()
         self._thread = threading.Thread(target=self._read, daemon=True)
         self._thread.start()
@@ -55,28 +55,42 @@ class Sniffer:
             ready = dict(poller.poll())
             if self._stop_read.fileno() in ready:
                 return
-            try:
-                data, control, _, address = self._socket.recvmsg(65536, 256)
-            except OSError:  # The interface went down or away; there may be more later.
-                continue
-            when = 0.0
-            for level, kind, value in control:
-                if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS:
-                    seconds, nanoseconds = struct.unpack("qq", value[:16])
-                    when = seconds + nanoseconds / 1e9
-            self.frames.append(Frame(when, address[2] == PACKET_OUTGOING, data, self._ethernet))
+            with self._busy:
+                self._read_one()
 
-    def mark(self):
-        return len(self.frames)
+    def _read_one(self):
+        try:
+            data, control, _, address = self._socket.recvmsg(65536, 256)
+        except OSError:  # The interface went down or away; there may be more later.
+            return
+        when = 0.0
+        for level, kind, value in control:
+            if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS:
+                seconds, nanoseconds = struct.unpack("qq", value[:16])
+                when = seconds + nanoseconds / 1e9
+        self.frames.append(Frame(when, address[2] == PACKET_OUTGOING, data, self._ethernet))
+
+    def settle(self):
+        """Waits until every frame that has crossed the interface is recorded."""
+        poller = select.poll()
+        poller.register(self._socket, select.POLLIN)
+        waiting.wait_until(lambda: not poller.poll(0), 10, "the capture", 0.002)
+        with self._busy:
+            pass
 
     def select(self, condition, since=0):
+        """The frames so far that `condition` accepts."""
+        self.settle()
+        return self._select(condition, since)
+
+    def _select(self, condition, since):
         return [frame for frame in self.frames[since:] if condition(frame)]
 
     def wait_for(self, condition, timeout=10.0, count=1, since=0, what="frame"):
         """Waits for `count` frames that `condition` accepts and returns all that came."""
-        waiting.wait_until(lambda: len(self.select(condition, since)) >= count, timeout,
+        waiting.wait_until(lambda: len(self._select(condition, since)) >= count, timeout,
                            lambda: f"{count} x {what}; seen: {self.frames[-20:]}")
-        return self.select(condition, since)
+        return self._select(condition, since)
 
     def close(self):
         self._stop_write.close()
