@@ -161,7 +161,7 @@ void LinkProber<Family>::start_receiver() {
   auto argument = std::make_unique<ThreadArgument>(ThreadArgument{_mutex, _targets});
   const DetachedThread thread = start_detached_thread(&receive, argument.get());
   if (thread.create_result == 0) {
-    argument.release();  // the thread's own now
+    static_cast<void>(argument.release());  // the thread's own now
   } else {
     unlock(*_mutex, Protocol::kStarter);
     LOG_ERROR("<%s> Can't create new thread for %s recv", Protocol::kStarter, Protocol::kThread);

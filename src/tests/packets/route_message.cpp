@@ -90,7 +90,7 @@ bool append_attribute(std::vector<uint8_t>& message, uint16_t type, std::span<co
   message.resize(end);
   const rtattr head{static_cast<unsigned short>(length), type};
   std::memcpy(message.data() + start, &head, sizeof(head));
-  std::copy(data.begin(), data.end(), message.begin() + start + kAttributeHeader);
+  std::copy(data.begin(), data.end(), message.data() + start + kAttributeHeader);
   const auto total = static_cast<uint32_t>(end);
   std::memcpy(message.data() + offsetof(nlmsghdr, nlmsg_len), &total, sizeof(total));
   return true;
