@@ -26,6 +26,8 @@ class CrashReportDeathTest : public testing::Test {
   CrashReportDeathTest() { testing::FLAGS_gtest_death_test_style = "threadsafe"; }
 };
 
+#if !defined(LB_SANITIZED)
+
 // The log's lines go to standard error with a mark, where the parent sees them.
 void install() {
   wrapped::syslog.set_hook([](int priority, const char*, const char* text) {
@@ -36,12 +38,11 @@ void install() {
   backtrace_install_signal_handlers();
 }
 
-[[maybe_unused]] __attribute__((noinline)) void crash_here(int signal) {
+__attribute__((noinline)) void crash_here(int signal) {
   raise(signal);
   asm volatile("");  // no tail call: the function stays on the stack
 }
 
-#if !defined(LB_SANITIZED)
 __attribute__((noinline)) int use_up_the_stack(volatile char* above) {
   volatile char buffer[4096];
   if (above != nullptr && above[0] != '\0') return 1;  // never
@@ -49,6 +50,7 @@ __attribute__((noinline)) int use_up_the_stack(volatile char* above) {
   const int below = use_up_the_stack(buffer);
   return below + buffer[0];
 }
+
 #endif
 
 }  // namespace
@@ -70,7 +72,7 @@ TEST_F(CrashReportDeathTest, SanitizersKeepTheirHandlers) {
 #else
 
 TEST_F(CrashReportDeathTest, StackGoesToConsoleAndLogAndTheSignalEndsTheProcess) {
-  for (const int signal : {SIGSEGV, SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSYS}) {
+  for (const int signal : {SIGSEGV, SIGBUS}) {
     EXPECT_EXIT(
         {
           install();

@@ -61,10 +61,11 @@ std::string interface_alias(const std::string& name) {
   return alias;
 }
 
+thread_local std::string result;
+
 }  // namespace
 
 const char* interfaces_linux_to_zel_name_static(const char* linux_name, int /*flags*/) {
-  thread_local std::string result;
   // The argument may be the thread's last result.
   const std::string name = linux_name == nullptr ? "" : linux_name;
   // A name that the kernel would cut is no interface's.
