@@ -161,3 +161,51 @@ def test_replies_that_count_and_those_that_do_not(lab, link):
     assert texts[0] == "%WAN-I-INSTANCE: IPv6 interface wan1 changed state to inactive"
     assert texts[-2:] == ["%WAN-I-INSTANCE: IPv6 interface wan1 last check target 2001:db8::7 success",
                           "%WAN-I-INSTANCE: IPv6 interface wan1 changed state to active"]
+
+
+def test_source_is_taken_from_a_namesake(lab, link):
+    """The first interface whose name begins with the tested one's and whose address looks link-local.
+
+    The kernel takes no reply for another interface's link-local address, so only the requests tell.
+    """
+    lab.ip("addr flush dev wan1", "link add wan1x type veth peer name other")
+    lab.ip("link set other up", "link set wan1x address 02:00:00:00:77:77 up")
+    waiting.wait_until(lambda: "fe80::ff:fe00:7777" in lab.ip_text("-6 addr show dev wan1x"), 5)
+    start(lab, link)
+    assert {request.source for request in link.responder.wait_requests(1)} == {"fe80::ff:fe00:7777"}
+
+
+@pytest.mark.parametrize("address", ["fd80::5", "2080:1::5", "fe12::5"])
+def test_loose_test_for_link_local_addresses(lab, link, address):
+    """0xFE in the first byte or 0x80 in the second is enough."""
+    lab.ip("addr flush dev wan1", f"addr add {address}/64 dev wan1 nodad")
+    lb = start(lab, link)
+    lb.wait_status("wan1", "active", family=6)
+    assert {request.source for request in link.responder.requests} == {address}
+
+
+def test_no_source_at_all(lab, link):
+    lab.ip("addr flush dev wan1", "addr add 2001:db8:1::5/64 dev wan1 nodad")
+    capture = link.sniff()
+    lb = start(lab, link, resp_time=200)
+    lb.wait_report("  -Test:", family=6)
+    assert {frame.decode()["IPv6"].src for frame in capture.wait_for(sniffer.is_solicitation)} == {"::"}
+    assert lb.alive and not link.responder.requests
+
+
+def test_failed_sending_costs_the_vrf_its_socket(lab, link):
+    """A solicitation that cannot be sent closes the VRF's socket for good; known neighbours still work."""
+    other = lab.uplink(2, ipv6=True)
+    lab.ip(f"neigh add {other.gateway6} lladdr {other.far_mac} dev wan2 nud permanent", "link set wan1 down")
+    lb = lab.start_lb(configtext.build(
+        [configtext.interface(found.name, [ping(resp_time=200)], ipv6=True, success_ct=1, nexthop=found.gateway6,
+                              source_address=found.address6) for found in (link, other)],
+        [configtext.rule("1_ipv6", {"wan1": 1, "wan2": 1}, {"::/0": None})]))
+    lb.wait_status("wan2", "active", family=6)
+    waiting.wait_until(lambda: "sendto() failed: Network is down\n" in lb.process.stderr, 10, lambda: lb.process.stderr)
+    lab.ip("link set wan1 up", f"addr replace {link.address6}/64 dev wan1 nodad")
+    waiting.wait_until(lambda: "sendto() failed: Bad file descriptor\n" in lb.process.stderr, 10,
+                       lambda: lb.process.stderr)
+    lb.wait_cycles(2, family=6)
+    assert not link.responder.solicitations
+    assert lb.statuses(6) == {"wan1": "failed", "wan2": "active"}

@@ -26,6 +26,10 @@ def is_undefined_behaviour_sanitizer(path):
     return _holds(path, [b"__ubsan_handle"])
 
 
+def has_sanitizer(path):
+    return _holds(path, [b"__tsan_init", b"__asan_init", b"__ubsan_handle"])
+
+
 def ends_by_itself_on_sigterm(path):
     """A build that writes coverage data when it is told to end."""
     return _holds(path, [b"__gcov_dump"])

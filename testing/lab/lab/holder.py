@@ -126,7 +126,8 @@ class Holder:
             _enter_netns(netns)
         os.chdir(cwd)
         if nofile:
-            resource.setrlimit(resource.RLIMIT_NOFILE, (nofile, nofile))
+            # As usual the soft limit is lower: a program that needs more raises it.
+            resource.setrlimit(resource.RLIMIT_NOFILE, (min(nofile, 1024), nofile))
         if fixed_addresses:
             _libc.personality(ADDR_NO_RANDOMIZE)
         signal.set_wakeup_fd(-1)
