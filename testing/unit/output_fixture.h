@@ -45,7 +45,9 @@ template <typename Record>
 std::vector<Record> records_of(const std::string& bytes) {
   EXPECT_EQ(bytes.size() % sizeof(Record), 0u);
   std::vector<Record> records(bytes.size() / sizeof(Record));
-  memcpy(records.data(), bytes.data(), records.size() * sizeof(Record));
+  if (!records.empty()) {
+    memcpy(records.data(), bytes.data(), records.size() * sizeof(Record));
+  }
   return records;
 }
 

@@ -221,6 +221,8 @@ TEST_F(Output, DumpDirectoryThatCannotBeMadeStopsTheWrite) {
                                                      path("wlb_dump") + ", errno = 13")));
   EXPECT_EQ(status(), "old");
   EXPECT_EQ(call_count("fopen"), 0);
+  EXPECT_THAT(output_.used_files(false),
+              UnorderedElementsAre(dump_path("wlb_rules.bin"), dump_path("wlb_routes.bin")));
 }
 
 TEST_F(Output, NextWriteTriesAgain) {

@@ -356,6 +356,14 @@ TEST_F(TunnelNexthop, OneSnapshotServesTheWholePass) {
   EXPECT_EQ(call_count("getifaddrs"), 1);
 }
 
+TEST_F(TunnelNexthop, NoTunnelNeedsNoSnapshot) {
+  add(config_, "wan1", "dhcp");
+  add(config_, "tun1", "tunnel").vrf = "red";
+  add(config_, "tun2", "tunnel", true);
+  resolve();
+  EXPECT_EQ(call_count("getifaddrs"), 0);
+}
+
 TEST_F(TunnelNexthop, LiteralAndDhcpAreNotTouched) {
   LBInterface& literal = add(config_, "wan1", "192.0.2.1");
   LBInterface& dhcp = add(config_, "wan2", "dhcp");
