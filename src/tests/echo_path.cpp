@@ -21,6 +21,20 @@ namespace {
 
 constexpr size_t kLargestResolverBuffer = 1 << 20;
 
+// The source of an IPv4 frame must be an address of the host, else replies could not come back. An
+// empty one becomes the interface's own.
+template <class Words>
+int settle_ipv4_source(const std::string& ifname, std::string& source) {
+  if (source.empty()) {
+    const auto own = own_ipv4_address(ifname);
+    if (!own.answered()) return own.error;
+    source = address_to_text(AF_INET, &own.value);
+  }
+  if (address_on_interface(ifname, source)) return 0;
+  Words::address_absent(source.c_str());
+  return EADDRNOTAVAIL;
+}
+
 // What the kernel and the log are asked for, family by family.
 template <class Family>
 struct PathTraits;
@@ -33,6 +47,11 @@ struct PathTraits<Ipv4> {
                                            const std::string& gateway, const std::string& source,
                                            const std::string& ifname) {
     return resolve_link_address(*worker.arp, gateway, source, ifname);
+  }
+
+  template <class Words>
+  static int settle_source(const std::string& ifname, std::string& source) {
+    return settle_ipv4_source<Words>(ifname, source);
   }
 
   static int fill(const std::string& target, const in_addr& /*resolved*/,
@@ -55,6 +74,12 @@ struct PathTraits<Ipv6> {
     return resolve_link_address(*worker.neighbor, gateway, source, ifname);
   }
 
+  // Chosen by the test already.
+  template <class Words>
+  static int settle_source(const std::string& /*ifname*/, std::string& /*source*/) {
+    return 0;
+  }
+
   static int fill(const std::string& /*target*/, const in6_addr& resolved,
                   sockaddr_in6& destination) {
     destination.sin6_family = AF_INET6;
@@ -62,20 +87,6 @@ struct PathTraits<Ipv6> {
     return 0;
   }
 };
-
-// The source of an IPv4 frame must be an address of the host, else replies could not come back. An
-// empty one becomes the interface's own.
-template <class Words>
-int settle_source(const std::string& ifname, std::string& source) {
-  if (source.empty()) {
-    const auto own = own_ipv4_address(ifname);
-    if (!own.answered()) return own.error;
-    source = address_to_text(AF_INET, &own.value);
-  }
-  if (address_on_interface(ifname, source)) return 0;
-  Words::address_absent(source.c_str());
-  return EADDRNOTAVAIL;
-}
 
 }  // namespace
 
@@ -151,10 +162,8 @@ int prepare_frame_path(const LBInterface& interface, const std::string& chosen_s
   }
 
   std::string source = chosen_source;
-  if constexpr (!Family::kIpv6) {
-    const int error = settle_source<Words>(ifname, source);
-    if (error != 0) return error;
-  }
+  const int source_error = PathTraits<Family>::template settle_source<Words>(ifname, source);
+  if (source_error != 0) return source_error;
 
   const auto gateway_mac = PathTraits<Family>::resolve(worker, gateway, source, ifname);
   if (!gateway_mac) return EHOSTUNREACH;

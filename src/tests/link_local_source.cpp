@@ -36,7 +36,7 @@ std::string link_local_source(const std::string& ifname) {
   }
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
   const in6_addr address = find_link_local(list, ifname);
-  const std::string text = address_to_text(AF_INET6, &address);
+  std::string text = address_to_text(AF_INET6, &address);
   if (text.empty()) LOG_ERROR("inet_ntop failed! %s", error_text(errno).c_str());
   return text;
 }
