@@ -172,6 +172,16 @@ TEST_F(RuleSectionTest, MetricIsNotChecked) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
+TEST_F(RuleSectionTest, LargestMetricIsNone) {
+  ASSERT_TRUE(read_rule("target {\n address a\n metric 7\n metric 4294967295\n}\n"));
+  EXPECT_EQ(rule().targets.at("a").metric, LBTarget().metric);
+}
+
+TEST_F(RuleSectionTest, MetricWithoutANumberIsZero) {
+  ASSERT_TRUE(read_rule("target {\n address a\n metric 7\n metric\n}\n"));
+  EXPECT_EQ(rule().targets.at("a").metric, 0);
+}
+
 TEST_F(RuleSectionTest, AddressNamedTwiceKeepsItsMetric) {
   ASSERT_TRUE(read_rule("target {\n address a\n metric 4\n address b\n address a\n}\n"));
   EXPECT_EQ(rule().targets.at("a").metric, 4);

@@ -1,0 +1,289 @@
+// Every start runs in a process of its own, which reports what it did before it ends.
+#include "core/start_up.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "core/command_line.h"
+#include "support/recorded_device.h"
+#include "support/recorded_log.h"
+#include "support/temporary_directory.h"
+#include "support/virtual_clock/virtual_clock.h"
+#include "support/wrapped_calls.h"
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::ExitedWithCode;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr const char* kCrashReport =
+    "backtrace_set_program_name lb\n"
+    "backtrace_open_console\n"
+    "backtrace_install_signal_handlers\n";
+
+pid_t group_before = -1;
+int report_fd = -1;  // standard error, also once the daemon has closed it
+
+// The calls to the device, the log, the threads and the sleeps.
+void report() {
+  for (const std::string& call : recorded_device::calls()) dprintf(report_fd, "%s\n", call.c_str());
+  for (const LogRecord& record : log_records()) {
+    dprintf(report_fd, "<%d> %s\n", record.priority, record.text.c_str());
+  }
+  dprintf(report_fd, "threads %d\n", call_count("pthread_create"));
+  for (const auto& sleep : virtual_clock::sleeps()) {
+    dprintf(report_fd, "sleep %lld\n", static_cast<long long>(sleep.count() / 1'000'000'000));
+  }
+  dprintf(report_fd, "end\n");
+}
+
+class StartUp : public TemporaryDirectoryTest {
+ protected:
+  StartUp() {
+    // The process that runs the statement starts anew, without this one's threads.
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+  }
+
+  // Ends the process with the status that run_daemon returns.
+  [[noreturn]] static void start(std::vector<std::string> arguments) {
+    report_fd = fcntl(2, F_DUPFD_CLOEXEC, 100);
+    dup2(2, 1);  // only standard error is captured
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    atexit(report);
+    arguments.insert(arguments.begin(), "lb");
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    optind = 0;
+    exit(run_daemon(static_cast<int>(arguments.size()), argv.data()));
+  }
+
+  std::string config(const std::string& text) const { return directory_.write("lb.conf", text); }
+
+  // Starts with VRFs whose namespaces cannot be entered, so that all threads end at once; ends at
+  // the second sleep.
+  [[noreturn]] static void start_and_fall_idle(const std::vector<std::string>& arguments) {
+    recorded_device::set_netns_result(-1);
+    virtual_clock::on_sleep([](std::chrono::nanoseconds) {
+      if (virtual_clock::sleeps().size() == 2) exit(77);
+    });
+    start(arguments);
+  }
+};
+
+constexpr const char* kRedOnly =
+    "health {\n interface eth0 {\n namespace red\n }\n}\nrule 1_ipv4 {\n namespace red\n}\n";
+
+}  // namespace
+
+using StartUpDeathTest = StartUp;
+
+TEST_F(StartUpDeathTest, UsageIsPrintedAndEndsTheStart) {
+  for (const char* option : {"-h", "-x"}) {
+    EXPECT_EXIT(start({"-f", config(kRedOnly), "-i", directory_.file("lb.pid"), option}),
+                ExitedWithCode(0),
+                EndsWith(std::string(kUsage) + kCrashReport + "threads 0\nend\n"));
+  }
+}
+
+TEST_F(StartUpDeathTest, ConfigurationPathIsNeeded) {
+  EXPECT_EXIT(start({}), ExitedWithCode(0),
+              testing::Eq(std::string("Configuration file is empty\n") + kCrashReport +
+                          "threads 0\nend\n"));
+  EXPECT_EXIT(start({"-t", "-d", "-f", config(kRedOnly), "-f", ""}), ExitedWithCode(0),
+              HasSubstr("Configuration file is empty\n"));
+}
+
+TEST_F(StartUpDeathTest, LoadOnlyStartsNothing) {
+  EXPECT_EXIT(start({"-t", "-f", config("rule 0 {\n}\n" + std::string(kRedOnly))}),
+              ExitedWithCode(0),
+              testing::Eq(std::string(kCrashReport) +
+                          "<4> %WAN-W-WARN: Illegal rule number: 0\nthreads 0\nend\n"));
+}
+
+TEST_F(StartUpDeathTest, LoadOnlyOfAMissingFileIsNoFailure) {
+  EXPECT_EXIT(
+      start({"-t", "-f", "/nonexistent"}), ExitedWithCode(0),
+      AllOf(HasSubstr("<4> %WAN-W-ERR: wan_lb: configuration file not found: /nonexistent\n"),
+            HasSubstr("threads 0\n")));
+}
+
+TEST_F(StartUpDeathTest, PidFileComesBeforeTheConfiguration) {
+  EXPECT_EXIT(start({"-t", "-f", "/nonexistent", "-i", "/nonexistent/lb.pid"}), ExitedWithCode(0),
+              HasSubstr("<4> %WAN-W-ERR: Can't fopen pid lock file /nonexistent/lb.pid, "
+                        "continuing\n<4> %WAN-W-ERR: wan_lb: configuration file not found: "));
+}
+
+TEST_F(StartUpDeathTest, NoPidFileUnlessAsked) {
+  EXPECT_EXIT(
+      {
+        CallHook hook(wrapped::fopen, [](const char* path, const char* mode) {
+          dprintf(2, "fopen %s\n", path);
+          return wrapped::fopen.real(path, mode);
+        });
+        start({"-t", "-f", "/nonexistent"});
+      },
+      ExitedWithCode(0), testing::StartsWith("fopen /nonexistent\nbacktrace"));
+}
+
+// The VRFs' threads come last; the process stays when all of them have ended.
+TEST_F(StartUpDeathTest, WatchdogThenOneThreadPerVrfWithWork) {
+  // "bare" is named, yet nothing is left in it; nothing is in "default".
+  const std::string text =
+      "health {\n interface eth0 {\n namespace bare\n namespace red\n }\n}\n"
+      "rule 1_ipv4 {\n namespace red\n}\n";
+  EXPECT_EXIT(start_and_fall_idle({"-f", config(text)}), ExitedWithCode(77),
+              testing::Eq(std::string(kCrashReport) +
+                          "send_signal_live 1 1\nset_timeout\nlh_netns_set red\n"
+                          "threads 1\nsleep 4\nsleep 4\nend\n"));
+}
+
+TEST_F(StartUpDeathTest, InterfacesOrRulesAloneMakeAVrfsThread) {
+  const std::string text =
+      "health {\n interface eth0 {\n namespace a4\n }\n interface6 eth0 {\n namespace a6\n }\n}\n"
+      "rule 1_ipv4 {\n namespace r4\n}\nrule 1_ipv6 {\n namespace r6\n}\n";
+  EXPECT_EXIT(start_and_fall_idle({"-f", config(text)}), ExitedWithCode(77),
+              AllOf(HasSubstr("lh_netns_set a4\n"), HasSubstr("lh_netns_set a6\n"),
+                    HasSubstr("lh_netns_set r4\n"), HasSubstr("lh_netns_set r6\n"),
+                    HasSubstr("threads 4\n")));
+}
+
+TEST_F(StartUpDeathTest, VrfsAreStartedInTheOrderOfTheirNames) {
+  const std::string text =
+      "rule 1_ipv4 {\n namespace zone\n}\nrule 2_ipv4 {\n namespace Red\n}\n"
+      "rule 3_ipv4 {\n namespace blue\n}\n";
+  EXPECT_EXIT(
+      {
+        // Each runs to its end before the next one is started.
+        CallHook hook(wrapped::pthread_create, [](pthread_t* thread, const pthread_attr_t*,
+                                                  WrappedThreadStart body, void* argument) {
+          body(argument);
+          *thread = pthread_self();
+          return 0;
+        });
+        const Fault no_joins("pthread_join", EDEADLK);
+        start_and_fall_idle({"-f", config(text)});
+      },
+      ExitedWithCode(77),
+      HasSubstr("lh_netns_set Red\nlh_netns_set blue\nlh_netns_set zone\nthreads 3\n"));
+}
+
+TEST_F(StartUpDeathTest, EmptyConfigurationStaysIdle) {
+  EXPECT_EXIT(start_and_fall_idle({"-f", config("")}), ExitedWithCode(77),
+              testing::Eq(std::string(kCrashReport) +
+                          "send_signal_live 1 1\nset_timeout\nthreads 0\nsleep 4\nsleep 4\nend\n"));
+}
+
+TEST_F(StartUpDeathTest, ThreadThatCannotBeCreatedEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        const Fault fault("pthread_create", EAGAIN);
+        start({"-f", config(kRedOnly)});
+      },
+      ExitedWithCode(255),
+      EndsWith("set_timeout\n<4> %WAN-W-WARN: Can't create new thread for VRF red\n"
+               "threads 1\nend\n"));
+}
+
+TEST_F(StartUpDeathTest, ThreadMessageIsBehindItsFlag) {
+  EXPECT_EXIT(
+      {
+        set_log_flag(2, false);
+        const Fault fault("pthread_create", EAGAIN);
+        start({"-f", config(kRedOnly)});
+      },
+      ExitedWithCode(255), EndsWith("set_timeout\nthreads 1\nend\n"));
+}
+
+// --- as a daemon ---
+
+TEST_F(StartUpDeathTest, ParentNamesItsChildToTheWatchdogAndIsDone) {
+  EXPECT_EXIT(
+      {
+        CallHook hook(wrapped::fork, [] { return 4711; });
+        start({"-d", "-f", "/nonexistent", "-i", directory_.file("lb.pid")});
+      },
+      ExitedWithCode(0),
+      testing::Eq(std::string(kCrashReport) + "send_signal_live 4711 1\nthreads 0\nend\n"));
+}
+
+TEST_F(StartUpDeathTest, ChildGoesOnWithoutATerminal) {
+  EXPECT_EXIT(
+      {
+        CallHook hook(wrapped::fork, [] { return 0; });
+        atexit([] {
+          for (const int fd : {0, 1, 2}) {
+            char target[64] = {};
+            const std::string link = "/proc/self/fd/" + std::to_string(fd);
+            if (readlink(link.c_str(), target, sizeof(target) - 1) < 0) target[0] = '-';
+            dprintf(report_fd, "%d %s\n", fd, target);
+          }
+          // Nothing else is detached.
+          const bool same_group = getpgrp() == group_before;
+          char directory[PATH_MAX] = {};
+          const bool same_directory =
+              getcwd(directory, sizeof(directory)) == directory && std::string(directory) == "/usr";
+          dprintf(report_fd, "group %d directory %d mask %o\n", same_group, same_directory,
+                  umask(0));
+        });
+        group_before = getpgrp();
+        if (chdir("/usr") != 0) abort();
+        umask(0026);
+        start({"-d", "-t", "-f", "/nonexistent"});
+      },
+      ExitedWithCode(0),
+      EndsWith("configuration file not found: /nonexistent\nthreads 0\nend\n"
+               "0 /dev/null\n1 /dev/null\n2 /dev/null\n"
+               "group 1 directory 1 mask 26\n"));
+}
+
+TEST_F(StartUpDeathTest, NoForkWithoutTheOption) {
+  EXPECT_EXIT(
+      {
+        const Fault fault("fork", EAGAIN);
+        start({"-t", "-f", config("")});
+      },
+      ExitedWithCode(0), Not(HasSubstr("fork")));
+}
+
+TEST_F(StartUpDeathTest, FailedForkIsLoggedAndTheStartGoesOn) {
+  EXPECT_EXIT(
+      {
+        const Fault fault("fork", EAGAIN);
+        start({"-d", "-t", "-f", "/nonexistent"});
+      },
+      ExitedWithCode(0),
+      HasSubstr("<4> %WAN-W-ERR: Can't fork to run as daemon, continuing in the foreground\n"
+                "<4> %WAN-W-ERR: wan_lb: configuration file not found: "));
+}
+
+TEST_F(StartUpDeathTest, DescriptorLimitIsRaised) {
+  EXPECT_EXIT(
+      {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 256;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        atexit([] {
+          rlimit raised{};
+          getrlimit(RLIMIT_NOFILE, &raised);
+          dprintf(report_fd, raised.rlim_cur == raised.rlim_max ? "raised\n" : "not raised\n");
+        });
+        start({"-t", "-f", config("")});
+      },
+      ExitedWithCode(0), EndsWith("end\nraised\n"));
+}
