@@ -58,12 +58,15 @@ class StartUp : public TemporaryDirectoryTest {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
   }
 
-  // Ends the process with the status that run_daemon returns.
+  // Ends the process with the status that run_daemon returns, or with 77 at the second sleep.
   [[noreturn]] static void start(std::vector<std::string> arguments) {
     report_fd = fcntl(2, F_DUPFD_CLOEXEC, 100);
     dup2(2, 1);  // only standard error is captured
     setvbuf(stdout, nullptr, _IONBF, 0);
     atexit(report);
+    virtual_clock::on_sleep([](std::chrono::nanoseconds) {
+      if (virtual_clock::sleeps().size() == 2) exit(77);
+    });
     arguments.insert(arguments.begin(), "lb");
     std::vector<char*> argv;
     for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -74,13 +77,9 @@ class StartUp : public TemporaryDirectoryTest {
 
   std::string config(const std::string& text) const { return directory_.write("lb.conf", text); }
 
-  // Starts with VRFs whose namespaces cannot be entered, so that all threads end at once; ends at
-  // the second sleep.
+  // Starts with VRFs whose namespaces cannot be entered, so that all threads end at once.
   [[noreturn]] static void start_and_fall_idle(const std::vector<std::string>& arguments) {
     recorded_device::set_netns_result(-1);
-    virtual_clock::on_sleep([](std::chrono::nanoseconds) {
-      if (virtual_clock::sleeps().size() == 2) exit(77);
-    });
     start(arguments);
   }
 };
