@@ -52,7 +52,7 @@ StaticRoutes build_static_routes(const LBConfig& config, bool ipv6, const std::s
   const Gateways gateways = active_gateways(config, ipv6, vrf);
   StaticRoutes routes;
   for (const auto& [rule_name, rule] : config.rules) {
-    if (rule.vrf != vrf || rule.targets.empty()) continue;
+    if (rule.vrf != vrf) continue;
     const Weights eligible = eligible_members(rule, ipv6, gateways);
     for (const auto& [prefix, target] : rule.targets) {
       std::string line;

@@ -208,6 +208,14 @@ TEST_F(DumpWriter, RuleThatCannotBeWrittenStopsTheDump) {
   EXPECT_EQ(call_count("fclose"), 2);
 }
 
+TEST_F(DumpWriter, FullDiskIsSeenWithTheFirstRoute) {
+  make_dump_directory();
+  std::filesystem::create_symlink("/dev/full", dump_path("wlb_routes.bin"));
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error dumping routes")));
+  EXPECT_EQ(call_count("fwrite"), 2);
+}
+
 TEST_F(DumpWriter, RouteThatCannotBeWrittenStopsTheDump) {
   make_dump_directory();
   const Fault fault("fwrite", ENOSPC, 2, 1);

@@ -1,8 +1,11 @@
 #include "routing/lease_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "platform/file_descriptor.h"
 #include "support/temporary_directory.h"
 #include "support/wrapped_calls.h"
 
@@ -140,6 +143,15 @@ TEST_F(LeaseFile, UnreadableGivesNothing) {
 TEST_F(LeaseFile, FifoDoesNotHangTheReader) {
   const std::string path = directory_.file("fifo");
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt);
+}
+
+TEST_F(LeaseFile, OnlyARegularFileIsRead) {
+  const std::string path = directory_.file("fifo");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const FileDescriptor writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  const std::string text = "option routers 192.0.2.1;\n";
+  ASSERT_EQ(write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt);
 }
 

@@ -270,6 +270,16 @@ TEST_F(RouteDecision, WorkerOfTheOtherFamilyLeavesNextHopsAlone) {
   EXPECT_THAT(failover("2_ipv6"), ElementsAre(Pair("::/0", "2001:db8::1")));
 }
 
+TEST_F(RouteDecision, RuleBelongsToTheFamilyOfItsMembers) {
+  add_active_interface(config_, "eth6", "2001:db8::1", true);
+  rule_.failover = 1;
+  rule_.members["eth6"] = {.ipv6 = true, .weight = 1};
+  rule_.targets["0.0.0.0/0"];  // by way of an IPv6 next hop
+  run(true);
+  run(false);
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "2001:db8::1")));
+}
+
 TEST_F(RouteDecision, WorkerOfAnotherVrfLeavesNextHopsAlone) {
   rule_.failover = 1;
   add_uplink("eth0", "192.0.2.1", 1);
