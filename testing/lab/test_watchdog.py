@@ -48,8 +48,8 @@ def test_no_service_manager(lab):
 
 def test_idle_interfaces_feed_the_watchdog(lab, manager):
     """Interfaces without any result still make cycles."""
-    lab.start_lb(configtext.build([interface("wan9", nexthop="dhcp")], [rule("1_ipv4", {"wan9": 1}, {"0.0.0.0/0": None})]),
-                 env=environment(lab))
+    lab.start_lb(configtext.build([interface("wan9", nexthop="dhcp")],
+                                  [rule("1_ipv4", {"wan9": 1}, {"0.0.0.0/0": None})]), env=environment(lab))
     manager.wait_for("WATCHDOG=1", count=3)
 
 
