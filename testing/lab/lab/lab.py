@@ -192,6 +192,7 @@ class Lab:
         `prefix` is a command that starts the daemon, for example ["env", "-i"].
         """
         program = daemon.program()
+        assert os.path.exists(program), f"{program} is missing: build the daemon, or name it in LB_PROGRAM"
         out = out or self.path(f"out{len(self.daemons) or ''}")
         os.makedirs(os.path.dirname(out), exist_ok=True)
         if not os.path.lexists(out):
