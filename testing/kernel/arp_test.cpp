@@ -23,7 +23,8 @@ class KernelArp : public VethTest {
   void SetUp() override {
     VethTest::SetUp();
     static int number = 0;
-    network_ = "10.77." + std::to_string(++number) + ".";
+    ++number;
+    network_ = "10." + std::to_string(number / 250) + "." + std::to_string(number % 250) + ".";
     prober_.init(testing::UnitTest::GetInstance()->current_test_info()->name());
   }
 

@@ -44,6 +44,8 @@ class VethTest : public testing::Test {
     for (const std::string& name : {near_, far_}) {
       run("ip link set " + name + " addrgenmode none up");
     }
+    ASSERT_TRUE(carries(near_, far_));
+    ASSERT_TRUE(carries(far_, near_));
   }
   void TearDown() override { std::system(("ip link del " + near_).c_str()); }
 
@@ -100,6 +102,20 @@ class VethTest : public testing::Test {
   }
 
  private:
+  // Waits until a frame gets across: for a while after both ends are up the kernel still drops what
+  // is sent, without a word.
+  static bool carries(const std::string& from, const std::string& to) {
+    constexpr uint16_t kExperimental = 0x88b5;  // IEEE 802, for local experiments
+    const FileDescriptor sender = open_on(from, 0);
+    const FileDescriptor receiver = open_on(to, kExperimental);
+    Bytes frame(60, 0xff);
+    frame[12] = kExperimental >> 8, frame[13] = kExperimental & 0xff;
+    return wait_for([&] {
+      send(sender.get(), frame.data(), frame.size(), 0);
+      return recv(receiver.get(), frame.data(), frame.size(), MSG_DONTWAIT) > 0;
+    });
+  }
+
   std::string near_;
   std::string far_;
 };
