@@ -28,7 +28,8 @@ void clear_state_changed(LBConfig& config, const LBWorkerContext& worker);
 std::map<std::string, std::string> changed_interfaces(LBConfig& config,
                                                       const LBWorkerContext& worker);
 
-// Read access by name, in the worker's family; an unknown name gets the default that stands behind each.
+// Read access by name, in the worker's family; an unknown name gets the default that stands behind
+// each.
 bool interface_active(const LBConfig& config, const std::string& name, bool ipv6);      // false
 std::string interface_vrf(const LBConfig& config, const std::string& name, bool ipv6);  // "default"
 std::string interface_origin(const LBConfig& config, const std::string& name, bool ipv6);  // ""
