@@ -14,6 +14,7 @@
 #include "config/error_text.h"
 #include "config/log.h"
 #include "tests/link_info.h"
+#include "tests/mutex_failure.h"
 #include "tests/packet_socket.h"
 #include "tests/packets/arp.h"
 #include "tests/packets/packet_reader.h"
@@ -93,7 +94,7 @@ void LinkProtocol<Ipv4>::log_no_send_socket(const std::string& vrf) {
 
 void LinkProtocol<Ipv4>::log_no_mutex(int rc) {
   // The words of the destruction, also for the initialisation.
-  log_prober_mutex_failure("init", "pthread_mutex_destroy", kMutex, rc);
+  log_mutex_failure("init", "pthread_mutex_destroy", kMutex, rc);
 }
 
 void LinkProtocol<Ipv4>::log_receive_failure(const char* call) {

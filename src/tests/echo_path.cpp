@@ -43,11 +43,7 @@ template <>
 struct PathTraits<Ipv4> {
   static constexpr const char* kPacketName = "icmp";
 
-  static std::optional<MacAddress> resolve(const LBWorkerContext& worker,
-                                           const std::string& gateway, const std::string& source,
-                                           const std::string& ifname) {
-    return resolve_link_address(*worker.arp, gateway, source, ifname);
-  }
+  static LBArp& prober(const LBWorkerContext& worker) { return *worker.arp; }
 
   template <class Words>
   static int settle_source(const std::string& ifname, std::string& source) {
@@ -68,11 +64,7 @@ template <>
 struct PathTraits<Ipv6> {
   static constexpr const char* kPacketName = "icmp6";
 
-  static std::optional<MacAddress> resolve(const LBWorkerContext& worker,
-                                           const std::string& gateway, const std::string& source,
-                                           const std::string& ifname) {
-    return resolve_link_address(*worker.neighbor, gateway, source, ifname);
-  }
+  static LBNeighbor& prober(const LBWorkerContext& worker) { return *worker.neighbor; }
 
   // Chosen by the test already.
   template <class Words>
@@ -165,7 +157,8 @@ int prepare_frame_path(const LBInterface& interface, const std::string& chosen_s
   const int source_error = PathTraits<Family>::template settle_source<Words>(ifname, source);
   if (source_error != 0) return source_error;
 
-  const auto gateway_mac = PathTraits<Family>::resolve(worker, gateway, source, ifname);
+  const auto gateway_mac =
+      resolve_link_address(PathTraits<Family>::prober(worker), gateway, source, ifname);
   if (!gateway_mac) return EHOSTUNREACH;
   path.addresses.destination_mac = *gateway_mac;
 

@@ -4,11 +4,10 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <cerrno>
 
-#include "config/error_text.h"
 #include "config/family.h"
 #include "config/log.h"
+#include "tests/mutex_failure.h"
 #include "tests/packet_socket.h"
 #include "tests/packets/ethernet.h"
 #include "tests/packets/ip_headers.h"
@@ -92,21 +91,15 @@ Registry& registry() {
 template <class Family>
 bool InterfaceMutex::lock(const char* operation) {
   const int rc = mutex_.lock();
-  if (rc == 0) return true;
-  const int error = errno;
-  LOG_ERROR("<%s> pthread_mutex_lock for %s failed!!!!! rc = %d, errno = %d (%s)", operation,
-            Family::kName, rc, error, error_text(error).c_str());
-  return false;
+  if (rc != 0) log_mutex_failure(operation, "pthread_mutex_lock", Family::kName, rc);
+  return rc == 0;
 }
 
 template <class Family>
 bool InterfaceMutex::unlock(const char* operation) {
   const int rc = mutex_.unlock();
-  if (rc == 0) return true;
-  const int error = errno;
-  LOG_ERROR("<%s> pthread_mutex_unlock for %s failed!!!!! rc = %d, errno = %d (%s)", operation,
-            Family::kName, rc, error, error_text(error).c_str());
-  return false;
+  if (rc != 0) log_mutex_failure(operation, "pthread_mutex_unlock", Family::kName, rc);
+  return rc == 0;
 }
 
 template <class Family>

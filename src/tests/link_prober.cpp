@@ -11,18 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include "config/error_text.h"
 #include "config/log.h"
 #include "tests/arp_prober.h"
 #include "tests/detached_thread.h"
+#include "tests/mutex_failure.h"
 #include "tests/neighbor_prober.h"
 #include "tests/packet_socket.h"
-
-void log_prober_mutex_failure(const char* operation, const char* call, const char* mutex, int rc) {
-  const int error = errno;
-  LOG_ERROR("<%s> %s for %s failed!!!!! rc = %d, errno = %d (%s)", operation, call, mutex, rc,
-            error, error_text(error).c_str());
-}
 
 void WatchedTargets::watch(const std::string& target, const std::string& ifname) {
   MutexLock lock(mutex_);
@@ -67,7 +61,7 @@ LinkProber<Family>::~LinkProber() {
   close_send_socket();
   const int rc = _mutex->destroy();
   if (rc != 0) {
-    log_prober_mutex_failure(Protocol::kDestructor, "pthread_mutex_destroy", Protocol::kMutex, rc);
+    log_mutex_failure(Protocol::kDestructor, "pthread_mutex_destroy", Protocol::kMutex, rc);
   }
 }
 
@@ -113,7 +107,7 @@ template <class Family>
 int LinkProber<Family>::lock(HandshakeLock& mutex, const char* operation) {
   const int rc = mutex.lock();
   if (rc == 0) return 0;
-  log_prober_mutex_failure(operation, "pthread_mutex_lock", Protocol::kMutex, rc);
+  log_mutex_failure(operation, "pthread_mutex_lock", Protocol::kMutex, rc);
   return -1;
 }
 
@@ -121,7 +115,7 @@ template <class Family>
 int LinkProber<Family>::unlock(HandshakeLock& mutex, const char* operation) {
   const int rc = mutex.unlock();
   if (rc == 0) return 0;
-  log_prober_mutex_failure(operation, "pthread_mutex_unlock", Protocol::kMutex, rc);
+  log_mutex_failure(operation, "pthread_mutex_unlock", Protocol::kMutex, rc);
   return -1;
 }
 

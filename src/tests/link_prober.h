@@ -53,9 +53,6 @@ class WatchedTargets {
 template <class Family>
 struct LinkProtocol;
 
-// The message about a pthread call that failed with `rc`.
-void log_prober_mutex_failure(const char* operation, const char* call, const char* mutex, int rc);
-
 // The first address that `name` resolves to. 0, or the failure of getaddrinfo.
 template <class Family>
 int first_address(const std::string& name, typename Family::Address& address);

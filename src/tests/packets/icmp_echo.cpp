@@ -18,6 +18,18 @@ IcmpEcho make_echo(uint8_t type, uint16_t identifier, uint16_t sequence, uint32_
   return echo;
 }
 
+// A frame of either family with its addresses filled in.
+template <class Frame, class Address>
+Frame addressed_frame(const FrameAddresses<Address>& addresses, uint16_t ether_type) {
+  Frame frame;
+  frame.ethernet.destination = addresses.destination_mac;
+  frame.ethernet.source = addresses.source_mac;
+  frame.ethernet.type = ether_type;
+  frame.ip.source = addresses.source;
+  frame.ip.destination = addresses.destination;
+  return frame;
+}
+
 std::optional<uint32_t> reply_key(std::span<const uint8_t> packet, size_t offset, uint8_t type) {
   const auto echo = PacketReader(packet).at<IcmpEcho>(offset);
   if (!echo || echo->type != type) return std::nullopt;
@@ -49,14 +61,9 @@ RawEchoRequest6 make_raw_echo6(uint16_t identifier, uint32_t seconds, uint32_t m
 
 EchoFrame make_echo_frame(const FrameAddresses<in_addr>& addresses, uint16_t identifier,
                           uint16_t sequence, uint32_t key) {
-  EchoFrame frame;
-  frame.ethernet.destination = addresses.destination_mac;
-  frame.ethernet.source = addresses.source_mac;
-  frame.ethernet.type = kEtherTypeIpv4;
+  auto frame = addressed_frame<EchoFrame>(addresses, kEtherTypeIpv4);
   frame.ip.total_length = sizeof(Ipv4Header) + sizeof(IcmpEcho);
   frame.ip.protocol = kProtocolIcmp;
-  frame.ip.source = addresses.source;
-  frame.ip.destination = addresses.destination;
   frame.ip.checksum = inet_checksum(bytes_of(frame.ip));
   frame.echo = make_echo(kIcmpEchoRequest, identifier, sequence, key);
   frame.echo.checksum = inet_checksum(bytes_of(frame.echo));
@@ -65,14 +72,9 @@ EchoFrame make_echo_frame(const FrameAddresses<in_addr>& addresses, uint16_t ide
 
 EchoFrame6 make_echo_frame(const FrameAddresses<in6_addr>& addresses, uint16_t identifier,
                            uint16_t sequence, uint32_t key) {
-  EchoFrame6 frame;
-  frame.ethernet.destination = addresses.destination_mac;
-  frame.ethernet.source = addresses.source_mac;
-  frame.ethernet.type = kEtherTypeIpv6;
+  auto frame = addressed_frame<EchoFrame6>(addresses, kEtherTypeIpv6);
   frame.ip.payload_length = sizeof(IcmpEcho);
   frame.ip.next_header = kProtocolIcmpv6;
-  frame.ip.source = addresses.source;
-  frame.ip.destination = addresses.destination;
   frame.echo = make_echo(kIcmp6EchoRequest, identifier, sequence, key);
   const auto message = bytes_of(frame.echo);
   frame.echo.checksum = icmp6_checksum(addresses.source, addresses.destination, message.data(),
