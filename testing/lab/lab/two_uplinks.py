@@ -117,7 +117,7 @@ class TwoUplinks:
                 f"{self.route_file(family)}\nlog:\n{self.lab.log.text()}\nbird:\n{self.bird.log()}")
 
     def leave_running(self):
-        """Everything goes on after this process; returns the command that enters the lab."""
+        """Everything goes on after this process; returns the commands that enter and that end the lab."""
         # The log's reader goes with this process: another one takes its place, inside.
         self.lab.log.close()
         os.unlink(self.lab.path("dev/log"))
@@ -126,7 +126,9 @@ class TwoUplinks:
         waiting.wait_until(lambda: self.lab.exists("dev/log"), 5, "the log's new reader")
         pid = self.lab.enclosure.detach()
         return (f"nsenter --target {pid} --user --preserve-credentials --mount --net --pid --root --wd "
-                "bash   (end it: exit, then kill " + f"{pid})")
+                "bash\n"
+                # As the first process of its namespace the holder takes no milder signal.
+                f"End it, and all that runs in it, with\n  kill -KILL {pid}; rm -r {self.lab.enclosure.top}")
 
     def close(self):
         if self._own:
