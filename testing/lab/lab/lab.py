@@ -28,7 +28,7 @@ class Lab:
         self.path = self.enclosure.path
         self.daemons = []
         self._closers = []
-        self.log = self._closing(LogSink(self.path("dev/log")))
+        self.log = self.closing(LogSink(self.path("dev/log")))
         self.write("etc/wan_lb/log-flags", "34 3\nrepeats all\n")
         self.write("bin/ip", _RECORDING_IP.format(top=self.enclosure.top))
         os.chmod(self.path("bin/ip"), 0o755)
@@ -41,7 +41,8 @@ class Lab:
     def __exit__(self, *_):
         self.close()
 
-    def _closing(self, thing):
+    def closing(self, thing):
+        """Has `thing` closed when the lab ends."""
         self._closers.append(thing.close)
         return thing
 
@@ -165,15 +166,15 @@ class Lab:
             far += [f"addr add {address} dev lo" for address in (target, target6) if address]
         self.ip(*far, "link set lo up", netns=link.far)
         if far_end == "responder":
-            link.responder = self._closing(responder.Responder(self.enclosure, link.far_name, link.far))
+            link.responder = self.closing(responder.Responder(self.enclosure, link.far_name, link.far))
         return link
 
     def sniffer(self, interface, netns=None, ethernet=True):
-        return self._closing(Sniffer(self.enclosure, interface, netns, ethernet))
+        return self.closing(Sniffer(self.enclosure, interface, netns, ethernet))
 
     def tun_peer(self, name, address, peer, netns=None):
         """A tun device with a point-to-point address (IPv4 or IPv6 text), and the program behind it."""
-        made = self._closing(network.TunPeer(self.enclosure, name, netns))
+        made = self.closing(network.TunPeer(self.enclosure, name, netns))
         options = " nodad" if ":" in address else ""
         self.ip(f"link set {name} up", f"addr add {address} peer {peer} dev {name}{options}", netns=netns)
         return made
@@ -225,10 +226,10 @@ class Lab:
         return FakeRoutingDaemon(self, pid_file, watch)
 
     def name_server(self, silent=False, timeout=2):
-        return self._closing(NameServer(self, silent, timeout))
+        return self.closing(NameServer(self, silent, timeout))
 
     def notify_socket(self):
-        return self._closing(NotifySink(self.path("notify")))
+        return self.closing(NotifySink(self.path("notify")))
 
     def conntrack(self, netns=None, ipv6=False):
         """Lines of the connection tracker's table for ICMP."""

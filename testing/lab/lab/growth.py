@@ -1,0 +1,61 @@
+"""What a daemon holds: threads, descriptors, children and memory; faults must not make it hold more for good."""
+
+import re
+
+from . import daemon, waiting
+
+# What the allocator may keep for itself: a new arena's first pages, fragments.
+ALLOWED_KIB = 1024
+
+
+class Holdings:
+    def __init__(self, threads, descriptors, children, memory_kib):
+        self.threads, self.descriptors, self.children, self.memory_kib = threads, descriptors, children, memory_kib
+
+    def __repr__(self):
+        return (f"{self.threads} threads, {self.descriptors} descriptors, {self.children} children, "
+                f"{self.memory_kib} KiB of its own")
+
+
+def holdings(lab, lb):
+    """Now, as the kernel sees it."""
+    base = f"/proc/{lb.pid}"
+    text = lab.run(["sh", "-c", f"ls {base}/task | wc -l; ls {base}/fd | wc -l; cat {base}/task/*/children; echo; "
+                                f"grep RssAnon {base}/status"]).stdout
+    threads, descriptors, *children, memory = text.splitlines()
+    return Holdings(int(threads), int(descriptors), len(" ".join(children).split()),
+                    int(re.search(r"(\d+) kB", memory)[1]))
+
+
+class Growth:
+    """Made when the daemon has settled; `check` when it has settled again.
+
+    Sockets, shell commands and reports come and go within a cycle, so both take the least of several looks.
+    """
+
+    LOOKS = 20
+
+    def __init__(self, lab, lb):
+        self.lab, self.lb = lab, lb
+        # A sanitizer keeps freed memory to itself and grows with what it has seen.
+        self.measures_memory = not daemon.has_sanitizer(daemon.program())
+        self.before = self._calm()
+
+    def _calm(self):
+        looks = [holdings(self.lab, self.lb) for _ in range(self.LOOKS)]
+        return Holdings(*(min(getattr(look, name) for look in looks)
+                          for name in ("threads", "descriptors", "children", "memory_kib")))
+
+    def check(self, allowed_kib=ALLOWED_KIB, timeout=20.0):
+        """Waits until the daemon holds no more than before; returns what it then holds."""
+        last = [None]
+
+        def small_enough():
+            now = last[0] = self._calm()
+            return (now.threads <= self.before.threads and now.descriptors <= self.before.descriptors
+                    and now.children <= self.before.children
+                    and (not self.measures_memory or now.memory_kib <= self.before.memory_kib + allowed_kib))
+
+        waiting.wait_until(small_enough, timeout,
+                           lambda: f"no growth (memory: {allowed_kib} KiB); before: {self.before}; now: {last[0]}", 0.2)
+        return last[0]
