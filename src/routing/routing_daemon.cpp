@@ -1,7 +1,6 @@
 #include "routing/routing_daemon.h"
 
 #include <fcntl.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <array>
@@ -50,23 +49,27 @@ void run_command(const std::string& command) {
   if (pipe != nullptr) pclose(pipe);
 }
 
-// Read as atoi does, but without its wrap-around: 4294967297 must not become process 1. A pid of 0
-// or below would reach a process group or every process.
 void send_hangup(const std::string& pid_text, const std::string& pid_command) {
-  errno = 0;
-  const long pid = strtol(pid_text.c_str(), nullptr, 10);
-  if (errno == ERANGE || pid <= 0 || pid > INT_MAX) {
+  const std::optional<pid_t> pid = parse_routing_pid(pid_text);
+  if (!pid) {
     LOG_ERROR("wan_lb: '%s' gives no process id, routing daemon not signalled",
               pid_command.c_str());
     return;
   }
-  if (kill(static_cast<pid_t>(pid), SIGHUP) != 0) {
-    LOG_WARNING("wan_lb: can't send SIGHUP to the routing daemon (pid %ld), errno = %d", pid,
+  if (kill(*pid, SIGHUP) != 0) {
+    LOG_WARNING("wan_lb: can't send SIGHUP to the routing daemon (pid %d), errno = %d", *pid,
                 errno);
   }
 }
 
 }  // namespace
+
+std::optional<pid_t> parse_routing_pid(const std::string& text) {
+  errno = 0;
+  const long pid = strtol(text.c_str(), nullptr, 10);
+  if (errno == ERANGE || pid <= 0 || pid > INT_MAX) return std::nullopt;
+  return static_cast<pid_t>(pid);
+}
 
 RoutingDaemon::RoutingDaemon(const std::string& vrf, bool ipv6, const std::string& root)
     : flush_command_(kPlaces[ipv6 ? 1 : 0].flush_command) {

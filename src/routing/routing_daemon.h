@@ -2,7 +2,15 @@
 // kernel's route cache behind it.
 #pragma once
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
+
+// The process id that the text of a pid file begins with, read as atoi does but without its
+// wrap-around: 4294967297 must not become process 1. No value for one of 0 or below, which would
+// reach a process group or every process.
+std::optional<pid_t> parse_routing_pid(const std::string& text);
 
 class RoutingDaemon {
  public:

@@ -35,6 +35,31 @@ TEST(RoutingDaemonPlaces, AreFixed) {
   EXPECT_EQ(red6.pid_command(), "cat /var/vrfs/red/usr/var/run/routing.pid");
 }
 
+TEST(RoutingPid, IsTheNumberAtTheStart) {
+  EXPECT_EQ(parse_routing_pid("815"), 815);
+  EXPECT_EQ(parse_routing_pid(" \t\n\v\f\r+815x"), 815);
+  EXPECT_EQ(parse_routing_pid("0000000000000000000000815 4711"), 815);
+  EXPECT_EQ(parse_routing_pid(std::string("81\0005", 4)), 81);  // a C string ends at a NUL byte
+  EXPECT_EQ(parse_routing_pid("0x10"), std::nullopt);
+}
+
+TEST(RoutingPid, IsPositiveAndFitsInAProcessId) {
+  EXPECT_EQ(parse_routing_pid("1"), 1);
+  EXPECT_EQ(parse_routing_pid("2147483647"), 2147483647);
+  for (const char* text : {"2147483648", "4294967297", "9223372036854775807", "9223372036854775808",
+                           "99999999999999999999", "0", "+0", "-0", "-1", "-815",
+                           "-9223372036854775809", "-4294967295"}) {
+    EXPECT_EQ(parse_routing_pid(text), std::nullopt) << text;
+  }
+}
+
+TEST(RoutingPid, IsNotFoundBehindOtherText) {
+  for (const char* text :
+       {"", " ", "\n ", "+", "-", "+ 815", "+-815", "--815", "pid 815", "x815", "\240815"}) {
+    EXPECT_EQ(parse_routing_pid(text), std::nullopt) << text;
+  }
+}
+
 TEST_F(RoutingDaemonTest, FileIsReplacedInPlace) {
   daemon_.write_file("long text");
   daemon_.write_file("short");
