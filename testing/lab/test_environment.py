@@ -39,8 +39,7 @@ def test_interface_is_made_anew(lab, arp):
     link = lab.uplink(1, arp=arp)
     lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
     lb.wait_status("wan1", "active")
-    link.responder.close()
-    lab._closers.remove(link.responder.close)  # pylint: disable=protected-access
+    lab.discard(link.responder)
     lab.ip("link del wan1")
     lb.wait_status("wan1", "failed")
     lab.ip("netns del far1")

@@ -1,5 +1,8 @@
 """The real routing daemon, BIRD 2, in the lab's network namespace, including the files that our daemon writes."""
 
+import os
+import signal
+
 from . import waiting
 
 # The files are named with a pattern, since a missing file would be an error and none exist at first.
@@ -35,6 +38,12 @@ class Bird:
         waiting.wait_until(lambda: lab.exists("run/routing.pid") or self.process.status is not None, 10,
                            "the routing daemon's pid file")
         assert self.process.status is None, self.process.stderr
+
+    def kill(self):
+        """Ends it as a crash does: its routes stay in the kernel, and its pid file goes with the supervisor's clean-up."""
+        self.process.signal(signal.SIGKILL)
+        self.process.wait()
+        os.unlink(self.lab.path("run/routing.pid"))
 
     def log(self):
         return self.lab.read("bird.log")

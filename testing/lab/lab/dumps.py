@@ -1,8 +1,15 @@
-"""Decodes the binary dump files, from the documented offsets and nothing else."""
+"""Decodes the binary dump files, from the documented offsets and nothing else.
 
+Their numbers are in the byte order of the host that the daemon was built for. That is this one, unless
+LB_LAB_BYTE_ORDER ("big" or "little") says that the daemon runs in an emulator of another.
+"""
+
+import os
 import struct
+import sys
 
 OUTBOUND_SIZE, RULE_SIZE, ROUTE_SIZE, TEST_SIZE, MEMBER_SIZE = 4312, 3343, 109, 82, 66
+_ORDER = {"big": ">", "little": "<"}[os.environ.get("LB_LAB_BYTE_ORDER") or sys.byteorder]
 
 
 def _text(data):
@@ -13,14 +20,14 @@ def _text(data):
 
 
 def _int(data, at, kind="i"):
-    return struct.unpack_from("=" + kind, data, at)[0]
+    return struct.unpack_from(_ORDER + kind, data, at)[0]
 
 
 def test_entry(data):
     assert len(data) == TEST_SIZE
     return {"target": _text(data[0:46]), "successes": _int(data, 46), "failures": _int(data, 50),
             "result": data[54], "measured": data[55], "resp_time": data[56], "ipv6": data[57],
-            "measurement": struct.unpack_from("=6i", data, 58)}
+            "measurement": struct.unpack_from(_ORDER + "6i", data, 58)}
 
 
 def outbound(data):

@@ -46,6 +46,11 @@ class Lab:
         self._closers.append(thing.close)
         return thing
 
+    def discard(self, thing):
+        """Closes `thing` now."""
+        self._closers.remove(thing.close)
+        thing.close()
+
     # Files
 
     def write(self, name, text):

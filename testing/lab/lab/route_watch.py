@@ -46,36 +46,37 @@ class RouteWatch:
             if not self.contents or self.contents[-1][1] != text:
                 self.contents.append((time.monotonic(), text))
 
-    def states(self):
-        """[(since when, frozenset of the active interfaces)], from what the daemon logged."""
+    def _wanted(self):
+        """[(since when, text)]: what the states that the daemon logged ask for, one after the other."""
         self._log.settle()
-        active, history = frozenset(), [(0.0, frozenset())]
+        active, wanted = frozenset(), [(0.0, self._explain(frozenset()))]
         for record in list(self._log.records):
             found = _CHANGE.search(record.text)
             if not found or bool(found[1]) != (self._family == 6):
                 continue
             active = active | {found[2]} if found[3] == "active" else active - {found[2]}
-            history.append((record.when, active))
-        return history
+            text = self._explain(active)
+            if text != wanted[-1][1]:
+                wanted.append((record.when, text))
+        return wanted
 
     def verify(self):
-        """Every text so far was asked for by a state of its time, and none stayed when the states had moved on."""
+        """Every text so far was asked for by a state of its time, and none stayed when the states had moved on.
+
+        Returns how many texts the file has had.
+        """
         now, lag = time.monotonic(), waiting.scaled(_LAG)
-        contents, states = list(self.contents), self.states()
-        for index, (since, text) in enumerate(contents):
-            until = contents[index + 1][0] if index + 1 < len(contents) else now
+        contents, wanted = list(self.contents), self._wanted()
+        ends = [since for since, _ in wanted[1:]] + [now]
+        for (since, text), until in zip(contents, [when for when, _ in contents[1:]] + [now]):
             if text == "" and until - since < waiting.scaled(_INSTANT):
                 continue
-            near = [active for place, (when, active) in enumerate(states)
-                    if when <= until and (place + 1 == len(states) or states[place + 1][0] >= since - lag)]
-            assert text in map(self._explain, near), (
-                f"for {until - since:.3f} s the route file was\n{text}\nwhich none of these states asks for: "
-                f"{list(map(sorted, near))}")
-            for place, (when, active) in enumerate(states):
-                end = min(until, states[place + 1][0] if place + 1 < len(states) else now)
-                if end - max(when, since) > lag:
-                    assert text == self._explain(active), (
-                        f"with {sorted(active)} active for {end - when:.1f} s the route file was still\n{text}")
+            near = [asked for (when, asked), end in zip(wanted, ends) if when <= until and end >= since - lag]
+            assert text in near, (f"for {until - since:.3f} s the route file was\n{text}\nbut it was to be one of\n"
+                                  + "\n".join(near))
+            for (when, asked), end in zip(wanted, ends):
+                overlap = min(until, end) - max(when, since)
+                assert overlap <= lag or text == asked, f"for {overlap:.1f} s the route file was\n{text}\nnot\n{asked}"
         return len(contents)
 
     def close(self):

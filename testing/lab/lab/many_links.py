@@ -1,0 +1,81 @@
+"""Many uplinks to one far namespace whose kernel answers, and what can be done to them in one stroke.
+
+    router wanNN 10.N.0.2 / fd00:N::2 ---- fNN 10.N.0.1 / fd00:N::1   far
+"""
+
+
+class Strand:
+    """One link. `arp` False: neither side resolves, and both have the same hardware address."""
+
+    def __init__(self, number, ipv6=False, arp=True):
+        self.number, self.ipv6, self.arp = number, ipv6, arp
+        self.name, self.far_name = f"wan{number:02}", f"f{number:02}"
+        self.address, self.gateway4 = f"10.{number}.0.2", f"10.{number}.0.1"
+        self.address6, self.gateway6 = f"fd00:{number:x}::2", f"fd00:{number:x}::1"
+        self.gateway = self.gateway6 if ipv6 else self.gateway4
+        self.far_mac = f"02:00:00:00:{number:02x}:01"
+        self.mac = f"02:00:00:00:{number:02x}:02" if arp else self.far_mac
+        self.family = 6 if ipv6 else 4
+
+
+class ManyLinks:
+    """Operations take strands, any number of them, and touch all at once."""
+
+    def __init__(self, lab, strands, far="far"):
+        self.lab, self.far, self.strands = lab, far, list(strands)
+        lab.add_netns(far)
+        for netns in (None, far):
+            # A link that goes down and up again keeps what an administrator gave it.
+            lab.sysctl(*[f"net.ipv6.conf.{scope}.keep_addr_on_down=1" for scope in ("all", "default")], netns=netns)
+        lab.nft("table inet cut {\nset quiet {\ntype ifname\n}\nchain receive {\n"
+                "type filter hook prerouting priority -300;\niifname @quiet drop\n}\n}", netns=far)
+        self.create(*self.strands)
+
+    def create(self, *strands):
+        near, far = [], []
+        for strand in strands:
+            near.append(f"link add {strand.name} address {strand.mac} type veth peer name {strand.far_name} "
+                        f"address {strand.far_mac} netns {self.far}")
+            self._prepare(near, strand.name, strand, strand.address, strand.address6)
+            self._prepare(far, strand.far_name, strand, strand.gateway4, strand.gateway6)
+        self.lab.ip(*near, "link set lo up")
+        self.lab.ip(*far, "link set lo up", netns=self.far)
+
+    @staticmethod
+    def _prepare(lines, name, strand, address, address6):
+        lines.append(f"addr add {address}/24 dev {name}")
+        if strand.ipv6:
+            lines.append(f"addr add {address6}/64 dev {name} nodad")
+        lines.append(f"link set {name} {'' if strand.arp else 'arp off '}up")
+
+    def remove(self, *strands):
+        self.lab.ip(*[f"link del {strand.name}" for strand in strands], "link set lo up")
+
+    def near(self, state, *strands):
+        """state: "up" or "down"."""
+        self.lab.ip(*[f"link set {strand.name} {state}" for strand in strands], "link set lo up")
+
+    def far_side(self, state, *strands):
+        self.lab.ip(*[f"link set {strand.far_name} {state}" for strand in strands], "link set lo up", netns=self.far)
+
+    def silence(self, *strands):
+        """The far end hears nothing more; the links stay up."""
+        self._quiet("add", strands)
+
+    def restore(self, *strands):
+        self._quiet("delete", strands)
+
+    def _quiet(self, verb, strands):
+        names = ", ".join(f'"{strand.far_name}"' for strand in strands)
+        self.lab.nft(f"{verb} element inet cut quiet {{ {names} }}", netns=self.far)
+
+    def sniffer(self, strand):
+        return self.lab.sniffer(strand.far_name, self.far)
+
+
+def state_changes(lab, name, ipv6=False, since=0):
+    """["inactive", "active", ...]: what the daemon logged of one interface."""
+    prefix = f"IP{'v6' if ipv6 else ''} interface {name} changed state to "
+    return [record.text.split(prefix)[1] for record in lab.log.matching(f"{prefix}(active|inactive)$", since)]
+
+
