@@ -11,6 +11,7 @@
 // targets. Everything else belongs to the worker.
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 #include <map>
 #include <memory>
@@ -31,10 +32,14 @@ class WatchedTargets {
  public:
   using Map = std::map<std::string, std::string>;
 
+  // Of addresses that nobody watches, at most this many are noted: whoever is on the wire can send
+  // answers from any number of addresses, and must not be able to spend the memory.
+  static constexpr size_t kMostUnwatched = 4096;
+
   void watch(const std::string& target, const std::string& ifname) LB_EXCLUDES(mutex_);
 
   // The interface of `address`; empty for one that is not watched, which gains an entry with an
-  // empty name.
+  // empty name while there are fewer than kMostUnwatched of them.
   std::string interface_of(const std::string& address) LB_EXCLUDES(mutex_);
 
   Map snapshot() const LB_EXCLUDES(mutex_);
@@ -42,6 +47,7 @@ class WatchedTargets {
  private:
   mutable Mutex mutex_;
   Map _targets LB_GUARDED_BY(mutex_);
+  size_t unwatched_ LB_GUARDED_BY(mutex_) = 0;  // entries with an empty name
 };
 
 // What the two protocols do differently; specialised beside each prober with
