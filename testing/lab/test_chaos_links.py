@@ -220,8 +220,10 @@ def test_addresses_removed_and_given_back(lab):
     """IPv4 on both paths: no address, no request. IPv6: the source is the link-local address."""
     touched = [Strand(1), Strand(2, arp=False), Strand(3, ipv6=True)]
     control = [Strand(4), Strand(5, ipv6=True)]
-    links = ManyLinks(lab, touched + control)
-    watched = Watched(lab, links.strands)
+    ManyLinks(lab, touched[::2] + control)
+    # The kernel lends a raw request the address of another link; this far end knows no way back to that.
+    ManyLinks(lab, [touched[1]], far="far2")
+    watched = Watched(lab, touched + control)
     link_local = {strand: f"fe80::ff:fe00:{strand.number:x}02/64" for strand in touched if strand.ipv6}
     for _ in range(3):
         lab.ip(*[f"addr del {link_local.get(strand, strand.address + '/24')} dev {strand.name}" for strand in touched],
@@ -345,11 +347,12 @@ def test_neighbour_tables_flushed(lab):
             lab.ip(*[f"neigh flush dev {strand.name}" for strand in strands if strand.family == family])
     watched.lb.wait_cycles(2)
     watched.lb.wait_cycles(2, family=6)
-    assert len(capture.select(sniffer.is_arp_request)) >= 5
+    # Not each time: a request of the far end teaches the kernel too.
+    assert len(capture.select(sniffer.is_arp_request)) >= 2
     watched.finish([], 0)
     # A flush between an answer and the look at it costs that probe.
     for _ in range(100):
-        lab.ip(f"neigh flush dev {strands[0].name}", f"-6 neigh flush dev {strands[2].name}")
+        lab.ip(f"neigh flush dev {strands[0].name}", f"neigh flush dev {strands[2].name}")
     watched.settle()
     for strand in (strands[1], strands[3]):
         assert watched.changes(strand) == START
