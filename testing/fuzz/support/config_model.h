@@ -1,0 +1,169 @@
+// A configuration model as text, in the form that the reader takes: the same model gives the same
+// text.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "config/lb_config.h"
+#include "support/property.h"
+#include "tests/lb_test.h"
+#include "tests/test_factory.h"
+
+// Makes the daemon's own tests and notes what the reader tells them.
+class RecordingFactory : public TestFactory {
+ public:
+  std::shared_ptr<LBTest> create(std::string_view type) const override {
+    return note(real_.create(type), type);
+  }
+  std::shared_ptr<LBTest6> create6(std::string_view type) const override {
+    return note(real_.create6(type), type);
+  }
+  TestSettings& settings(LBTest& test) const override { return records_.at(&test); }
+  TestSettings& settings(LBTest6& test) const override { return records_.at(&test); }
+
+  // The test shows what it was told.
+  void check(const HealthTest& test) const {
+    const Record& record = records_.at(&test);
+    const TestReport report = test.report();
+    HOLDS(report.target == record.target);
+    HOLDS(report.result == kResultNone && !report.measurement);
+    const auto resp_time = record.numbers.find(TestKeyword::kResponseTime);
+    HOLDS(report.resp_time ==
+          (resp_time == record.numbers.end() ? 5000 : static_cast<int32_t>(resp_time->second)));
+  }
+
+  std::string text(const HealthTest& test) const {
+    static const std::map<TestKeyword, const char*> kWords = {
+        {TestKeyword::kResponseTime, "resp-time"},
+        {TestKeyword::kPeriod, "period"},
+        {TestKeyword::kTimeout, "timeout"},
+        {TestKeyword::kCount, "count"},
+        {TestKeyword::kLoss, "loss"},
+        {TestKeyword::kRtt, "rtt"},
+        {TestKeyword::kJitter, "jitter"}};
+    const Record& record = records_.at(&test);
+    std::string text = "type " + record.type + "\n";
+    if (!record.target.empty()) text += "target \"" + record.target + "\"\n";
+    for (const auto& [keyword, value] : record.numbers) {
+      text += std::string(kWords.at(keyword)) + " " + std::to_string(value) + "\n";
+    }
+    return text;
+  }
+
+ private:
+  struct Record : TestSettings {
+    Record(TestSettings& test, std::string_view test_type) : real(test), type(test_type) {}
+    void set_target(const std::string& value) override {
+      real.set_target(value);
+      target = value;
+    }
+    void set_number(TestKeyword keyword, uint32_t value) override {
+      real.set_number(keyword, value);
+      numbers[keyword] = value;
+    }
+
+    TestSettings& real;
+    std::string type;
+    std::string target;
+    std::map<TestKeyword, uint32_t> numbers;
+  };
+
+  // A test that the reader did not keep may leave its address to the next one.
+  template <class Test>
+  std::shared_ptr<Test> note(std::shared_ptr<Test> test, std::string_view type) const {
+    if (test == nullptr) return nullptr;
+    records_.erase(test.get());
+    records_.emplace(std::piecewise_construct, std::forward_as_tuple(test.get()),
+                     std::forward_as_tuple(*test, type));
+    return test;
+  }
+
+  LBTestFactory real_;
+  mutable std::map<const HealthTest*, Record> records_;
+};
+
+// The model's text; without a factory the tests are only named.
+inline std::string config_text(const LBConfig& config, const RecordingFactory* factory) {
+  const auto line = [](const std::string& keyword, const std::string& value) {
+    return keyword + " \"" + value + "\"";
+  };
+  std::string text = "health {\n";
+  for (const bool ipv6 : {false, true}) {
+    for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
+      text += line(ipv6 ? "interface6" : "interface", name) + " {\n";
+      text += "success-ct " + std::to_string(interface.success_ct) + "\n";
+      text += "failure-ct " + std::to_string(interface.failure_ct) + "\n";
+      text += line("nexthop", interface.nexthop) + "\n";
+      text += line("source_address", interface.source_address) + "\n";
+      text += line("namespace", interface.vrf) + "\n";
+      text += line("origin", interface.origin) + "\n";
+      if (interface.check_all) text += "check_all\n";
+      const auto add_tests = [&](const auto& tests) {
+        for (const auto& [index, test] : tests) {
+          text += "test " + std::to_string(index) + " {\n";
+          text += factory == nullptr ? test->type_name() : factory->text(*test);
+          text += "\n}\n";
+        }
+      };
+      add_tests(interface.tests);
+      add_tests(interface.tests6);
+      text += "}\n";
+    }
+  }
+  text += "}\n";
+  for (const auto& [name, rule] : config.rules) {
+    text += line("rule", name) + " {\n";
+    text += line("namespace", rule.vrf) + "\n";
+    if (rule.failover != 0) text += "failover\n";
+    for (const auto& [member, settings] : rule.members) {
+      text += line(settings.ipv6 ? "interface6" : "interface", member) + " {\n";
+      if (settings.weight != 0) text += "weight " + std::to_string(settings.weight) + "\n";
+      text += "}\n";
+    }
+    for (const auto& [prefix, target] : rule.targets) {
+      text += "target {\n" + line("address", prefix) + "\n";
+      text += "metric " + std::to_string(target.metric) + "\n}\n";
+    }
+    text += "}\n";
+  }
+  return text;
+}
+
+// False where a text of the model cannot be written as one value: it would not fit in a line, or it
+// has a word that is a bracket.
+inline bool is_writable(const LBConfig& config) {
+  const auto fits = [](const std::string& text) {
+    if (text.size() > 900) return false;
+    const std::string words = "~" + text + "~";
+    for (size_t i = 1; i + 1 < words.size(); ++i) {
+      const auto separates = [](char c) { return c == ' ' || c == '\t' || c == '~'; };
+      const bool bracket = words[i] == '{' || words[i] == '}';
+      if (bracket && separates(words[i - 1]) && separates(words[i + 1])) return false;
+    }
+    return true;
+  };
+  for (const bool ipv6 : {false, true}) {
+    for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
+      bool all_fit = fits(name) && fits(interface.nexthop) && fits(interface.source_address) &&
+                     fits(interface.vrf) && fits(interface.origin);
+      for_each_test(interface, [&](const HealthTest& test) {
+        all_fit = all_fit && fits(test.report().target);
+      });
+      if (!all_fit) return false;
+    }
+  }
+  for (const auto& [name, rule] : config.rules) {
+    if (!fits(name) || !fits(rule.vrf)) return false;
+    for (const auto& [member, settings] : rule.members) {
+      if (!fits(member)) return false;
+    }
+    for (const auto& [prefix, target] : rule.targets) {
+      if (!fits(prefix)) return false;
+    }
+  }
+  return true;
+}
