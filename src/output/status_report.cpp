@@ -9,9 +9,10 @@ constexpr uint32_t kMinute = 60;
 constexpr uint32_t kHour = 60 * kMinute;
 constexpr uint32_t kDay = 24 * kHour;
 
-// "Sun Nov 15 09:17:08 2026" and a newline, in local time.
+// "Sun Nov 15 09:17:08 2026" and a newline, in local time. Like the ages, the stamp is read without
+// a sign, so that it is right from 2038 on too.
 std::string date_line(int32_t seconds) {
-  const time_t time = seconds;
+  const time_t time = static_cast<uint32_t>(seconds);
   std::array<char, 64> text;
   return ctime_r(&time, text.data()) == nullptr ? "\n" : text.data();
 }

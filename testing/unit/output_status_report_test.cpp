@@ -89,6 +89,11 @@ TEST_F(InterfaceBlock, DateIsLocalTime) {
   EXPECT_EQ(line("  Last Status"), "  Last Status Change:  Wed Nov 15 00:13:20 2023");
 }
 
+TEST_F(InterfaceBlock, DateIsRightBehind2038) {
+  snapshot_.state.last_state_change = static_cast<int32_t>(4102444800U);
+  EXPECT_EQ(line("  Last Status"), "  Last Status Change:  Fri Jan  1 00:00:00 2100");
+}
+
 TEST_F(InterfaceBlock, NameIsTheConfiguredOne) {
   interface_.origin = "eth9";
   EXPECT_EQ(line("Interface:"), "Interface:  eth0");
