@@ -45,7 +45,7 @@ std::optional<int> small_number(const std::string& word) {
 
 // False for a line that is no flag.
 bool apply_line(const std::string& line, Flags& flags) {
-  if (line.size() > 254) return false;
+  if (line.size() > 254 || line.find('\0') != std::string::npos) return false;
   const std::vector<std::string> words = words_of(line);
   if (words.empty()) return true;
   if (words.size() != 2) return false;

@@ -119,6 +119,24 @@ TEST_F(LogFlagsTest, LongLineIsBadAndTheNextOneCounts) {
   EXPECT_TRUE(flags_.wanted(34, 3));
 }
 
+// Found by fuzzing: such a line took the next one with it.
+TEST_F(LogFlagsTest, LineWithANulByteIsBadAndTheNextOneCounts) {
+  using namespace std::string_literals;
+  EXPECT_THAT(refresh("34 0\0\n34 3\n35 0 # \0"s),
+              ElementsAre(EndsWith(":1: the line has a NUL byte"),
+                          EndsWith(":3: the line has a NUL byte")));
+  EXPECT_TRUE(flags_.wanted(34, 3));
+  EXPECT_TRUE(flags_.wanted(35, 2));
+}
+
+TEST_F(LogFlagsTest, LineOf254CharactersIsNotTooLong) {
+  const std::string line = "34 3" + std::string(250, ' ');
+  EXPECT_THAT(refresh(line + "\n" + line), IsEmpty());
+  EXPECT_THAT(
+      refresh(line + " \n" + line + " "),
+      ElementsAre(EndsWith(":1: the line is too long"), EndsWith(":2: the line is too long")));
+}
+
 TEST_F(LogFlagsTest, LastLineNeedsNoNewline) {
   EXPECT_THAT(refresh("34 3"), IsEmpty());
   EXPECT_TRUE(flags_.wanted(34, 3));

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <sstream>
 
@@ -12,10 +11,22 @@ constexpr long kLookEveryMilliseconds = 250;
 
 // A file of flags has a handful of lines. One that is wildly larger is not read to its end.
 constexpr int kMaxLines = 1000;
+constexpr size_t kMaxLine = 254;
 constexpr size_t kMaxProblems = 20;
 
 long milliseconds_between(timespec from, timespec to) {
   return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
+}
+
+// Reads the next line, without its newline. Of one that is too long no more is kept than tells that
+// it is. False at the end of the file.
+bool read_line(FILE* file, std::string& line) {
+  line.clear();
+  int c;
+  while ((c = fgetc(file)) != EOF && c != '\n') {
+    if (line.size() <= kMaxLine) line += static_cast<char>(c);
+  }
+  return c != EOF || !line.empty();
 }
 
 bool same_time(timespec a, timespec b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
@@ -54,17 +65,15 @@ std::vector<std::string> LogFlags::read() {
     return {path_ + ": cannot be opened: " + std::generic_category().message(errno)};
 
   std::vector<std::string> problems;
-  char line[256];
-  int number = 0;
-  while (fgets(line, sizeof(line), file.get()) != nullptr && number < kMaxLines) {
-    ++number;
-    const size_t length = strcspn(line, "\n");
+  std::string line;
+  for (int number = 1; number <= kMaxLines && read_line(file.get(), line); ++number) {
     std::string problem;
-    if (line[length] == '\0' && !feof(file.get())) {
+    if (line.size() > kMaxLine) {
       problem = "the line is too long";
-      for (int c = 0; c != EOF && c != '\n';) c = fgetc(file.get());
+    } else if (line.find('\0') != std::string::npos) {
+      problem = "the line has a NUL byte";
     } else {
-      problem = apply(std::string_view(line, length));
+      problem = apply(line);
     }
     if (!problem.empty() && problems.size() < kMaxProblems) {
       problems.push_back(path_ + ":" + std::to_string(number) + ": " + problem);
