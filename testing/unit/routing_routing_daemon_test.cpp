@@ -95,6 +95,23 @@ TEST_F(RoutingDaemonTest, EmptyPidFileIsADebugMessageToo) {
               ElementsAre(LoggedDebug("LBDecision::run() can't execute '" + pid_command() + "'")));
 }
 
+TEST_F(RoutingDaemonTest, PidFileWithoutEndIsLeftSoon) {
+  std::filesystem::remove(directory_.file("var/run/routing.pid"));
+  std::filesystem::create_symlink("/dev/zero", directory_.file("var/run/routing.pid"));
+  daemon_.reload();
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: '" + pid_command() +
+                                      "' gives no process id, routing daemon not signalled")));
+  EXPECT_EQ(commands_.size(), 2u);
+}
+
+TEST_F(RoutingDaemonTest, LongPidFileCountsFromItsStart) {
+  use_pid_file(std::string(10000, ' ') + "815\n" + std::string(1 << 20, 'x'));
+  daemon_.reload();
+  EXPECT_THAT(kills_, ElementsAre(Pair(815, SIGHUP)));
+}
+
 TEST_F(RoutingDaemonTest, DebugMessageIsBehindItsFlag) {
   set_log_flag(3, false);
   use_pid_file("");
