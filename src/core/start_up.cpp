@@ -1,6 +1,7 @@
 #include "core/start_up.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -33,7 +34,7 @@ void detach_from_terminal() {
   }
   for (const int fd : {0, 1, 2}) close(fd);
   if (open("/dev/null", O_RDONLY) == 0) {
-    if (open("/dev/null", O_WRONLY) == 1) dup(1);
+    if (open("/dev/null", O_WRONLY) == 1) open("/dev/null", O_WRONLY);
   }
 }
 
@@ -44,6 +45,10 @@ void raise_descriptor_limit() {
   limit.rlim_cur = limit.rlim_max;
   setrlimit(RLIMIT_NOFILE, &limit);
 }
+
+// Left to itself the allocator learns to keep large blocks once one was freed, in each thread's
+// arena: one huge lease file would cost its memory for good.
+void return_large_blocks() { mallopt(M_MMAP_THRESHOLD, 256 * 1024); }
 
 // Starts the VRF threads and waits for them, for the life of the process.
 void run_vrfs(LBDaemon& daemon) {
@@ -83,6 +88,7 @@ int run_daemon(int argc, char** argv) {
   if (line.daemonise) detach_from_terminal();
   if (!line.pid_path.empty()) write_pid_file(line.pid_path);
   raise_descriptor_limit();
+  return_large_blocks();
 
   // A plain pointer: an output mutex that cannot be destroyed ends the thread, and the unwinding of
   // that must not meet a smart pointer's noexcept. Static, so that it is no leak where it stays.
