@@ -94,7 +94,9 @@ FAILING = [
     Fault("IPv4 echo silent", one_family_silent(4), (4,), _has_responder),
     Fault("IPv6 echo silent", one_family_silent(6), (6,), lambda number: _has_responder(number) and number != RAW),
     Fault("answers come too late", answers_come_too_late, (4, 6), _has_responder),
-    Fault("link down", link_down, (4, 6)),
+    # A solicitation that cannot even leave costs the VRF its sending socket for good, by design: where there is IPv6,
+    # nobody takes a link down but by its carrier.
+    Fault("link down", link_down, (4,), lambda number: number == RAW),
     Fault("carrier lost", carrier_lost, (4, 6)),
     Fault("link replaced", link_replaced, (4, 6)),
 ]

@@ -30,11 +30,9 @@ class Router:
         self.watches = []
         self._answered_before = 0  # probes that went to far ends that are gone
         lab.write("etc/wan_lb/log-flags", "34 3\n")
-        lab.sysctl("net.ipv6.conf.all.keep_addr_on_down=1")
         for vrf in VRFS:
             if vrf != "default":
                 lab.add_netns(vrf)
-                lab.sysctl("net.ipv6.conf.all.keep_addr_on_down=1", netns=vrf)
                 os.makedirs(lab.path(self.route_directory(vrf)))
         self.links = {number: self._uplink(number) for numbers in VRFS.values() for number in numbers}
         lab.write("var_db/dhclient_wan3.leases", LEASE.format(self.links[DHCP].gateway))
@@ -57,8 +55,11 @@ class Router:
 
     def _uplink(self, number):
         vrf = self.vrf_of(number)
-        return self.lab.uplink(number, vrf=None if vrf == "default" else vrf, arp=number != RAW, ipv6=number != RAW,
+        link = self.lab.uplink(number, vrf=None if vrf == "default" else vrf, arp=number != RAW, ipv6=number != RAW,
                                far_end="kernel" if number in KERNEL else "responder")
+        for netns in (link.vrf, link.far):
+            self.lab.sysctl("net.ipv6.conf.all.keep_addr_on_down=1", netns=netns)
+        return link
 
     # What happens to links
 
