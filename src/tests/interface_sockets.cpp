@@ -11,6 +11,7 @@
 #include "tests/packet_socket.h"
 #include "tests/packets/ethernet.h"
 #include "tests/packets/ip_headers.h"
+#include "tests/receive_queue.h"
 
 namespace {
 
@@ -71,6 +72,8 @@ void open_sockets(InterfaceSockets& sockets) {
     LOG_ERROR("wan_lb: failed to acquired socket");
     return;
   }
+  enlarge_receive_queue(sockets.recv_socket.get());
+  refuse_foreign_messages<Family>(sockets.recv_socket.get());
   if (sockets.mutex.init_result() != 0) LOG_ERROR("wan_lb: error mutex initialization");
 }
 

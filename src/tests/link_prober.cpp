@@ -17,6 +17,7 @@
 #include "tests/mutex_failure.h"
 #include "tests/neighbor_prober.h"
 #include "tests/packet_socket.h"
+#include "tests/receive_queue.h"
 
 void WatchedTargets::watch(const std::string& target, const std::string& ifname) {
   MutexLock lock(mutex_);
@@ -183,6 +184,7 @@ void* LinkProber<Family>::receive(void* argument) {
     if (Protocol::kUnlockWithoutSocket) unlock(*own->mutex, Protocol::kReceiver);
     return nullptr;
   }
+  enlarge_receive_queue(fd.get());
   if (unlock(*own->mutex, Protocol::kReceiver) != 0) return nullptr;
   receive_frames(fd.get(), *own->targets);
   return nullptr;

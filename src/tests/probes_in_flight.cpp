@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr int32_t kKeyModulus = 32767;
+constexpr int32_t kKeyModulus = kLargestProbeKey + 1;
 
 int64_t whole_milliseconds(const timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;

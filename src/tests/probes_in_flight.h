@@ -16,6 +16,9 @@
 inline constexpr int32_t kProbeWaiting = -2;
 inline constexpr int32_t kProbeAnswered = 0;
 
+// Keys run from 0 to this.
+inline constexpr int32_t kLargestProbeKey = 32766;
+
 struct PendingProbe {
   std::string ifname;  // Linux name of the interface that the probe left by
   int32_t state = kProbeWaiting;

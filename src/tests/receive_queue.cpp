@@ -1,0 +1,70 @@
+#include "tests/receive_queue.h"
+
+#include <linux/filter.h>
+#include <sys/socket.h>
+
+#include <cstddef>
+#include <iterator>
+
+#include "config/family.h"
+#include "tests/packets/icmp_echo.h"
+#include "tests/packets/ip_headers.h"
+#include "tests/probes_in_flight.h"
+
+namespace {
+
+// The kernel counts about 800 bytes for a small packet and doubles this: half a second of ten
+// thousand packets a second.
+constexpr int kQueueSize = 2 << 20;
+
+// A load beyond the end of a packet refuses it.
+constexpr size_t kKeyOffset4 = sizeof(Ipv4Header) + offsetof(IcmpEcho, key);
+constexpr size_t kTypeOffset6 = offsetof(IcmpEcho, type);
+constexpr size_t kKeyOffset6 = offsetof(IcmpEcho, key);
+
+// IPv4: with the IP header. Any type, since a burst takes any.
+sock_filter keys_of_probes4[] = {
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset4),
+    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),
+    BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
+    BPF_STMT(BPF_RET | BPF_K, 0),
+};
+
+// IPv6: without a header, echo replies only.
+sock_filter keys_of_probes6[] = {
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kTypeOffset6),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kIcmp6EchoReply, 0, 3),
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset6),
+    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),
+    BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
+    BPF_STMT(BPF_RET | BPF_K, 0),
+};
+
+template <class Family>
+sock_fprog keys_of_probes();
+
+template <>
+sock_fprog keys_of_probes<Ipv4>() {
+  return {std::size(keys_of_probes4), keys_of_probes4};
+}
+
+template <>
+sock_fprog keys_of_probes<Ipv6>() {
+  return {std::size(keys_of_probes6), keys_of_probes6};
+}
+
+}  // namespace
+
+void enlarge_receive_queue(int fd) {
+  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kQueueSize, sizeof(kQueueSize)) == 0) return;
+  setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kQueueSize, sizeof(kQueueSize));
+}
+
+template <class Family>
+void refuse_foreign_messages(int fd) {
+  const sock_fprog program = keys_of_probes<Family>();
+  setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+}
+
+template void refuse_foreign_messages<Ipv4>(int fd);
+template void refuse_foreign_messages<Ipv6>(int fd);

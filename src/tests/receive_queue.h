@@ -1,0 +1,16 @@
+// What the kernel keeps for a receiving socket until a thread reads it.
+//
+// A raw ICMP socket gets every such message of its namespace, a packet socket every frame of its
+// type: whoever is on the wire decides how full a queue gets. A reply that finds it full is lost,
+// and with it a link would count as dead.
+#pragma once
+
+// Gives the socket room for some thousand small packets. The system's limit is passed where the
+// process may do that, and holds otherwise.
+void enlarge_receive_queue(int fd);
+
+// Keeps messages away from a raw ICMP socket that carry no probe key where a reply has it: they
+// could be no reply to any test. Without the filter they cost time and room only, so a refusal is
+// no failure.
+template <class Family>
+void refuse_foreign_messages(int fd);
