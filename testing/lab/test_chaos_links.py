@@ -12,7 +12,7 @@ import socket
 from lab import configtext, responder, sniffer, waiting
 from lab.configtext import interface, ping, ping_ext, route_file, rule
 from lab.growth import Growth
-from lab.many_links import ManyLinks, Strand, state_changes
+from lab.many_links import ManyLinks, Strand, explained_by, state_changes
 from lab.route_watch import RouteWatch
 
 START = ["inactive", "active"]
@@ -44,18 +44,11 @@ class Watched:
     def __init__(self, lab, strands, tests=None):
         self.lab, self.strands = lab, list(strands)
         families = sorted({strand.family for strand in strands})
-        self.routes = [RouteWatch(lab, f"usr_etc/routing-wlb{6 if family == 6 else ''}.conf",
-                                  lambda active, family=family: self.explain(active, family), family)
-                       for family in families]
+        self.routes = [RouteWatch(lab, f"usr_etc/routing-wlb{6 if family == 6 else ''}.conf", explained_by(
+            [strand for strand in self.strands if strand.family == family], family), family) for family in families]
         self.lb = lab.start_lb(config(strands, tests))
         self.wait("active", *strands)
         self.growth = Growth(lab, self.lb)
-
-    def explain(self, active, family):
-        via = "".join(f" via {strand.gateway} weight 1" for strand in sorted(self.strands, key=lambda one: one.name)
-                      if strand.name in active and strand.family == family)
-        prefix = "::/0" if family == 6 else "0.0.0.0/0"
-        return route_file(f"route {prefix}{via};", ipv6=family == 6) if via else ""
 
     def wait(self, status, *strands, timeout=30):
         for family in (4, 6):
@@ -268,27 +261,24 @@ def test_hardware_address_changes_silently(lab):
     """The kernel's entry is taken as it is: nobody asks again until the kernel's own traffic finds the entry wrong."""
     touched, control = [Strand(1), Strand(2, ipv6=True)], [Strand(3), Strand(4, ipv6=True)]
     links = ManyLinks(lab, touched + control)
-    for strand in touched:
-        # The kernel is to doubt an entry soon, and to find out soon.
-        lab.sysctl(*[f"net.ipv{strand.family}.neigh.{strand.name}.{setting}" for setting in
-                     ("delay_first_probe_time=1", "ucast_solicit=1", "retrans_time_ms=200",
-                      "base_reachable_time_ms=1000")])
-        # The far end's own solicitations would tell.
-        lab.sysctl(f"net.ipv{strand.family}.neigh.{strand.far_name}.base_reachable_time_ms=3600000",
-                   f"net.ipv{strand.family}.neigh.{strand.far_name}.gc_stale_time=3600", netns=links.far)
-        lab.ip(f"neigh replace {strand.gateway} lladdr {strand.far_mac} dev {strand.name} nud stale")
     near_addresses = {touched[0]: [touched[0].address], touched[1]: [touched[1].address6, "fe80::ff:fe00:202"]}
     watched = Watched(lab, links.strands)
     for strand in touched:
+        # Once the kernel uses an entry, it is to doubt it soon and to find out soon.
+        lab.sysctl(*[f"net.ipv{strand.family}.neigh.{strand.name}.{setting}" for setting in
+                     ("delay_first_probe_time=1", "ucast_solicit=1", "retrans_time_ms=200")])
+        lab.ip(f"link set {strand.far_name} address 02:00:00:77:{strand.number:02x}:01", netns=links.far)
+        # The far end's own questions would tell the new address.
         for address in near_addresses[strand]:
             lab.ip(f"neigh replace {address} lladdr {strand.mac} dev {strand.far_name} nud permanent", netns=links.far)
-        lab.ip(f"link set {strand.far_name} address 02:00:00:77:{strand.number:02x}:01", netns=links.far)
+        lab.ip(f"neigh replace {strand.gateway} lladdr {strand.far_mac} dev {strand.name} nud stale")
     watched.wait("failed", *touched)
     captures = [links.sniffer(strand) for strand in touched]
     watched.lb.wait_cycles(3)
     watched.lb.wait_cycles(3, family=6)
     for capture in captures:
-        assert not capture.select(lambda frame: sniffer.is_arp_request(frame) or sniffer.is_solicitation(frame))
+        asked = capture.select(lambda frame: sniffer.is_arp_request(frame) or sniffer.is_solicitation(frame))
+        assert not asked, capture.frames
     assert set(watched.lb.statuses().values()) == set(watched.lb.statuses(6).values()) == {"active", "failed"}
     for strand in touched:
         family = socket.AF_INET6 if strand.ipv6 else socket.AF_INET

@@ -3,6 +3,8 @@
     router wanNN 10.N.0.2 / fd00:N::2 ---- fNN 10.N.0.1 / fd00:N::1   far
 """
 
+from .configtext import route_file
+
 
 class Strand:
     """One link. `arp` False: neither side resolves, and both have the same hardware address."""
@@ -71,6 +73,19 @@ class ManyLinks:
 
     def sniffer(self, strand):
         return self.lab.sniffer(strand.far_name, self.far)
+
+
+def explained_by(strands, family):
+    """For RouteWatch: the file of one rule over those links, each with weight 1, by what is active of them."""
+    ordered = sorted(strands, key=lambda strand: strand.name)
+    prefix = "::/0" if family == 6 else "0.0.0.0/0"
+
+    def explain(active):
+        via = "".join(f" via {strand.gateway6 if family == 6 else strand.gateway4} weight 1" for strand in ordered
+                      if strand.name in active)
+        return route_file(f"route {prefix}{via};", ipv6=family == 6) if via else ""
+
+    return explain
 
 
 def state_changes(lab, name, ipv6=False, since=0):

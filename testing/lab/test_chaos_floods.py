@@ -1,0 +1,276 @@
+"""Hostile neighbours: floods of frames, and a thousand answers to one question.
+
+    router wan1 10.1.0.2 / fd00:1::2 ---- f01 far: 10.1.0.1 / fd00:1::1 and a process that sends floods
+           wan2 ... wan5             ---- f02 ... f05: never flooded, but every raw socket of the namespace hears all
+"""
+
+import fcntl
+import json
+import os
+import tempfile
+
+import pytest
+
+from lab import configtext, daemon, flood, sniffer, waiting
+from lab.configtext import interface, ping, ping_ext, rule
+from lab.growth import Growth
+from lab.many_links import ManyLinks, Strand, explained_by, state_changes
+from lab.route_watch import RouteWatch
+
+PLAIN = not daemon.has_sanitizer(daemon.program())
+# A sanitizer makes a frame some ten times as dear to the daemon.
+RATE = 10000 if PLAIN else 1500
+START = ["inactive", "active"]
+
+
+class Flooded:
+    """Five links and a daemon that probes them in every way; floods come in by the first."""
+
+    def __init__(self, lab, turns):
+        self.lab, self.turns = lab, turns
+        frame, control, burst, raw, raw_burst = [Strand(1, ipv6=True), Strand(2, ipv6=True), Strand(3),
+                                                 Strand(4, arp=False), Strand(5, arp=False)]
+        self.first, self.control = frame, control
+        self.links = ManyLinks(lab, [frame, control, burst, raw, raw_burst])
+        blocks = [interface(strand.name, [self._test(strand, strand in (burst, raw_burst))], success_ct=1,
+                            nexthop=strand.gateway4) for strand in self.links.strands]
+        blocks += [interface(strand.name, [ping(strand.gateway6, resp_time=900)], ipv6=True, success_ct=1,
+                             nexthop=strand.gateway6) for strand in (frame, control)]
+        both = [frame, control]
+        self.routes = [RouteWatch(lab, "usr_etc/routing-wlb.conf", explained_by(self.links.strands, 4)),
+                       RouteWatch(lab, "usr_etc/routing-wlb6.conf", explained_by(both, 6), 6)]
+        self.lb = lab.start_lb(configtext.build(blocks, [
+            rule("1_ipv4", {strand.name: 1 for strand in self.links.strands}, {"0.0.0.0/0": None}),
+            rule("1_ipv6", {strand.name: 1 for strand in (frame, control)}, {"::/0": None})]))
+        self.watched = [(strand.name, 4) for strand in self.links.strands] + [(frame.name, 6), (control.name, 6)]
+        for name, family in self.watched:
+            self.lb.wait_status(name, "active", family=family)
+        self.target = flood.Target(frame.mac, frame.far_mac, frame.address, frame.gateway4, frame.address6,
+                                   frame.gateway6)
+        self.growth = Growth(lab, self.lb)
+
+    @staticmethod
+    def _test(strand, burst):
+        if burst:
+            return ping_ext(strand.gateway4, count=3, period=1, timeout=1000, rtt=5000, jitter=5000)
+        return ping(strand.gateway4, resp_time=900)
+
+    def flood(self, frames, seconds=3.0, rate=None):
+        """Starts one, when it is its turn; the frames come in by the first link."""
+        fcntl.flock(self.turns, fcntl.LOCK_EX)
+        return flood.Flood(self.lab, self.links.far, self.first.far_name, frames, rate or RATE, seconds)
+
+    def finish(self, running):
+        """Waits for the end of a flood and returns its frames a second."""
+        rate = running.finish()
+        fcntl.flock(self.turns, fcntl.LOCK_UN)
+        return rate
+
+    def arrived(self):
+        """Frames that have come in by the first link."""
+        return json.loads(self.lab.ip_text(f"-s -j link show {self.first.name}"))[0]["stats64"]["rx"]["packets"]
+
+    def stand(self, frames, seconds=3.0):
+        """A flood that nothing comes of: every link is probed once a cycle and stays as it is."""
+        captures = {strand: self.links.sniffer(strand) for strand in (self.first, self.control)}
+        before = self.arrived()
+        running = self.flood(frames, seconds)
+        rate = self.finish(running)
+        assert self.arrived() - before >= 0.98 * running.sent
+        if PLAIN:
+            assert rate > 0.9 * RATE, f"only {rate:.0f} frames a second were sent"
+        for family in (4, 6):
+            self.lb.wait_cycles(1, family=family)
+        self.check()
+        for strand, capture in captures.items():
+            for request in (sniffer.is_echo_request, sniffer.is_echo6_request):
+                self._once_a_cycle(capture.select(request), strand.name, seconds)
+            self.lab.discard(capture)
+
+    @staticmethod
+    def _once_a_cycle(requests, name, seconds):
+        times = [frame.when for frame in requests]
+        gaps = [after - before for before, after in zip(times, times[1:])]
+        assert len(times) >= seconds / waiting.scaled(1.5), f"{name} was probed {len(times)} times in {seconds} s"
+        assert max(gaps, default=0) < waiting.scaled(2.5), f"{name}: {gaps}"
+        assert min(gaps, default=1) > 0.9, f"{name}: {gaps}"
+
+    def check(self):
+        """Nothing has changed."""
+        for name, family in self.watched:
+            assert self.lb.statuses(family)[name] == "active"
+            changes = state_changes(self.lab, name, family == 6)
+            assert changes == START, f"IPv{family} {name}: {changes}"
+
+    def settle(self):
+        """All is as it was before the floods."""
+        self.check()
+        self.growth.check()
+        for watch in self.routes:
+            watch.verify()
+
+
+@pytest.fixture
+def flooded(lab):
+    # One flood at a time on this machine: it takes a good part of a processor.
+    with open(os.path.join(tempfile.gettempdir(), f"lb-lab-flood.{os.getuid()}.lock"), "w", encoding="ascii") as turns:
+        yield Flooded(lab, turns)
+
+
+def test_answers_to_nobodys_question(flooded):
+    """ARP replies, then advertisements: malformed ones, those of strangers, and the watched neighbours' own."""
+    flooded.stand(flood.arp_flood(flooded.target))
+    flooded.stand(flood.advertisement_flood(flooded.target))
+    flooded.settle()
+
+
+def test_echo_replies_to_nobodys_request(flooded):
+    for ipv6 in (False, True):
+        flooded.stand(flood.foreign_echo_flood(flooded.target, ipv6))
+    flooded.settle()
+
+
+def test_echo_replies_with_the_keys_of_probes(flooded):
+    """A key is all that an answer needs, so the links stay active with or without their far ends'; no more than that."""
+    for ipv6 in (False, True):
+        flooded.stand(flood.matching_echo_flood(flooded.target, ipv6, range(1, 200)))
+    flooded.settle()
+
+
+def test_everything_at_once(flooded):
+    target = flooded.target
+    flooded.stand(flood.garbage_flood(target) + flood.arp_flood(target) + flood.advertisement_flood(target)
+                  + flood.foreign_echo_flood(target, False) + flood.foreign_echo_flood(target, True)
+                  + flood.matching_echo_flood(target, False, range(1, 30)), seconds=4.0)
+    flooded.settle()
+
+
+def test_link_that_dies_in_a_flood(flooded):
+    """The flood does not hide it: no frame of it answers a probe."""
+    running = flooded.flood(flood.foreign_echo_flood(flooded.target, False)
+                            + flood.foreign_echo_flood(flooded.target, True), seconds=5.0)
+    flooded.links.silence(flooded.control)
+    for family in (4, 6):
+        flooded.lb.wait_status(flooded.control.name, "failed", family=family)
+    assert running.running
+    flooded.links.restore(flooded.control)
+    flooded.finish(running)
+    for family in (4, 6):
+        flooded.lb.wait_status(flooded.control.name, "active", family=family)
+        assert state_changes(flooded.lab, flooded.control.name, family == 6) == START * 2
+    flooded.watched = [link for link in flooded.watched if link[0] != flooded.control.name]
+    flooded.settle()
+
+
+def test_neighbours_resolved_in_a_flood(flooded):
+    """The answer that counts comes among ten thousand a second that do not."""
+    frames = flood.arp_flood(flooded.target) + flood.advertisement_flood(flooded.target)
+    running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]], seconds=5.0)
+    for _ in range(2):
+        for family in (4, 6):
+            # The report ends a cycle's work: the next one has to resolve anew.
+            flooded.lb.wait_cycles(1, family=family)
+            flooded.lab.ip(*[f"-{family} neigh flush dev {strand.name}".removeprefix("-4 ").removeprefix("-6 ")
+                             for strand in (flooded.first, flooded.control)])
+    flooded.finish(running)
+    for family in (4, 6):
+        flooded.lb.wait_cycles(2, family=family)
+    flooded.settle()
+
+
+@pytest.mark.parametrize("frames", [flood.distinct_arp, flood.distinct_advertisements])
+def test_answers_of_very_many(flooded, frames):
+    """50,000 addresses that nobody asked for: each is one that could be remembered, and must not be."""
+    count = 50000 if PLAIN else 10000
+    running = flooded.flood(frames(flooded.target, count), seconds=5.0, rate=count / 5)
+    flooded.finish(running)
+    assert running.sent == count
+    for family in (4, 6):
+        flooded.lb.wait_cycles(2, family=family)
+    flooded.settle()
+
+
+# A thousand answers to one request: it is answered once.
+
+ANSWERS = 1000
+
+
+def other_answers(request):
+    """Replies of which each differs from the right one in its key, its sequence or both."""
+    answers = []
+    for number in range(1, ANSWERS):
+        key = request.key if number % 3 == 0 else 0x4000 + number
+        sequence = request.sequence if number % 3 == 1 else (request.sequence + number) & 0xFFFF
+        answers.append((0, request.reply(payload=key.to_bytes(4, "big") + request.payload[4:], sequence=sequence)))
+    return answers
+
+
+ANSWERED = 4
+POLICIES = {
+    "identical": lambda request: [(0, request.reply())] * ANSWERS,
+    "different": lambda request: other_answers(request) + [(0, request.reply())],
+}
+
+
+def keys_of(link):
+    return len({request.key for request in link.responder.requests})
+
+
+@pytest.mark.parametrize("policy", POLICIES.values(), ids=POLICIES)
+def test_a_thousand_answers_are_one_result(lab, policy):
+    """Four probes of each kind are answered, a thousand times each; the fifth waits, so four is what is counted."""
+    frame, raw, ipv6 = lab.uplink(1), lab.uplink(2, arp=False), lab.uplink(3, ipv6=True)
+    endless = {"resp_time": 60000}
+    tests = {frame: ping(frame.gateway, **endless), raw: ping(raw.gateway, **endless),
+             ipv6: ping(ipv6.gateway6, **endless)}
+    for link in tests:
+        seen = set()
+
+        def first_four(request, seen=seen):
+            seen.add(request.key)
+            return policy(request) if len(seen) <= ANSWERED else None
+
+        link.responder.echo = first_four
+    lb = start_counting(lab, tests)
+    for link in tests:
+        waiting.wait_until(lambda one=link: keys_of(one) == ANSWERED + 1, 40,
+                           lambda: {one.name: keys_of(one) for one in tests})
+    for family in (4, 6):
+        lb.wait_cycles(2, family=family)
+    growth = Growth(lab, lb)
+    for link in tests:
+        assert successes(lb, link, link is ipv6) == ANSWERED and keys_of(link) == ANSWERED + 1
+    growth.check()
+
+
+@pytest.mark.parametrize("policy", POLICIES.values(), ids=POLICIES)
+@pytest.mark.parametrize("arp", [True, False], ids=["frame", "raw"])
+def test_a_thousand_answers_are_one_burst(lab, policy, arp):
+    """Each request of every burst is answered a thousand times; a burst is one success, as fast as its first answer."""
+    link = lab.uplink(1, arp=arp)
+    link.responder.echo = policy
+    lb = start_counting(lab, {link: ping_ext(link.gateway, count=2, period=1, timeout=5000, rtt=4000, jitter=4000)})
+    waiting.wait_until(lambda: keys_of(link) >= ANSWERED, 40)
+    before = keys_of(link)
+    counted = successes(lb, link, False)
+    assert before - 1 <= counted <= keys_of(link), (lb.report(), [r.__dict__ for r in link.responder.requests])
+    assert len(link.responder.requests) <= 2 * keys_of(link)
+    assert lb.outbounds()[0]["tests"][0]["measurement"][1] == 0, "nothing was lost"
+
+
+def start_counting(lab, tests):
+    """A daemon that counts every result: no number of them settles anything."""
+    blocks, members = [], {}
+    for link, lines in tests.items():
+        ipv6 = link.number == 3
+        blocks.append(interface(link.name, [lines], ipv6=ipv6, success_ct=1000, failure_ct=1000,
+                                nexthop=link.gateway6 if ipv6 else link.gateway))
+        members.setdefault(6 if ipv6 else 4, {})[link.name] = 1
+    return lab.start_lb(configtext.build(blocks, [
+        rule(f"1_ipv{family}", names, {"::/0" if family == 6 else "0.0.0.0/0": None})
+        for family, names in members.items()]))
+
+
+def successes(lb, link, ipv6):
+    return [record["tests"][0]["successes"] for record in lb.outbounds(6 if ipv6 else 4)
+            if record["name"] == link.name][0]
