@@ -2,6 +2,8 @@
 
 import os
 
+from . import waiting
+
 
 def seen(lab, path):
     """The name outside for an absolute path inside."""
@@ -9,18 +11,25 @@ def seen(lab, path):
 
 
 class SmallDisk:
-    """A small file system of its own on a directory of the lab; `path` is its name outside."""
+    """A small file system of its own on a directory; `directory` is its name inside, `path` its name outside."""
 
     def __init__(self, lab, directory, size="64k"):
         self.lab, self.directory = lab, directory
-        os.makedirs(directory, exist_ok=True)
+        lab.run(["mkdir", "-p", directory])
         lab.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "none", directory])
         self.path = seen(lab, directory)
 
     def fill(self):
-        """Until not one byte more fits."""
-        self.lab.run(["sh", "-c", f"cat /dev/zero > {self.directory}/filler"], check=False)
-        assert os.statvfs(self.path).f_bavail == 0
+        """Until nothing fits and the others' files are empty, so that none of them can be written within its own space."""
+        filler = f"{self.directory}/filler"
+
+        def full():
+            self.lab.run(["sh", "-c", f"find {self.directory} -type f ! -name filler -exec truncate -s 0 {{}} +; "
+                                      f"cat /dev/zero >> {filler}"], check=False)
+            return os.statvfs(self.path).f_bavail == 0 and not self.lab.run(
+                ["find", self.directory, "-type", "f", "!", "-name", "filler", "-size", "+0"]).stdout
+
+        waiting.wait_until(full, 10, "a full disk")
 
     def free(self):
         self.lab.run(["rm", f"{self.directory}/filler"])

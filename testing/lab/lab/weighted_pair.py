@@ -28,7 +28,9 @@ class WeightedPair:
         config = configtext.build([*health, *sections], [
             configtext.rule("1_ipv4", {link.name: link.number for link in self.links}, {"0.0.0.0/0": None},
                             namespace=vrf), *rules])
-        self.watch = RouteWatch(lab, route_file, self.text) if watched else None
+        self.watch = None
+        if watched:
+            self.watch_from_now()
         self.cut = False
         self.lb = lab.start_lb(config, **options)
 
@@ -36,6 +38,10 @@ class WeightedPair:
         """The route file while those interfaces are active."""
         vias = "".join(f" via {link.gateway} weight {link.number}" for link in self.links if link.name in active)
         return configtext.route_file(f"route 0.0.0.0/0{vias};") if vias else ""
+
+    def watch_from_now(self):
+        """Forgets what the route file was before, for a scenario in which it could not be right."""
+        self.watch = RouteWatch(self.lab, self.route_file, self.text)
 
     def current_text(self):
         return self.text({link.name for link in (self.links[:1] if self.cut else self.links)})

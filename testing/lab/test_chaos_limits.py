@@ -1,0 +1,144 @@
+"""The machine's own limits: descriptors run out, the clock jumps, the configuration is enormous.
+
+    router wan1 10.1.0.2 / fd00:1::2 -------- 10.1.0.1 / fd00:1::1 far1
+    ...
+    router wan12 10.12.0.2 / fd00:c::2 ------ 10.12.0.1 / fd00:c::1 far12
+"""
+
+import os
+import re
+import time
+
+import pytest
+
+from lab import configtext, daemon, dumps, waiting
+from lab.configtext import interface, ping, ping_ext, route_file, rule
+from lab.growth import Growth
+from lab.wall_clock import WallClock
+from lab.weighted_pair import STATE, WeightedPair
+
+DOZEN = range(1, 13)
+
+
+def limit_descriptors(lab, lb, soft):
+    """Of the running daemon; gives the limit that was in force."""
+    before = lab.run(["prlimit", f"--pid={lb.pid}", "--nofile", "--output=SOFT", "--noheadings"]).stdout.strip()
+    lab.run(["prlimit", f"--pid={lb.pid}", f"--nofile={soft}:"])
+    return int(before)
+
+
+def highest_descriptor(lab, lb):
+    return int(lab.run(["sh", "-c", f"ls /proc/{lb.pid}/fd | sort -n | tail -1"]).stdout)
+
+
+def test_descriptors_run_out_and_come_back(lab):
+    """None at all, then a few: links are taken for dead, nothing ends, and afterwards every link is active again."""
+    if daemon.is_undefined_behaviour_sanitizer(daemon.program()):
+        pytest.skip("UndefinedBehaviorSanitizer needs a pipe to check a virtual call and reports a bad object without")
+    links = [lab.uplink(number, far_end="kernel", ipv6=True) for number in DOZEN]
+    sections = [interface(link.name, [ping(link.gateway6 if ipv6 else link.gateway, resp_time=500)], ipv6=ipv6,
+                          success_ct=1, nexthop=link.gateway6 if ipv6 else link.gateway)
+                for link in links for ipv6 in (False, True)]
+    weights = {link.name: 1 for link in links}
+    lb = lab.start_lb(configtext.build(sections, [rule("1_ipv4", weights, {"0.0.0.0/0": None}),
+                                                  rule("1_ipv6", weights, {"::/0": None})]))
+
+    def all_active(family):
+        return list(lb.statuses(family).values()) == ["active"] * len(links)
+
+    def text(ipv6):
+        vias = "".join(f" via {link.gateway6 if ipv6 else link.gateway} weight 1"
+                       for link in sorted(links, key=lambda link: link.name))
+        return route_file(f"route {'::/0' if ipv6 else '0.0.0.0/0'}{vias};", ipv6=ipv6)
+
+    def wait_right():
+        for family in (4, 6):
+            lb.wait_report(lambda report: report.count("Status:  active") == len(links), 20, family)
+            assert all_active(family)
+            lab.wait_text(f"usr_etc/routing-wlb{'6' if family == 6 else ''}.conf", text(family == 6))
+
+    wait_right()
+    growth = Growth(lab, lb)
+    for spare in (None, 1, 3):
+        mark = lab.log.mark()
+        before = limit_descriptors(lab, lb, 3 if spare is None else highest_descriptor(lab, lb) + 1 + spare)
+        if spare is None:
+            for version in ("", "v6"):
+                lab.log.wait_for(f"IP{version} interface .* {STATE} inactive", count=len(links), since=mark, timeout=20)
+            for text_of_failure in ("<check_arp_exist> Socket|socket.. failed", "error create directory|error open file",
+                                    "error ordering output file"):
+                if "directory" not in text_of_failure:
+                    lab.log.wait_for(text_of_failure, since=mark)
+        else:
+            begun = time.monotonic()
+            waiting.wait_until(lambda: time.monotonic() > begun + 3 or not lb.alive, 10)
+        assert lb.alive
+        limit_descriptors(lab, lb, before)
+        wait_right()
+    growth.check()
+
+
+YEAR = 365 * 24 * 3600
+STAMP = re.compile(r"Last Status Change:  (.*)")
+
+
+def changed(report):
+    """The date of the last change, in seconds since the epoch."""
+    text = STAMP.findall(report)[1]
+    return time.mktime(time.strptime(text + " UTC", "%a %b %d %H:%M:%S %Y %Z")) - time.timezone
+
+
+JUMPS = {"a year ahead": lambda: time.time() + YEAR, "a year back": lambda: time.time() - YEAR,
+         "1970": lambda: 100, "behind 2038": lambda: (1 << 31) + 1000,
+         "over 2038": lambda: (1 << 31) - 3, "behind 2100": lambda: 4102444800 + 5}
+
+
+@pytest.mark.parametrize("jumps", [list(JUMPS)[:3], list(JUMPS)[3:]], ids=lambda names: names[0].replace(" ", "-"))
+def test_wall_clock_jumps(lab, jumps):
+    """Only dates and ages are of the wall clock: no link changes its state, and the cycle keeps its pace."""
+    clock = WallClock(lab)
+    third = lab.uplink(3)
+    pair = WeightedPair(lab, env=clock.environment, sections=[
+        interface("wan3", [ping_ext(third.gateway, period=2, count=3, rtt=500, jitter=500, resp_time=500)],
+                  success_ct=1, nexthop=third.gateway)])
+    pair.wait_settled()
+    pair.lb.wait_status("wan3", "active")
+    for jump in jumps:
+        mark, bursts = lab.log.mark(), len(third.responder.requests)
+        clock.set_to(JUMPS[jump]())
+        begun = time.monotonic()
+        pair.lb.wait_cycles(3, timeout=6)
+        assert time.monotonic() - begun > 1.9, "the sleep between two cycles is of the monotonic clock"
+        assert not lab.log.matching(STATE, mark), jump
+        # A change is dated by the clock of the moment.
+        pair.change()
+        report = pair.lb.wait_report(lambda text: abs(changed(text) - clock.now()) < waiting.scaled(10))
+        assert report.count("n/a") <= 3 and "Last Interface Success:  0s\t" in report, report
+        record = next(entry for entry in pair.lb.outbounds() if entry["name"] == "wan1")
+        assert 0 <= record["success_age"] <= waiting.scaled(3)
+        third.responder.wait_requests(bursts + 3, timeout=10)
+        # Back to the right time: the next change and the next success are dated right.
+        clock.add(0)
+        pair.change()
+        report = pair.lb.wait_report(lambda text: abs(changed(text) - time.time()) < waiting.scaled(10))
+        assert re.findall(r"Last Interface Success:  ([0-9]s)\t", report), report
+        assert len(lab.log.matching(STATE, mark)) == 2, jump
+    pair.check()
+
+
+def test_failure_age_when_the_clock_is_set_back(lab):
+    """A failure that lies in the future has an age that wrapped around, and a success one of nothing; both pass."""
+    clock = WallClock(lab)
+    pair = WeightedPair(lab, env=clock.environment)
+    pair.wait_settled()
+    clock.add(YEAR)
+    pair.change()
+    pair.lb.wait_cycles(2)
+    pair.change()
+    clock.add(0)
+    report = pair.lb.wait_report(lambda text: re.search(r"Failure:  4\d{4}d", text))
+    days = int(re.search(r"Failure:  (\d+)d", report)[1])
+    assert abs(days - ((1 << 32) - YEAR) // 86400) <= 1
+    clock.add(YEAR)
+    pair.lb.wait_report(lambda text: re.search(r"Failure:  \d+s", text))
+    pair.check()

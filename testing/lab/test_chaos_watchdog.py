@@ -1,0 +1,137 @@
+"""A worker that hangs: the watchdog is left unfed, the other worker goes on, and afterwards all is right again.
+
+    router wan1 10.1.0.2 ----------- 10.1.0.1 far1: responder
+    router wan2 10.2.0.2 ----------- 10.2.0.1 far2: responder
+    router wan3 fd00:3::2 ---------- fd00:3::1 far3: responder
+"""
+
+import os
+
+import pytest
+
+from lab import waiting
+from lab.configtext import interface, ping, route_file, rule
+from lab.stopped_thread import StoppedThread
+from lab.weighted_pair import WeightedPair
+
+TIMEOUT = waiting.scaled(2.5)
+
+
+class Hanging:
+    """Ways to make the IPv4 worker hang: `begin`, then at the next change of routes it does; `end` lets it go on."""
+
+    def __init__(self, lab, pair, routing):
+        self.lab, self.pair, self.routing = lab, pair, routing
+        self.fifo = lab.path("fifo")
+        os.mkfifo(self.fifo)
+
+    def _open_fifo(self, mode):
+        """Opens the other end; the worker's is open already."""
+        return os.fdopen(os.open(self.fifo, mode | os.O_NONBLOCK), "rb" if mode == os.O_RDONLY else "wb", 0)
+
+    def begin_flush(self):
+        """The command that flushes the route cache does not end."""
+        self.lab.replace("bin/ip", f"#!/bin/sh\nread line < {self.fifo}\n")
+        os.chmod(self.lab.path("bin/ip"), 0o755)
+
+    def end_flush(self):
+        self.lab.replace("bin/ip", "#!/bin/sh\n")
+        os.chmod(self.lab.path("bin/ip"), 0o755)
+        self._open_fifo(os.O_WRONLY).close()
+
+    def begin_route_file(self):
+        """The route file is a FIFO that nobody reads."""
+        os.unlink(self.lab.path(self.pair.route_file))
+        os.symlink(self.fifo, self.lab.path(self.pair.route_file))
+
+    def end_route_file(self):
+        reader = self._open_fifo(os.O_RDONLY)
+        os.unlink(self.lab.path(self.pair.route_file))
+        # It would be a broken pipe if this end went before the text is there.
+        waiting.wait_until(lambda: reader.read(1 << 16), 10, "the text")
+        reader.close()
+
+    def begin_pid_file(self):
+        """The routing daemon's pid file is a FIFO that nobody writes."""
+        os.unlink(self.lab.path("run/routing.pid"))
+        os.symlink(self.fifo, self.lab.path("run/routing.pid"))
+
+    def end_pid_file(self):
+        with self._open_fifo(os.O_WRONLY) as writer:
+            writer.write(b"%d\n" % self.routing.pid)
+        self.lab.replace("run/routing.pid", f"{self.routing.pid}\n")
+
+
+@pytest.fixture
+def world(lab):
+    manager = lab.notify_socket()
+    links, third = [lab.uplink(1), lab.uplink(2)], lab.uplink(3, ipv6=True)
+    routing = lab.routing_daemon()
+    pair = WeightedPair(lab, links=links, watched=False, sections=[
+        interface("wan3", [ping(resp_time=500)], ipv6=True, success_ct=1, nexthop=third.gateway6)],
+        rules=[rule("1_ipv6", {"wan3": 1}, {"::/0": None})],
+        env={"NOTIFY_SOCKET": lab.path("notify"), "WATCHDOG_USEC": str(int(TIMEOUT * 1e6))})
+    pair.wait_settled()
+    pair.lb.wait_status("wan3", "active", family=6)
+    routing.wait_hups(2)
+    manager.wait_for("WATCHDOG=1", count=4)
+    return manager, pair, routing
+
+
+def wait_silence(manager, pair, family):
+    """The other worker makes cycle after cycle and says so, and nothing reaches the service manager."""
+    seen = [0]
+
+    def silent():
+        before, seen[0] = seen[0], len(manager.matching("WATCHDOG=1"))
+        pair.lb.wait_cycles(2, family=family, timeout=10)
+        return before == seen[0]
+
+    waiting.wait_until(silent, 30, "the watchdog's silence")
+
+
+@pytest.mark.parametrize("way", ["flush", "route_file", "pid_file"])
+def test_a_worker_hangs_in_the_outside_world(lab, world, way):
+    manager, pair, routing = world
+    hanging, hups = Hanging(lab, pair, routing), len(routing.hups)
+    getattr(hanging, f"begin_{way}")()
+    pair.change(wait=False)
+    wait_silence(manager, pair, family=6)
+    if way == "pid_file":
+        assert lab.read(pair.route_file) == pair.current_text(), "written before the signal"
+    mark, fed = lab.log.mark(), len(manager.matching("WATCHDOG=1"))
+    getattr(hanging, f"end_{way}")()
+    manager.wait_for("WATCHDOG=1", count=fed + 3, timeout=15)
+    routing.wait_hups(hups + 1)
+    pair.lb.wait_cycles(2)
+    assert not lab.log.matching("changed state to inactive", mark), "no link is blamed for the pause"
+    pair.change()
+    routing.wait_hups(hups + 2)
+    pair.lb.wait_report(lambda text: text.count("Status:  active") == 2)
+    assert pair.lb.statuses(6) == {"wan3": "active"}
+    assert lab.read("usr_etc/routing-wlb6.conf") == route_file("route ::/0 via fd00:3::1 weight 1;", ipv6=True)
+    pair.check()
+
+
+def test_a_worker_is_stopped_in_its_tracks(lab, world):
+    """One thread of the daemon is held by a debugger; the rest runs on."""
+    manager, pair, _ = world
+    stopped = StoppedThread(lab, pair.lb)
+    stamps = {family: os.stat(pair.lb.report_path(family)).st_mtime_ns for family in (4, 6)}
+    moving = []
+
+    def one_moves():
+        moving[:] = [family for family in stamps
+                     if os.stat(pair.lb.report_path(family)).st_mtime_ns > stamps[family] + 3e9]
+        return moving
+
+    waiting.wait_until(one_moves, 15, "one worker that goes on")
+    assert len(moving) == 1, "both workers go on"
+    wait_silence(manager, pair, family=moving[0])
+    mark, fed = lab.log.mark(), len(manager.matching("WATCHDOG=1"))
+    stopped.release()
+    manager.wait_for("WATCHDOG=1", count=fed + 3, timeout=15)
+    pair.lb.wait_cycles(2)
+    assert not lab.log.matching("changed state", mark)
+    pair.change()
+    pair.check()
