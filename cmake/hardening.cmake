@@ -16,7 +16,7 @@ foreach(flag -fstack-clash-protection -fcf-protection)  # not on every processor
 endforeach()
 
 # Unoptimised code cannot be checked so, and a sanitizer checks the same calls itself.
-if(NOT LB_SANITIZE AND NOT LB_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+if(NOT LB_SANITIZE AND NOT LB_FUZZ AND NOT LB_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
 endif()
 add_compile_definitions(_GLIBCXX_ASSERTIONS)
