@@ -7,13 +7,10 @@ check_pie_supported()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 add_compile_options(-fstack-protector-strong)
-foreach(flag -fstack-clash-protection -fcf-protection)  # not on every processor and compiler
-  string(MAKE_C_IDENTIFIER "LB_HAS${flag}" has_flag)
-  check_cxx_compiler_flag("-Werror ${flag}" ${has_flag})
-  if(${has_flag})
-    add_compile_options(${flag})
-  endif()
-endforeach()
+check_cxx_compiler_flag("-Werror -fstack-clash-protection" LB_HAS_STACK_CLASH_PROTECTION)
+if(LB_HAS_STACK_CLASH_PROTECTION)  # not on every processor
+  add_compile_options(-fstack-clash-protection)
+endif()
 
 # Unoptimised code cannot be checked so, and a sanitizer checks the same calls itself.
 if(NOT LB_SANITIZE AND NOT LB_FUZZ AND NOT LB_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
