@@ -60,7 +60,8 @@ class Process:
 class Enclosure:
     """Private user, mount, network and pid namespaces with a private root view."""
 
-    def __init__(self, keep=False):
+    def __init__(self, keep=False, user_namespace=True):
+        """Root alone may do without the user namespace, which knows but one user."""
         # A short path: it holds a socket whose path may have 107 characters at most.
         self.top = tempfile.mkdtemp(prefix="lblab-")
         self.keep = keep
@@ -71,7 +72,7 @@ class Enclosure:
         self._counter = 0
         self.control, inside = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._reader = threading.Thread(target=self._read, daemon=True)
-        self._starter = self._start(inside)
+        self._starter = self._start(inside, user_namespace)
         inside.close()
         self._reader.start()
         try:
@@ -82,9 +83,9 @@ class Enclosure:
             self.close()
             raise CommandFailed(f"the lab's namespaces could not be made: {text}") from None
 
-    def _start(self, inside):
+    def _start(self, inside, user_namespace):
         namespaces = ["--net", "--mount", "--pid"]
-        if os.geteuid() != 0 or os.environ.get("LB_LAB_USERNS", "1") != "0":
+        if os.geteuid() != 0 or (user_namespace and os.environ.get("LB_LAB_USERNS", "1") != "0"):
             namespaces += ["--user", "--map-root-user"]
         with open(self.path("holder.log"), "w", encoding="utf-8") as log:
             return subprocess.Popen(

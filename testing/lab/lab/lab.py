@@ -23,8 +23,8 @@ PATH=/usr/sbin:/usr/bin:/sbin:/bin exec ip "$@"
 class Lab:
     """Use as a context manager. Paths: `lab.path("run/...")` is /run/... inside, and so on (rootview.PRIVATE)."""
 
-    def __init__(self, keep=False):
-        self.enclosure = Enclosure(keep or bool(os.environ.get("LB_LAB_KEEP")))
+    def __init__(self, keep=False, user_namespace=True):
+        self.enclosure = Enclosure(keep or bool(os.environ.get("LB_LAB_KEEP")), user_namespace)
         self.path = self.enclosure.path
         self.daemons = []
         self._closers = []
