@@ -136,7 +136,6 @@ def test_interfaces_made_anew(lab):
         before = {strand: index_of(lab, strand) for strand in touched}
         links.remove(*touched)
         watched.wait("failed", *touched)
-        # The kernel gives a free index away again: a link in between takes the old ones.
         links.create(*touched)
         assert all(index_of(lab, strand) != before[strand] for strand in touched)
         watched.wait("active", *touched)
