@@ -21,7 +21,8 @@ NEEDED = ("net_raw", "net_admin", "sys_admin", "kill")
 
 def only(capabilities):
     """The command that starts a program with no other capabilities."""
-    return ["setpriv", "--bounding-set", ",".join(["-all", *(f"+{name}" for name in capabilities)]), "--inh-caps", "-all"]
+    bounding_set = ",".join(["-all", *(f"+{name}" for name in capabilities)])
+    return ["setpriv", "--bounding-set", bounding_set, "--inh-caps", "-all"]
 
 
 class Scene:

@@ -40,7 +40,7 @@ class Bird:
         assert self.process.status is None, self.process.stderr
 
     def kill(self):
-        """Ends it as a crash does: its routes stay in the kernel, and its pid file goes with the supervisor's clean-up."""
+        """Ends it as a crash does: its routes stay in the kernel; the pid file goes, as a supervisor sees to."""
         self.process.signal(signal.SIGKILL)
         self.process.wait()
         os.unlink(self.lab.path("run/routing.pid"))

@@ -165,11 +165,12 @@ def hostile_frames(router, number, rng):
     link = router.links[number]
     far = link.responder
     to_mac = bytes.fromhex(link.mac.replace(":", ""))
+    address6 = responder.address_bytes(link.address6)
     for _ in range(500):
-        address6 = bytes([0xFE, 0x80]) + rng.randbytes(14)
+        stranger = bytes([0xFE, 0x80]) + rng.randbytes(14)
         frame = rng.choice([
             responder.arp_reply(to_mac, rng.randbytes(4), rng.randbytes(6), rng.randbytes(4), far.mac),
-            responder.advertisement(to_mac, responder.address_bytes(link.address6), rng.randbytes(6), address6, far.mac),
+            responder.advertisement(to_mac, address6, rng.randbytes(6), stranger, far.mac),
             to_mac + far.mac + b"\x08\x00" + responder.ip_packet(
                 rng.randbytes(4), responder.address_bytes(link.address), b"\0\0" + rng.randbytes(rng.randrange(100))),
             to_mac + far.mac + rng.choice([b"\x08\x00", b"\x08\x06", b"\x86\xdd"]) + rng.randbytes(rng.randrange(200)),
