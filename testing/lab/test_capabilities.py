@@ -8,27 +8,40 @@ The daemon is root by its user id alone: its bounding set holds what the README 
 """
 
 import os
+import shutil
 import signal
 
 import pytest
 
-from lab import configtext, waiting
+from lab import configtext, daemon, waiting
 from lab.configtext import interface, ping, ping_ext, rule
 from lab.lab import Lab
 
 NEEDED = ("net_raw", "net_admin", "sys_admin", "kill")
 
 
+NOBODY = 65534
+
+
+def listed(capabilities):
+    return ",".join(["-all", *(f"+{name}" for name in capabilities)])
+
+
 def only(capabilities):
-    """The command that starts a program with no other capabilities."""
-    bounding_set = ",".join(["-all", *(f"+{name}" for name in capabilities)])
-    return ["setpriv", "--bounding-set", bounding_set, "--inh-caps", "-all"]
+    """The command that starts a program as root with no other capabilities."""
+    return ["setpriv", "--bounding-set", listed(capabilities), "--inh-caps", "-all"]
+
+
+def as_nobody(capabilities):
+    """The same for a user who is nobody."""
+    sets = [f"--{name}={listed(capabilities)}" for name in ("bounding-set", "inh-caps", "ambient-caps")]
+    return ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups", *sets]
 
 
 class Scene:
     """The network of this file, with the daemon started under some capabilities."""
 
-    def __init__(self, lab, capabilities):
+    def __init__(self, lab, capabilities, prefix=only):
         self.lab = lab
         lab.add_netns("blue")
         links = [lab.uplink(1, ipv6=True), lab.uplink(2, arp=False), lab.uplink(3, vrf="blue")]
@@ -43,7 +56,7 @@ class Scene:
             [rule("1_ipv4", {"wan1": 1, "wan2": 1}, {"0.0.0.0/0": None}),
              rule("1_ipv6", {"wan1": 1}, {"::/0": None}),
              rule("2_ipv4", {"wan3": 1}, {"0.0.0.0/0": None}, namespace="blue")]),
-            "-i", lab.path("run/lb.pid"), prefix=only(capabilities))
+            "-i", lab.path("run/lb.pid"), prefix=prefix(capabilities))
 
     def wait_all_active(self):
         for name, family in (("wan1", 4), ("wan1", 6), ("wan2", 4), ("wan3", 4)):
@@ -123,7 +136,7 @@ def root_lab(monkeypatch):
 @pytest.mark.parametrize("capabilities", [NEEDED, without("kill")])
 def test_kill_is_needed_for_another_users_routing_daemon(root_lab, capabilities):
     """The routing daemon is any program that ends at a SIGHUP."""
-    routing_daemon = root_lab.enclosure.spawn(["setpriv", "--reuid", "65534", "--clear-groups", "sleep", "1000"])
+    routing_daemon = root_lab.enclosure.spawn([*as_nobody(()), "sleep", "1000"])
     root_lab.write("run/routing.pid", f"{routing_daemon.pid}\n")
     Scene(root_lab, capabilities).wait_all_active()
     if "kill" in capabilities:
@@ -131,3 +144,17 @@ def test_kill_is_needed_for_another_users_routing_daemon(root_lab, capabilities)
     else:
         root_lab.log.wait_for(f"can't send SIGHUP to the routing daemon \\(pid {routing_daemon.pid}\\), errno = 1$")
         assert routing_daemon.status is None
+
+
+def test_not_root_at_all(root_lab, monkeypatch):
+    """Another user with these four, who owns the places that are written to."""
+    program = shutil.copy(daemon.program(), root_lab.path("bin/lb"))
+    os.chmod(program, 0o755)
+    monkeypatch.setenv("LB_PROGRAM", program)
+    for name in ("out", "usr_etc", "run", "san"):
+        os.makedirs(root_lab.path(name), exist_ok=True)
+        os.chown(root_lab.path(name), NOBODY, NOBODY)
+    os.chmod(root_lab.write("ip.calls", ""), 0o666)
+    Scene(root_lab, NEEDED, as_nobody).wait_all_active()
+    waiting.wait_until(lambda: root_lab.exists("usr_etc/routing-wlb.conf"), 10)
+    assert not root_lab.log.matching("ERR|WARN")
