@@ -20,8 +20,15 @@
 
 namespace {
 
-// The parent is done at once; the child goes on without a terminal. The three descriptors are taken
-// by the null device so that no socket gets their numbers and receives an error text.
+// Gives the null device to those of the descriptors 0, 1 and 2 that are closed. Otherwise a file or
+// socket would get the number, and with it an error text that is meant for the terminal.
+void fill_standard_descriptors() {
+  for (const int fd : {0, 1, 2}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
+  }
+}
+
+// The parent is done at once; the child goes on without a terminal.
 void detach_from_terminal() {
   const pid_t child = fork();
   if (child < 0) {
@@ -33,9 +40,7 @@ void detach_from_terminal() {
     exit(0);
   }
   for (const int fd : {0, 1, 2}) close(fd);
-  if (open("/dev/null", O_RDONLY) == 0) {
-    if (open("/dev/null", O_WRONLY) == 1) open("/dev/null", O_WRONLY);
-  }
+  fill_standard_descriptors();
 }
 
 // Every interface and family costs three descriptors, and the usual soft limit is 1024.
@@ -72,6 +77,7 @@ void run_vrfs(LBDaemon& daemon) {
 }  // namespace
 
 int run_daemon(int argc, char** argv) {
+  fill_standard_descriptors();
   backtrace_set_program_name(argv[0]);
   backtrace_open_console();
   backtrace_install_signal_handlers();

@@ -250,6 +250,29 @@ TEST_F(StartUpDeathTest, ChildGoesOnWithoutATerminal) {
                "group 1 directory 1 mask 26\n"));
 }
 
+// Standard error is not there to report on: the exit status tells.
+[[noreturn]] void start_without_standard_descriptors() {
+  atexit([] {
+    struct stat null_device {};
+    struct stat found {};
+    stat("/dev/null", &null_device);
+    for (const int fd : {0, 2}) {
+      if (fstat(fd, &found) != 0 || found.st_rdev != null_device.st_rdev) _exit(1);
+    }
+    _exit(42);
+  });
+  close(0);
+  close(2);
+  std::string name = "lb";
+  char* argv[] = {name.data(), nullptr};
+  optind = 0;
+  exit(run_daemon(1, argv));
+}
+
+TEST_F(StartUpDeathTest, ClosedStandardDescriptorsAreTakenByTheNullDevice) {
+  EXPECT_EXIT(start_without_standard_descriptors(), ExitedWithCode(42), "");
+}
+
 TEST_F(StartUpDeathTest, NoForkWithoutTheOption) {
   EXPECT_EXIT(
       {
