@@ -5,12 +5,11 @@
 """
 
 import os
-import shutil
 import signal
 
 import pytest
 
-from lab import daemon, waiting
+from lab import waiting
 from lab.bird import Bird
 from lab.growth import Growth
 from lab.two_uplinks import TwoUplinks
@@ -154,19 +153,3 @@ def test_bird_killed_and_started_again(lab):
     network.restore(1)
     network.wait_both()
     growth.check()
-
-
-@pytest.mark.parametrize("number", [signal.SIGCHLD, signal.SIGCONT, signal.SIGWINCH, signal.SIGURG],
-                         ids=lambda number: number.name)
-def test_signals_that_mean_nothing(lab, number):
-    routing = lab.routing_daemon()
-    pair = WeightedPair(lab)
-    pair.wait_settled()
-    mark, hups = lab.log.mark(), len(routing.hups)
-    for _ in range(200):
-        pair.lb.process.signal(number)
-    pair.lb.wait_cycles(2)
-    assert not lab.log.matching("changed state", mark)
-    pair.change()
-    routing.wait_hups(hups + 1)
-    pair.check()

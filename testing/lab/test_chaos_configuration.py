@@ -1,0 +1,129 @@
+"""Configurations of a hundred thousand lines.
+
+    router wan1 10.1.0.2 -------- 10.1.0.1 far1: responder
+    ...
+    router wan4 10.4.0.2 -------- 10.4.0.1 far4: responder
+"""
+
+import time
+
+from lab import configtext, daemon, dumps, waiting
+from lab.configtext import interface, ping, route_file, rule
+from lab.growth import Growth
+from lab.route_watch import RouteWatch
+
+ROUTE_FILE = "usr_etc/routing-wlb.conf"
+LINKS = range(1, 5)
+RULES, TARGETS = 5000, 4  # targets of each rule
+
+
+def health(links):
+    return [interface(link.name, [ping(link.gateway, resp_time=1000)], success_ct=1, nexthop=link.gateway)
+            for link in links]
+
+
+def noise(lines):
+    """Comments, blank lines, keywords and whole sections that nobody knows."""
+    five = "# comment {0}\n\n    keyword{0} value \"quoted # {0}\nsection{0} {{  # }}\n}}\n"
+    return "".join(five.format(number) for number in range(lines // 5))
+
+
+def memory_kib(lab, lb):
+    return int(lab.run(["sh", "-c", f"grep VmHWM /proc/{lb.pid}/status"]).stdout.split()[1])
+
+
+def start(lab, text, links, within):
+    """The daemon, and the seconds until every link is active, which are not to be more than `within`."""
+    assert text.count("\n") >= 100_000
+    begun = time.monotonic()
+    lb = lab.start_lb(text)
+    waiting.wait_until(lambda: (names := [record.text for record in lab.log.matching("changed state to active")])
+                       and len(names) == len(links), within, "all links", 0.05)
+    return lb, time.monotonic() - begun
+
+
+def pace(lb, cycles, seconds_each):
+    """Waits for so many cycles and holds them to a pace."""
+    begun = time.monotonic()
+    lb.wait_cycles(cycles, timeout=cycles * seconds_each)
+    return (time.monotonic() - begun) / cycles
+
+
+def report(what, lab, lb, start_time, cycle):
+    print(f"{what}: links active after {start_time:.2f} s, a cycle takes {cycle:.2f} s, "
+          f"at most {memory_kib(lab, lb)} KiB of memory")
+
+
+def test_a_hundred_thousand_lines_of_noise(lab):
+    links = [lab.uplink(number) for number in LINKS]
+    weights = {link.name: link.number for link in links}
+    text = (noise(50_000) + "health {\n" + noise(25_000).replace("section", "word")
+            + "\n".join(health(links)) + "\n}\n" + noise(25_000)
+            + rule("1_ipv4", weights, {"0.0.0.0/0": None}) + "\n")
+    lb, start_time = start(lab, text, links, within=5)
+    cycle = pace(lb, 4, 1.5)
+    vias = "".join(f" via {link.gateway} weight {link.number}" for link in links)
+    lab.wait_text(ROUTE_FILE, route_file(f"route 0.0.0.0/0{vias};"))
+    assert set(lb.statuses()) == set(weights) and len(lb.rules()) == 1
+    assert not lab.log.matching("Malformed|mismatched|Illegal rule number")
+    report("noise", lab, lb, start_time, cycle)
+    if not daemon.has_sanitizer(daemon.program()):
+        assert memory_kib(lab, lb) < 32 << 10
+
+
+def test_thousands_of_rules_and_targets(lab):
+    links = [lab.uplink(number) for number in LINKS]
+    weights = {link.name: link.number for link in links}
+    numbers = sorted(map(str, range(1, RULES + 1)), key="{}_ipv4".format)
+
+    def targets(number):
+        return [f"10.{int(number) >> 8}.{int(number) & 255}.{part * 64}/26" for part in range(TARGETS)]
+
+    config = configtext.build(health(links), [
+        rule(f"{number}_ipv4", weights, dict.fromkeys(targets(number), int(number))) for number in numbers])
+    texts = {}
+
+    def explain(active):
+        """The whole file while those links are active."""
+        if active not in texts:
+            lines = []
+            for number in numbers:
+                vias = [f" via {link.gateway} weight {link.number}" for link in links if link.name in active]
+                if vias:
+                    vias[0] += f" metric {number}"
+                    lines += [f"route {prefix}{''.join(vias)};" for prefix in sorted(targets(number))]
+            texts[active] = route_file(*lines)
+        return texts[active]
+
+    lb, start_time = start(lab, config, links, within=10)
+    everything, without_last = frozenset(weights), frozenset(list(weights)[:-1])
+    lab.wait_text(ROUTE_FILE, explain(everything))
+    growth = Growth(lab, lb)
+    watch = RouteWatch(lab, ROUTE_FILE, explain, interval=0.05)
+    requests = len(links[0].responder.requests)
+    begun = time.monotonic()
+    cycle = pace(lb, 5, 2.5)
+    # A probe is judged in the cycle after its own, and the next one follows in the one after that.
+    assert len(links[0].responder.requests) - requests >= (time.monotonic() - begun) / waiting.scaled(5) - 1
+    links[-1].cut()
+    lab.wait_text(ROUTE_FILE, explain(without_last))
+    links[-1].restore()
+    lab.wait_text(ROUTE_FILE, explain(everything))
+
+    def whole():
+        rules, routes = lb.dump("wlb_rules.bin"), lb.dump("wlb_routes.bin")
+        return len(rules) == RULES * dumps.RULE_SIZE and len(routes) == RULES * TARGETS * dumps.ROUTE_SIZE and (
+            rules, routes)
+
+    rules, routes = waiting.wait_until(whole, 10, "dumps of every rule and route")
+    for place in range(0, RULES, 97):
+        number = int(numbers[place])
+        found = dumps.rule(rules[place * dumps.RULE_SIZE:(place + 1) * dumps.RULE_SIZE])
+        assert found["number"] == number and [member["name"] for member in found["members"]] == sorted(weights)
+        for part, prefix in enumerate(sorted(targets(numbers[place]))):
+            at = (place * TARGETS + part) * dumps.ROUTE_SIZE
+            assert dumps.route(routes[at:at + dumps.ROUTE_SIZE]) == {
+                "destination": prefix, "nexthop": "", "metric": number, "index": part + 1, "number": number, "ipv6": 0}
+    report("rules", lab, lb, start_time, cycle)
+    growth.check(allowed_kib=8 << 10)
+    watch.verify()

@@ -1,0 +1,117 @@
+"""Signals, and a standard error that is closed, or that nobody reads.
+
+    router wan1 10.1.0.2 -------- 10.1.0.1 far1: responder
+    router wan2 10.2.0.2 -------- 10.2.0.1 far2: responder
+    router wan3 fd00:3::2 ------- far3; its next hop is no address, which the prober says on standard error each time
+"""
+
+import os
+import signal
+
+from lab import waiting
+from lab.configtext import interface, ping, rule
+from lab.weighted_pair import STATE, WeightedPair
+
+CHATTER = b"inet_pton() failed.\nError message: "
+
+
+def chatty_pair(lab, redirection, **options):
+    """The pair, and an IPv6 worker that writes to its standard error, which the shell redirects."""
+    links, third = [lab.uplink(1), lab.uplink(2)], lab.uplink(3, ipv6=True)
+    return WeightedPair(
+        lab, links=links, prefix=("sh", "-c", f'exec "$@" {redirection}', "sh"),
+        sections=[interface("wan3", [ping(third.gateway6, resp_time=200)], ipv6=True, success_ct=1, nexthop="nonsense")],
+        rules=[rule("1_ipv6", {"wan3": 1}, {"::/0": None})], **options)
+
+
+def test_signals_that_mean_nothing(lab):
+    routing = lab.routing_daemon()
+    pair = WeightedPair(lab)
+    pair.wait_settled()
+    mark, hups = lab.log.mark(), len(routing.hups)
+    for number in (signal.SIGCHLD, signal.SIGCONT, signal.SIGWINCH, signal.SIGURG):
+        for _ in range(100):
+            pair.lb.process.signal(number)
+        pair.lb.wait_cycles(1)
+    assert not lab.log.matching(STATE, mark)
+    pair.change()
+    routing.wait_hups(hups + 1)
+    pair.check()
+
+
+def test_commands_that_end_early(lab):
+    """A flush command that does not read, does not exist or dies of a signal is no broken pipe for the daemon."""
+    routing = lab.routing_daemon()
+    pair = WeightedPair(lab)
+    pair.wait_settled()
+    for command in ("#!/bin/sh\nexec 0<&-\nexit 1\n", "#!/bin/sh\nkill -PIPE $$\n", "#!/nowhere/at/all\n"):
+        pair.lb.wait_cycles(1)
+        hups = len(routing.hups)
+        lab.replace("bin/ip", command)
+        os.chmod(lab.path("bin/ip"), 0o755)
+        pair.change()
+        routing.wait_hups(hups + 1)
+        pair.lb.wait_cycles(2)
+    pair.check()
+
+
+def test_closed_standard_descriptors(lab):
+    """No socket and no file gets their numbers, and no error text goes into one."""
+    pair = chatty_pair(lab, "0<&- 1>&- 2>&-")
+    pair.wait_settled()
+    lab.log.wait_for("error on sending icmp6 packet", count=2)
+    assert not lab.log.matching("inet_pton")
+    for number in (0, 1, 2):
+        assert lab.run(["readlink", f"/proc/{pair.lb.pid}/fd/{number}"]).stdout.strip() == "/dev/null"
+    pair.change()
+    pair.check()
+
+
+def test_standard_error_that_nobody_reads(lab):
+    """The worker that has something to say waits in vain, and the watchdog hears of it; the other one goes on."""
+    manager = lab.notify_socket()
+    fifo = lab.path("stderr")
+    os.mkfifo(fifo)
+    reader = os.open(fifo, os.O_RDWR | os.O_NONBLOCK)
+    try:
+        pair = chatty_pair(lab, f"2>{fifo}", env={"NOTIFY_SOCKET": lab.path("notify"), "WATCHDOG_USEC":
+                                                  str(int(waiting.scaled(2.5) * 1e6))})
+        pair.wait_settled()
+        manager.wait_for("WATCHDOG=1", count=4)
+        waiting.wait_until(lambda: CHATTER in read(reader), 10)
+        fill(reader)
+        seen = [0]
+
+        def silent():
+            before, seen[0] = seen[0], len(manager.matching("WATCHDOG=1"))
+            pair.lb.wait_cycles(2, timeout=10)
+            return before == seen[0]
+
+        waiting.wait_until(silent, 30, "the watchdog's silence")
+        pair.change()
+        pair.change()
+        while read(reader):
+            pass
+        manager.wait_for("WATCHDOG=1", count=seen[0] + 3)
+        pair.lb.wait_cycles(2, family=6)
+        pair.check()
+    finally:
+        # Only now: a reader that ends is a broken pipe, and that is the end of a program that writes.
+        pair.lb.stop()
+        os.close(reader)
+
+
+def read(descriptor):
+    try:
+        return os.read(descriptor, 1 << 16)
+    except BlockingIOError:
+        return b""
+
+
+def fill(descriptor):
+    for size in (4096, 1):
+        try:
+            while True:
+                os.write(descriptor, b"x" * size)
+        except BlockingIOError:
+            pass
