@@ -34,7 +34,7 @@ class WatchedTargets {
 
   // Of addresses that nobody watches, at most this many are noted: whoever is on the wire can send
   // answers from any number of addresses, and must not be able to spend the memory.
-  static constexpr size_t kMostUnwatched = 4096;
+  static constexpr size_t kMostUnwatched = 256;
 
   void watch(const std::string& target, const std::string& ifname) LB_EXCLUDES(mutex_);
 
