@@ -209,6 +209,20 @@ TYPED_TEST(ProberReceiver, LockIsFreeOnceTheReceiverListens) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
+TYPED_TEST(ProberReceiver, QueueIsEnlargedBeforeItListens) {
+  auto prober = this->make_prober();
+  std::atomic<int> enlarged{-1};
+  CallHook hook(wrapped::setsockopt, [&](int fd, int, int name, const void*, socklen_t) {
+    if (name == SO_RCVBUFFORCE) enlarged = fd;
+    return 0;
+  });
+  TypeParam::start(*prober);
+  ASSERT_EQ(prober->lock_mutex(), 0);
+  EXPECT_EQ(enlarged, this->kernel_.opened().back().fd);
+  prober->unlock_mutex();
+  this->kernel_.finish_receivers();
+}
+
 TYPED_TEST(ProberReceiver, IsStartedOncePerVrf) {
   auto prober = this->make_prober();
   auto other = this->make_prober();
