@@ -55,7 +55,7 @@ class Flood:
 def addresses(count, ipv6=False):
     """Packed addresses that nobody has, all different."""
     if ipv6:
-        return [address_bytes("2001:db8:bad::") [:12] + struct.pack("!I", number) for number in range(count)]
+        return [address_bytes("2001:db8:bad::")[:12] + struct.pack("!I", number) for number in range(count)]
     return [struct.pack("!I", 0xAC100000 + number) for number in range(1, count + 1)]
 
 
