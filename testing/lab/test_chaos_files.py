@@ -160,10 +160,8 @@ def test_directory_of_the_route_file(lab, fault):
     disk = SmallDisk(lab, RED_ETC, "4k")
     pair = WeightedPair(lab, vrf="red", route_file=seen(lab, f"{RED_ETC}/routing-wlb.conf"))
     pair.wait_settled()
-    pair.change()
-    pair.change()
-    pair.watch.verify()
     pair.lb.wait_cycles(1)
+    pair.watch.verify()
     hups = len(routing.hups)
     away = "/var/vrfs/red/away"
     begin, end, left = {

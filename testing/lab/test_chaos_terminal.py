@@ -44,14 +44,14 @@ def test_commands_that_end_early(lab):
     routing = lab.routing_daemon()
     pair = WeightedPair(lab)
     pair.wait_settled()
+    pair.lb.wait_cycles(1)
     for command in ("#!/bin/sh\nexec 0<&-\nexit 1\n", "#!/bin/sh\nkill -PIPE $$\n", "#!/nowhere/at/all\n"):
-        pair.lb.wait_cycles(1)
         hups = len(routing.hups)
         lab.replace("bin/ip", command)
         os.chmod(lab.path("bin/ip"), 0o755)
         pair.change()
         routing.wait_hups(hups + 1)
-        pair.lb.wait_cycles(2)
+        pair.lb.wait_cycles(1)
     pair.check()
 
 

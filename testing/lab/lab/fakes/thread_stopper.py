@@ -5,6 +5,7 @@ Argument: the process. Prints the thread's number once it stands still.
 
 import ctypes
 import os
+import re
 import signal
 import sys
 import time
@@ -19,19 +20,30 @@ def ptrace(request, thread):
         sys.exit(f"ptrace: {os.strerror(number)}")
 
 
-def sleeping_thread(process):
-    """A thread that sleeps on a clock: only workers do."""
+def sleeps(process):
+    """{thread: how often it has waited} of those that sleep on a clock."""
+    found = {}
+    for thread in os.listdir(f"/proc/{process}/task"):
+        base = f"/proc/{process}/task/{thread}"
+        with open(f"{base}/wchan", encoding="ascii") as where, open(f"{base}/status", encoding="ascii") as status:
+            if "nanosleep" in where.read():
+                found[int(thread)] = re.search(r"\nvoluntary_ctxt_switches:\s+(\d+)", status.read())[1]
+    return found
+
+
+def sleeping_worker(process):
+    """A thread in a long sleep, as workers have between two cycles; a sanitizer's own thread has short ones."""
     while True:
-        for thread in os.listdir(f"/proc/{process}/task"):
-            with open(f"/proc/{process}/task/{thread}/wchan", encoding="ascii") as file:
-                if "nanosleep" in file.read():
-                    return int(thread)
-        time.sleep(0.01)
+        before = sleeps(process)
+        time.sleep(0.3)
+        for thread, count in sleeps(process).items():
+            if before.get(thread) == count:
+                return thread
 
 
 def main():
     signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
-    thread = sleeping_thread(int(sys.argv[1]))
+    thread = sleeping_worker(int(sys.argv[1]))
     ptrace(PTRACE_ATTACH, thread)
     os.waitpid(thread, WAIT_FOR_ANY_THREAD)
     print(thread, flush=True)
