@@ -35,4 +35,8 @@ class SmallDisk:
         self.lab.run(["rm", f"{self.directory}/filler"])
 
     def read_only(self, on=True):
-        self.lab.run(["mount", "-o", f"remount,{'ro' if on else 'rw'}", self.directory])
+        # The mount, not the file system: its options name users that a user namespace does not know. A file that is
+        # being written makes the mount busy.
+        options = f"remount,bind,{'ro' if on else 'rw'}"
+        waiting.wait_until(lambda: self.lab.run(["mount", "-o", options, self.directory], check=False).status == 0, 5,
+                           "another mode of the mount")
