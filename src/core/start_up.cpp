@@ -6,6 +6,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
@@ -51,6 +52,15 @@ void raise_descriptor_limit() {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+// A reader of standard error, or of a pipe in a file's place, may go away: the write fails, and
+// that is all. A handler, since shell commands would inherit an ignored signal.
+void survive_broken_pipes() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGPIPE, &action, nullptr);
+}
+
 // Left to itself the allocator learns to keep large blocks once one was freed, in each thread's
 // arena: one huge lease file would cost its memory for good.
 void return_large_blocks() { mallopt(M_MMAP_THRESHOLD, 256 * 1024); }
@@ -93,6 +103,7 @@ int run_daemon(int argc, char** argv) {
   }
   if (line.daemonise) detach_from_terminal();
   if (!line.pid_path.empty()) write_pid_file(line.pid_path);
+  survive_broken_pipes();
   raise_descriptor_limit();
   return_large_blocks();
 

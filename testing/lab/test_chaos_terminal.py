@@ -96,9 +96,32 @@ def test_standard_error_that_nobody_reads(lab):
         pair.lb.wait_cycles(2, family=6)
         pair.check()
     finally:
-        # Only now: a reader that ends is a broken pipe, and that is the end of a program that writes.
-        pair.lb.stop()
         os.close(reader)
+
+
+def test_standard_error_whose_reader_ends(lab):
+    """A broken pipe for whoever writes, and no more."""
+    fifo = lab.path("stderr")
+    os.mkfifo(fifo)
+    reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
+    pair = chatty_pair(lab, f"2>{fifo}")
+    pair.wait_settled()
+    waiting.wait_until(lambda: CHATTER in read(reader), 10)
+    os.close(reader)
+    pair.lb.wait_cycles(3, family=6)
+    pair.change()
+    pair.check()
+
+
+def test_commands_get_the_usual_signals(lab):
+    """A shell's pipeline relies on it that a broken pipe ends its first command."""
+    lab.write("bin/ip", f"#!/bin/sh\ngrep SigIgn /proc/self/status > {lab.path('ignored')}\n")
+    lab.routing_daemon()
+    pair = WeightedPair(lab)
+    pair.wait_settled()
+    waiting.wait_until(lambda: lab.exists("ignored") and lab.read("ignored"), 10)
+    ignored = int(lab.read("ignored").split()[1], 16)
+    assert not ignored & 1 << (signal.SIGPIPE - 1)
 
 
 def read(descriptor):

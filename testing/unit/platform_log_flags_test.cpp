@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -155,4 +156,23 @@ TEST_F(LogFlagsTest, FileThatCannotBeOpenedIsTold) {
               ElementsAre(directory_.file("log-flags") + ": cannot be opened: Permission denied"));
   EXPECT_TRUE(flags_.wanted(34, 2));
   EXPECT_FALSE(flags_.wanted(34, 3));
+}
+
+// As when the process is short of descriptors for a while.
+TEST_F(LogFlagsTest, FileThatCannotBeOpenedIsTriedAgain) {
+  directory_.write("log-flags", "34 3\n");
+  {
+    Fault fault("fopen", EMFILE);
+    EXPECT_THAT(refresh(), SizeIs(1));
+    EXPECT_THAT(refresh(), IsEmpty());  // told once
+  }
+  EXPECT_THAT(refresh(), IsEmpty());
+  EXPECT_TRUE(flags_.wanted(34, 3));
+}
+
+TEST_F(LogFlagsTest, OnlyARegularFileIsRead) {
+  ASSERT_EQ(mkfifo(directory_.file("log-flags").c_str(), 0600), 0);
+  EXPECT_THAT(refresh(), ElementsAre(directory_.file("log-flags") + ": is no regular file"));
+  EXPECT_THAT(refresh(), IsEmpty());
+  EXPECT_TRUE(flags_.wanted(34, 2));
 }

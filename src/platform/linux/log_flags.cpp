@@ -34,14 +34,14 @@ bool same_time(timespec a, timespec b) { return a.tv_sec == b.tv_sec && a.tv_nse
 }  // namespace
 
 bool LogFlags::same(const Version& a, const Version& b) {
-  return a.exists == b.exists && a.inode == b.inode && a.size == b.size &&
+  return a.mode == b.mode && a.inode == b.inode && a.size == b.size &&
          same_time(a.modified, b.modified) && same_time(a.changed, b.changed);
 }
 
 LogFlags::Version LogFlags::present_version() const {
   struct stat status {};
   if (stat(path_.c_str(), &status) != 0) return {};
-  return {true, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
+  return {status.st_mode, status.st_ino, status.st_size, status.st_mtim, status.st_ctim};
 }
 
 std::vector<std::string> LogFlags::refresh(timespec now) {
@@ -49,20 +49,29 @@ std::vector<std::string> LogFlags::refresh(timespec now) {
   looked_ = true;
   last_look_ = now;
   const Version version = present_version();
-  if (same(version, version_)) return {};
+  const bool changed = !same(version, version_);
+  if (!changed && !unread_) return {};
   version_ = version;
-  return read();
+  std::vector<std::string> problems = read();
+  // Of a file that still cannot be opened that was told already.
+  if (!changed && unread_) return {};
+  return problems;
 }
 
 std::vector<std::string> LogFlags::read() {
   levels_.clear();
   all_repeats_ = false;
-  if (!version_.exists) return {};
+  unread_ = false;
+  if (version_.mode == 0) return {};
+  // A FIFO would hold up every thread that logs, a device might never end.
+  if (!S_ISREG(version_.mode)) return {path_ + ": is no regular file"};
 
   const auto close_file = [](FILE* file) { fclose(file); };
   const std::unique_ptr<FILE, decltype(close_file)> file(fopen(path_.c_str(), "re"));
-  if (file == nullptr)
+  if (file == nullptr) {
+    unread_ = true;
     return {path_ + ": cannot be opened: " + std::generic_category().message(errno)};
+  }
 
   std::vector<std::string> problems;
   std::string line;

@@ -32,7 +32,7 @@ class LogFlags {
  private:
   // What tells one state of the file from another.
   struct Version {
-    bool exists = false;
+    mode_t mode = 0;  // 0: there is none
     ino_t inode = 0;
     off_t size = 0;
     timespec modified{};
@@ -49,6 +49,7 @@ class LogFlags {
   bool looked_ = false;
   timespec last_look_{};
   Version version_;
+  bool unread_ = false;        // it could not be opened: tried again at every look
   std::map<int, int> levels_;  // facility -> highest level that is on
   bool all_repeats_ = false;
 };

@@ -126,14 +126,18 @@ class Daemon:
             return file.read()
 
     def _records(self, name, size, decode):
+        last = [b""]
+
         def whole():
+            """The file is written record by record: it is whole when it stays as it is for some looks."""
             try:
                 data = self.dump(name)
             except FileNotFoundError:
                 return None
-            return data if data and len(data) % size == 0 else None
+            before, last[0] = last[0], data
+            return data if data and len(data) % size == 0 and data == before else None
 
-        data = waiting.wait_until(whole, 10, f"whole records in {name}")
+        data = waiting.wait_until(whole, 10, f"whole records in {name}", 0.03)
         return [decode(data[at:at + size]) for at in range(0, len(data), size)]
 
     def outbounds(self, family=4):
