@@ -1,5 +1,6 @@
 """Fixtures of the lab: every test gets namespaces of its own, and answers for what the daemon did in them."""
 
+import hashlib
 import os
 import shutil
 import sys
@@ -22,6 +23,13 @@ def pytest_sessionstart(session):
     missing = [name for name in _NEEDED if not shutil.which(name)]
     if missing:
         pytest.exit(f"the lab needs these programs: {', '.join(missing)}", 3)
+
+
+def pytest_collection_modifyitems(items):
+    """The long scenarios first, so that none of them is left over at the end; neighbours in a file apart, since they
+    wait for the same things at the same time. The order is the same in every run."""
+    items.sort(key=lambda item: ("test_chaos_" not in item.nodeid and "test_many_" not in item.nodeid,
+                                 hashlib.md5(item.nodeid.encode()).digest()))
 
 
 @pytest.hookimpl(hookwrapper=True)

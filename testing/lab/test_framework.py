@@ -5,14 +5,13 @@
 """
 
 import os
-import signal
 import socket
 import sys
 import time
 
 import pytest
 
-from lab import configtext, daemon, responder, sniffer, waiting
+from lab import configtext, responder, sniffer, waiting
 from lab.bird import Bird
 from lab.lab import Lab
 from lab.two_uplinks import TwoUplinks
@@ -227,10 +226,6 @@ def test_deadlines():
     assert time.monotonic() - started < 1 * waiting.SLOW
     with pytest.raises(AssertionError):
         waiting.never(lambda: True, 0.1)
-
-
-def test_signal_numbers():
-    assert signal.SIGHUP == 1 and daemon.program().endswith("lb")
 
 
 def test_routing_daemon_takes_our_files():
