@@ -93,7 +93,7 @@ def all_right(pair, since):
         return False
     if (len(outbounds), len(rules), len(routes)) != (2 * dumps.OUTBOUND_SIZE, dumps.RULE_SIZE, dumps.ROUTE_SIZE):
         return False
-    wanted = [1, 0 if pair.cut else 1]
+    wanted = [1, 0 if pair.second_is_cut else 1]
     active = [dumps.outbound(outbounds[at:at + dumps.OUTBOUND_SIZE])["active"] for at in (0, dumps.OUTBOUND_SIZE)]
     return (report.endswith(b"\n\n") and report.count(b"Status:  active") == sum(wanted) and active == wanted
             and dumps.route(routes)["destination"] == "0.0.0.0/0")

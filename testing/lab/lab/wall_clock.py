@@ -12,7 +12,7 @@ _SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes", "wal
 
 
 class WallClock:
-    """Give `environment` to the daemon; `set_to` and `add` work at once."""
+    """Give `environment` to the daemon; `set_to` and `shift_to` work at once."""
 
     def __init__(self, lab):
         compiler = next(filter(None, map(shutil.which, ("cc", "gcc", "clang", "g++", "clang++"))), None)
@@ -26,15 +26,15 @@ class WallClock:
         self.environment = {"LD_PRELOAD": library, "LAB_WALL_CLOCK": self._file}
         self.offset = 0
 
-    def add(self, seconds):
-        """Puts the clock that far from the right time."""
+    def shift_to(self, seconds):
+        """Puts the clock that far from the right time; 0 is right again."""
         self.offset = int(seconds)
         with open(self._file, "r+b") as file:
             file.write(struct.pack("=q", self.offset))
 
     def set_to(self, seconds):
         """Seconds since the epoch."""
-        self.add(seconds - time.time())
+        self.shift_to(seconds - time.time())
 
     def now(self):
         return time.time() + self.offset

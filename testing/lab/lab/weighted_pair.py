@@ -31,7 +31,7 @@ class WeightedPair:
         self.watch = None
         if watched:
             self.watch_from_now()
-        self.cut = False
+        self.second_is_cut = False
         self.lb = lab.start_lb(config, **options)
 
     def text(self, active):
@@ -44,7 +44,7 @@ class WeightedPair:
         self.watch = RouteWatch(self.lab, self.route_file, self.text)
 
     def current_text(self):
-        return self.text({link.name for link in (self.links[:1] if self.cut else self.links)})
+        return self.text({link.name for link in (self.links[:1] if self.second_is_cut else self.links)})
 
     def wait_settled(self):
         """Waits until both links are up and the route file says so; from now on nothing may grow."""
@@ -59,10 +59,10 @@ class WeightedPair:
     def change(self, wait=True):
         """The second link changes its state, and the route file follows unless that is not waited for."""
         mark = self.lab.log.mark()
-        self.cut = not self.cut
-        (self.links[1].cut if self.cut else self.links[1].restore)()
-        self.lab.log.wait_for(f"interface {self.links[1].name} {STATE} {'inactive' if self.cut else 'active'}$",
-                              since=mark)
+        self.second_is_cut = not self.second_is_cut
+        (self.links[1].cut if self.second_is_cut else self.links[1].restore)()
+        state = "inactive" if self.second_is_cut else "active"
+        self.lab.log.wait_for(f"interface {self.links[1].name} {STATE} {state}$", since=mark)
         if wait:
             self.wait_routes()
 
