@@ -20,7 +20,7 @@ class SmallDisk:
         self.path = seen(lab, directory)
 
     def fill(self):
-        """Until nothing fits and the others' files are empty, so that none of them can be written within its own space."""
+        """Until nothing fits and the others' files are empty, so that none can be written within its own space."""
         filler = f"{self.directory}/filler"
 
         def full():
