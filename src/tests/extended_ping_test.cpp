@@ -14,6 +14,7 @@
 #include "tests/packets/icmp_echo.h"
 #include "tests/packets/packet_reader.h"
 #include "tests/probes_in_flight.h"
+#include "tests/receive_queue.h"
 
 namespace {
 
@@ -131,6 +132,8 @@ LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockadd
                                          int32_t key) {
   // A burst of no requests has measured nothing that could be called good.
   if (count_ < 1) return {};
+  const auto sockets = this->sockets();
+  enlarge_receive_queue(sockets->recv_socket.get());
   drain_replies();
   BurstTally tally;
   while (tally.sent() < count_) {

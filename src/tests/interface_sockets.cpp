@@ -72,7 +72,6 @@ void open_sockets(InterfaceSockets& sockets) {
     LOG_ERROR("wan_lb: failed to acquired socket");
     return;
   }
-  enlarge_receive_queue(sockets.recv_socket.get());
   refuse_foreign_messages<Family>(sockets.recv_socket.get());
   if (sockets.mutex.init_result() != 0) LOG_ERROR("wan_lb: error mutex initialization");
 }

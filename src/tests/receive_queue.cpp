@@ -56,6 +56,12 @@ sock_fprog keys_of_probes<Ipv6>() {
 }  // namespace
 
 void enlarge_receive_queue(int fd) {
+  int present = 0;
+  socklen_t length = sizeof(present);
+  // The kernel tells twice what was set.
+  if (getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &present, &length) == 0 && present >= 2 * kQueueSize) {
+    return;
+  }
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kQueueSize, sizeof(kQueueSize)) == 0) return;
   setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kQueueSize, sizeof(kQueueSize));
 }

@@ -5,8 +5,9 @@
 // and with it a link would count as dead.
 #pragma once
 
-// Gives the socket room for some thousand small packets. The system's limit is passed where the
-// process may do that, and holds otherwise.
+// Gives the socket room for some thousand small packets, unless it has as much. The system's limit
+// is passed where the process may do that, and holds otherwise. For whoever reads the socket: a
+// queue that nobody reads would only hold more of what a hostile sender puts into it.
 void enlarge_receive_queue(int fd);
 
 // Keeps messages away from a raw ICMP socket that carry no probe key where a reply has it: they

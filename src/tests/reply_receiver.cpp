@@ -13,6 +13,7 @@
 #include "tests/interface_sockets.h"
 #include "tests/packets/icmp_echo.h"
 #include "tests/probes_in_flight.h"
+#include "tests/receive_queue.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ struct ReceiverTraits<Ipv6> {
 template <class Family>
 void receive_replies(InterfaceSockets& sockets) {
   using Traits = ReceiverTraits<Family>;
+  enlarge_receive_queue(sockets.recv_socket.get());
   // On the heap: a thread's stack may be small, and the buffer belongs to this thread alone.
   std::vector<uint8_t> buffer(kReceiveSize);
   pollfd waiting{};

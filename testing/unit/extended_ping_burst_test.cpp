@@ -5,9 +5,11 @@
 
 #include "support/burst_fixture.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using namespace std::chrono_literals;
 
@@ -42,6 +44,15 @@ TEST_F(Burst, RequestsCountFromZero) {
     EXPECT_EQ(network_.sent[i].address.size(), sizeof(sockaddr_in));
   }
   EXPECT_EQ(probes().next_key(), static_cast<int32_t>((key + 1) % 32767));
+}
+
+// What a hostile neighbour sends must not push replies out.
+TEST_F(Burst, EnlargesTheQueueThatItReads) {
+  const int fd = sockets()->recv_socket.get();
+  EXPECT_THAT(network_.option_names(fd), Not(Contains(SO_RCVBUFFORCE)));
+  answer_all(20ms);
+  send();
+  EXPECT_THAT(network_.option_names(fd), Contains(SO_RCVBUFFORCE));
 }
 
 TEST_F(Burst, UsesNoRecordInFlight) {

@@ -1,4 +1,6 @@
 // When a burst is due, where it goes, and how it fails before its first reply.
+#include <algorithm>
+
 #include "support/burst_fixture.h"
 #include "support/recorded_device.h"
 
@@ -200,10 +202,11 @@ TEST_F(BurstSend, InterfaceWithoutADeviceName) {
 
 TEST_F(BurstSend, SocketIsBoundToTheInterface) {
   send();
-  const auto& option = network_.options.back();
-  EXPECT_EQ(option.name, SO_BINDTODEVICE);
-  EXPECT_EQ(option.fd, sockets()->send_socket.get());
-  EXPECT_STREQ(reinterpret_cast<const char*>(option.value.data()), ifname_.c_str());
+  const auto option = std::find_if(network_.options.begin(), network_.options.end(),
+                                   [](const auto& set) { return set.name == SO_BINDTODEVICE; });
+  ASSERT_NE(option, network_.options.end());
+  EXPECT_EQ(option->fd, sockets()->send_socket.get());
+  EXPECT_STREQ(reinterpret_cast<const char*>(option->value.data()), ifname_.c_str());
 }
 
 TEST_F(BurstSend, RequestThatCannotBeSent) {

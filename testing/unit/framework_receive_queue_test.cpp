@@ -131,6 +131,19 @@ TEST(ReceiveQueue, IsEnlargedAsFarAsTheSystemAllows) {
   EXPECT_THAT(asked, ElementsAre(SO_RCVBUFFORCE, SO_RCVBUF));
 }
 
+TEST(ReceiveQueue, LargerOneIsLeftAlone) {
+  const Queue queue;
+  const int huge = 8 << 20;
+  ASSERT_EQ(setsockopt(queue.fd(), SOL_SOCKET, SO_RCVBUF, &huge, sizeof(huge)), 0);
+  int present = 0;
+  socklen_t size = sizeof(present);
+  ASSERT_EQ(getsockopt(queue.fd(), SOL_SOCKET, SO_RCVBUF, &present, &size), 0);
+  const int calls = call_count("setsockopt");
+  enlarge_receive_queue(queue.fd());
+  // Where the system's limit is small there is still something to ask for.
+  EXPECT_EQ(call_count("setsockopt") > calls, present < 4 << 20);
+}
+
 TEST(ReceiveQueue, IsNeverMadeSmaller) {
   const Queue queue;
   int before = 0;

@@ -11,6 +11,7 @@
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace {
 
@@ -60,6 +61,15 @@ TYPED_TEST(ReplyReceiver, MarksTheProbeOfAReply) {
   this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
   EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
   EXPECT_THAT(log_records(), IsEmpty());
+}
+
+// What a hostile neighbour sends must not push replies out.
+TYPED_TEST(ReplyReceiver, EnlargesTheQueueThatItReads) {
+  const int fd = this->sockets()->recv_socket.get();
+  EXPECT_THAT(this->network_.option_names(fd), Not(Contains(SO_RCVBUFFORCE)));
+  this->start();
+  ASSERT_TRUE(this->handled());
+  EXPECT_THAT(this->network_.option_names(fd), Contains(SO_RCVBUFFORCE));
 }
 
 TYPED_TEST(ReplyReceiver, DropsEveryOtherType) {
