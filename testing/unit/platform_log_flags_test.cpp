@@ -151,7 +151,7 @@ TEST_F(LogFlagsTest, NumberOfComplaintsIsBounded) {
 
 TEST_F(LogFlagsTest, FileThatCannotBeOpenedIsTold) {
   directory_.write("log-flags", "34 3\n");
-  Fault fault("fopen", EACCES);
+  Fault fault("open", EACCES);
   EXPECT_THAT(refresh(),
               ElementsAre(directory_.file("log-flags") + ": cannot be opened: Permission denied"));
   EXPECT_TRUE(flags_.wanted(34, 2));
@@ -162,11 +162,20 @@ TEST_F(LogFlagsTest, FileThatCannotBeOpenedIsTold) {
 TEST_F(LogFlagsTest, FileThatCannotBeOpenedIsTriedAgain) {
   directory_.write("log-flags", "34 3\n");
   {
-    Fault fault("fopen", EMFILE);
+    Fault fault("open", EMFILE);
     EXPECT_THAT(refresh(), SizeIs(1));
     EXPECT_THAT(refresh(), IsEmpty());  // told once
   }
   EXPECT_THAT(refresh(), IsEmpty());
+  EXPECT_TRUE(flags_.wanted(34, 3));
+}
+
+TEST_F(LogFlagsTest, EnormousLineIsNotReadToItsEnd) {
+  std::string content(300000, 'x');
+  EXPECT_THAT(refresh(content + "\n34 3\n"), SizeIs(1));
+  EXPECT_FALSE(flags_.wanted(34, 3));
+  content.resize(200000);
+  EXPECT_THAT(refresh(content + "\n34 3\n"), SizeIs(1));
   EXPECT_TRUE(flags_.wanted(34, 3));
 }
 

@@ -1,9 +1,14 @@
 #include "platform/linux/log_flags.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <cstdio>
-#include <memory>
 #include <sstream>
+
+#include "platform/file_descriptor.h"
 
 namespace {
 
@@ -11,6 +16,7 @@ constexpr long kLookEveryMilliseconds = 250;
 
 // A file of flags has a handful of lines. One that is wildly larger is not read to its end.
 constexpr int kMaxLines = 1000;
+constexpr size_t kMaxBytes = size_t{256} * 1024;
 constexpr size_t kMaxLine = 254;
 constexpr size_t kMaxProblems = 20;
 
@@ -18,15 +24,24 @@ long milliseconds_between(timespec from, timespec to) {
   return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
 }
 
-// Reads the next line, without its newline. Of one that is too long no more is kept than tells that
-// it is. False at the end of the file.
-bool read_line(FILE* file, std::string& line) {
-  line.clear();
-  int c;
-  while ((c = fgetc(file)) != EOF && c != '\n') {
-    if (line.size() <= kMaxLine) line += static_cast<char>(c);
+// What the file holds, up to the limit.
+std::string read_text(int fd) {
+  std::string text;
+  std::array<char, 4096> buffer;
+  while (text.size() < kMaxBytes) {
+    const ssize_t count = read(fd, buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    text.append(buffer.data(), static_cast<size_t>(count));
   }
-  return c != EOF || !line.empty();
+  return text;
+}
+
+// Takes the next line from the front of `text`, without its newline.
+std::string_view take_line(std::string_view& text) {
+  const std::string_view line = text.substr(0, text.find('\n'));
+  text.remove_prefix(std::min(text.size(), line.size() + 1));
+  return line;
 }
 
 bool same_time(timespec a, timespec b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
@@ -63,23 +78,27 @@ std::vector<std::string> LogFlags::read() {
   all_repeats_ = false;
   unread_ = false;
   if (version_.mode == 0) return {};
-  // A FIFO would hold up every thread that logs, a device might never end.
-  if (!S_ISREG(version_.mode)) return {path_ + ": is no regular file"};
 
-  const auto close_file = [](FILE* file) { fclose(file); };
-  const std::unique_ptr<FILE, decltype(close_file)> file(fopen(path_.c_str(), "re"));
-  if (file == nullptr) {
+  // A FIFO would hold up every thread that logs, a device might never end.
+  const FileDescriptor fd(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!fd.valid()) {
     unread_ = true;
     return {path_ + ": cannot be opened: " + std::generic_category().message(errno)};
   }
+  struct stat status {};
+  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return {path_ + ": is no regular file"};
+  }
 
   std::vector<std::string> problems;
-  std::string line;
-  for (int number = 1; number <= kMaxLines && read_line(file.get(), line); ++number) {
+  const std::string text = read_text(fd.get());
+  std::string_view rest = text;
+  for (int number = 1; number <= kMaxLines && !rest.empty(); ++number) {
+    const std::string_view line = take_line(rest);
     std::string problem;
     if (line.size() > kMaxLine) {
       problem = "the line is too long";
-    } else if (line.find('\0') != std::string::npos) {
+    } else if (line.find('\0') != std::string_view::npos) {
       problem = "the line has a NUL byte";
     } else {
       problem = apply(line);
