@@ -76,6 +76,8 @@ std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
   while (!text.empty()) {
     std::string_view piece = take_piece(text);
     piece = piece.substr(0, piece.find('\0'));  // a line is a C string: it ends at a NUL byte
+    // Both formats have the word; looking for it first makes a runaway file cheap.
+    if (piece.find("routers") == std::string_view::npos) continue;
     if (std::optional<std::string> router = format_of(ipv6).parse_line(piece)) return router;
   }
   return std::nullopt;
