@@ -1,7 +1,6 @@
 #include "core/start_up.h"
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -10,6 +9,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <vector>
+
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "config/log.h"
 #include "core/command_line.h"
@@ -63,7 +66,11 @@ void survive_broken_pipes() {
 
 // Left to itself the allocator learns to keep large blocks once one was freed, in each thread's
 // arena: one huge lease file would cost its memory for good.
-void return_large_blocks() { mallopt(M_MMAP_THRESHOLD, 256 * 1024); }
+void return_large_blocks() {
+#ifdef __GLIBC__
+  mallopt(M_MMAP_THRESHOLD, 256 * 1024);
+#endif
+}
 
 // Starts the VRF threads and waits for them, for the life of the process.
 void run_vrfs(LBDaemon& daemon) {
@@ -88,6 +95,7 @@ void run_vrfs(LBDaemon& daemon) {
 
 int run_daemon(int argc, char** argv) {
   fill_standard_descriptors();
+  survive_broken_pipes();
   backtrace_set_program_name(argv[0]);
   backtrace_open_console();
   backtrace_install_signal_handlers();
@@ -103,7 +111,6 @@ int run_daemon(int argc, char** argv) {
   }
   if (line.daemonise) detach_from_terminal();
   if (!line.pid_path.empty()) write_pid_file(line.pid_path);
-  survive_broken_pipes();
   raise_descriptor_limit();
   return_large_blocks();
 
