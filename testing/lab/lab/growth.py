@@ -1,6 +1,7 @@
 """What a daemon holds: threads, descriptors, children and memory; faults must not make it hold more for good."""
 
 import re
+import time
 
 from . import daemon, waiting
 
@@ -40,6 +41,14 @@ class Growth:
         # A sanitizer keeps freed memory to itself and grows with what it has seen.
         self.measures_memory = not daemon.has_sanitizer(daemon.program())
         self.before = self._calm()
+        waiting.wait_until(self._has_settled, 20, "all threads and sockets that the daemon starts with")
+
+    def _has_settled(self):
+        """A whole cycle has brought no thread and no descriptor."""
+        earlier = self.before
+        time.sleep(1.2)
+        self.before = self._calm()
+        return (self.before.threads, self.before.descriptors) == (earlier.threads, earlier.descriptors)
 
     def _calm(self):
         looks = [holdings(self.lab, self.lb) for _ in range(self.LOOKS)]

@@ -134,7 +134,8 @@ class Holder:
         os.setsid()
         for number in range(3):
             os.dup2(descriptors[number], number)
-        for number in (signal.SIGCHLD, signal.SIGPIPE, signal.SIGINT):
+        # A lab may be started by one who ignores SIGHUP, for example.
+        for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
             signal.signal(number, signal.SIG_DFL)
         os.execvpe(argv[0], argv, env)
 

@@ -1,9 +1,11 @@
 """Watches a route file all the time and holds it against the interface states that the daemon logged.
 
 The file is written once per check cycle, after the states of the cycle are settled, and in place: for an instant
-it is empty. Everything else that is ever in it must be what some state of the moment asks for.
+it is empty, and a long one holds the beginning of its text. Everything else that is ever in it must be what some
+state of the moment asks for.
 """
 
+import difflib
 import re
 import threading
 import time
@@ -14,8 +16,15 @@ _CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive
 
 # From the log of a state change to the file: the rest of the cycle's results come first.
 _LAG = 3.0
-# From the truncation to the text; a loaded machine may stop the writer in between.
-_INSTANT = 0.2
+# From the truncation to the whole text; a loaded machine may stop the writer in between.
+_INSTANT = 1.0
+
+
+def _shortly(text, wanted):
+    """What differs, in a few lines."""
+    lines = list(difflib.unified_diff(wanted.splitlines()[:2000], text.splitlines()[:2000], "wanted", "found",
+                                      n=1, lineterm=""))
+    return "\n".join(lines[:20] + (["..."] if len(lines) > 20 else []))
 
 
 class RouteWatch:
@@ -65,18 +74,20 @@ class RouteWatch:
 
         Returns how many texts the file has had.
         """
+        assert self._thread.is_alive() and self.contents, "nothing was watched"
         now, lag = time.monotonic(), waiting.scaled(_LAG)
         contents, wanted = list(self.contents), self._wanted()
         ends = [since for since, _ in wanted[1:]] + [now]
         for (since, text), until in zip(contents, [when for when, _ in contents[1:]] + [now]):
-            if text == "" and until - since < waiting.scaled(_INSTANT):
-                continue
             near = [asked for (when, asked), end in zip(wanted, ends) if when <= until and end >= since - lag]
-            assert text in near, (f"for {until - since:.3f} s the route file was\n{text}\nbut it was to be one of\n"
-                                  + "\n".join(near))
+            if until - since < waiting.scaled(_INSTANT) and any(asked.startswith(text) for asked in near):
+                continue
+            assert text in near, (f"for {until - since:.3f} s the route file was none of {len(near)} texts that were "
+                                  f"asked for; held against the last of them:\n{_shortly(text, near[-1])}")
             for (when, asked), end in zip(wanted, ends):
                 overlap = min(until, end) - max(when, since)
-                assert overlap <= lag or text == asked, f"for {overlap:.1f} s the route file was\n{text}\nnot\n{asked}"
+                assert overlap <= lag or text == asked, (f"for {overlap:.1f} s the route file did not follow:\n"
+                                                         f"{_shortly(text, asked)}")
         return len(contents)
 
     def close(self):
