@@ -94,3 +94,6 @@ def state_changes(lab, name, ipv6=False, since=0):
     return [record.text.split(prefix)[1] for record in lab.log.matching(f"{prefix}(active|inactive)$", since)]
 
 
+def flapped(times):
+    """state_changes of a link that has started, and was lost and found again that many times."""
+    return ["inactive", "active"] * (1 + times)
