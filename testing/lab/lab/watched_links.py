@@ -1,0 +1,59 @@
+"""A daemon over many links, with all that is to hold while these suffer."""
+
+from . import configtext, waiting
+from .configtext import interface, ping, rule
+from .growth import Growth
+from .many_links import explained_by, flapped, state_changes
+from .route_watch import RouteWatch
+
+# Below a second, the time between two looks: a probe has the time that it would have without a limit.
+PATIENT = {"resp_time": 900}
+
+
+def config(strands, tests=None):
+    """One rule per family over all links. tests: {strand: lines of its test}, else a ping of the gateway."""
+    blocks = [interface(strand.name, [(tests or {}).get(strand) or ping(strand.gateway, **PATIENT)],
+                        ipv6=strand.ipv6, success_ct=1, nexthop=strand.gateway) for strand in strands]
+    rules = []
+    for family, prefix in ((4, "0.0.0.0/0"), (6, "::/0")):
+        members = {strand.name: 1 for strand in strands if strand.family == family}
+        if members:
+            rules.append(rule(f"1_ipv{family}", members, {prefix: None}))
+    return configtext.build(blocks, rules)
+
+
+class Watched:
+    """Made when the links are; the daemon is `lb`. Each `finish` or `settle` holds everything against the log."""
+
+    def __init__(self, lab, strands, tests=None):
+        self.lab, self.strands = lab, list(strands)
+        families = sorted({strand.family for strand in strands})
+        self.routes = [RouteWatch(lab, f"usr_etc/routing-wlb{6 if family == 6 else ''}.conf", explained_by(
+            [strand for strand in self.strands if strand.family == family], family), family) for family in families]
+        self.lb = lab.start_lb(config(strands, tests))
+        self.wait("active", *strands)
+        self.growth = Growth(lab, self.lb)
+
+    def wait(self, status, *strands, timeout=30):
+        for family in (4, 6):
+            names = {strand.name for strand in strands if strand.family == family}
+            if names:
+                waiting.wait_until(
+                    lambda f=family, n=names: {self.lb.statuses(f).get(name) for name in n} == {status}, timeout,
+                    lambda f=family, n=names: f"{sorted(n)} {status}; now {self.lb.statuses(f)}", 0.05)
+
+    def changes(self, strand):
+        return state_changes(self.lab, strand.name, strand.ipv6)
+
+    def finish(self, touched, flaps):
+        """Each of `touched` went and came `flaps` times, the others never; nothing else is left of it all."""
+        for strand in self.strands:
+            expected = flapped(flaps if strand in touched else 0)
+            assert self.changes(strand) == expected, f"{strand.name}: {self.changes(strand)}"
+        self.settle()
+
+    def settle(self):
+        self.wait("active", *self.strands)
+        self.growth.check()
+        for watch in self.routes:
+            watch.verify()
