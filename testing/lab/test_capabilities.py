@@ -14,29 +14,9 @@ import signal
 import pytest
 
 from lab import configtext, daemon, waiting
+from lab.capabilities import NEEDED, NOBODY, as_nobody, only
 from lab.configtext import interface, ping, ping_ext, rule
 from lab.lab import Lab
-
-NEEDED = ("net_raw", "net_admin", "sys_admin", "kill")
-
-
-NOBODY = 65534
-
-
-def listed(capabilities):
-    return ",".join(["-all", *(f"+{name}" for name in capabilities)])
-
-
-def only(capabilities):
-    """The command that starts a program as root with no other capabilities."""
-    return ["setpriv", "--bounding-set", listed(capabilities), "--inh-caps", "-all"]
-
-
-def as_nobody(capabilities):
-    """The same for a user who is nobody."""
-    sets = [f"--{name}={listed(capabilities)}" for name in ("bounding-set", "inh-caps", "ambient-caps")]
-    return ["setpriv", "--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups", *sets]
-
 
 class Scene:
     """The network of this file, with the daemon started under some capabilities."""

@@ -24,6 +24,7 @@ from .router import Router
 
 # Three probes of a second each in cycles that other links' faults stretch; then the way back.
 DEADLINE = 15.0
+LONGEST_SILENCE = 10.0  # between two signs of life for the watchdog
 COOL_DOWN = 4.0  # until what was lost lately is forgotten
 PACE = 1.0  # seconds between tries to begin a fault, on average
 _CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
@@ -38,6 +39,7 @@ class Soak:
         self.notify = self.lab.notify_socket()
         self.began = time.monotonic()
         self._log_seen = self._beats_seen = 0
+        self._settled = float("inf")  # until then the announcements at the start are no switches
         self._order = itertools.count()
         self._endings = []  # (when, order, fault, generator, link number or None)
         self._busy = {None: 0.0, **{number: 0.0 for number in router.links}}  # free again when
@@ -123,7 +125,6 @@ class Soak:
             self._watch(0.1)
 
     def _settle(self):
-        self._settled = float("inf")  # the announcements at the start are no switches
         for number in self.router.links:
             self._due(number, (4, 6), "active")
         self._calm()
@@ -164,6 +165,9 @@ class Soak:
                 check()
             except AssertionError as problem:
                 problems.append(str(problem))
+        self._read_heartbeats()
+        if self.longest_silence > waiting.scaled(LONGEST_SILENCE):
+            problems.append(f"no sign of life for the watchdog for {self.longest_silence:.1f} s")
         return problems
 
     def _check_kernel(self):
@@ -182,7 +186,6 @@ class Soak:
     def _report(self, growth):
         problems = self._problems(growth)
         now = holdings(self.lab, self.router.lb)
-        self._read_heartbeats()
         texts = sum(len(watch.contents) for watch in self.router.watches)
         times = sorted(after for _, state, _, after in self.ledger.right if state == "inactive")
         print(f"""
@@ -195,10 +198,10 @@ switches right   {len(self.ledger.right)}
 switches wrong   {len(self.ledger.wrong)}
 switches missed  {len(self.ledger.missed)}
 failure noticed  {times[len(times) // 2]:.1f} s in the middle, {times[-1]:.1f} s at most (three probes of a second)
-route files      {texts} texts seen, {len([p for p in problems if 'route file' in p])} not explained by the states
+route files      {texts} texts seen, {len([p for p in problems if 'route file' in p])} files with one that no state explains
 watchdog         longest time between two signs of life {self.longest_silence:.1f} s
-holdings         {growth.before} after warming up
-                 {now} at the end""")
+holdings before  {growth.before}
+holdings after   {now}""")
         for problem in problems:
             print(f"PROBLEM  {problem}")
         return problems
@@ -210,6 +213,8 @@ def main(arguments):
     parser.add_argument("--seed", type=int, default=None, help="repeat the faults of an earlier run")
     parser.add_argument("--verbose", action="store_true", help="tell every fault and every switch")
     options = parser.parse_args(arguments)
+    if options.minutes < 0.5:
+        parser.error("a soak takes half a minute at least")
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     print(f"seed {seed}; repeat with: scripts/soak --minutes {options.minutes:g} --seed {seed}", flush=True)
     with Lab() as lab:
