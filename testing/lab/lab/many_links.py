@@ -75,17 +75,19 @@ class ManyLinks:
         return self.lab.sniffer(strand.far_name, self.far)
 
 
-def explained_by(strands, family):
-    """For RouteWatch: the file of one rule over those links, each with weight 1, by what is active of them."""
-    ordered = sorted(strands, key=lambda strand: strand.name)
+def over(gateways, family):
+    """For RouteWatch: the file of one rule over {interface: gateway}, each with weight 1, by what is active of it."""
     prefix = "::/0" if family == 6 else "0.0.0.0/0"
 
     def explain(active):
-        via = "".join(f" via {strand.gateway6 if family == 6 else strand.gateway4} weight 1" for strand in ordered
-                      if strand.name in active)
+        via = "".join(f" via {gateway} weight 1" for name, gateway in sorted(gateways.items()) if name in active)
         return route_file(f"route {prefix}{via};", ipv6=family == 6) if via else ""
 
     return explain
+
+
+def explained_by(strands, family):
+    return over({strand.name: strand.gateway6 if family == 6 else strand.gateway4 for strand in strands}, family)
 
 
 def state_changes(lab, name, ipv6=False, since=0):
