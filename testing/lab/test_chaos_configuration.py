@@ -8,7 +8,7 @@
 import time
 
 from lab import configtext, daemon, dumps, waiting
-from lab.configtext import interface, ping, route_file, rule
+from lab.configtext import interface, ping, route_file, route_line, rule
 from lab.growth import Growth
 from lab.route_watch import RouteWatch
 
@@ -62,8 +62,8 @@ def test_a_hundred_thousand_lines_of_noise(lab):
             + rule("1_ipv4", weights, {"0.0.0.0/0": None}) + "\n")
     lb, start_time = start(lab, text, links, within=5)
     cycle = pace(lb, 4, 1.5)
-    vias = "".join(f" via {link.gateway} weight {link.number}" for link in links)
-    lab.wait_text(ROUTE_FILE, route_file(f"route 0.0.0.0/0{vias};"))
+    vias = [(link.gateway, link.number) for link in links]
+    lab.wait_text(ROUTE_FILE, route_file(route_line("0.0.0.0/0", vias)))
     assert set(lb.statuses()) == set(weights) and len(lb.rules()) == 1
     assert not lab.log.matching("Malformed|mismatched|Illegal rule number")
     report("noise", lab, lb, start_time, cycle)
@@ -86,13 +86,9 @@ def test_thousands_of_rules_and_targets(lab):
     def explain(active):
         """The whole file while those links are active."""
         if active not in texts:
-            lines = []
-            for number in numbers:
-                vias = [f" via {link.gateway} weight {link.number}" for link in links if link.name in active]
-                if vias:
-                    vias[0] += f" metric {number}"
-                    lines += [f"route {prefix}{''.join(vias)};" for prefix in sorted(targets(number))]
-            texts[active] = route_file(*lines)
+            vias = [(link.gateway, link.number) for link in links if link.name in active]
+            texts[active] = route_file(*(route_line(prefix, vias, metric=number) for number in numbers
+                                         for prefix in sorted(targets(number))))
         return texts[active]
 
     lb, start_time = start(lab, config, links, within=10)

@@ -9,7 +9,7 @@ The far ends are kernels, but on the links without ARP, where a kernel could not
 import os
 
 from lab import configtext, waiting
-from lab.configtext import interface, ping, ping_ext, rule
+from lab.configtext import interface, ping, ping_ext, route_file, route_line, rule
 from lab.growth import Growth
 from lab.route_watch import RouteWatch
 
@@ -44,9 +44,9 @@ def members(vrf, family):
 
 def routes(vrf, family, active):
     """The route file with these interfaces active; members stand in the order of their names."""
-    vias = "".join(f" via {gateway(number, family)} weight {number}" for number in sorted(members(vrf, family), key=str)
-                   if f"wan{number}" in active)
-    return configtext.route_file(f"route {default_route(family)}{vias};", ipv6=family == 6) if vias else ""
+    vias = [(gateway(number, family), number) for number in sorted(members(vrf, family), key=str)
+            if f"wan{number}" in active]
+    return route_file(route_line(default_route(family), vias), ipv6=family == 6)
 
 
 def health(vrf, number, family):

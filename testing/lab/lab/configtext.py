@@ -73,7 +73,15 @@ def single(link, tests=(), ipv6=False, target_prefix=None, **keywords):
                  [rule(f"1_ipv{version}", {link.name: 1}, {prefix: None}, namespace=link.vrf)])
 
 
+def route_line(prefix, vias, metric=None):
+    """The route over those pairs of next hop and weight; empty when there are none, as there is no route then."""
+    hops = [f" via {nexthop} weight {weight}" for nexthop, weight in vias]
+    if hops and metric is not None:
+        hops[0] += f" metric {metric}"
+    return f"route {prefix}{''.join(hops)};" if hops else ""
+
+
 def route_file(*lines, ipv6=False):
-    """The routing daemon's file for those route lines, as documented."""
+    """The routing daemon's file for those route lines, as documented; empty lines are left out."""
     table = "ipv6 {table master6;};" if ipv6 else "ipv4 {table master4;};"
-    return "".join(f"protocol static {{\n{table}\ncheck link 1;\n{line}\n}};\n" for line in lines)
+    return "".join(f"protocol static {{\n{table}\ncheck link 1;\n{line}\n}};\n" for line in lines if line)

@@ -36,8 +36,8 @@ class WeightedPair:
 
     def text(self, active):
         """The route file while those interfaces are active."""
-        vias = "".join(f" via {link.gateway} weight {link.number}" for link in self.links if link.name in active)
-        return configtext.route_file(f"route 0.0.0.0/0{vias};") if vias else ""
+        return configtext.route_file(configtext.route_line(
+            "0.0.0.0/0", [(link.gateway, link.number) for link in self.links if link.name in active]))
 
     def watch_from_now(self):
         """Forgets what the route file was before, for a scenario in which it could not be right."""

@@ -14,7 +14,7 @@ import os
 
 from lab import configtext
 from lab.bird import Bird
-from lab.configtext import interface, ping, ping_ext, rule
+from lab.configtext import interface, ping, ping_ext, route_file, route_line, rule
 from lab.route_watch import RouteWatch
 
 SUCCESSES, FAILURES, REPLY_MILLISECONDS = 2, 3, 1000
@@ -119,19 +119,13 @@ class Router:
 
     def routes(self, vrf, family, active):
         """The route file that the documentation asks for with these interfaces active."""
-        def via(numbers, weights):
-            return "".join(f" via {self._gateway(number, family)} weight {weights[number]}" for number in numbers)
-
         up = [number for number in self._members(VRFS[vrf], family) if self.links[number].name in active]
-        lines = []
-        if up:
-            lines.append(f"route {'0.0.0.0/0' if family == 4 else '::/0'}{via(up, {n: n for n in up})};")
+        lines = [route_line("0.0.0.0/0" if family == 4 else "::/0", [(self._gateway(n, family), n) for n in up])]
         if vrf == "default" and family == 4:
             weights = {1: 5, 2: 4, 3: 4}
-            best = next((number for number in (1, 2, 3) if number in up), None)
-            if best:
-                lines.append(f"route 203.0.113.0/24{via([best], weights)};")
-        return configtext.route_file(*lines, ipv6=family == 6) if lines else ""
+            best = [number for number in weights if number in up][:1]
+            lines.append(route_line("203.0.113.0/24", [(self._gateway(n, family), weights[n]) for n in best]))
+        return route_file(*lines, ipv6=family == 6)
 
     @staticmethod
     def _gateway(number, family):
