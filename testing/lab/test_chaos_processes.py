@@ -11,7 +11,9 @@ import pytest
 
 from lab import waiting
 from lab.bird import Bird
+from lab.configtext import route_file, route_line
 from lab.growth import Growth
+from lab.route_watch import RouteWatch
 from lab.two_uplinks import TwoUplinks
 from lab.weighted_pair import PLAIN_OWNER, WeightedPair
 
@@ -131,11 +133,20 @@ def test_routing_daemon_killed_and_started_again(lab):
     assert len(second.hups) == 1
 
 
+def routes_of(network, family, active):
+    """The route file of that family while those links are active."""
+    vias = [(link.gateway6 if family == 6 else link.gateway, network.WEIGHTS[number])
+            for number, link in network.links.items() if link.name in active]
+    return route_file(route_line("::/0" if family == 6 else "0.0.0.0/0", vias), ipv6=family == 6)
+
+
 def test_bird_killed_and_started_again(lab):
     """Routes that changed while it was dead are the kernel's as soon as it is back, and the next change reaches it."""
     network = TwoUplinks(lab)
     network.start()
     network.wait_both()
+    watches = [RouteWatch(lab, f"usr_etc/routing-wlb{'6' if family == 6 else ''}.conf",
+                          lambda active, f=family: routes_of(network, f, active), family) for family in (4, 6)]
     growth = Growth(lab, network.lb)
     killed = network.bird.process
     killed.signal(signal.SIGKILL)
@@ -153,3 +164,5 @@ def test_bird_killed_and_started_again(lab):
     network.restore(1)
     network.wait_both()
     growth.check()
+    for watch in watches:
+        assert watch.verify() >= 3, "both links, one, both"
