@@ -10,7 +10,7 @@ import threading
 import pytest
 
 from lab import configtext, waiting
-from lab.configtext import interface, ping, route_file, rule
+from lab.configtext import interface, ping, route_file, route_line, rule
 from lab.growth import Growth
 from lab.route_watch import RouteWatch
 
@@ -115,8 +115,7 @@ class World:
         self.route_file = f"usr_etc/routing-wlb{'6' if ipv6 else ''}.conf"
         self.routing = lab.routing_daemon()
         self.renew(self.gateway)
-        self.watch = RouteWatch(lab, self.route_file,
-                                lambda active: self.text(self.gateway) if active else "", family=family)
+        self.watch_from_now()
         self.lb = lab.start_lb(configtext.build(
             [interface("wan1", [ping(self.gateway, resp_time=500)], ipv6=ipv6, success_ct=1, nexthop="dhcp")],
             [rule(f"1_ipv{family}", {"wan1": 1}, {"::/0" if ipv6 else "0.0.0.0/0": None})]))
@@ -124,9 +123,14 @@ class World:
         self.wait_routes(self.gateway)
         self.growth = Growth(lab, self.lb)
 
+    def watch_from_now(self):
+        """Routes by the first router: what a test does with another one lies before or behind."""
+        self.watch = RouteWatch(self.lab, self.route_file,
+                                lambda active: self.text(self.gateway) if active else "", family=self.family)
+
     def text(self, gateway):
         prefix = "::/0" if self.family == 6 else "0.0.0.0/0"
-        return route_file(f"route {prefix} via {gateway} weight 1;", ipv6=self.family == 6)
+        return route_file(route_line(prefix, [(gateway, 1)]), ipv6=self.family == 6)
 
     def renew(self, router):
         """What a client does: a whole new file in the place of the old one."""
@@ -168,6 +172,7 @@ def test_nothing_is_forgotten_and_nothing_hangs(lab, world, faults):
 def test_a_thousand_renewals(lab, world):
     """Replaced under the reader's eyes all the time: it is one whole file or the other."""
     routers = [world.gateway, world.gateway + "1"]
+    world.watch.verify()
     for number in range(1000):
         world.renew(routers[number % 2])
     world.wait_cycles()
@@ -176,11 +181,15 @@ def test_a_thousand_renewals(lab, world):
     texts = {text for _, text in world.watch.contents} - {""}
     assert texts <= {world.text(router) for router in routers}
     world.lb.wait_status("wan1", "active", family=world.family)
+    world.watch_from_now()
     world.growth.check()
+    world.wait_cycles(1)
+    world.watch.verify()
 
 
 def test_cut_within_the_address(lab, world):
     """What is left of it is taken for the router, whatever it is; a whole file puts that right."""
+    world.watch.verify()
     with open(world.path, "r+", encoding="ascii") as file:
         text = file.read()
         file.truncate(text.index(world.gateway) + 4)
@@ -190,4 +199,9 @@ def test_cut_within_the_address(lab, world):
     world.wait_routes(world.gateway)
     world.lb.wait_status("wan1", "active", family=world.family)
     waiting.wait_until(lambda: world.lb.outbounds(world.family)[0]["nexthop"] == world.gateway, 5)
+    texts = {text for _, text in world.watch.contents} - {""}
+    assert texts <= {world.text(world.gateway), world.text(left)}
+    world.watch_from_now()
     world.growth.check()
+    world.wait_cycles(1)
+    world.watch.verify()
