@@ -96,6 +96,8 @@ def wait_silence(manager, pair, family):
 @pytest.mark.parametrize("way", ["flush", "route_file", "pid_file"])
 def test_a_worker_hangs_in_the_outside_world(lab, world, way):
     manager, pair, routing = world
+    if way != "route_file":  # There it is a FIFO, whose reader would take the text.
+        pair.watch_from_now()
     hanging, hups = Hanging(lab, pair, routing), len(routing.hups)
     getattr(hanging, f"begin_{way}")()
     pair.change(wait=False)
@@ -119,6 +121,7 @@ def test_a_worker_hangs_in_the_outside_world(lab, world, way):
 def test_a_worker_is_stopped_in_its_tracks(lab, world):
     """One thread of the daemon is held by a debugger; the rest runs on."""
     manager, pair, _ = world
+    pair.watch_from_now()
     stopped = StoppedThread(lab, pair.lb)
     stamps = {family: os.stat(pair.lb.report_path(family)).st_mtime_ns for family in (4, 6)}
     moving = []
