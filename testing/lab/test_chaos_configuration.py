@@ -64,11 +64,13 @@ def test_a_hundred_thousand_lines_of_noise(lab):
     cycle = pace(lb, 4, 1.5)
     vias = [(link.gateway, link.number) for link in links]
     lab.wait_text(ROUTE_FILE, route_file(route_line("0.0.0.0/0", vias)))
+    growth = Growth(lab, lb)
     assert set(lb.statuses()) == set(weights) and len(lb.rules()) == 1
     assert not lab.log.matching("Malformed|mismatched|Illegal rule number")
     report("noise", lab, lb, start_time, cycle)
     if not daemon.has_sanitizer(daemon.program()):
         assert memory_kib(lab, lb) < 32 << 10
+    growth.check()
 
 
 def test_thousands_of_rules_and_targets(lab):
@@ -121,5 +123,5 @@ def test_thousands_of_rules_and_targets(lab):
             assert dumps.route(routes[at:at + dumps.ROUTE_SIZE]) == {
                 "destination": prefix, "nexthop": "", "metric": number, "index": part + 1, "number": number, "ipv6": 0}
     report("rules", lab, lb, start_time, cycle)
-    growth.check(allowed_kib=8 << 10)
+    growth.check()
     watch.verify()
