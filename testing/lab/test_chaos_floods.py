@@ -20,6 +20,7 @@ from lab.route_watch import RouteWatch
 PLAIN = not daemon.has_sanitizer(daemon.program())
 # A sanitizer makes a frame some ten times as dear to the daemon.
 RATE = 10000 if PLAIN else 1500
+LEAST_RATE = (0.9 if PLAIN else 0.5) * RATE
 
 
 class Flooded:
@@ -54,10 +55,15 @@ class Flooded:
             return ping_ext(strand.gateway4, count=3, period=1, timeout=1000, rtt=5000, jitter=5000)
         return ping(strand.gateway4, resp_time=900)
 
-    def flood(self, frames, seconds=3.0, rate=None):
-        """Starts one, when it is its turn; the frames come in by the first link."""
+    def take_turn(self):
+        """Waits until nobody else floods; the turn lasts until `finish`."""
         fcntl.flock(self.turns, fcntl.LOCK_EX)
-        return flood.Flood(self.lab, self.links.far, self.first.far_name, frames, rate or RATE, seconds)
+
+    def flood(self, frames, seconds=3.0, rate=None):
+        """Starts one when it is its turn; the frames come in by the first link. frames: a list, or what makes it."""
+        self.take_turn()
+        return flood.Flood(self.lab, self.links.far, self.first.far_name, frames() if callable(frames) else frames,
+                           rate or RATE, seconds)
 
     def finish(self, running):
         """Waits for the end of a flood and returns its frames a second."""
@@ -69,21 +75,42 @@ class Flooded:
         """Frames that have come in by the first link."""
         return json.loads(self.lab.ip_text(f"-s -j link show {self.first.name}"))[0]["stats64"]["rx"]["packets"]
 
-    def stand(self, frames, seconds=3.0):
-        """A flood that nothing comes of: every link is probed once a cycle and stays as it is."""
+    def arrive(self, running):
+        """Waits until a flood that has just begun comes in."""
+        before = self.arrived()
+        waiting.wait_until(lambda: self.arrived() - before > 100, 10, "the flood")
+        assert running.running
+
+    def key(self, ipv6):
+        """The key of a probe that has just left by the first link."""
+        capture = self.links.sniffer(self.first)
+        request = capture.wait_for(sniffer.is_echo6_request if ipv6 else sniffer.is_echo_request)[0]
+        self.lab.discard(capture)
+        return sniffer.echo_key(request)
+
+    def stand(self, frames, seconds=3.0, meanwhile=None):
+        """A flood that nothing comes of: every link is probed once a cycle and stays as it is.
+
+        meanwhile: called with the flood once it comes in.
+        """
+        self.take_turn()
         captures = {strand: self.links.sniffer(strand) for strand in (self.first, self.control)}
         before = self.arrived()
         running = self.flood(frames, seconds)
+        if meanwhile:
+            self.arrive(running)
+            meanwhile(running)
         rate = self.finish(running)
         assert self.arrived() - before >= 0.98 * running.sent
-        if PLAIN:
-            assert rate > 0.9 * RATE, f"only {rate:.0f} frames a second were sent"
+        assert rate > LEAST_RATE, f"only {rate:.0f} frames a second were sent"
         for family in (4, 6):
             self.lb.wait_cycles(1, family=family)
         self.check()
         for strand, capture in captures.items():
             for request in (sniffer.is_echo_request, sniffer.is_echo6_request):
-                self._once_a_cycle(capture.select(request), strand.name, seconds)
+                requests = capture.select(request)
+                self._once_a_cycle(requests, strand.name, seconds)
+                assert max(map(sniffer.echo_key, requests)) < min(flood.UNUSED_KEYS)
             self.lab.discard(capture)
 
     @staticmethod
@@ -130,17 +157,46 @@ def test_echo_replies_to_nobodys_request(flooded):
 
 
 def test_echo_replies_with_the_keys_of_probes(flooded):
-    """A key is all that an answer needs: whatever is right or wrong about the rest, probes succeed as before."""
-    for ipv6 in (False, True):
-        flooded.stand(flood.matching_echo_flood(flooded.target, ipv6, range(1, 200)))
+    """A key is all that an answer needs: whatever is right or wrong about the rest, probes succeed.
+
+    That the flood meets probes on their way shows while nothing else answers them.
+    """
+    keys = {}
+
+    def frames():
+        # As many as are used up meanwhile, and no more: the flood is to come round to each within milliseconds.
+        for ipv6, a_second in ((False, 8), (True, 4)):
+            first = flooded.key(ipv6)
+            keys[ipv6] = range(first, first + int(waiting.scaled(a_second * 6.0)))
+        return [frame for ipv6, wanted in keys.items()
+                for frame in flood.matching_echo_flood(flooded.target, ipv6, wanted)]
+
+    def deaf_far_end(running):
+        capture = flooded.links.sniffer(flooded.first)
+        flooded.links.deafen(flooded.first)
+        since = len(capture.frames)
+        for ipv6, request in ((False, sniffer.is_echo_request), (True, sniffer.is_echo6_request)):
+            probes = capture.wait_for(request, count=2, since=since)
+            assert set(map(sniffer.echo_key, probes)) <= set(keys[ipv6])
+        replies = capture.select(lambda frame: sniffer.is_echo_reply(frame) or sniffer.is_echo6_reply(frame), since)
+        assert not replies, "the far end was to be deaf"
+        flooded.links.undeafen(flooded.first)
+        assert running.running
+
+    flooded.stand(frames, waiting.scaled(6.0), deaf_far_end)
     flooded.settle()
 
 
 def test_everything_at_once(flooded):
     target = flooded.target
-    flooded.stand(flood.garbage_flood(target) + flood.arp_flood(target) + flood.advertisement_flood(target)
-                  + flood.foreign_echo_flood(target, False) + flood.foreign_echo_flood(target, True)
-                  + flood.matching_echo_flood(target, False, range(1, 30)), seconds=4.0)
+
+    def frames():
+        first = flooded.key(False)
+        return (flood.garbage_flood(target) + flood.arp_flood(target) + flood.advertisement_flood(target)
+                + flood.foreign_echo_flood(target, False) + flood.foreign_echo_flood(target, True)
+                + flood.matching_echo_flood(target, False, range(first, first + 50)))
+
+    flooded.stand(frames, seconds=4.0)
     flooded.settle()
 
 
@@ -153,7 +209,7 @@ def test_link_that_dies_in_a_flood(flooded):
         flooded.lb.wait_status(flooded.control.name, "failed", family=family)
     assert running.running
     flooded.links.restore(flooded.control)
-    flooded.finish(running)
+    assert flooded.finish(running) > LEAST_RATE
     for family in (4, 6):
         flooded.lb.wait_status(flooded.control.name, "active", family=family)
         assert state_changes(flooded.lab, flooded.control.name, family == 6) == flapped(1)
@@ -164,14 +220,23 @@ def test_link_that_dies_in_a_flood(flooded):
 def test_neighbours_resolved_in_a_flood(flooded):
     """The answer that counts comes among ten thousand a second that do not."""
     frames = flood.arp_flood(flooded.target) + flood.advertisement_flood(flooded.target)
-    running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]], seconds=5.0)
+    captures = [flooded.links.sniffer(strand) for strand in (flooded.first, flooded.control)]
+    running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]],
+                            seconds=waiting.scaled(6.0))
+    flooded.arrive(running)
+    since = [len(capture.frames) for capture in captures]
     for _ in range(2):
         for family in (4, 6):
             # The report ends a cycle's work: the next one has to resolve anew.
             flooded.lb.wait_cycles(1, family=family)
             for strand in (flooded.first, flooded.control):
                 flooded.lab.ip(f"-{family} neigh flush dev {strand.name}")
-    flooded.finish(running)
+    for ipv6 in (False, True):
+        # Not each time: a request of the far end teaches the kernel too.
+        waiting.wait_until(lambda: any(sniffer.answered_resolutions(capture.frames[start:], ipv6)
+                                       for capture, start in zip(captures, since)), 3, "an answer in the flood")
+    assert running.running
+    assert flooded.finish(running) > LEAST_RATE
     for family in (4, 6):
         flooded.lb.wait_cycles(2, family=family)
     flooded.settle()
@@ -181,9 +246,12 @@ def test_neighbours_resolved_in_a_flood(flooded):
 def test_answers_of_very_many(flooded, frames):
     """50,000 addresses that nobody asked for: each is one that could be remembered, and must not be."""
     count = 50000 if PLAIN else 10000
+    flooded.take_turn()
+    before = flooded.arrived()
     running = flooded.flood(frames(flooded.target, count), seconds=5.0, rate=count / 5)
-    flooded.finish(running)
+    assert flooded.finish(running) > 0.9 * LEAST_RATE
     assert running.sent == count
+    assert flooded.arrived() - before >= 0.98 * count
     for family in (4, 6):
         flooded.lb.wait_cycles(2, family=family)
     flooded.settle()

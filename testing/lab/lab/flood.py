@@ -130,13 +130,18 @@ def echo_reply(target, ipv6, key, identifier=0x7777, sequence=0, size=12, good_s
     return target.frame(ETH_IPV6 if ipv6 else ETH_IPV4, ip_packet(far, near, message))
 
 
+# Keys that a probe might have, so that the daemon has to look them up; a test's probes do not come that far.
+UNUSED_KEYS = (0x4000, 0x5A5A, 0x7FFD, 0x7FFE)
+# Those that no probe ever has.
+IMPOSSIBLE_KEYS = (0x7FFF, 0x8000, 0xFFFF, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF, 0xDEAD0001, 0x01000000)
+
+
 def foreign_echo_flood(target, ipv6):
     """Too short, up to the MTU, with wrong sums and types, of strangers and of the target: keys that no probe has."""
     head = 54 if ipv6 else 34
     largest = 1500 - (40 if ipv6 else 20) - 8
     frames = []
-    for key, stranger in zip((0x7FFF, 0x8000, 0xFFFF, 0x10000, 0x7FFFFFFF, 0xFFFFFFFF, 0xDEAD0001, 0x01000000),
-                             addresses(8, ipv6)):
+    for key, stranger in zip(UNUSED_KEYS + IMPOSSIBLE_KEYS, addresses(12, ipv6)):
         for source in (None, stranger):
             whole = echo_reply(target, ipv6, key, source=source)
             frames += [whole, whole[:head], whole[:head + 3], whole[:head + 8], whole[:head + 11],

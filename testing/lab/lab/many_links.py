@@ -30,7 +30,10 @@ class ManyLinks:
             # A link that goes down and up again keeps what an administrator gave it.
             lab.sysctl(*[f"net.ipv6.conf.{scope}.keep_addr_on_down=1" for scope in ("all", "default")], netns=netns)
         lab.nft("table inet cut {\nset quiet {\ntype ifname\n}\nchain receive {\n"
-                "type filter hook prerouting priority -300;\niifname @quiet drop\n}\n}", netns=far)
+                "type filter hook prerouting priority -300;\niifname @quiet drop\n}\nset deaf {\ntype ifname\n}\n"
+                "chain echo {\ntype filter hook prerouting priority -300;\n"
+                "iifname @deaf icmp type echo-request drop\niifname @deaf icmpv6 type echo-request drop\n}\n}",
+                netns=far)
         self.create(*self.strands)
 
     def create(self, *strands):
@@ -62,14 +65,21 @@ class ManyLinks:
 
     def silence(self, *strands):
         """The far end hears nothing more; the links stay up."""
-        self._quiet("add", strands)
+        self._change("add", "quiet", strands)
 
     def restore(self, *strands):
-        self._quiet("delete", strands)
+        self._change("delete", "quiet", strands)
 
-    def _quiet(self, verb, strands):
+    def deafen(self, *strands):
+        """The far end answers no more probes, but is there for everything else."""
+        self._change("add", "deaf", strands)
+
+    def undeafen(self, *strands):
+        self._change("delete", "deaf", strands)
+
+    def _change(self, verb, links, strands):
         names = ", ".join(f'"{strand.far_name}"' for strand in strands)
-        self.lab.nft(f"{verb} element inet cut quiet {{ {names} }}", netns=self.far)
+        self.lab.nft(f"{verb} element inet cut {links} {{ {names} }}", netns=self.far)
 
     def sniffer(self, strand):
         return self.lab.sniffer(strand.far_name, self.far)

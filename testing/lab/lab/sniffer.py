@@ -136,6 +136,22 @@ def is_advertisement(frame):
     return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 136
 
 
+def echo_key(frame):
+    """The number by which the daemon knows an echo request of either family again."""
+    start = 62 if ether_type(frame) == 0x86DD else 42
+    return int.from_bytes(frame.data[start:start + 4], "big")
+
+
+def answered_resolutions(frames, ipv6=False):
+    """Questions for a hardware address that came in and were then answered from this side."""
+    is_question, is_answer = (is_solicitation, is_advertisement) if ipv6 else (is_arp_request, is_arp_reply)
+    # The address asked for, in the question and in the answer.
+    asked, told = (slice(62, 78), slice(62, 78)) if ipv6 else (slice(38, 42), slice(28, 32))
+    return [question for number, question in enumerate(frames) if is_question(question) and not question.outgoing
+            and any(is_answer(frame) and frame.outgoing and frame.data[told] == question.data[asked]
+                    for frame in frames[number + 1:])]
+
+
 def destination(frame):
     """Text of the IP destination of an Ethernet frame."""
     if ether_type(frame) == 0x86DD:
