@@ -1,4 +1,4 @@
-"""The machine's own limits: descriptors run out, the clock jumps, the configuration is enormous.
+"""The machine's own limits: descriptors run out, and the clock jumps.
 
     router wan1 10.1.0.2 / fd00:1::2 -------- 10.1.0.1 / fd00:1::1 far1
     ...
@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from lab import configtext, daemon, dumps, waiting
+from lab import configtext, daemon, waiting
 from lab.configtext import interface, ping, ping_ext, route_file, route_line, rule
 from lab.growth import Growth
 from lab.route_watch import RouteWatch
