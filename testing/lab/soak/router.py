@@ -12,7 +12,7 @@ successes bring it back.
 
 import os
 
-from lab import configtext
+from lab import capabilities, configtext
 from lab.bird import Bird
 from lab.configtext import interface, ping, ping_ext, route_file, route_line, rule
 from lab.route_watch import RouteWatch
@@ -85,8 +85,8 @@ class Router:
                     self.lab, self.route_directory(vrf) + f"routing-wlb{6 if family == 6 else ''}.conf",
                     lambda active, v=vrf, f=family: self.routes(v, f, active), family, 0.02))
         self.bird = Bird(self.lab)
-        self.lb = self.lab.start_lb(self.config(), env={"NOTIFY_SOCKET": self.lab.path("notify"),
-                                                        "WATCHDOG_USEC": "30000000"})
+        self.lb = self.lab.start_lb(self.config(), prefix=capabilities.only(),
+                                    env={"NOTIFY_SOCKET": self.lab.path("notify"), "WATCHDOG_USEC": "30000000"})
 
     def restart_bird(self):
         self.bird.kill()

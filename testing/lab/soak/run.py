@@ -188,6 +188,7 @@ class Soak:
         now = holdings(self.lab, self.router.lb)
         texts = sum(len(watch.contents) for watch in self.router.watches)
         times = sorted(after for _, state, _, after in self.ledger.right if state == "inactive")
+        unexplained = len([problem for problem in problems if "route file" in problem])
         print(f"""
 time             {time.monotonic() - self.began:.0f} s
 faults injected  {sum(self.injected.values())}""")
@@ -198,7 +199,7 @@ switches right   {len(self.ledger.right)}
 switches wrong   {len(self.ledger.wrong)}
 switches missed  {len(self.ledger.missed)}
 failure noticed  {times[len(times) // 2]:.1f} s in the middle, {times[-1]:.1f} s at most (three probes of a second)
-route files      {texts} texts seen, {len([p for p in problems if 'route file' in p])} files with one that no state explains
+route files      {texts} texts seen, {unexplained} files with one that no state explains
 watchdog         longest time between two signs of life {self.longest_silence:.1f} s
 holdings before  {growth.before}
 holdings after   {now}""")
