@@ -60,9 +60,9 @@ class SyslogTest : public TemporaryDirectoryTest {
       wrapped::stat, [this](const char* path, struct stat* result) {
         return wrapped::stat.real(place(path).c_str(), result);
       }};
-  CallHook<FILE*(const char*, const char*)> fopen_hook_{
-      wrapped::fopen, [this](const char* path, const char* mode) {
-        return wrapped::fopen.real(place(path).c_str(), mode);
+  CallHook<int(const char*, int, mode_t)> open_hook_{
+      wrapped::open, [this](const char* path, int flags, mode_t mode) {
+        return wrapped::open.real(place(path).c_str(), flags, mode);
       }};
 };
 
