@@ -58,8 +58,8 @@ def without(name):
 def test_these_are_enough(lab):
     fake = lab.routing_daemon()
     scene = Scene(lab, NEEDED)
-    assert bin(scene.effective()).count("1") == len(NEEDED)
     scene.wait_all_active()
+    assert bin(scene.effective()).count("1") == len(NEEDED)
     # Both address families' routes, the signal, the flush command, the connection-tracking records.
     waiting.wait_until(lambda: "fd00:1::1" in (lab.read("usr_etc/routing-wlb6.conf")
                                                if lab.exists("usr_etc/routing-wlb6.conf") else ""), 10)
