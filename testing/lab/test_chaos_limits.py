@@ -40,9 +40,9 @@ def test_descriptors_run_out_and_come_back(lab):
     if daemon.is_undefined_behaviour_sanitizer(daemon.program()):
         pytest.skip("UndefinedBehaviorSanitizer needs a pipe to check a virtual call and reports a bad object without")
     links = [lab.uplink(number, far_end="kernel", ipv6=True) for number in DOZEN]
-    sections = [interface(link.name, [ping(link.gateway6 if ipv6 else link.gateway, resp_time=500)], ipv6=ipv6,
-                          success_ct=1, nexthop=link.gateway6 if ipv6 else link.gateway)
-                for link in links for ipv6 in (False, True)]
+    gateways = [(link, ipv6, link.gateway6 if ipv6 else link.gateway) for link in links for ipv6 in (False, True)]
+    sections = [interface(link.name, [ping(gateway, resp_time=waiting.milliseconds(500))], ipv6=ipv6, success_ct=1,
+                          nexthop=gateway) for link, ipv6, gateway in gateways]
     weights = {link.name: 1 for link in links}
     route_files = {4: "usr_etc/routing-wlb.conf", 6: "usr_etc/routing-wlb6.conf"}
     lb = lab.start_lb(configtext.build(sections, [rule("1_ipv4", weights, {"0.0.0.0/0": None}),
@@ -139,7 +139,7 @@ def test_wall_clock_jumps(lab, jumps):
         # A change is dated by the clock of the moment.
         pair.change()
         report = pair.lb.wait_report(lambda text: abs(changed(text) - clock.now()) < waiting.scaled(10))
-        assert report.count("n/a") <= 4 and "Last Interface Success:  0s\t" in report, report
+        assert report.count("n/a") <= 4 and re.search(r"Last Interface Success:  \ds\t", report), report
         record = next(entry for entry in pair.lb.outbounds() if entry["name"] == "wan1")
         assert 0 <= record["success_age"] <= waiting.scaled(3)
         third.responder.wait_requests(bursts + 3, timeout=10)

@@ -17,6 +17,11 @@ def scaled(seconds):
     return seconds * SLOW
 
 
+def milliseconds(number):
+    """A reply time for a configuration: as long as it says, and longer where deadlines are."""
+    return int(scaled(number))
+
+
 def wait_until(condition, timeout=10.0, what="", interval=0.01):
     """Calls `condition` until it returns something true, and returns that; raises TimedOut.
 

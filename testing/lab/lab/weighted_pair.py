@@ -23,7 +23,8 @@ class WeightedPair:
         self.lab, self.route_file = lab, route_file
         self.links = links or [lab.uplink(number, vrf=vrf) for number in (1, 2)]
         more = {"namespace": vrf} if vrf else {}
-        health = [configtext.interface(link.name, [configtext.ping(link.gateway, resp_time=300)], success_ct=1,
+        patience = waiting.milliseconds(300)
+        health = [configtext.interface(link.name, [configtext.ping(link.gateway, resp_time=patience)], success_ct=1,
                                        nexthop=nexthop or link.gateway, **more) for link in self.links]
         config = configtext.build([*health, *sections], [
             configtext.rule("1_ipv4", {link.name: link.number for link in self.links}, {"0.0.0.0/0": None},
