@@ -1,15 +1,10 @@
 #include "routing/lease_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <array>
-#include <cerrno>
 #include <vector>
 
 #include "config/tokens.h"
-#include "platform/file_descriptor.h"
+#include "platform/bounded_file.h"
 
 namespace {
 
@@ -84,19 +79,7 @@ std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
 }
 
 std::optional<std::string> read_lease_router(const std::string& path, bool ipv6) {
-  // Neither a FIFO nor a device may hold up the worker: nothing but a regular file is read.
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!file.valid()) return std::nullopt;
-  struct stat status {};
-  if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-
-  std::string text;
-  std::array<char, 16384> buffer;
-  while (text.size() < kMaxFileSize) {
-    const ssize_t count = read(file.get(), buffer.data(), buffer.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    text.append(buffer.data(), static_cast<size_t>(count));
-  }
-  return lease_router(text, ipv6);
+  const FileDescriptor file = open_to_read(path);
+  if (!file.valid() || !is_regular_file(file)) return std::nullopt;
+  return lease_router(read_up_to(file, kMaxFileSize), ipv6);
 }

@@ -1,14 +1,10 @@
 #include "platform/linux/log_flags.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <sstream>
 
-#include "platform/file_descriptor.h"
+#include "platform/bounded_file.h"
 
 namespace {
 
@@ -22,19 +18,6 @@ constexpr size_t kMaxProblems = 20;
 
 long milliseconds_between(timespec from, timespec to) {
   return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
-}
-
-// What the file holds, up to the limit.
-std::string read_text(int fd) {
-  std::string text;
-  std::array<char, 4096> buffer;
-  while (text.size() < kMaxBytes) {
-    const ssize_t count = read(fd, buffer.data(), buffer.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    text.append(buffer.data(), static_cast<size_t>(count));
-  }
-  return text;
 }
 
 // Takes the next line from the front of `text`, without its newline.
@@ -80,18 +63,15 @@ std::vector<std::string> LogFlags::read() {
   if (version_.mode == 0) return {};
 
   // A FIFO would hold up every thread that logs, a device might never end.
-  const FileDescriptor fd(open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  if (!fd.valid()) {
+  const FileDescriptor file = open_to_read(path_);
+  if (!file.valid()) {
     unread_ = true;
     return {path_ + ": cannot be opened: " + std::generic_category().message(errno)};
   }
-  struct stat status {};
-  if (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return {path_ + ": is no regular file"};
-  }
+  if (!is_regular_file(file)) return {path_ + ": is no regular file"};
 
   std::vector<std::string> problems;
-  const std::string text = read_text(fd.get());
+  const std::string text = read_up_to(file, kMaxBytes);
   std::string_view rest = text;
   for (int number = 1; number <= kMaxLines && !rest.empty(); ++number) {
     const std::string_view line = take_line(rest);
