@@ -1,6 +1,5 @@
 #include "tests/neighbor_prober.h"
 
-#include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <net/if.h>
 #include <netdb.h>
@@ -9,7 +8,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <iterator>
 
 #include "config/error_text.h"
 #include "config/log.h"
@@ -75,8 +73,7 @@ FileDescriptor LinkProtocol<Ipv6>::open_receiver() {
       BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
       BPF_STMT(BPF_RET | BPF_K, 0),
   };
-  const sock_fprog program = {std::size(advertisements), advertisements};
-  setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+  attach_filter(fd.get(), advertisements);
   return fd;
 }
 

@@ -1,6 +1,5 @@
 #include "tests/packet_socket.h"
 
-#include <linux/filter.h>
 #include <linux/if_packet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -11,11 +10,15 @@ FileDescriptor open_packet_socket(uint16_t ether_type) {
   return FileDescriptor(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC, htons(ether_type)));
 }
 
+void attach_filter(int fd, std::span<sock_filter> program) {
+  const sock_fprog attached = {static_cast<unsigned short>(program.size()), program.data()};
+  setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &attached, sizeof(attached));
+}
+
 void refuse_input(int fd) {
   sock_filter refuse_all[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
-  const sock_fprog program = {1, refuse_all};
   // Without the filter the queue fills once and drops the rest; sending works all the same.
-  setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+  attach_filter(fd, refuse_all);
 }
 
 FileDescriptor open_send_only_packet_socket(uint16_t ether_type) {

@@ -1,6 +1,7 @@
 // Packet sockets (packet(7)): whole Ethernet frames in and out.
 #pragma once
 
+#include <linux/filter.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -13,6 +14,10 @@
 // `ether_type` (host byte order; ETH_P_ALL for every frame) on all interfaces. Not valid on
 // failure, with errno set.
 FileDescriptor open_packet_socket(uint16_t ether_type);
+
+// Lets the kernel keep from the socket what `program` (socket(7), SO_ATTACH_FILTER) refuses. A
+// filter that is refused itself costs time and room only: what comes is looked at all the same.
+void attach_filter(int fd, std::span<sock_filter> program);
 
 // Makes a socket receive nothing, so that no packets pile up in a queue that nobody reads.
 void refuse_input(int fd);

@@ -1,12 +1,11 @@
 #include "tests/receive_queue.h"
 
-#include <linux/filter.h>
 #include <sys/socket.h>
 
 #include <cstddef>
-#include <iterator>
 
 #include "config/family.h"
+#include "tests/packet_socket.h"
 #include "tests/packets/icmp_echo.h"
 #include "tests/packets/ip_headers.h"
 #include "tests/probes_in_flight.h"
@@ -40,19 +39,6 @@ sock_filter keys_of_probes6[] = {
     BPF_STMT(BPF_RET | BPF_K, 0),
 };
 
-template <class Family>
-sock_fprog keys_of_probes();
-
-template <>
-sock_fprog keys_of_probes<Ipv4>() {
-  return {std::size(keys_of_probes4), keys_of_probes4};
-}
-
-template <>
-sock_fprog keys_of_probes<Ipv6>() {
-  return {std::size(keys_of_probes6), keys_of_probes6};
-}
-
 }  // namespace
 
 void enlarge_receive_queue(int fd) {
@@ -68,8 +54,11 @@ void enlarge_receive_queue(int fd) {
 
 template <class Family>
 void refuse_foreign_messages(int fd) {
-  const sock_fprog program = keys_of_probes<Family>();
-  setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof(program));
+  if constexpr (Family::kIpv6) {
+    attach_filter(fd, keys_of_probes6);
+  } else {
+    attach_filter(fd, keys_of_probes4);
+  }
 }
 
 template void refuse_foreign_messages<Ipv4>(int fd);
