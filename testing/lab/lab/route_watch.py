@@ -12,7 +12,7 @@ import time
 
 from . import waiting
 
-_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
+STATE_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
 
 # From the log of a state change to the file: the rest of the cycle's results come first.
 _LAG = 3.0
@@ -60,7 +60,7 @@ class RouteWatch:
         self._log.settle()
         active, wanted = frozenset(), [(0.0, self._explain(frozenset()))]
         for record in list(self._log.records):
-            found = _CHANGE.search(record.text)
+            found = STATE_CHANGE.search(record.text)
             if not found or bool(found[1]) != (self._family == 6):
                 continue
             active = active | {found[2]} if found[3] == "active" else active - {found[2]}

@@ -10,13 +10,13 @@ import collections
 import heapq
 import itertools
 import random
-import re
 import sys
 import time
 
 from lab import waiting
 from lab.growth import Growth, holdings
 from lab.lab import Lab
+from lab.route_watch import STATE_CHANGE
 
 from . import faults
 from .ledger import Ledger
@@ -27,7 +27,6 @@ DEADLINE = 15.0
 LONGEST_SILENCE = 10.0  # between two signs of life for the watchdog
 COOL_DOWN = 4.0  # until what was lost lately is forgotten
 PACE = 1.0  # seconds between tries to begin a fault, on average
-_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
 
 
 class Soak:
@@ -58,7 +57,7 @@ class Soak:
         while self._log_seen < len(records):
             record = records[self._log_seen]
             self._log_seen += 1
-            found = _CHANGE.search(record.text)
+            found = STATE_CHANGE.search(record.text)
             if found and not (found[3] == "inactive" and record.when < self._settled):
                 self._saw((6 if found[1] else 4, found[2]), found[3], record.when)
         self.ledger.give_up(time.monotonic())
