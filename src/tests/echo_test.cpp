@@ -83,6 +83,7 @@ int EchoTest<Family>::send_raw(const LBInterface& interface, const std::string& 
                                                                      target, worker, destination);
   if (error != 0) return error;
   const auto request = Traits::raw_request(key);
+  probes_in_flight<Family>().mark_sent(key, monotonic_now());
   return error_of(sendto(socket, &request, sizeof(request), 0,
                          reinterpret_cast<const sockaddr*>(&destination), sizeof(destination)));
 }
@@ -98,6 +99,7 @@ int EchoTest<Family>::send_frame(const LBInterface& interface, const Destination
   if (error != 0) return error;
   const auto frame =
       make_echo_frame(path.addresses, echo_identifier(), 0, static_cast<uint32_t>(key));
+  probes_in_flight<Family>().mark_sent(key, monotonic_now());
   return error_of(::send_frame(this->sockets()->packet_socket.get(), path.ifindex,
                                path.addresses.destination_mac, bytes_of(frame)));
 }

@@ -33,6 +33,8 @@ struct InterfaceSockets {
   FileDescriptor recv_socket;    // raw ICMP: replies
   InterfaceMutex mutex;
   std::atomic<bool> receiver_running{false};
+  // From before a message leaves the queue until its probe is marked.
+  std::atomic<bool> receiver_reading{false};
 };
 
 // The sockets of a family's interfaces, by Linux name. Any thread.

@@ -39,19 +39,25 @@ void ProbeTest<Family>::recv(LBInterface& interface, const LBWorkerContext& work
   ensure_receiver<Family>(ifname_);
 
   const std::string target = report().target;
-  const auto entry = probes_in_flight<Family>().find(interface.origin, target);
+  const auto find_probe = [&] { return probes_in_flight<Family>().find(interface.origin, target); };
+  auto entry = find_probe();
   if (!entry) return;
 
-  int32_t outcome = kProbeSuccess;
+  const auto sockets = this->sockets();
   if (entry->probe.state == kProbeWaiting) {
     const int64_t elapsed = elapsed_milliseconds(entry->probe.sent_at, monotonic_now());
     if (resp_time_ >= elapsed) return;
+    let_receiver_catch_up(*sockets);
+    entry = find_probe();
+    if (!entry) return;
+  }
+  int32_t outcome = kProbeSuccess;
+  if (entry->probe.state == kProbeWaiting) {
     outcome = kProbeFailure;
   } else if (entry->probe.state != kProbeAnswered) {
     return;
   }
 
-  const auto sockets = this->sockets();
   const bool locked = sockets->mutex.template lock<Family>("recv");
   settle(interface, outcome, target);
   probes_in_flight<Family>().erase(entry->key);

@@ -27,6 +27,12 @@ void ProbesInFlight::insert(int32_t key, const PendingProbe& probe) {
   pending_.try_emplace(key, probe);
 }
 
+void ProbesInFlight::mark_sent(int32_t key, const timespec& now) {
+  MutexLock lock(mutex_);
+  const auto found = pending_.find(key);
+  if (found != pending_.end()) found->second.sent_at = now;
+}
+
 void ProbesInFlight::mark_answered(int64_t key) {
   if (key < 0 || key >= kKeyModulus) return;
   MutexLock lock(mutex_);

@@ -22,7 +22,7 @@ inline constexpr int32_t kLargestProbeKey = 32766;
 struct PendingProbe {
   std::string ifname;  // Linux name of the interface that the probe left by
   int32_t state = kProbeWaiting;
-  timespec sent_at{};  // monotonic
+  timespec sent_at{};  // monotonic; until it is sent, when it was entered
   std::string target;
 };
 
@@ -41,6 +41,10 @@ class ProbesInFlight {
 
   // Enters a probe; a record that already has this key is kept and the new one dropped.
   void insert(int32_t key, const PendingProbe& probe);
+
+  // The probe leaves now: what it took to get there (a name, a neighbour, a busy machine) is no
+  // part of the wait for its reply.
+  void mark_sent(int32_t key, const timespec& now);
 
   // Marks the probe as answered; an unknown key changes nothing.
   void mark_answered(int64_t key);

@@ -9,8 +9,8 @@
 
 #include "config/family.h"
 #include "config/log.h"
+#include "platform/clock.h"
 #include "tests/detached_thread.h"
-#include "tests/interface_sockets.h"
 #include "tests/packets/icmp_echo.h"
 #include "tests/probes_in_flight.h"
 #include "tests/receive_queue.h"
@@ -18,6 +18,9 @@
 namespace {
 
 constexpr size_t kReceiveSize = 65535;
+
+constexpr timespec kCatchUpPause{0, 1000000};
+constexpr int kCatchUpPauses = 200;
 
 template <class Family>
 struct ReceiverTraits;
@@ -58,17 +61,26 @@ void receive_replies(InterfaceSockets& sockets) {
       LOG_ERROR("select for %s failed!!!!!", Family::kName);
       return;
     }
+    sockets.receiver_reading = true;
     const ssize_t received = recv(waiting.fd, buffer.data(), buffer.size(), 0);
     if (received < 1) {
       LOG_ERROR("recv for %s failed!!!!!", Family::kName);
       return;
     }
     const auto key = Traits::key({buffer.data(), static_cast<size_t>(received)});
-    if (!key) continue;
-    const bool locked = sockets.mutex.lock<Family>(Traits::kOperation);
-    probes_in_flight<Family>().mark_answered(*key);
-    if (locked) sockets.mutex.unlock<Family>(Traits::kOperation);
+    if (key) {
+      const bool locked = sockets.mutex.lock<Family>(Traits::kOperation);
+      probes_in_flight<Family>().mark_answered(*key);
+      if (locked) sockets.mutex.unlock<Family>(Traits::kOperation);
+    }
+    sockets.receiver_reading = false;
   }
+}
+
+// The queue first: what has left it since is still being read.
+bool has_unread_reply(const InterfaceSockets& sockets) {
+  pollfd queue{sockets.recv_socket.get(), POLLIN, 0};
+  return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) || sockets.receiver_reading;
 }
 
 template <class Family>
@@ -76,6 +88,7 @@ void* receiver_thread(void* argument) {
   const std::unique_ptr<std::shared_ptr<InterfaceSockets>> sockets(
       static_cast<std::shared_ptr<InterfaceSockets>*>(argument));
   receive_replies<Family>(**sockets);
+  (*sockets)->receiver_reading = false;
   (*sockets)->receiver_running = false;
   return nullptr;
 }
@@ -94,6 +107,13 @@ void ensure_receiver(const std::string& ifname) {
     LOG_ERROR("Can't create new thread for icmp recv");
   }
   if (thread.detach_result != 0) LOG_ERROR("Can't detach thread for icmp recv");
+}
+
+void let_receiver_catch_up(const InterfaceSockets& sockets) {
+  for (int pauses = 0; pauses < kCatchUpPauses; ++pauses) {
+    if (!sockets.receiver_running || !has_unread_reply(sockets)) return;
+    sleep_for(kCatchUpPause);
+  }
 }
 
 template void ensure_receiver<Ipv4>(const std::string&);

@@ -60,6 +60,37 @@ TYPED_TEST(EchoSend, EntersAndSendsAProbe) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
+// A slow machine must not use up the time in which the reply is to come.
+TYPED_TEST(EchoSend, WaitBeginsWhenTheRequestLeaves) {
+  this->network_.on_question = [] { virtual_clock::advance(700ms); };
+  for (const bool no_arp : {true, false}) {
+    this->network_.no_arp = no_arp;
+    this->interface_.state.no_arp.reset();
+    const auto test = this->make_test();
+    const timespec entered = monotonic_now();
+    timespec left{};
+    this->network_.on_frame = [&left](const FakeNetwork::Bytes&) { left = monotonic_now(); };
+    this->send(*test);
+    const auto entry = this->probe_to(EchoKit<TypeParam>::kTarget);
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_GE(elapsed_milliseconds(entered, left), 700);
+    EXPECT_EQ(elapsed_milliseconds(entry->probe.sent_at, left), 0) << "no ARP: " << no_arp;
+    this->probes().erase(entry->key);
+  }
+}
+
+TYPED_TEST(EchoSend, WaitForARequestThatCannotLeaveBeginsWithItsEntry) {
+  this->network_.on_question = [] { virtual_clock::advance(700ms); };
+  const auto test = this->make_test();
+  const timespec entered = monotonic_now();
+  Fault fault("setsockopt", ENODEV);
+  this->send(*test);
+  const auto entry = this->probe_to(EchoKit<TypeParam>::kTarget);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(elapsed_milliseconds(entered, entry->probe.sent_at), 0);
+  EXPECT_GE(elapsed_milliseconds(entered, monotonic_now()), 700);
+}
+
 TYPED_TEST(EchoSend, KeysCountOnAndWrap) {
   const auto test = this->make_test("");
   this->make_next_key(32765);

@@ -103,6 +103,13 @@ TYPED_TEST(ProbeSettlement, ResponseTimeHasASign) {
   this->expect_failed();
 }
 
+TYPED_TEST(ProbeSettlement, NobodyIsWaitedForWhenNothingHasArrived) {
+  virtual_clock::advance(5001ms);
+  this->recv();
+  this->expect_failed();
+  EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
+}
+
 TYPED_TEST(ProbeSettlement, OtherKeywordsHaveNoField) {
   for (const auto keyword : {TestKeyword::kPeriod, TestKeyword::kTimeout, TestKeyword::kCount,
                              TestKeyword::kLoss, TestKeyword::kRtt, TestKeyword::kJitter}) {

@@ -44,6 +44,17 @@ TEST(ProbesInFlight, HoldsWhatWasEntered) {
   EXPECT_EQ(entry->probe.target, "192.0.2.1");
 }
 
+TEST(ProbesInFlight, ProbeThatHasGoneIsNotSent) {
+  ProbesInFlight probes;
+  probes.insert(7, probe("eth0", "192.0.2.1"));
+  probes.mark_sent(8, {9, 9});
+  EXPECT_EQ(probes.size(), 1u);
+  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_sec, 5);
+  probes.mark_sent(7, {9, 8});
+  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_sec, 9);
+  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_nsec, 8);
+}
+
 TEST(ProbesInFlight, FindsByInterfaceAndTargetTogether) {
   ProbesInFlight probes;
   probes.insert(7, probe("eth0", "192.0.2.1"));

@@ -7,6 +7,7 @@
 #include <random>
 
 #include "support/echo_fixture.h"
+#include "tests/reply_receiver.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -365,6 +366,97 @@ TYPED_TEST(ReplyReceiver, WaitsOnDescriptorsAbove1023) {
   }
   EXPECT_TRUE(this->wait_for_end());
   EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+namespace {
+
+// A receiver that is stopped before or after it takes a reply off its queue, and a worker for whom
+// the time of that reply's probe is over.
+template <class Family>
+class LateReceiver : public ReplyReceiver<Family> {
+ protected:
+  LateReceiver()
+      : hook_(wrapped::recv, [this](int fd, void* data, size_t size, int flags) {
+          if (!takes_first_) hold();
+          const ssize_t received = wrapped::recv.real(fd, data, size, flags);
+          if (takes_first_) hold();
+          return received;
+        }) {
+    test_ = this->make_test("probe");
+    key_ = this->enter_probe("probe");
+  }
+
+  ~LateReceiver() override {
+    released_ = true;
+    this->network_.end_threads();
+  }
+
+  // The reply has arrived, and the receiver is held with it.
+  void hold_receiver(bool takes_first) {
+    takes_first_ = takes_first;
+    this->start();
+    this->deliver(EchoKit<Family>::reply(static_cast<uint32_t>(key_)));
+    ASSERT_TRUE(wait_until([&] { return held_.load(); }));
+  }
+
+  // The worker looks, and the receiver goes on once it has waited so often.
+  int32_t outcome_when_released_after(size_t sleeps) {
+    virtual_clock::on_sleep([this, sleeps](std::chrono::nanoseconds) {
+      if (virtual_clock::sleeps().size() != sleeps) return;
+      released_ = true;
+      EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
+    });
+    virtual_clock::advance(std::chrono::milliseconds(5001));
+    test_->recv(this->interface_, this->worker_);
+    virtual_clock::on_sleep({});
+    return test_->report().result;
+  }
+
+  void hold() {
+    held_ = true;
+    while (!released_) sched_yield();
+  }
+
+  bool takes_first_ = false;
+  std::atomic<bool> held_{false};
+  std::atomic<bool> released_{false};
+  std::unique_ptr<typename EchoKit<Family>::Test> test_;
+  int32_t key_ = 0;
+  CallHook<ssize_t(int, void*, size_t, int)> hook_;
+};
+
+}  // namespace
+
+TYPED_TEST_SUITE(LateReceiver, BothFamilies, FamilyName);
+
+TYPED_TEST(LateReceiver, UnreadReplyIsNotTooLate) {
+  this->hold_receiver(false);
+  EXPECT_EQ(this->outcome_when_released_after(3), kResultSuccess);
+}
+
+TYPED_TEST(LateReceiver, ReplyThatIsBeingReadIsNotTooLate) {
+  this->hold_receiver(true);
+  EXPECT_EQ(this->outcome_when_released_after(3), kResultSuccess);
+}
+
+TYPED_TEST(LateReceiver, IsWaitedForAFifthOfASecond) {
+  this->hold_receiver(false);
+  EXPECT_EQ(this->outcome_when_released_after(1000), kResultFailure);
+  EXPECT_THAT(virtual_clock::sleeps(),
+              testing::AllOf(testing::SizeIs(200), testing::Each(std::chrono::milliseconds(1))));
+}
+
+TYPED_TEST(ReplyReceiver, ThatHasEndedIsNotWaitedFor) {
+  this->start();
+  {
+    Fault fault("recv", ENETDOWN);
+    this->deliver({1});
+    ASSERT_TRUE(this->wait_for_end());
+  }
+  EXPECT_FALSE(this->sockets()->receiver_reading);
+  this->deliver({1});
+  let_receiver_catch_up(*this->sockets());
+  EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
 }
 
 // From the wire to the interface's counters.

@@ -182,6 +182,7 @@ bool FakeNetwork::is_closed(const Socket& socket) {
 int FakeNetwork::answer_ioctl(unsigned long request, void* argument) {
   const std::lock_guard lock(mutex_);
   const int call = ioctl_calls[request]++;
+  if (on_question) on_question();
   if (const auto error = ioctl_errors.find(request); error != ioctl_errors.end()) {
     errno = error->second;
     return -1;

@@ -61,6 +61,7 @@ class FakeNetwork {
   int arp_misses_after = -1;                   // SIOCGARP fails from this call on; -1: never
   int conntrack_answer = 0;                    // errno of the tracker's answer
   std::function<void(const Bytes&)> on_frame;  // called within sendto
+  std::function<void()> on_question;           // called within ioctl
 
   // What was done. Not to be read while threads still work.
   std::vector<Socket> sockets;
