@@ -36,14 +36,13 @@ def test_hardware_address_changes_and_is_announced(lab):
         captures = {strand: links.sniffer(strand) for strand in touched}
         for strand, capture in captures.items():
             request = sniffer.is_echo6_request if strand.ipv6 else sniffer.is_echo_request
-            frame = capture.wait_for(request)[0]
-            assert frame.data[:6].hex(":") == f"02:00:00:{change:02x}:{strand.number:02x}:01"
+            # The first one may have been on its way to the old address.
+            frames = capture.wait_for(request, count=2)
+            mac = f"02:00:00:{change:02x}:{strand.number:02x}:01"
+            assert [frame.data[:6].hex(":") for frame in frames[1:]] == [mac] * len(frames[1:])
             lab.discard(capture)
-    # A probe that was on its way to the old address may be lost, and comes back with the next.
-    for strand in touched:
-        assert watched.changes(strand) in [flapped(times) for times in range(6)]
-    assert all(watched.changes(strand) == flapped(0) for strand in control)
-    watched.settle()
+    # One lost probe is no lost link.
+    watched.finish([], 0)
 
 
 def test_hardware_address_changes_silently(lab):
@@ -65,8 +64,10 @@ def test_hardware_address_changes_silently(lab):
     captures = [links.sniffer(strand) for strand in touched]
     watched.lb.wait_cycles(3)
     watched.lb.wait_cycles(3, family=6)
-    for capture in captures:
-        asked = capture.select(lambda frame: sniffer.is_arp_request(frame) or sniffer.is_solicitation(frame))
+    for strand, capture in zip(touched, captures):
+        # The kernel may ask for the far end's link-local address, which has asked for ours.
+        gateway = responder.address_bytes(strand.gateway)
+        asked = capture.select(lambda frame, wanted=gateway: sniffer.asked_for(frame) == wanted)
         assert not asked, capture.frames
     assert set(watched.lb.statuses().values()) == set(watched.lb.statuses(6).values()) == {"active", "failed"}
     for strand in touched:

@@ -136,6 +136,13 @@ def is_advertisement(frame):
     return ether_type(frame) == 0x86DD and frame.data[20] == 58 and frame.data[54] == 136
 
 
+def asked_for(frame):
+    """The packed address whose hardware address a question is for; None if the frame is no question."""
+    if is_arp_request(frame):
+        return frame.data[38:42]
+    return frame.data[62:78] if is_solicitation(frame) else None
+
+
 def echo_key(frame):
     """The number by which the daemon knows an echo request of either family again."""
     start = 62 if ether_type(frame) == 0x86DD else 42
@@ -145,10 +152,9 @@ def echo_key(frame):
 def answered_resolutions(frames, ipv6=False):
     """Questions for a hardware address that came in and were then answered from this side."""
     is_question, is_answer = (is_solicitation, is_advertisement) if ipv6 else (is_arp_request, is_arp_reply)
-    # The address asked for, in the question and in the answer.
-    asked, told = (slice(62, 78), slice(62, 78)) if ipv6 else (slice(38, 42), slice(28, 32))
+    told = slice(62, 78) if ipv6 else slice(28, 32)
     return [question for number, question in enumerate(frames) if is_question(question) and not question.outgoing
-            and any(is_answer(frame) and frame.outgoing and frame.data[told] == question.data[asked]
+            and any(is_answer(frame) and frame.outgoing and frame.data[told] == asked_for(question)
                     for frame in frames[number + 1:])]
 
 
