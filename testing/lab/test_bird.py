@@ -45,7 +45,7 @@ def test_kernel_routes_follow_both_families(lab):
 def test_failover_and_everything_down(lab):
     network = TwoUplinks(lab)
     network.config_text = configtext.build(
-        [interface(link.name, [ping(link.gateway, resp_time=300)], success_ct=1, nexthop=link.gateway)
+        [interface(link.name, [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway)
          for link in network.links.values()],
         [rule("1_ipv4", {"wan1": 9, "wan2": 2}, {"0.0.0.0/0": None}, failover=True)])
     network.start()

@@ -26,12 +26,12 @@ class Scene:
         lab.add_netns("blue")
         links = [lab.uplink(1, ipv6=True), lab.uplink(2, arp=False), lab.uplink(3, vrf="blue")]
         self.lb = lab.start_lb(configtext.build(
-            [interface("wan1", [ping(links[0].gateway, resp_time=500)], success_ct=1, nexthop=links[0].gateway),
-             interface("wan1", [ping(links[0].gateway6, resp_time=500)], ipv6=True, success_ct=1,
+            [interface("wan1", [ping(links[0].gateway, resp_time=900)], success_ct=1, nexthop=links[0].gateway),
+             interface("wan1", [ping(links[0].gateway6, resp_time=900)], ipv6=True, success_ct=1,
                        nexthop=links[0].gateway6),
              interface("wan2", [ping_ext(links[1].gateway, period=1, count=2, loss=100, rtt=900, jitter=900)],
                        success_ct=1, nexthop=links[1].gateway),
-             interface("wan3", [ping(links[2].gateway, resp_time=500)], success_ct=1, nexthop=links[2].gateway,
+             interface("wan3", [ping(links[2].gateway, resp_time=900)], success_ct=1, nexthop=links[2].gateway,
                        namespace="blue")],
             [rule("1_ipv4", {"wan1": 1, "wan2": 1}, {"0.0.0.0/0": None}),
              rule("1_ipv6", {"wan1": 1}, {"::/0": None}),

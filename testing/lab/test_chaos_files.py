@@ -173,14 +173,14 @@ def test_directory_of_the_route_file(lab, fault):
     mark = lab.log.mark()
     begin()
     pair.change(wait=False)
-    pair.lb.wait_cycles(2, timeout=5)
+    pair.lb.wait_cycles(2)
     if fault == "full":
         assert lab.log.matching(r"error writing file '/var/vrfs/red/usr/etc/routing-wlb.conf', errno = 28", mark)
     if fault != "missing":  # There the pid file is away too.
         hups += 1
     assert len(routing.hups) == hups
     end()
-    pair.lb.wait_cycles(2, timeout=5)
+    pair.lb.wait_cycles(2)
     assert lab.read(pair.route_file) == left, "no second try"
     pair.change()
     pair.watch_from_now()

@@ -117,8 +117,8 @@ class World:
         self.renew(self.gateway)
         self.watch_from_now()
         self.lb = lab.start_lb(configtext.build(
-            [interface("wan1", [ping(self.gateway, resp_time=waiting.milliseconds(500))], ipv6=ipv6, success_ct=1,
-                       nexthop="dhcp")],
+            [interface("wan1", [ping(self.gateway, resp_time=waiting.milliseconds(900))], ipv6=ipv6, success_ct=1,
+                       failure_ct=2, nexthop="dhcp")],
             [rule(f"1_ipv{family}", {"wan1": 1}, {"::/0" if ipv6 else "0.0.0.0/0": None})]))
         self.lb.wait_status("wan1", "active", family=family)
         self.wait_routes(self.gateway)

@@ -41,7 +41,7 @@ def test_descriptors_run_out_and_come_back(lab):
         pytest.skip("UndefinedBehaviorSanitizer needs a pipe to check a virtual call and reports a bad object without")
     links = [lab.uplink(number, far_end="kernel", ipv6=True) for number in DOZEN]
     gateways = [(link, ipv6, link.gateway6 if ipv6 else link.gateway) for link in links for ipv6 in (False, True)]
-    sections = [interface(link.name, [ping(gateway, resp_time=waiting.milliseconds(500))], ipv6=ipv6, success_ct=1,
+    sections = [interface(link.name, [ping(gateway, resp_time=waiting.milliseconds(900))], ipv6=ipv6, success_ct=1,
                           nexthop=gateway) for link, ipv6, gateway in gateways]
     weights = {link.name: 1 for link in links}
     route_files = {4: "usr_etc/routing-wlb.conf", 6: "usr_etc/routing-wlb6.conf"}

@@ -104,7 +104,7 @@ def test_nonsense_for_the_pid_file(lab, faults):
         hups = len(routing.hups)
         files.put(fault)
         pair.change()
-        pair.lb.wait_cycles(1, timeout=5)
+        pair.lb.wait_cycles(1)
         assert len(routing.hups) == hups, fault
         files.clear()
         files.write(f"{routing.pid}\n")

@@ -20,7 +20,7 @@ def chatty_pair(lab, redirection, **options):
     links, third = [lab.uplink(1), lab.uplink(2)], lab.uplink(3, ipv6=True)
     return WeightedPair(
         lab, links=links, prefix=("sh", "-c", f'exec "$@" {redirection}', "sh"),
-        sections=[interface("wan3", [ping(third.gateway6, resp_time=200)], ipv6=True, success_ct=1,
+        sections=[interface("wan3", [ping(third.gateway6, resp_time=900)], ipv6=True, success_ct=1,
                             nexthop="nonsense")],
         rules=[rule("1_ipv6", {"wan3": 1}, {"::/0": None})], **options)
 

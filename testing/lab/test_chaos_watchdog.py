@@ -68,7 +68,7 @@ def world(lab):
     links, third = [lab.uplink(1), lab.uplink(2)], lab.uplink(3, ipv6=True)
     routing = lab.routing_daemon()
     pair = WeightedPair(lab, links=links, watched=False, sections=[
-        interface("wan3", [ping(resp_time=waiting.milliseconds(500))], ipv6=True, success_ct=1,
+        interface("wan3", [ping(resp_time=waiting.milliseconds(900))], ipv6=True, success_ct=1,
                   nexthop=third.gateway6)],
         rules=[rule("1_ipv6", {"wan3": 1}, {"::/0": None})],
         env={"NOTIFY_SOCKET": lab.path("notify"), "WATCHDOG_USEC": str(int(TIMEOUT * 1e6))})

@@ -18,12 +18,12 @@ def two(first, second, ipv6=False):
 
 
 def good(link, **settings):
-    return interface(link.name, [ping(link.gateway, resp_time=500)], success_ct=1, nexthop=link.gateway, **settings)
+    return interface(link.name, [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway, **settings)
 
 
 def test_interface_appears_after_the_start(lab):
     other = lab.uplink(2)
-    lb = lab.start_lb(two(interface("wan1", [ping("10.1.0.1", resp_time=200)], success_ct=1, nexthop="10.1.0.1"),
+    lb = lab.start_lb(two(interface("wan1", [ping("10.1.0.1", resp_time=900)], success_ct=1, nexthop="10.1.0.1"),
                           good(other)))
     lb.wait_status("wan2", "active")
     lb.wait_report("  -Test:  ping\tTarget: 10.1.0.1")
@@ -37,7 +37,7 @@ def test_interface_appears_after_the_start(lab):
 def test_interface_is_made_anew(lab, arp):
     """Deleted and created again: another index, the same name."""
     link = lab.uplink(1, arp=arp)
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_status("wan1", "active")
     lab.discard(link.responder)
     lab.ip("link del wan1")
@@ -49,7 +49,7 @@ def test_interface_is_made_anew(lab, arp):
 
 def test_link_down_and_up(lab):
     link = lab.uplink(1)
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_status("wan1", "active")
     lab.ip("link set wan1 down")
     lb.wait_status("wan1", "failed")
@@ -63,7 +63,7 @@ def test_device_without_hardware_address(lab, tun_devices):
     peer = lab.tun_peer("wan1", "10.1.0.2", "10.1.0.1")
     lab.ip("link set wan1 arp on")
     assert "NOARP" not in lab.ip_text("link show wan1")
-    lb = lab.start_lb(two(interface("wan1", [ping("10.1.0.1", resp_time=200), ping_ext("10.1.0.1", period=1)],
+    lb = lab.start_lb(two(interface("wan1", [ping("10.1.0.1", resp_time=900), ping_ext("10.1.0.1", period=1)],
                                     success_ct=1, nexthop="10.1.0.1"), good(other)))
     lb.wait_status("wan2", "active")
     lb.wait_report(lambda text: text.count("  -Test:") == 2)
@@ -76,7 +76,7 @@ def test_name_service_that_never_answers(lab):
     lab.name_server(silent=True, timeout=2)
     config = configtext.build(
         [interface("wan1", [ping("no.such.name", resp_time=100)], success_ct=1, nexthop=slow.gateway), good(other),
-         interface("wan2", [ping(resp_time=500)], ipv6=True, success_ct=1, nexthop=other.gateway6)],
+         interface("wan2", [ping(resp_time=900)], ipv6=True, success_ct=1, nexthop=other.gateway6)],
         [rule("1_ipv4", {"wan1": 1, "wan2": 1}, {"0.0.0.0/0": None}), rule("1_ipv6", {"wan2": 1}, {"::/0": None})])
     lb = lab.start_lb(config)
     lab.log.wait_for("error in resolving configured hostname: no.such.name", count=2, timeout=20)
@@ -122,7 +122,7 @@ def test_out_of_descriptors(lab):
         pytest.skip("UndefinedBehaviorSanitizer needs a pipe to check a virtual call and reports a bad object without")
     link = lab.uplink(1)
     config = configtext.build(
-        [interface("a-first", [ping(link.gateway, resp_time=500)], success_ct=1, nexthop=link.gateway, origin="wan1")]
+        [interface("a-first", [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway, origin="wan1")]
         + [interface(f"absent{number:02}", [ping("198.51.100.1")], nexthop="198.51.100.1") for number in range(30)],
         [rule("1_ipv4", {"a-first": 1}, {"0.0.0.0/0": None})])
     lb = lab.start_lb(config, nofile=64)

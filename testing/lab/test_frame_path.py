@@ -72,7 +72,7 @@ def test_reply_enters_the_kernel_table_through_the_daemon(lab, link):
 def test_unwatched_replies_and_requests_change_nothing(lab, link):
     """The kernel adds nothing of this by itself, and the daemon, which waits for the gateway, neither."""
     link.responder.answer_arp = False
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     waiting.wait_until(lambda: link.responder.arp_requests, 10)
     mac, far = bytes.fromhex(link.mac.replace(":", "")), link.responder.mac
     near = socket.inet_aton(link.address)
@@ -125,7 +125,7 @@ def test_incomplete_entry_of_the_kernel_is_asked_for_again(lab, link):
     probe.sendto(b"x", (link.gateway, 9))
     waiting.wait_until(lambda: link.gateway in lab.neighbours("wan1"), 5)
     asked = len(link.responder.arp_requests)
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=300)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     waiting.wait_until(lambda: len(link.responder.arp_requests) > asked, 5)
     link.responder.answer_arp = True
     lb.wait_status("wan1", "active")
@@ -161,7 +161,7 @@ def test_source_address_may_lie_on_a_namesake(lab, link, name):
 
 def test_interface_without_address(lab, link):
     lab.ip("addr flush dev wan1")
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_report("  -Test:")
     assert not link.responder.arp_requests
     lab.ip(f"addr add {link.address}/24 dev wan1")

@@ -25,7 +25,7 @@ def ping(lab, target, *options, check=True):
         "s.settimeout(float(sys.argv[2]))\n"
         "s.sendto(bytes.fromhex('0800f7fe0001000000000000'), (sys.argv[1], 0))\n"
         "while s.recv(2000)[20] != 0: pass\n")
-    return lab.run([sys.executable, "-c", script, target, *(options or ["2"])], check=check).status
+    return lab.run([sys.executable, "-c", script, target, *(options or [str(waiting.scaled(2))])], check=check).status
 
 
 def test_fixed_paths_are_private(lab):

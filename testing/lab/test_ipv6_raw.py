@@ -18,7 +18,7 @@ def link(lab):
 
 def test_request_byte_for_byte_and_time_out(lab, link):
     capture = link.sniff()
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=200)], ipv6=True))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=900)], ipv6=True))
     frames = capture.wait_for(sniffer.is_echo6_request, count=3)
     for number, frame in enumerate(frames[:3], start=1):
         packet = frame.decode()["IPv6"]
@@ -40,15 +40,15 @@ def test_request_byte_for_byte_and_time_out(lab, link):
 def test_a_key_in_the_place_of_the_time_is_recognised(lab, link):
     """The reply that the receiver looks for: the key in the first payload word."""
     link.responder.echo = lambda request: request.reply(payload=request.payload[8:12] + bytes(28))
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=500)], ipv6=True))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=900)], ipv6=True))
     lb.wait_status("wan1", "active", family=6)
 
 
 def test_host_names_are_probed(lab, link):
     lab.replace_etc("nsswitch.conf", "hosts: files\n")
     lab.replace_etc("hosts", "fd00:1::1 gateway.example\n")
-    lb = lab.start_lb(configtext.single(link, [ping("gateway.example", resp_time=200),
-                                               ping("no.such.name", resp_time=200)], ipv6=True))
+    lb = lab.start_lb(configtext.single(link, [ping("gateway.example", resp_time=900),
+                                               ping("no.such.name", resp_time=900)], ipv6=True))
     link.responder.wait_requests(2)
     assert {request.target for request in link.responder.requests} == {"fd00:1::1"}
     record = lab.log.wait_for(r"^%WAN-W-WARN: Error in resolving configured hostname: no\.such\.name$")
@@ -57,13 +57,13 @@ def test_host_names_are_probed(lab, link):
 
 
 def test_no_route_is_no_error(lab, link):
-    lb = lab.start_lb(configtext.single(link, [ping("2001:db8::7", resp_time=200)], ipv6=True))
+    lb = lab.start_lb(configtext.single(link, [ping("2001:db8::7", resp_time=900)], ipv6=True))
     lb.wait_report("  -Test:", family=6)
     waiting.never(lambda: lab.log.matching("error on sending"), 1)
 
 
 def test_interface_goes_away(lab, link):
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=200)], ipv6=True))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway6, resp_time=900)], ipv6=True))
     link.responder.wait_requests(1)
     lab.ip("link del wan1")
     record = lab.log.wait_for(r"^%WAN-W-ERR: wan_lb: failure to bind to interface \(ipv6\): wan1$")

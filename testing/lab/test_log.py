@@ -21,8 +21,8 @@ def test_levels_without_a_flags_file(lab):
     os.unlink(lab.path("etc/wan_lb/log-flags"))
     link = lab.uplink(1)
     lb = lab.start_lb(configtext.build(
-        [configtext.interface("wan9", [ping(link.gateway, resp_time=300)], success_ct=1, nexthop="dhcp"),
-         configtext.interface("wan1", [ping(link.gateway, resp_time=300)], success_ct=1, nexthop=link.gateway)],
+        [configtext.interface("wan9", [ping(link.gateway, resp_time=900)], success_ct=1, nexthop="dhcp"),
+         configtext.interface("wan1", [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway)],
         [configtext.rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]), "-i", "/no/such/dir/pid")
     lb.wait_status("wan1", "active")
     lb.wait_cycles(3)
@@ -70,7 +70,7 @@ def test_log_that_is_not_there(lab):
     link = lab.uplink(1)
     lab.log.settle()
     os.rename(lab.path("dev/log"), lab.path("dev/log.away"))
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=300)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_status("wan1", "active")
     os.rename(lab.path("dev/log.away"), lab.path("dev/log"))
     link.cut()

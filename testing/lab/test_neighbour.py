@@ -17,7 +17,7 @@ def link(lab):
 
 
 def start(lab, link, target="2001:db8::7", **settings):
-    return lab.start_lb(configtext.single(link, [ping(target, resp_time=settings.pop("resp_time", 500))], ipv6=True,
+    return lab.start_lb(configtext.single(link, [ping(target, resp_time=settings.pop("resp_time", 900))], ipv6=True,
                                           **settings))
 
 
@@ -101,7 +101,7 @@ def test_known_neighbour_is_not_asked_for(lab, link):
 
 def test_unanswered_then_answered(lab, link):
     link.responder.answer_nd = False
-    lb = start(lab, link, resp_time=200)
+    lb = start(lab, link, resp_time=900)
     lb.wait_report("  -Test:", family=6)
     assert link.responder.solicitations and not link.responder.requests
     link.responder.answer_nd = True
@@ -126,7 +126,7 @@ def test_unwatched_advertisements_change_nothing(lab, link):
 
 def test_other_spelling_of_the_next_hop_never_matches(lab, link):
     """The kernel's text of an address is compared: written otherwise it is asked for again and again."""
-    lb = start(lab, link, nexthop="FD00:1::0001", resp_time=200)
+    lb = start(lab, link, nexthop="FD00:1::0001", resp_time=900)
     waiting.wait_until(lambda: len(link.responder.solicitations) >= 3, 15)
     assert set(link.responder.solicitations) == {"fd00:1::1"} and not link.responder.requests
     assert lb.statuses(6) == {"wan1": "failed"}
@@ -134,7 +134,7 @@ def test_other_spelling_of_the_next_hop_never_matches(lab, link):
 
 def test_refused_entry_is_logged(lab, link):
     """The kernel refuses an entry for an interface that is down, and says why."""
-    lb = start(lab, link, nexthop="fd00:1::1", resp_time=200)
+    lb = start(lab, link, nexthop="fd00:1::1", resp_time=900)
     lb.wait_status("wan1", "active", family=6)
     # Another interface of the namespace brings an advertisement for a watched address after ours is gone.
     other = lab.uplink(2, ipv6=True)
@@ -187,7 +187,7 @@ def test_loose_test_for_link_local_addresses(lab, link, address):
 def test_no_source_at_all(lab, link):
     lab.ip("addr flush dev wan1", "addr add 2001:db8:1::5/64 dev wan1 nodad")
     capture = link.sniff()
-    lb = start(lab, link, resp_time=200)
+    lb = start(lab, link, resp_time=900)
     lb.wait_report("  -Test:", family=6)
     assert {frame.decode()["IPv6"].src for frame in capture.wait_for(sniffer.is_solicitation)} == {"::"}
     assert lb.alive and not link.responder.requests
@@ -198,7 +198,7 @@ def test_failed_sending_costs_the_vrf_its_socket(lab, link):
     other = lab.uplink(2, ipv6=True)
     lab.ip(f"neigh add {other.gateway6} lladdr {other.far_mac} dev wan2 nud permanent", "link set wan1 down")
     lb = lab.start_lb(configtext.build(
-        [configtext.interface(found.name, [ping(resp_time=200)], ipv6=True, success_ct=1, nexthop=found.gateway6,
+        [configtext.interface(found.name, [ping(resp_time=900)], ipv6=True, success_ct=1, nexthop=found.gateway6,
                               source_address=found.address6) for found in (link, other)],
         [configtext.rule("1_ipv6", {"wan1": 1, "wan2": 1}, {"::/0": None})]))
     lb.wait_status("wan2", "active", family=6)

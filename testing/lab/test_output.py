@@ -25,7 +25,7 @@ def test_report_text(lab, link):
     other = lab.uplink(2)
     other.cut()
     lb = lab.start_lb(configtext.build(
-        [interface("wan2", [ping(other.gateway, resp_time=200), ping_ext("198.51.100.2", period=600)], success_ct=1,
+        [interface("wan2", [ping(other.gateway, resp_time=900), ping_ext("198.51.100.2", period=600)], success_ct=1,
                    nexthop=other.gateway),
          interface("wan1", [ping(link.gateway), ping()], success_ct=1, nexthop=link.gateway),
          interface("wan3", [ping()], nexthop="dhcp")],

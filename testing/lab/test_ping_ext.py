@@ -78,9 +78,15 @@ def test_loss_is_reached_at_equality(lab, link, limit, outcome):
     waiting.wait_until(lambda: measurement(lb)["loss"] == 20, 15)
     lb.wait_report("  +Test" if outcome == "active" else "  -Test")
     lb.wait_status("wan1", outcome)
-    # A lost reply counts with the whole wait: 1000 ms in the sum, and the worst.
-    figures = measurement(lb)
-    assert 200 <= figures["rtt"] < 200 + waiting.scaled(60) and figures["jitter"] == 1000 - figures["rtt"]
+
+    def measured():
+        """A lost reply counts with the whole wait: 1000 ms in the sum, and the worst."""
+        figures = measurement(lb)
+        assert figures["rtt"] >= 200 and figures["jitter"] == 1000 - figures["rtt"]
+        return figures["rtt"] < 260
+
+    # One burst after the other is measured; a busy machine may delay the replies of some.
+    waiting.wait_until(measured, 20, "a mean of 200 ms and little more")
 
 
 @pytest.mark.parametrize("limit,outcome", [(100, "failed"), (400, "active")])

@@ -63,7 +63,7 @@ def test_keys_are_shared_by_all_tests_of_a_family(lab, link):
 def test_host_name_is_resolved_and_then_refused(lab, link):
     lab.replace_etc("nsswitch.conf", "hosts: files\n")
     lab.replace_etc("hosts", "10.1.0.1 gateway.example\n")
-    lb = lab.start_lb(configtext.single(link, [ping("gateway.example", resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping("gateway.example", resp_time=900)]))
     lab.log.wait_for(r"inet_aton\(\) failed: ", count=2)
     lb.wait_report("  -Test:  ping\tTarget: gateway.example\n")
     assert not link.responder.requests and lb.statuses() == {"wan1": "failed"}
@@ -71,7 +71,7 @@ def test_host_name_is_resolved_and_then_refused(lab, link):
 
 def test_unknown_host_name(lab, link):
     lab.replace_etc("nsswitch.conf", "hosts: files\n")
-    lb = lab.start_lb(configtext.single(link, [ping("no.such.name", resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping("no.such.name", resp_time=900)]))
     record = lab.log.wait_for(
         r"^%WAN-W-ERR: wan_lb: error in resolving configured hostname: no\.such\.name$", count=2)
     assert record.level == 4
@@ -95,7 +95,7 @@ def test_interface_goes_away(lab, link, kind, message):
 def test_no_network_is_no_error(lab, link):
     """A link that is down gives "network unreachable", which is left out of the log."""
     lab.ip("link set wan1 down")
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_report("  -Test:")
     waiting.never(lambda: lab.log.matching("error on sending"), 1.5)
     lab.ip("link set wan1 up")

@@ -73,7 +73,7 @@ def test_header_with_options_hides_the_key(lab, link):
 
 def test_late_replies_change_nothing(lab, link):
     """Each reply comes when its probe has been given up and the next one waits."""
-    link.responder.echo = lambda request: [(1.5, request.reply())]
+    link.responder.echo = lambda request: [(2.5, request.reply())]
     lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=300)]))
     link.responder.wait_requests(4, timeout=20)
     assert lb.statuses() == {"wan1": "failed"} and not lab.log.matching("changed state to active")

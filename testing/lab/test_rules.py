@@ -17,7 +17,7 @@ FILE = "usr_etc/routing-wlb.conf"
 
 
 def health(links, **settings):
-    return [interface(link.name, [ping(link.gateway, resp_time=200)], success_ct=1, nexthop=link.gateway, **settings)
+    return [interface(link.name, [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway, **settings)
             for link in links]
 
 
@@ -152,7 +152,7 @@ def test_directory_of_a_vrf_is_missing(lab):
     lab.add_netns("red")
     link = lab.uplink(1, vrf="red")
     fake = lab.routing_daemon("var_vrfs/red/usr/var/run/routing.pid", ())
-    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)]))
+    lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
     lb.wait_status("wan1", "active")
     fake.wait_hups(1)
     assert not lab.exists("var_vrfs/red/usr/etc")

@@ -22,7 +22,7 @@ def follow(link, script, then):
 
 
 def start(lab, link, **settings):
-    return lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=200)], **settings))
+    return lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)], **settings))
 
 
 def test_two_successes_are_not_three(lab, link):
@@ -37,7 +37,7 @@ def test_two_successes_are_not_three(lab, link):
 
 def test_defaults_are_three_and_one(lab, link):
     follow(link, "SSSF", then="S")
-    config = configtext.single(link, [ping(link.gateway, resp_time=200)]).replace("success-ct 1", "")
+    config = configtext.single(link, [ping(link.gateway, resp_time=900)]).replace("success-ct 1", "")
     assert "success-ct" not in config
     lab.start_lb(config)
     active = lab.log.wait_for("changed state to active", timeout=20)
@@ -62,7 +62,7 @@ def test_check_all_against_any(lab, link):
     dead = {"198.51.100.2"}
     for responder in (link.responder, other.responder):
         responder.echo = lambda request: None if request.target in dead else request.reply()
-    tests = [ping("198.51.100.1", resp_time=200), ping("198.51.100.2", resp_time=200)]
+    tests = [ping("198.51.100.1", resp_time=900), ping("198.51.100.2", resp_time=900)]
     lb = lab.start_lb(configtext.build(
         [configtext.interface("wan1", tests, success_ct=1, nexthop=link.gateway),
          configtext.interface("wan2", tests, success_ct=1, nexthop=other.gateway, check_all=True)],

@@ -15,8 +15,8 @@ pytestmark = pytest.mark.usefixtures("tun_devices")
 def test_peer_comes_and_goes(lab):
     link = lab.uplink(1)
     lb = lab.start_lb(configtext.build(
-        [interface("tun0", [ping(resp_time=300)], success_ct=1, nexthop="tunnel"),
-         interface("wan1", [ping(link.gateway, resp_time=300)], success_ct=1, nexthop=link.gateway)],
+        [interface("tun0", [ping(resp_time=900)], success_ct=1, nexthop="tunnel"),
+         interface("wan1", [ping(link.gateway, resp_time=900)], success_ct=1, nexthop=link.gateway)],
         [rule("1_ipv4", {"tun0": 2, "wan1": 1}, {"0.0.0.0/0": None})]))
     only_link = route_file("route 0.0.0.0/0 via 10.1.0.1 weight 1;")
     both = route_file("route 0.0.0.0/0 via 10.9.0.1 weight 2 via 10.1.0.1 weight 1;")
@@ -43,7 +43,7 @@ def test_dead_tunnel(lab):
     """The device is there, the other end is not."""
     peer = lab.tun_peer("tun0", "10.9.0.2", "10.9.0.1")
     lb = lab.start_lb(configtext.build(
-        [interface("tun0", [ping("198.51.100.9", resp_time=200)], success_ct=1, nexthop="tunnel")],
+        [interface("tun0", [ping("198.51.100.9", resp_time=900)], success_ct=1, nexthop="tunnel")],
         [rule("1_ipv4", {"tun0": 2}, {"0.0.0.0/0": None})]))
     lab.ip("route add 198.51.100.0/24 dev tun0")
     lb.wait_status("tun0", "active")
@@ -55,7 +55,7 @@ def test_dead_tunnel(lab):
 def test_ipv6_peer(lab):
     """The peer is found; probes on a device without ARP do not recognise their replies, so it stays failed."""
     lb = lab.start_lb(configtext.build(
-        [interface("tun0", [ping(resp_time=300)], ipv6=True, success_ct=1, nexthop="tunnel")],
+        [interface("tun0", [ping(resp_time=900)], ipv6=True, success_ct=1, nexthop="tunnel")],
         [rule("1_ipv6", {"tun0": 2}, {"::/0": None})]))
     waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "", 5)
     peer = lab.tun_peer("tun0", "fd00:9::2", "fd00:9::1")

@@ -38,7 +38,7 @@ def config(links, vrfs):
     for vrf in vrfs:
         link, number = links[vrf], VRFS[vrf]
         for ipv6 in (False, True):
-            interfaces.append(interface(link.name, [ping(resp_time=300)], ipv6=ipv6, success_ct=1, namespace=vrf,
+            interfaces.append(interface(link.name, [ping(resp_time=900)], ipv6=ipv6, success_ct=1, namespace=vrf,
                                         nexthop=link.gateway6 if ipv6 else link.gateway))
             rules.append(rule(f"{number}_ipv{6 if ipv6 else 4}", {link.name: number},
                               {"::/0" if ipv6 else "0.0.0.0/0": None}, namespace=vrf))

@@ -29,7 +29,7 @@ class TwoUplinks:
     WEIGHTS = {1: 1, 2: 2}
     TARGETS = {1: ("198.51.100.1", "2001:db8:1::1"), 2: ("198.51.100.2", "2001:db8:2::1")}
 
-    def __init__(self, lab=None, success_ct=1, failure_ct=1, resp_time=500):
+    def __init__(self, lab=None, success_ct=1, failure_ct=1, resp_time=900):
         """Makes the network, in a lab of its own unless one is given. resp_time: milliseconds."""
         self._own = lab is None
         self.lab = lab or Lab()

@@ -10,10 +10,11 @@ from .route_watch import RouteWatch
 PATIENT = {"resp_time": 900}
 
 
-def config(strands, tests=None):
+def config(strands, tests=None, failure_ct=1):
     """One rule per family over all links. tests: {strand: lines of its test}, else a ping of the gateway."""
     blocks = [interface(strand.name, [(tests or {}).get(strand) or ping(strand.gateway, **PATIENT)],
-                        ipv6=strand.ipv6, success_ct=1, nexthop=strand.gateway) for strand in strands]
+                        ipv6=strand.ipv6, success_ct=1, failure_ct=failure_ct, nexthop=strand.gateway)
+              for strand in strands]
     rules = []
     for family, prefix in ((4, "0.0.0.0/0"), (6, "::/0")):
         members = {strand.name: 1 for strand in strands if strand.family == family}
@@ -23,14 +24,17 @@ def config(strands, tests=None):
 
 
 class Watched:
-    """Made when the links are; the daemon is `lb`. Each `finish` or `settle` holds everything against the log."""
+    """Made when the links are; the daemon is `lb`. Each `finish` or `settle` holds everything against the log.
 
-    def __init__(self, lab, strands, tests=None):
+    failure_ct: with 2, a fault may cost a link one probe.
+    """
+
+    def __init__(self, lab, strands, tests=None, failure_ct=1):
         self.lab, self.strands = lab, list(strands)
         families = sorted({strand.family for strand in strands})
         self.routes = [RouteWatch(lab, f"usr_etc/routing-wlb{6 if family == 6 else ''}.conf", explained_by(
             [strand for strand in self.strands if strand.family == family], family), family) for family in families]
-        self.lb = lab.start_lb(config(strands, tests))
+        self.lb = lab.start_lb(config(strands, tests, failure_ct))
         self.wait("active", *strands)
         self.growth = Growth(lab, self.lb)
 

@@ -23,7 +23,7 @@ class WeightedPair:
         self.lab, self.route_file = lab, route_file
         self.links = links or [lab.uplink(number, vrf=vrf) for number in (1, 2)]
         more = {"namespace": vrf} if vrf else {}
-        patience = waiting.milliseconds(300)
+        patience = waiting.milliseconds(900)
         health = [configtext.interface(link.name, [configtext.ping(link.gateway, resp_time=patience)], success_ct=1,
                                        nexthop=nexthop or link.gateway, **more) for link in self.links]
         config = configtext.build([*health, *sections], [
