@@ -3,13 +3,10 @@
     router wan1 10.1.0.2 -------- f1 far1: responder that answers wrongly, late or not at all
 """
 
-import signal
-import time
-
 import pytest
 
 from lab import configtext, responder, waiting
-from lab.configtext import interface, ping, rule
+from lab.configtext import ping
 
 KEY_ONLY = {
     "another source": lambda request: request.reply(source="10.1.0.77"),
@@ -99,31 +96,3 @@ def test_default_wait_is_five_seconds(lab, link):
     first, second = link.responder.wait_requests(2, timeout=15)
     assert 5.0 <= second.when - first.when < 5.0 + waiting.scaled(2.5)
     assert lb.outbounds()[0]["tests"][0]["resp_time"] == 5000 & 0xFF
-
-
-def test_replies_that_come_while_the_machine_pauses(lab):
-    """All threads stop between request and reply, and go on in any order when the time is over: no link is blamed."""
-    links = [lab.uplink(number, ipv6=True) for number in range(1, 9)]
-    family = {link: 4 if link.number % 2 else 6 for link in links}
-    gateway = {link: link.gateway if family[link] == 4 else link.gateway6 for link in links}
-    lb = lab.start_lb(configtext.build(
-        [interface(link.name, [ping(gateway[link], resp_time=900)], ipv6=family[link] == 6, success_ct=1,
-                   nexthop=gateway[link]) for link in links],
-        [rule(f"1_ipv{version}", {link.name: 1 for link in links if family[link] == version}, {prefix: None})
-         for version, prefix in ((4, "0.0.0.0/0"), (6, "::/0"))]))
-    for link in links:
-        lb.wait_status(link.name, "active", family=family[link])
-    for link in links:
-        link.responder.delay(0.3)
-    mark = lab.log.mark()
-    for _ in range(6):
-        seen = [len(link.responder.requests) for link in links]
-        for link, since in zip(links, seen):
-            link.responder.wait_requests(1, since=since)
-        lb.process.signal(signal.SIGSTOP)
-        # Long enough for every reply to come and for every time to be over.
-        time.sleep(1.5)
-        lb.process.signal(signal.SIGCONT)
-        for version in (4, 6):
-            lb.wait_cycles(2, family=version)
-    assert not lab.log.matching("changed state", mark)
