@@ -26,15 +26,17 @@ class InterfaceMutex {
   Mutex mutex_;
 };
 
+// kReading: from before a reply leaves the queue until its probe is marked.
+enum class ReceiverStage { kAbsent, kWaiting, kReading };
+
 // Descriptors are fixed once made; -1 where a socket could not be had.
 struct InterfaceSockets {
   FileDescriptor send_socket;    // raw ICMP: requests of the raw path
   FileDescriptor packet_socket;  // whole Ethernet frames
   FileDescriptor recv_socket;    // raw ICMP: replies
   InterfaceMutex mutex;
-  std::atomic<bool> receiver_running{false};
-  // From before a message leaves the queue until its probe is marked.
-  std::atomic<bool> receiver_reading{false};
+  std::atomic<bool> receiver_running{false};  // also when its thread could not be started
+  std::atomic<ReceiverStage> receiver_stage{ReceiverStage::kAbsent};
 };
 
 // The sockets of a family's interfaces, by Linux name. Any thread.

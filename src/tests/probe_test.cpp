@@ -48,8 +48,9 @@ void ProbeTest<Family>::recv(LBInterface& interface, const LBWorkerContext& work
     const int64_t elapsed = elapsed_milliseconds(entry->probe.sent_at, monotonic_now());
     if (resp_time_ >= elapsed) return;
     let_receiver_catch_up(*sockets);
+    const int32_t key = entry->key;
     entry = find_probe();
-    if (!entry) return;
+    if (!entry || entry->key != key) return;  // a namesake in another VRF was faster
   }
   int32_t outcome = kProbeSuccess;
   if (entry->probe.state == kProbeWaiting) {

@@ -61,8 +61,15 @@ void receive_replies(InterfaceSockets& sockets) {
       LOG_ERROR("select for %s failed!!!!!", Family::kName);
       return;
     }
-    sockets.receiver_reading = true;
-    const ssize_t received = recv(waiting.fd, buffer.data(), buffer.size(), 0);
+    // Bursts read the same socket: one may have taken what was waited for.
+    const bool may_block = ready < 0;
+    if (!may_block) sockets.receiver_stage = ReceiverStage::kReading;
+    const ssize_t received =
+        recv(waiting.fd, buffer.data(), buffer.size(), may_block ? 0 : MSG_DONTWAIT);
+    if (received < 0 && !may_block && errno == EAGAIN) {
+      sockets.receiver_stage = ReceiverStage::kWaiting;
+      continue;
+    }
     if (received < 1) {
       LOG_ERROR("recv for %s failed!!!!!", Family::kName);
       return;
@@ -73,22 +80,24 @@ void receive_replies(InterfaceSockets& sockets) {
       probes_in_flight<Family>().mark_answered(*key);
       if (locked) sockets.mutex.unlock<Family>(Traits::kOperation);
     }
-    sockets.receiver_reading = false;
+    sockets.receiver_stage = ReceiverStage::kWaiting;
   }
 }
 
-// The queue first: what has left it since is still being read.
+// The queue is looked at first: what has left it since is still being read.
 bool has_unread_reply(const InterfaceSockets& sockets) {
   pollfd queue{sockets.recv_socket.get(), POLLIN, 0};
-  return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) || sockets.receiver_reading;
+  return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) ||
+         sockets.receiver_stage == ReceiverStage::kReading;
 }
 
 template <class Family>
 void* receiver_thread(void* argument) {
   const std::unique_ptr<std::shared_ptr<InterfaceSockets>> sockets(
       static_cast<std::shared_ptr<InterfaceSockets>*>(argument));
+  (*sockets)->receiver_stage = ReceiverStage::kWaiting;
   receive_replies<Family>(**sockets);
-  (*sockets)->receiver_reading = false;
+  (*sockets)->receiver_stage = ReceiverStage::kAbsent;
   (*sockets)->receiver_running = false;
   return nullptr;
 }
@@ -111,7 +120,7 @@ void ensure_receiver(const std::string& ifname) {
 
 void let_receiver_catch_up(const InterfaceSockets& sockets) {
   for (int pauses = 0; pauses < kCatchUpPauses; ++pauses) {
-    if (!sockets.receiver_running || !has_unread_reply(sockets)) return;
+    if (sockets.receiver_stage == ReceiverStage::kAbsent || !has_unread_reply(sockets)) return;
     sleep_for(kCatchUpPause);
   }
 }

@@ -11,7 +11,7 @@
 template <class Family>
 void ensure_receiver(const std::string& ifname);
 
-// Waits until the receiver has marked what the replies that have already arrived answer, for 200 ms
-// at most. A machine that was paused wakes its threads in any order: a probe must not be given up
-// while its reply waits to be read.
+// Waits until the receiver, if there is one, has read all replies and marked their probes, for 200
+// ms at most. A machine that was paused wakes its threads in any order: a probe must not be given
+// up while its reply waits to be read.
 void let_receiver_catch_up(const InterfaceSockets& sockets);

@@ -44,7 +44,7 @@ TEST(ProbesInFlight, HoldsWhatWasEntered) {
   EXPECT_EQ(entry->probe.target, "192.0.2.1");
 }
 
-TEST(ProbesInFlight, ProbeThatHasGoneIsNotSent) {
+TEST(ProbesInFlight, SendingRestartsTheWaitOfItsOwnProbeAlone) {
   ProbesInFlight probes;
   probes.insert(7, probe("eth0", "192.0.2.1"));
   probes.mark_sent(8, {9, 9});

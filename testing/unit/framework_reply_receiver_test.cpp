@@ -7,7 +7,6 @@
 #include <random>
 
 #include "support/echo_fixture.h"
-#include "tests/reply_receiver.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -376,8 +375,13 @@ template <class Family>
 class LateReceiver : public ReplyReceiver<Family> {
  protected:
   LateReceiver()
-      : hook_(wrapped::recv, [this](int fd, void* data, size_t size, int flags) {
-          if (!takes_first_) hold();
+      : poll_hook_(wrapped::poll,
+                   [this](pollfd* fds, nfds_t count, int timeout) {
+                     const int ready = wrapped::poll.real(fds, count, timeout);
+                     if (!takes_first_ && timeout < 0) hold();
+                     return ready;
+                   }),
+        recv_hook_(wrapped::recv, [this](int fd, void* data, size_t size, int flags) {
           const ssize_t received = wrapped::recv.real(fd, data, size, flags);
           if (takes_first_) hold();
           return received;
@@ -397,6 +401,7 @@ class LateReceiver : public ReplyReceiver<Family> {
     this->start();
     this->deliver(EchoKit<Family>::reply(static_cast<uint32_t>(key_)));
     ASSERT_TRUE(wait_until([&] { return held_.load(); }));
+    EXPECT_EQ(this->sockets()->receiver_stage == ReceiverStage::kReading, takes_first);
   }
 
   // The worker looks, and the receiver goes on once it has waited so often.
@@ -422,7 +427,8 @@ class LateReceiver : public ReplyReceiver<Family> {
   std::atomic<bool> released_{false};
   std::unique_ptr<typename EchoKit<Family>::Test> test_;
   int32_t key_ = 0;
-  CallHook<ssize_t(int, void*, size_t, int)> hook_;
+  CallHook<int(pollfd*, nfds_t, int)> poll_hook_;
+  CallHook<ssize_t(int, void*, size_t, int)> recv_hook_;
 };
 
 }  // namespace
@@ -453,10 +459,37 @@ TYPED_TEST(ReplyReceiver, ThatHasEndedIsNotWaitedFor) {
     this->deliver({1});
     ASSERT_TRUE(this->wait_for_end());
   }
-  EXPECT_FALSE(this->sockets()->receiver_reading);
   this->deliver({1});
   let_receiver_catch_up(*this->sockets());
   EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
+}
+
+TYPED_TEST(ReplyReceiver, ThatCouldNotBeStartedIsNotWaitedFor) {
+  {
+    Fault fault("pthread_create", EAGAIN);
+    this->start();
+  }
+  this->deliver({1});
+  let_receiver_catch_up(*this->sockets());
+  EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
+}
+
+// A burst reads the same socket and may be faster.
+TYPED_TEST(ReplyReceiver, GoesOnWhenAnotherHasTakenTheReply) {
+  const int32_t key = this->enter_probe("probe");
+  std::atomic<int> polls{0};
+  {
+    CallHook hook(wrapped::poll, [&](pollfd* fds, nfds_t count, int timeout) {
+      return ++polls == 1 ? 1 : wrapped::poll.real(fds, count, timeout);
+    });
+    this->start();
+    ASSERT_TRUE(wait_until([&] { return polls == 2; }));
+    EXPECT_TRUE(
+        wait_until([&] { return this->sockets()->receiver_stage == ReceiverStage::kWaiting; }));
+    this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
+    EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
+    this->network_.end_threads();
+  }
 }
 
 // From the wire to the interface's counters.
