@@ -117,8 +117,9 @@ class Flooded:
     def _once_a_cycle(requests, name, seconds):
         times = [frame.when for frame in requests]
         gaps = [after - before for before, after in zip(times, times[1:])]
-        assert len(times) >= seconds / waiting.scaled(1.5), f"{name} was probed {len(times)} times in {seconds} s"
-        assert max(gaps, default=0) < waiting.scaled(2.5), f"{name}: {gaps}"
+        # A reply that comes after the look at it is seen a cycle later, and the next request leaves in the one after.
+        assert len(times) >= seconds / waiting.scaled(2.5), f"{name} was probed {len(times)} times in {seconds} s"
+        assert max(gaps, default=0) < waiting.scaled(3), f"{name}: {gaps}"
         assert min(gaps, default=1) > 0.9, f"{name}: {gaps}"
 
     def check(self):
@@ -203,7 +204,8 @@ def test_everything_at_once(flooded):
 def test_link_that_dies_in_a_flood(flooded):
     """The flood does not hide it: no frame of it answers a probe."""
     running = flooded.flood(flood.foreign_echo_flood(flooded.target, False)
-                            + flood.foreign_echo_flood(flooded.target, True), seconds=5.0)
+                            + flood.foreign_echo_flood(flooded.target, True),
+                            seconds=waiting.scaled(7.0))
     flooded.links.silence(flooded.control)
     for family in (4, 6):
         flooded.lb.wait_status(flooded.control.name, "failed", family=family)
@@ -222,7 +224,7 @@ def test_neighbours_resolved_in_a_flood(flooded):
     frames = flood.arp_flood(flooded.target) + flood.advertisement_flood(flooded.target)
     captures = [flooded.links.sniffer(strand) for strand in (flooded.first, flooded.control)]
     running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]],
-                            seconds=waiting.scaled(6.0))
+                            seconds=waiting.scaled(8.0))
     flooded.arrive(running)
     since = [len(capture.frames) for capture in captures]
     for _ in range(2):

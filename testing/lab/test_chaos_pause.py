@@ -6,7 +6,7 @@
 import signal
 import time
 
-from lab import configtext
+from lab import configtext, waiting
 from lab.configtext import interface, ping, rule
 from lab.growth import Growth
 
@@ -35,7 +35,7 @@ def test_replies_that_come_meanwhile(lab):
             link.responder.wait_requests(1, since=since)
         lb.process.signal(signal.SIGSTOP)
         # Long enough for every reply to come and for every time to be over.
-        time.sleep(1.3)
+        time.sleep(waiting.scaled(1.3))
         lb.process.signal(signal.SIGCONT)
         for version in (4, 6):
             lb.wait_cycles(2, family=version)

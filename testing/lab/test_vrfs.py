@@ -65,6 +65,8 @@ def test_all_vrfs_and_families_at_once(lab, links):
         inode = lab.netns_inode(None if vrf == "default" else vrf)
         waiting.wait_until(lambda i=inode: sorted(lab.ip_calls(i)) == ["-6 route flush cache", "route flush cache"],
                            10, lab.ip_calls)
+    for family in (4, 6):
+        lb.wait_cycles(1, family=family)
     # One VRF loses its link: only its own files change, only its own routing daemon is told.
     before = {vrf: len(fake.hups) for vrf, fake in fakes.items()}
     links["red"].cut()
