@@ -66,7 +66,7 @@ def test_reports_of_both_families(lab, link):
                    "resp_time": 5000 & 0xFF, "ipv6": 1, "measurement": (0,) * 6}],
         "success_age": record["success_age"], "failure_age": record["failure_age"],
         "change_age": record["change_age"], "success_ct": 1, "failure_ct": 1, "dhcp": 0, "tunnel": 0, "active": 1}
-    assert 0 <= record["success_age"] <= waiting.scaled(5) and 0 <= record["change_age"] <= waiting.scaled(20)
+    assert 0 <= record["success_age"] <= waiting.scaled(3) and 0 <= record["change_age"] <= waiting.scaled(20)
     assert lb.outbounds(4)[0]["tests"][0]["ipv6"] == 0
 
     def settled():
