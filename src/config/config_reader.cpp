@@ -30,7 +30,7 @@ bool ConfigReader::read_config(const std::string& path) {
   const auto close_file = [](FILE* file) { fclose(file); };
   const std::unique_ptr<FILE, decltype(close_file)> file(fopen(path.c_str(), "re"));
   if (file == nullptr) {
-    LOG_ERROR("wan_lb: configuration file not found: %s", path.c_str());
+    LB_ERROR("wan_lb: configuration file not found: %s", path.c_str());
     return false;
   }
   if (!read_lines(file.get())) return false;
@@ -45,12 +45,12 @@ bool ConfigReader::read_lines(FILE* file) {
   while (fgets(buffer, sizeof(buffer), file) != nullptr) {
     buffer[strcspn(buffer, "#")] = '\0';
     if (!read_line(buffer)) {
-      LOG_WARNING("Malformed configuration file: brackets");
+      LB_WARNING("Malformed configuration file: brackets");
       return false;
     }
   }
   if (depth_ != 0) {
-    LOG_WARNING("Configuration error due to mismatched brackets");
+    LB_WARNING("Configuration error due to mismatched brackets");
     return false;
   }
   return true;

@@ -100,15 +100,15 @@ void HealthSection::apply_to_interface(const ConfigLine& line) {
     if (line.signed_number() > 0) {
       interface.success_ct = line.signed_number();
     } else {
-      LOG_ERROR("wan_lb: illegal success-ct specified in configuration file: %s",
-                line.value.c_str());
+      LB_ERROR("wan_lb: illegal success-ct specified in configuration file: %s",
+               line.value.c_str());
     }
   } else if (line.key == "failure-ct") {
     if (line.signed_number() > 0) {
       interface.failure_ct = line.signed_number();
     } else {
-      LOG_ERROR("wan_lb: illegal failure-ct specified in configuration file: %s",
-                line.value.c_str());
+      LB_ERROR("wan_lb: illegal failure-ct specified in configuration file: %s",
+               line.value.c_str());
     }
   } else if (line.key == "nexthop") {
     interface.nexthop = line.value;

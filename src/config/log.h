@@ -22,7 +22,7 @@ inline constexpr int kLogFacility = 34;
     errno = lb_log_errno;                                          \
   } while (false)
 
-#define LOG_INSTANCE(text, ...) LB_LOG(0, 6, "I", "INSTANCE", text __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_ERROR(text, ...) LB_LOG(1, 4, "W", "ERR", text __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_WARNING(text, ...) LB_LOG(2, 4, "W", "WARN", text __VA_OPT__(, ) __VA_ARGS__)
-#define LOG_DEBUG(text, ...) LB_LOG(3, 7, "D", "DBG", text __VA_OPT__(, ) __VA_ARGS__)
+#define LB_INSTANCE(text, ...) LB_LOG(0, 6, "I", "INSTANCE", text __VA_OPT__(, ) __VA_ARGS__)
+#define LB_ERROR(text, ...) LB_LOG(1, 4, "W", "ERR", text __VA_OPT__(, ) __VA_ARGS__)
+#define LB_WARNING(text, ...) LB_LOG(2, 4, "W", "WARN", text __VA_OPT__(, ) __VA_ARGS__)
+#define LB_DEBUG(text, ...) LB_LOG(3, 7, "D", "DBG", text __VA_OPT__(, ) __VA_ARGS__)

@@ -25,7 +25,7 @@ void RuleSection::apply(const ConfigLine& line) {
 void RuleSection::select_rule(const ConfigLine& line) {
   if (line.key.empty()) return;
   if (line.signed_number() < 1) {
-    LOG_WARNING("Illegal rule number: %s", line.value.c_str());
+    LB_WARNING("Illegal rule number: %s", line.value.c_str());
     return;
   }
   // Named by the text, not by the number: the rest of the name tells the rule's family.
@@ -39,8 +39,8 @@ void RuleSection::apply_to_member(const ConfigLine& line) {
     member_ = &rule_->members.try_emplace(line.value, fresh).first->second;
   } else if (line.key == "weight") {
     if (line.signed_number() < 1) {
-      LOG_ERROR("wan_lb: illegal interface weight specified in configuration file: %s",
-                line.value.c_str());
+      LB_ERROR("wan_lb: illegal interface weight specified in configuration file: %s",
+               line.value.c_str());
     } else if (member_ != nullptr) {
       member_->weight = line.signed_number();
     }

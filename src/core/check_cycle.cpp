@@ -34,9 +34,9 @@ void CheckCycle::announce_interfaces() {
     }
     const std::string device = device_name(interface.origin);
     if (ipv6) {
-      LOG_INSTANCE("IPv6 interface %s changed state to inactive", device.c_str());
+      LB_INSTANCE("IPv6 interface %s changed state to inactive", device.c_str());
     } else {
-      LOG_INSTANCE("IP interface %s changed state to inactive", device.c_str());
+      LB_INSTANCE("IP interface %s changed state to inactive", device.c_str());
     }
   });
 }

@@ -1,7 +1,7 @@
 #include "core/lb_daemon.h"
 
 #include "config/config_reader.h"
-#include "tests/test_factory.h"
+#include "tests/probe_factory.h"
 
 bool LBDaemon::load_configuration(const std::string& path) {
   const LBTestFactory factory;

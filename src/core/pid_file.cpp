@@ -11,7 +11,7 @@ void write_pid_file(const std::string& path) {
   const mode_t previous = umask(0133);
   FILE* file = fopen(path.c_str(), "we");
   if (file == nullptr) {
-    LOG_ERROR("Can't fopen pid lock file %s, continuing", path.c_str());
+    LB_ERROR("Can't fopen pid lock file %s, continuing", path.c_str());
   } else {
     fprintf(file, "%d\n", getpid());
     fclose(file);

@@ -36,7 +36,7 @@ void fill_standard_descriptors() {
 void detach_from_terminal() {
   const pid_t child = fork();
   if (child < 0) {
-    LOG_ERROR("Can't fork to run as daemon, continuing in the foreground");
+    LB_ERROR("Can't fork to run as daemon, continuing in the foreground");
     return;
   }
   if (child > 0) {
@@ -83,7 +83,7 @@ void run_vrfs(LBDaemon& daemon) {
     }
     pthread_t thread;
     if (start_vrf_thread(daemon, vrf, thread) != 0) {
-      LOG_WARNING("Can't create new thread for VRF %s", vrf.c_str());
+      LB_WARNING("Can't create new thread for VRF %s", vrf.c_str());
       exit(-1);
     }
     threads.push_back(thread);
@@ -118,7 +118,7 @@ int run_daemon(int argc, char** argv) {
   // that must not meet a smart pointer's noexcept. Static, so that it is no leak where it stays.
   static LBDaemon* const daemon = new LBDaemon(line.output_directory);
   if (!daemon->load_configuration(line.config_path)) {
-    LOG_ERROR("wan_lb: error loading configuration file: %s", line.config_path.c_str());
+    LB_ERROR("wan_lb: error loading configuration file: %s", line.config_path.c_str());
     return 0;
   }
   if (line.load_only) return 0;

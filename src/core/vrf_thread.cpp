@@ -6,8 +6,8 @@
 #include "core/check_cycle.h"
 #include "core/lb_daemon.h"
 #include "platform/netns.h"
-#include "tests/arp_prober.h"
-#include "tests/neighbor_prober.h"
+#include "tests/link/arp_prober.h"
+#include "tests/link/neighbor_prober.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ struct WorkerTraits<Ipv4> {
   using Prober = LBArp;
   static void attach(LBWorkerContext& context, LBArp* prober) { context.arp = prober; }
   static void log_no_thread(const char* vrf) {
-    LOG_WARNING("Can't create new thread for IPv4 VRF %s", vrf);
+    LB_WARNING("Can't create new thread for IPv4 VRF %s", vrf);
   }
 };
 
@@ -33,7 +33,7 @@ struct WorkerTraits<Ipv6> {
   using Prober = LBNeighbor;
   static void attach(LBWorkerContext& context, LBNeighbor* prober) { context.neighbor = prober; }
   static void log_no_thread(const char* vrf) {
-    LOG_WARNING("Can't create new thread for IPv6 VRF %s", vrf);
+    LB_WARNING("Can't create new thread for IPv6 VRF %s", vrf);
   }
 };
 

@@ -52,11 +52,11 @@ bool write_routes(const RuleKey& key, const LBRule& rule, const LBConfig::TextBy
     DumpRoute record{};
     if (!fill_route(key, destination, target, ++index, value_or_empty(nexthops, destination),
                     record)) {
-      LOG_ERROR("<%s> wan_lb: snprintf failed", operation);
+      LB_ERROR("<%s> wan_lb: snprintf failed", operation);
       return false;
     }
     if (!file.write(record)) {
-      LOG_ERROR("wan_lb: error dumping routes");
+      LB_ERROR("wan_lb: error dumping routes");
       return false;
     }
   }
@@ -73,17 +73,17 @@ void LBOutput::dump_outbounds(timespec now, const InterfaceMap* interfaces, bool
   const std::string path = outbounds_path(ipv6);
   DumpFile file(path);
   if (!file.valid()) {
-    LOG_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
+    LB_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
     return;
   }
   for (const auto& [name, interface] : *interfaces) {
     DumpOutbound record{};
     if (!fill_outbound(take_snapshot(interface), static_cast<uint32_t>(now.tv_sec), record)) {
-      LOG_ERROR("<%s> wan_lb: snprintf failed", kOperation);
+      LB_ERROR("<%s> wan_lb: snprintf failed", kOperation);
       return;
     }
     if (!file.write(record)) {
-      LOG_ERROR("wan_lb: <%s> error writing data block", kOperation);
+      LB_ERROR("wan_lb: <%s> error writing data block", kOperation);
       return;
     }
   }
@@ -96,28 +96,28 @@ void LBOutput::dump_rules_and_routes(const std::map<std::string, LBRule>& rules,
 
   DumpFile rules_file(rules_path());
   if (!rules_file.valid()) {
-    LOG_ERROR("wan_lb: Error open file for writing '%s'", rules_path().c_str());
+    LB_ERROR("wan_lb: Error open file for writing '%s'", rules_path().c_str());
     return;
   }
   DumpFile routes_file(routes_path());
   if (!routes_file.valid()) {
-    LOG_ERROR("wan_lb: Error open file for writing '%s'", routes_path().c_str());
+    LB_ERROR("wan_lb: Error open file for writing '%s'", routes_path().c_str());
     return;
   }
   const auto nexthops = copy_failover_nexthops(*names);
   for (const auto& [name, rule] : rules) {
     const std::optional<RuleKey> key = parse_rule_key(name);
     if (!key) {
-      LOG_ERROR("<%s> wan_lb: sscanf failed", kOperation);
+      LB_ERROR("<%s> wan_lb: sscanf failed", kOperation);
       return;
     }
     DumpRule record{};
     if (!fill_rule(*key, rule, *names, record)) {
-      LOG_ERROR("<%s> wan_lb: snprintf failed", kOperation);
+      LB_ERROR("<%s> wan_lb: snprintf failed", kOperation);
       return;
     }
     if (!rules_file.write(record)) {
-      LOG_ERROR("wan_lb: <%s> error writing data block", kOperation);
+      LB_ERROR("wan_lb: <%s> error writing data block", kOperation);
       return;
     }
     if (!write_routes(*key, rule, value_or_empty(nexthops, name), kOperation, routes_file)) return;

@@ -29,7 +29,7 @@ LBOutput::LBOutput(const std::string& output_directory)
   for (const Mutex* mutex :
        {&mutex_, &family_mutexes_.front(), &family_mutexes_.back(), &files_mutex_}) {
     if (mutex->init_result() == 0) continue;
-    LOG_ERROR("wan_lb: <%s> error mutex initialization", "LBOutput");
+    LB_ERROR("wan_lb: <%s> error mutex initialization", "LBOutput");
     end_thread(mutex->init_result());
   }
 }
@@ -38,7 +38,7 @@ LBOutput::~LBOutput() noexcept(false) {
   for (Mutex* mutex : {&mutex_, &family_mutexes_.front(), &family_mutexes_.back(), &files_mutex_}) {
     const int result = mutex->destroy();
     if (result == 0) continue;
-    LOG_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");
+    LB_ERROR("wan_lb: <%s> error mutex destroy", "~LBOutput");
     end_thread(result);
   }
 }
@@ -55,7 +55,7 @@ void LBOutput::write(const LBConfig& config, const LBWorkerContext& worker) {
     dump_rules_and_routes(config.rules, &config);
     const int result = mutex_.unlock();
     if (result != 0) {
-      LOG_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", result);
+      LB_ERROR("wan_lb: <%s> mutex unlock error. PThread return code: %d", "write", result);
       return;
     }
   }
@@ -71,7 +71,7 @@ bool LBOutput::make_dump_directory() {
   errno = 0;
   if (mkdir(dump_directory_.c_str(), 0777) == 0 || errno == EEXIST) return true;
   const int error = errno;
-  LOG_ERROR("wan_lb: error create directory: %s, errno = %d", dump_directory_.c_str(), error);
+  LB_ERROR("wan_lb: error create directory: %s, errno = %d", dump_directory_.c_str(), error);
   return false;
 }
 
@@ -90,7 +90,7 @@ void LBOutput::write_status(const std::string& path, const LBConfig& config, boo
 
   FILE* file = fopen(path.c_str(), "we");
   if (file == nullptr) {
-    LOG_ERROR("wan_lb: error ordering output file %s", path.c_str());
+    LB_ERROR("wan_lb: error ordering output file %s", path.c_str());
     return;
   }
   fputs(text.c_str(), file);

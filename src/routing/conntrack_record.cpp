@@ -13,9 +13,10 @@
 #include <memory>
 #include <vector>
 
-#include "config/error_text.h"
-#include "config/family.h"
 #include "config/log.h"
+#include "config/parse_address.h"
+#include "packets/error_text.h"
+#include "packets/family.h"
 #include "platform/clock.h"
 #include "platform/mutex.h"
 
@@ -51,7 +52,7 @@ TrackerSockets& tracker_sockets() {
 }
 
 int fail_with(const char* call, int error) {
-  LOG_ERROR("<%s> %s: %s", kOperation, call, error_text(error).c_str());
+  LB_ERROR("<%s> %s: %s", kOperation, call, error_text(error).c_str());
   return -1;
 }
 
@@ -119,8 +120,8 @@ int exchange(mnl_socket* socket, unsigned int port, const nlmsghdr* message,
     result = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
   }
   if (result == -1) {
-    LOG_ERROR("<%s> mnl_socket_recvfrom for ip version %d: %s", kOperation, ipv6 ? 6 : 4,
-              error_text(errno).c_str());
+    LB_ERROR("<%s> mnl_socket_recvfrom for ip version %d: %s", kOperation, ipv6 ? 6 : 4,
+             error_text(errno).c_str());
     return -1;
   }
   return 0;

@@ -32,13 +32,13 @@ void log_change(const LBInterface& interface, bool active,
   const char* version = interface.ipv6 ? "v6" : "";
   const std::string device = device_name(interface.origin);
   for (const auto& [target, result] : target_results) {
-    LOG_INSTANCE("IP%s interface %s last check target %s %s", version, device.c_str(),
-                 target.c_str(), result == kSettledSuccess ? "success" : "failure");
+    LB_INSTANCE("IP%s interface %s last check target %s %s", version, device.c_str(),
+                target.c_str(), result == kSettledSuccess ? "success" : "failure");
   }
   if (active) {
-    LOG_INSTANCE("IP%s interface %s changed state to active", version, device.c_str());
+    LB_INSTANCE("IP%s interface %s changed state to active", version, device.c_str());
   } else {
-    LOG_INSTANCE("IP%s interface %s changed state to inactive", version, device.c_str());
+    LB_INSTANCE("IP%s interface %s changed state to inactive", version, device.c_str());
   }
 }
 
@@ -111,7 +111,7 @@ std::map<std::string, std::string> changed_interfaces(LBConfig& config,
       text = interface.state.active ? "ACTIVE" : "FAILED";
     }
     // The configured name is looked up here, not the Linux name that all other messages use.
-    LOG_DEBUG("Interface %s has changed state to %s", device_name(name).c_str(), text);
+    LB_DEBUG("Interface %s has changed state to %s", device_name(name).c_str(), text);
     changed.emplace(name, text);
   }
   return changed;

@@ -10,8 +10,8 @@
 #include <memory>
 #include <optional>
 
-#include "config/family.h"
 #include "config/log.h"
+#include "packets/family.h"
 #include "routing/interface_health.h"
 #include "routing/lease_file.h"
 
@@ -45,8 +45,8 @@ void nexthop_discovery::resolve_dhcp_below(const std::string& root, LBConfig& co
     const std::optional<std::string> router = read_lease_router(lease_path(name, ipv6, root), ipv6);
     if (router) store_nexthop(interface, *router);
     if (interface.gateway().empty()) {
-      LOG_WARNING("Failed to get routers option from DHCP on interface %s",
-                  device_name(interface.origin).c_str());
+      LB_WARNING("Failed to get routers option from DHCP on interface %s",
+                 device_name(interface.origin).c_str());
     }
   }
 }
@@ -68,7 +68,7 @@ void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
   ifaddrs* entries = nullptr;
   if (getifaddrs(&entries) != 0) {
     // It says nothing about any tunnel: the peers stay, so that no route is taken away.
-    LOG_WARNING("Failed to read the interface addresses, errno = %d", errno);
+    LB_WARNING("Failed to read the interface addresses, errno = %d", errno);
     return;
   }
   const AddressList owner(entries, &freeifaddrs);
@@ -84,8 +84,8 @@ void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
     }
     const std::string address = address_to_text(family, peer);
     if (address.empty()) {
-      LOG_WARNING("Failed to get P-t-P destination from tunnel interface %s",
-                  device_name(interface.origin).c_str());
+      LB_WARNING("Failed to get P-t-P destination from tunnel interface %s",
+                 device_name(interface.origin).c_str());
     } else {
       store_nexthop(interface, address);
     }

@@ -50,13 +50,11 @@ void run_command(const std::string& command) {
 void send_hangup(const std::string& pid_text, const std::string& pid_command) {
   const std::optional<pid_t> pid = parse_routing_pid(pid_text);
   if (!pid) {
-    LOG_ERROR("wan_lb: '%s' gives no process id, routing daemon not signalled",
-              pid_command.c_str());
+    LB_ERROR("wan_lb: '%s' gives no process id, routing daemon not signalled", pid_command.c_str());
     return;
   }
   if (kill(*pid, SIGHUP) != 0) {
-    LOG_WARNING("wan_lb: can't send SIGHUP to the routing daemon (pid %d), errno = %d", *pid,
-                errno);
+    LB_WARNING("wan_lb: can't send SIGHUP to the routing daemon (pid %d), errno = %d", *pid, errno);
   }
 }
 
@@ -85,7 +83,7 @@ void RoutingDaemon::write_file(const std::string& text) const {
     const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) {
-      LOG_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), errno);
+      LB_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), errno);
       return;
     }
     written += static_cast<size_t>(count);
@@ -95,7 +93,7 @@ void RoutingDaemon::write_file(const std::string& text) const {
 void RoutingDaemon::reload() const {
   const std::string pid_text = command_output(pid_command_);
   if (pid_text.empty()) {
-    LOG_DEBUG("LBDecision::run() can't execute '%s'", pid_command_.c_str());
+    LB_DEBUG("LBDecision::run() can't execute '%s'", pid_command_.c_str());
     return;
   }
   send_hangup(pid_text, pid_command_);

@@ -9,13 +9,14 @@
 #include <cstring>
 #include <vector>
 
-#include "config/error_text.h"
+#include "config/parse_address.h"
+#include "packets/error_text.h"
 #include "routing/conntrack_record.h"
 #include "routing/interface_health.h"
-#include "tests/arp_prober.h"
 #include "tests/echo_words.h"
-#include "tests/link_info.h"
-#include "tests/neighbor_prober.h"
+#include "tests/link/arp_prober.h"
+#include "tests/link/link_info.h"
+#include "tests/link/neighbor_prober.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ struct PathTraits<Ipv4> {
     destination.sin_family = AF_INET;
     if (inet_aton(target.c_str(), &destination.sin_addr) != 0) return 0;
     // inet_aton leaves errno alone; this is what its failure means.
-    LOG_ERROR("inet_aton() failed: %s", error_text(EINVAL).c_str());
+    LB_ERROR("inet_aton() failed: %s", error_text(EINVAL).c_str());
     return EINVAL;
   }
 };
@@ -133,8 +134,8 @@ int prepare_frame_path(const LBInterface& interface, const std::string& chosen_s
 
   const auto own_mac = hardware_address(LinkSocket::kPacket, ifname);
   if (own_mac.step == LinkStep::kSocketFailed) {
-    LOG_ERROR("socket() failed to get socket descriptor for using ioctl() %s",
-              error_text(own_mac.error).c_str());
+    LB_ERROR("socket() failed to get socket descriptor for using ioctl() %s",
+             error_text(own_mac.error).c_str());
     return own_mac.error;
   }
   if (!own_mac.answered()) {
@@ -149,7 +150,7 @@ int prepare_frame_path(const LBInterface& interface, const std::string& chosen_s
   path.ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
   if (path.ifindex == 0) {
     const int error = errno;
-    LOG_ERROR("if_nametoindex() failed to obtain interface index %s", error_text(error).c_str());
+    LB_ERROR("if_nametoindex() failed to obtain interface index %s", error_text(error).c_str());
     return error;
   }
 
@@ -188,7 +189,7 @@ bool is_no_arp(LBInterface& interface) {
 template <class Family>
 void log_send_error(int error) {
   if (error == ENETUNREACH) return;
-  LOG_DEBUG("wan_lb: error on sending %s packet: %d", PathTraits<Family>::kPacketName, error);
+  LB_DEBUG("wan_lb: error on sending %s packet: %d", PathTraits<Family>::kPacketName, error);
 }
 
 template void log_send_error<Ipv4>(int error);

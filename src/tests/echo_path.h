@@ -11,10 +11,10 @@
 #include <optional>
 #include <string>
 
-#include "config/family.h"
 #include "config/lb_config.h"
 #include "config/worker_context.h"
-#include "tests/packets/icmp_echo.h"
+#include "packets/family.h"
+#include "packets/icmp_echo.h"
 
 // The identifier of every echo request and of its connection-tracking record.
 uint16_t echo_identifier();

@@ -6,29 +6,29 @@
 // "ping" on IPv4.
 struct EchoWords {
   static void unresolved(const char* host) {
-    LOG_ERROR("wan_lb: error in resolving configured hostname: %s", host);
+    LB_ERROR("wan_lb: error in resolving configured hostname: %s", host);
   }
   static void not_bound(const char* device) {
-    LOG_ERROR("wan_lb: failure to bind to interface: %s", device);
+    LB_ERROR("wan_lb: failure to bind to interface: %s", device);
   }
   static void no_hardware_address(const char* error) {
-    LOG_ERROR("ioctl() failed to get source MAC address %s", error);
+    LB_ERROR("ioctl() failed to get source MAC address %s", error);
   }
   static void address_absent(const char* address) {
-    LOG_ERROR("address '%s' not present on any interface", address);
+    LB_ERROR("address '%s' not present on any interface", address);
   }
 };
 
 // "ping" on IPv6.
 struct EchoWords6 {
   static void unresolved(const char* host) {
-    LOG_WARNING("Error in resolving configured hostname: %s", host);
+    LB_WARNING("Error in resolving configured hostname: %s", host);
   }
   static void not_bound(const char* device) {
-    LOG_ERROR("wan_lb: failure to bind to interface (ipv6): %s", device);
+    LB_ERROR("wan_lb: failure to bind to interface (ipv6): %s", device);
   }
   static void no_hardware_address(const char* error) {
-    LOG_ERROR("ioctl() failed to get source MAC adds %s", error);
+    LB_ERROR("ioctl() failed to get source MAC adds %s", error);
   }
 };
 
@@ -36,10 +36,10 @@ struct EchoWords6 {
 struct BurstWords {
   static void unresolved(const char* host) { EchoWords6::unresolved(host); }
   static void not_bound(const char* device) {
-    LOG_ERROR("Failure to bind to interface: %s", device);
+    LB_ERROR("Failure to bind to interface: %s", device);
   }
   static void no_hardware_address(const char* error) { EchoWords::no_hardware_address(error); }
   static void address_absent(const char* address) {
-    LOG_ERROR("Address '%s' not present on any interface", address);
+    LB_ERROR("Address '%s' not present on any interface", address);
   }
 };

@@ -3,7 +3,7 @@
 
 #include <type_traits>
 
-#include "tests/probe_test.h"
+#include "tests/probe_base.h"
 
 class LBTest : public ProbeTest<Ipv4> {};
 

@@ -1,9 +1,9 @@
 // ARP frames as the receiver of a VRF reads them from the wire.
-#include "tests/packets/arp.h"
+#include "packets/arp.h"
 
+#include "packets/packet_reader.h"
 #include "support/bytes.h"
 #include "support/property.h"
-#include "tests/packets/packet_reader.h"
 
 namespace {
 

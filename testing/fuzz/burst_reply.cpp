@@ -1,9 +1,9 @@
 // Packets that a burst of an extended ping waits for. The first six bytes are the sequence and the
 // key that are waited for, the rest is the packet.
+#include "packets/icmp_echo.h"
+#include "packets/packet_reader.h"
 #include "support/bytes.h"
 #include "support/property.h"
-#include "tests/packets/icmp_echo.h"
-#include "tests/packets/packet_reader.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Packets that a raw ICMP socket delivers, with their IP header.
+#include "packets/icmp_echo.h"
+#include "packets/packet_reader.h"
 #include "support/bytes.h"
 #include "support/property.h"
-#include "tests/packets/icmp_echo.h"
-#include "tests/packets/packet_reader.h"
 
 namespace {
 

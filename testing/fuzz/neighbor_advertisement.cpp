@@ -1,8 +1,8 @@
 // Neighbour advertisements as the receiver of a VRF reads them from the wire.
+#include "packets/neighbor_discovery.h"
+#include "packets/packet_reader.h"
 #include "support/bytes.h"
 #include "support/property.h"
-#include "tests/packets/neighbor_discovery.h"
-#include "tests/packets/packet_reader.h"
 
 namespace {
 

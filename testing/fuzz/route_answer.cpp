@@ -2,11 +2,11 @@
 // rest is what one read gave.
 #include <algorithm>
 
-#include "config/family.h"
+#include "packets/family.h"
+#include "packets/packet_reader.h"
+#include "packets/route_message.h"
 #include "support/bytes.h"
 #include "support/property.h"
-#include "tests/packets/packet_reader.h"
-#include "tests/packets/route_message.h"
 
 namespace {
 

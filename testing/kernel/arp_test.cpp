@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <linux/if_ether.h>
 
+#include "packets/arp.h"
+#include "packets/packet_reader.h"
 #include "support/recorded_log.h"
-#include "tests/arp_prober.h"
-#include "tests/packet_socket.h"
-#include "tests/packets/arp.h"
-#include "tests/packets/packet_reader.h"
+#include "tests/io/packet_socket.h"
+#include "tests/link/arp_prober.h"
 #include "veth_test.h"
 
 using testing::ElementsAre;

@@ -1,5 +1,5 @@
 // Echo tests over a real link: what leaves by the interface, and the far end's kernel answering.
-#include "tests/echo_test.h"
+#include "tests/echo_probe.h"
 
 #include <gmock/gmock.h>
 #include <linux/if_ether.h>
@@ -8,10 +8,10 @@
 #include <unistd.h>
 
 #include "support/recorded_log.h"
-#include "tests/arp_prober.h"
-#include "tests/extended_ping_test.h"
-#include "tests/neighbor_prober.h"
-#include "tests/probes_in_flight.h"
+#include "tests/burst_probe.h"
+#include "tests/io/probes_in_flight.h"
+#include "tests/link/arp_prober.h"
+#include "tests/link/neighbor_prober.h"
 #include "veth_test.h"
 
 using testing::IsEmpty;

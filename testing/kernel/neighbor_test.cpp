@@ -3,11 +3,11 @@
 #include <gmock/gmock.h>
 #include <linux/if_ether.h>
 
+#include "packets/neighbor_discovery.h"
+#include "packets/packet_reader.h"
 #include "support/recorded_log.h"
-#include "tests/neighbor_prober.h"
-#include "tests/packets/neighbor_discovery.h"
-#include "tests/packets/packet_reader.h"
-#include "tests/route_netlink.h"
+#include "tests/link/neighbor_prober.h"
+#include "tests/link/route_netlink.h"
 #include "veth_test.h"
 
 using testing::IsEmpty;

@@ -1,5 +1,5 @@
 // Route-netlink requests to the kernel itself.
-#include "tests/route_netlink.h"
+#include "tests/link/route_netlink.h"
 
 #include <arpa/inet.h>
 #include <gmock/gmock.h>

@@ -19,9 +19,9 @@
 #include <thread>
 #include <vector>
 
+#include "packets/ethernet.h"
 #include "platform/file_descriptor.h"
-#include "tests/link_info.h"
-#include "tests/packets/ethernet.h"
+#include "tests/link/link_info.h"
 
 using Bytes = std::vector<uint8_t>;
 

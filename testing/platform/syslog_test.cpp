@@ -69,9 +69,9 @@ class SyslogTest : public TemporaryDirectoryTest {
 }  // namespace
 
 TEST_F(SyslogTest, SendsTheExpandedText) {
-  LOG_ERROR("<%s> socket() failed", "init");
-  LOG_WARNING("%d", 7);
-  LOG_INSTANCE("IP interface %s changed state to active", "eth0");
+  LB_ERROR("<%s> socket() failed", "init");
+  LB_WARNING("%d", 7);
+  LB_INSTANCE("IP interface %s changed state to active", "eth0");
   EXPECT_THAT(sent_,
               ElementsAre(Pair(4, "%WAN-W-ERR: <init> socket() failed"), Pair(4, "%WAN-W-WARN: 7"),
                           Pair(6,
@@ -80,28 +80,28 @@ TEST_F(SyslogTest, SendsTheExpandedText) {
 }
 
 TEST_F(SyslogTest, PercentSignsOfArgumentsAreLeftAlone) {
-  LOG_ERROR("%s", "%n%s%d");
+  LB_ERROR("%s", "%n%s%d");
   EXPECT_THAT(sent_, ElementsAre(Pair(4, "%WAN-W-ERR: %n%s%d")));
 }
 
 TEST_F(SyslogTest, DebugIsOffUntilTheFlagsSayOtherwise) {
-  LOG_DEBUG("one");
+  LB_DEBUG("one");
   EXPECT_THAT(sent_, IsEmpty());
   write_flags("34 3\n");
-  LOG_DEBUG("two");
+  LB_DEBUG("two");
   EXPECT_THAT(sent_, ElementsAre(Pair(7, "%WAN-D-DBG: two")));
 }
 
 TEST_F(SyslogTest, FlagsSwitchErrorsOff) {
   write_flags("34 0\n");
-  LOG_ERROR("error");
-  LOG_INSTANCE("state");
+  LB_ERROR("error");
+  LB_INSTANCE("state");
   EXPECT_THAT(sent_, ElementsAre(Pair(6, "%WAN-I-INSTANCE: state")));
 }
 
 TEST_F(SyslogTest, BadFlagsAreWarnedOfAndLoggingGoesOn) {
   write_flags("34 3\nnonsense\n");
-  LOG_DEBUG("still here");
+  LB_DEBUG("still here");
   EXPECT_THAT(sent_, ElementsAre(Pair(4,
                                       "%WAN-W-WARN: /etc/wan_lb/log-flags:2: 'nonsense' is "
                                       "neither a facility number nor 'repeats'"),
@@ -111,8 +111,8 @@ TEST_F(SyslogTest, BadFlagsAreWarnedOfAndLoggingGoesOn) {
 TEST_F(SyslogTest, RepeatedWarningsAndDebugAreHeldBack) {
   write_flags("34 3\n");
   for (int second = 0; second < 120; ++second) {
-    LOG_ERROR("down");
-    LOG_DEBUG("trace");
+    LB_ERROR("down");
+    LB_DEBUG("trace");
     virtual_clock::advance(1s);
   }
   EXPECT_THAT(sent_, ElementsAre(Pair(4, "%WAN-W-ERR: down"), Pair(7, "%WAN-D-DBG: trace"),
@@ -121,8 +121,8 @@ TEST_F(SyslogTest, RepeatedWarningsAndDebugAreHeldBack) {
 }
 
 TEST_F(SyslogTest, CountIsToldAtTheNextLookWithoutAMessage) {
-  LOG_ERROR("lost");
-  LOG_ERROR("lost");
+  LB_ERROR("lost");
+  LB_ERROR("lost");
   virtual_clock::advance(61s);
   SYSLOG_flag_get(34, 3);
   EXPECT_THAT(sent_, ElementsAre(Pair(4, "%WAN-W-ERR: lost"),
@@ -130,18 +130,18 @@ TEST_F(SyslogTest, CountIsToldAtTheNextLookWithoutAMessage) {
 }
 
 TEST_F(SyslogTest, StateChangesAlwaysPass) {
-  for (int i = 0; i < 3; ++i) LOG_INSTANCE("changed");
+  for (int i = 0; i < 3; ++i) LB_INSTANCE("changed");
   EXPECT_THAT(sent_, SizeIs(3));
 }
 
 TEST_F(SyslogTest, FlagsMayLetAllRepeatsPass) {
   write_flags("repeats all\n");
-  for (int i = 0; i < 3; ++i) LOG_ERROR("down");
+  for (int i = 0; i < 3; ++i) LB_ERROR("down");
   EXPECT_THAT(sent_, SizeIs(3));
 }
 
 TEST_F(SyslogTest, LongTextIsCut) {
-  LOG_INSTANCE("%s", std::string(1'000'000, 'x').c_str());
+  LB_INSTANCE("%s", std::string(1'000'000, 'x').c_str());
   ASSERT_THAT(sent_, SizeIs(1));
   EXPECT_EQ(sent_[0].second.size(), 8000u);
   EXPECT_THAT(sent_[0].second, EndsWith("xxxx ..."));
@@ -158,8 +158,8 @@ TEST_F(SyslogTest, ThreadsMayLogAtTheSameTime) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t] {
       for (int i = 0; i < 200; ++i) {
-        LOG_ERROR("thread %d message %d", t, i);
-        LOG_ERROR("the same");
+        LB_ERROR("thread %d message %d", t, i);
+        LB_ERROR("the same");
       }
     });
   }

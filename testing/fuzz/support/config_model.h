@@ -11,7 +11,7 @@
 #include "config/lb_config.h"
 #include "support/property.h"
 #include "tests/lb_test.h"
-#include "tests/test_factory.h"
+#include "tests/probe_factory.h"
 
 // Makes the daemon's own tests and notes what the reader tells them.
 class RecordingFactory : public TestFactory {

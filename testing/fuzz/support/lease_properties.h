@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "config/family.h"
+#include "packets/family.h"
 #include "routing/lease_file.h"
 #include "support/bytes.h"
 #include "support/memory_file.h"

@@ -6,7 +6,7 @@
 #include <deque>
 
 #include "support/echo_fixture.h"
-#include "tests/extended_ping_test.h"
+#include "tests/burst_probe.h"
 
 class BurstFixture : public EchoFixture<Ipv4> {
  protected:

@@ -16,11 +16,11 @@
 #include "support/fake_network.h"
 #include "support/recorded_log.h"
 #include "support/virtual_clock/virtual_clock.h"
-#include "tests/arp_prober.h"
-#include "tests/echo_test.h"
-#include "tests/interface_sockets.h"
-#include "tests/neighbor_prober.h"
-#include "tests/probes_in_flight.h"
+#include "tests/echo_probe.h"
+#include "tests/io/interface_sockets.h"
+#include "tests/io/probes_in_flight.h"
+#include "tests/link/arp_prober.h"
+#include "tests/link/neighbor_prober.h"
 
 // What differs between the families.
 template <class Family>

@@ -1,0 +1,12 @@
+#include "config/parse_address.h"
+
+#include "config/log.h"
+#include "packets/error_text.h"
+#include "packets/family.h"
+
+bool parse_address(int family, const std::string& text, void* address) {
+  const int status = address_from_text(family, text, address);
+  if (status == 1) return true;
+  LB_ERROR("inet_pton() failed.\nError message: %s", error_text(status).c_str());
+  return false;
+}

@@ -1,0 +1,198 @@
+#include "tests/burst_probe.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "packets/icmp_echo.h"
+#include "packets/packet_reader.h"
+#include "platform/clock.h"
+#include "tests/echo_words.h"
+#include "tests/io/packet_socket.h"
+#include "tests/io/probes_in_flight.h"
+#include "tests/io/receive_queue.h"
+
+namespace {
+
+constexpr size_t kReceiveSize = 65535;
+constexpr int kMostDrained = 10000;
+
+int64_t whole_milliseconds(const timespec& time) { return elapsed_milliseconds({}, time); }
+
+int64_t elapsed_nanoseconds(const timespec& from, const timespec& to) {
+  return (static_cast<int64_t>(to.tv_sec) - from.tv_sec) * 1000000000 + (to.tv_nsec - from.tv_nsec);
+}
+
+// True when both name the same sender, byte for byte.
+bool is_same(const sockaddr_in& a, const sockaddr_in& b) {
+  return std::memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+}  // namespace
+
+void LBTestPING::set_number(TestKeyword keyword, uint32_t value) {
+  const auto number = static_cast<int32_t>(value);
+  switch (keyword) {
+    case TestKeyword::kPeriod:
+      period_ = number;
+      break;
+    case TestKeyword::kTimeout:
+      wait_.seconds = static_cast<int32_t>(value / 1000);
+      wait_.nanoseconds = static_cast<int32_t>(value % 1000 * 1000000);
+      break;
+    case TestKeyword::kCount:
+      count_ = number;
+      break;
+    case TestKeyword::kLoss:
+      limits_.loss = number;
+      break;
+    case TestKeyword::kRtt:
+      limits_.rtt = number;
+      break;
+    case TestKeyword::kJitter:
+      limits_.jitter = number;
+      break;
+    case TestKeyword::kResponseTime:
+      LBTest::set_number(keyword, value);
+      break;
+  }
+}
+
+void LBTestPING::send(LBInterface& interface, const LBWorkerContext& worker) {
+  const timespec now = monotonic_now();
+  if (is_within_period(whole_milliseconds(last_run_), whole_milliseconds(now), period_)) return;
+  last_run_ = now;
+
+  const Destination destination = choose_destination(interface);
+  if (destination.target.empty()) return;
+  const int32_t key = probes_in_flight<Ipv4>().next_key();
+  const Ending ending = is_no_arp(interface)
+                            ? run_raw_burst(interface, destination.target, key, worker)
+                            : run_frame_burst(interface, destination, key, worker);
+  settle(interface, ending.acceptable ? kProbeSuccess : kProbeFailure, destination.target);
+  if (ending.error != 0) log_send_error<Ipv4>(ending.error);
+}
+
+// Nothing to collect: a burst is settled by the time that it was sent.
+void LBTestPING::recv(LBInterface& /*interface*/, const LBWorkerContext& /*worker*/) {}
+
+TestReport LBTestPING::report() const {
+  TestReport now = LBTest::report();
+  MutexLock lock(status_mutex_);
+  if (now.result != kResultNone) {
+    now.measurement = {measured_.jitter, measured_.loss, measured_.rtt,
+                       limits_.jitter,   limits_.loss,   limits_.rtt};
+  }
+  return now;
+}
+
+LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
+                                             const std::string& target, int32_t key,
+                                             const LBWorkerContext& worker) {
+  const auto sockets = this->sockets();
+  const int socket = sockets->send_socket.get();
+  sockaddr_in destination;
+  const int error =
+      prepare_raw_path<Ipv4, BurstWords>(socket, interface.origin, target, worker, destination);
+  if (error != 0) return {false, error};
+  const auto send_request = [&](uint16_t sequence) {
+    const auto request = make_raw_echo(echo_identifier(), sequence, static_cast<uint32_t>(key));
+    return sendto(socket, &request, sizeof(request), 0,
+                  reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
+  };
+  return run_burst(send_request, destination, key);
+}
+
+LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
+                                               const Destination& destination, int32_t key,
+                                               const LBWorkerContext& worker) {
+  FramePath<Ipv4> path;
+  const int error = prepare_frame_path<Ipv4, BurstWords>(
+      interface, interface.source_address, destination.target, destination.gateway, worker, path);
+  if (error != 0) return {false, error};
+  sockaddr_in replier{};
+  replier.sin_family = AF_INET;
+  replier.sin_addr = path.addresses.destination;
+  const auto sockets = this->sockets();
+  const auto send_request = [&](uint16_t sequence) {
+    const auto frame =
+        make_echo_frame(path.addresses, echo_identifier(), sequence, static_cast<uint32_t>(key));
+    return send_frame(sockets->packet_socket.get(), path.ifindex, path.addresses.destination_mac,
+                      bytes_of(frame));
+  };
+  return run_burst(send_request, replier, key);
+}
+
+template <class SendRequest>
+LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockaddr_in& destination,
+                                         int32_t key) {
+  // A burst of no requests has measured nothing that could be called good.
+  if (count_ < 1) return {};
+  const auto sockets = this->sockets();
+  enlarge_receive_queue(sockets->recv_socket.get());
+  drain_replies();
+  BurstTally tally;
+  while (tally.sent() < count_) {
+    const auto sequence = static_cast<uint16_t>(tally.sent());
+    if (send_request(sequence) < 0) return {false, errno};
+    tally.add_sent();
+    const auto rtt = await_reply(destination, sequence, key);
+    if (rtt) {
+      tally.add_reply(*rtt);
+    } else if (tally.sent() <= 1) {
+      // A dead link costs one wait, not a whole burst of them.
+      return {};
+    } else {
+      tally.add_lost(wait_.limit());
+    }
+  }
+  const BurstMeasurement measured = tally.measure(count_);
+  MutexLock lock(status_mutex_);
+  measured_ = measured;
+  return {is_acceptable(measured, limits_), 0};
+}
+
+void LBTestPING::drain_replies() {
+  const auto sockets = this->sockets();
+  char byte;
+  // Bounded: a flood that comes in as fast as it is read must not hold the worker here.
+  for (int packet = 0; packet < kMostDrained; ++packet) {
+    if (::recv(sockets->recv_socket.get(), &byte, sizeof(byte), MSG_DONTWAIT) < 0) return;
+  }
+}
+
+std::optional<int64_t> LBTestPING::await_reply(const sockaddr_in& destination, uint16_t sequence,
+                                               int32_t key) {
+  // select(2) refuses a microsecond figure of a whole second or more, and so does this daemon.
+  if (!wait_.is_valid()) return std::nullopt;
+  const auto sockets = this->sockets();
+  const int socket = sockets->recv_socket.get();
+  if (socket < 0) return std::nullopt;
+  const timespec start = monotonic_now();
+  const int64_t limit = wait_.microseconds() * 1000;
+  std::vector<uint8_t> buffer(kReceiveSize);
+  int64_t remaining = limit;
+  // Like select(2), a wait that is over still takes what has come in by then, but no flood of it.
+  for (int late = 0; late < kMostDrained; late += remaining == 0 ? 1 : 0) {
+    const timespec timeout{.tv_sec = remaining / 1000000000, .tv_nsec = remaining % 1000000000};
+    pollfd waiting{.fd = socket, .events = POLLIN, .revents = 0};
+    if (ppoll(&waiting, 1, &timeout, nullptr) < 1) return std::nullopt;
+    remaining = std::max<int64_t>(0, limit - elapsed_nanoseconds(start, monotonic_now()));
+
+    sockaddr_in sender{};
+    socklen_t sender_size = sizeof(sender);
+    // The interface's receiver thread may have taken the packet meanwhile: never block here.
+    const ssize_t received = recvfrom(socket, buffer.data(), buffer.size(), MSG_DONTWAIT,
+                                      reinterpret_cast<sockaddr*>(&sender), &sender_size);
+    if (received < 0 || !is_same(sender, destination)) continue;
+    const std::span<const uint8_t> packet(buffer.data(), static_cast<size_t>(received));
+    if (is_burst_reply(packet, sequence, static_cast<uint32_t>(key))) {
+      return wait_.limit() - remaining / 1000000;
+    }
+  }
+  return std::nullopt;
+}

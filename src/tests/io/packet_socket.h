@@ -1,0 +1,32 @@
+// Packet sockets (packet(7)): whole Ethernet frames in and out.
+#pragma once
+
+#include <linux/filter.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <span>
+
+#include "packets/ethernet.h"
+#include "platform/file_descriptor.h"
+
+// A raw packet socket of the calling thread's network namespace that receives the frames of
+// `ether_type` (host byte order; ETH_P_ALL for every frame) on all interfaces. Not valid on
+// failure, with errno set.
+FileDescriptor open_packet_socket(uint16_t ether_type);
+
+// Lets the kernel keep from the socket what `program` (socket(7), SO_ATTACH_FILTER) refuses. A
+// filter that is refused itself costs time and room only: what comes is looked at all the same.
+void attach_filter(int fd, std::span<sock_filter> program);
+
+// Makes a socket receive nothing, so that no packets pile up in a queue that nobody reads.
+void refuse_input(int fd);
+
+// A packet socket that is only sent through: it receives nothing.
+FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
+
+// Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer
+// address handed to the kernel; what goes on the wire stands in the frame. The bytes sent, or -1
+// with errno set.
+ssize_t send_frame(int fd, int ifindex, const MacAddress& destination,
+                   std::span<const uint8_t> frame);

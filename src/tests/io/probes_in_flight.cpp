@@ -1,0 +1,70 @@
+#include "tests/io/probes_in_flight.h"
+
+#include "packets/family.h"
+
+namespace {
+
+constexpr int32_t kKeyModulus = kLargestProbeKey + 1;
+
+int64_t whole_milliseconds(const timespec& time) {
+  return static_cast<int64_t>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+int64_t elapsed_milliseconds(const timespec& from, const timespec& to) {
+  return whole_milliseconds(to) - whole_milliseconds(from);
+}
+
+int32_t ProbesInFlight::next_key() {
+  MutexLock lock(mutex_);
+  sequence_ = (sequence_ + 1) % kKeyModulus;
+  return sequence_;
+}
+
+void ProbesInFlight::insert(int32_t key, const PendingProbe& probe) {
+  MutexLock lock(mutex_);
+  pending_.try_emplace(key, probe);
+}
+
+void ProbesInFlight::mark_sent(int32_t key, const timespec& now) {
+  MutexLock lock(mutex_);
+  const auto found = pending_.find(key);
+  if (found != pending_.end()) found->second.sent_at = now;
+}
+
+void ProbesInFlight::mark_answered(int64_t key) {
+  if (key < 0 || key >= kKeyModulus) return;
+  MutexLock lock(mutex_);
+  const auto found = pending_.find(static_cast<int32_t>(key));
+  if (found != pending_.end()) found->second.state = kProbeAnswered;
+}
+
+void ProbesInFlight::erase(int32_t key) {
+  MutexLock lock(mutex_);
+  pending_.erase(key);
+}
+
+std::optional<ProbesInFlight::Entry> ProbesInFlight::find(const std::string& ifname,
+                                                          const std::string& target) const {
+  MutexLock lock(mutex_);
+  for (const auto& [key, probe] : pending_) {
+    if (probe.ifname == ifname && probe.target == target) return Entry{key, probe};
+  }
+  return std::nullopt;
+}
+
+size_t ProbesInFlight::size() const {
+  MutexLock lock(mutex_);
+  return pending_.size();
+}
+
+// Leaked on purpose: receiver threads are detached and may outlive static destruction.
+template <class Family>
+ProbesInFlight& probes_in_flight() {
+  static ProbesInFlight& table = *new ProbesInFlight;
+  return table;
+}
+
+template ProbesInFlight& probes_in_flight<Ipv4>();
+template ProbesInFlight& probes_in_flight<Ipv6>();

@@ -1,0 +1,135 @@
+#include "tests/link/neighbor_prober.h"
+
+#include <linux/if_ether.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+
+#include "config/log.h"
+#include "packets/error_text.h"
+#include "packets/neighbor_discovery.h"
+#include "packets/packet_reader.h"
+#include "tests/io/packet_socket.h"
+#include "tests/link/link_info.h"
+#include "tests/link/route_netlink.h"
+
+namespace {
+
+// The prefix of solicited-node addresses, as an address of it.
+constexpr const char* kSolicitedNodes = "ff02::1:ff00:2";
+
+void print_text_failure(const char* call, int error) {
+  std::fprintf(stderr, "%s() failed.\nError message: %s", call, error_text(error).c_str());
+}
+
+bool parse_printed_address(const std::string& text, in6_addr& address) {
+  const int parsed = address_from_text(AF_INET6, text, &address);
+  if (parsed <= 0) print_text_failure("inet_pton", parsed);
+  return parsed > 0;
+}
+
+// The text of the address that the solicited-node addresses are made from; empty on failure.
+std::string solicited_node_text() {
+  in6_addr address;
+  const int resolved = first_address<Ipv6>(kSolicitedNodes, address);
+  if (resolved != 0) {
+    std::fprintf(stderr, "getaddrinfo() failed: %s\n", gai_strerror(resolved));
+    return {};
+  }
+  std::string text = address_to_text(AF_INET6, &address);
+  if (text.empty()) print_text_failure("inet_ntop", errno);
+  return text;
+}
+
+// The hardware address of the interface; a failure is printed.
+bool read_source_mac(const std::string& ifname, MacAddress& mac) {
+  const auto answer = hardware_address(LinkSocket::kPacket, ifname);
+  errno = answer.error;
+  if (answer.step == LinkStep::kSocketFailed) {
+    perror("socket() failed to get socket descriptor for using ioctl() ");
+  } else if (answer.step == LinkStep::kIoctlFailed && answer.error != ENODEV) {
+    perror("ioctl() failed to get source MAC address ");
+  }
+  mac = answer.value;
+  return answer.answered();
+}
+
+}  // namespace
+
+FileDescriptor LinkProtocol<Ipv6>::open_receiver() {
+  FileDescriptor fd = open_packet_socket(ETH_P_ALL);
+  if (!fd.valid()) return fd;
+  // A router sees many frames; the kernel keeps the others away from the thread. What it lets
+  // through is looked at again, so a filter that is refused costs time only.
+  sock_filter advertisements[] = {
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(EthernetHeader, type)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kEtherTypeIpv6, 0, 3),
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(NeighborFrame, message)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kNeighborAdvertisement, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
+      BPF_STMT(BPF_RET | BPF_K, 0),
+  };
+  attach_filter(fd.get(), advertisements);
+  return fd;
+}
+
+bool LinkProtocol<Ipv6>::handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
+  const auto advertisement = parse_neighbor_advertisement(frame);
+  if (!advertisement) return true;
+  const std::string target = address_to_text(AF_INET6, &advertisement->target);
+  if (target.empty()) {
+    print_text_failure("inet_ntop", errno);
+    return false;
+  }
+  const std::string ifname = targets.interface_of(target);
+  if (!ifname.empty()) add_neighbor_entry(target, advertisement->mac, ifname);
+  return true;
+}
+
+void LinkProtocol<Ipv6>::log_no_send_socket(const std::string&) {
+  LB_ERROR("<%s> socket() fo _send_sock failed ", "init");
+}
+
+void LinkProtocol<Ipv6>::log_no_mutex(int) { LB_ERROR("wan_lb: error mutex initialization"); }
+
+void LinkProtocol<Ipv6>::log_receive_failure(const char* call) { LB_ERROR("%s() failed", call); }
+
+void LBNeighbor::send_solicit() {
+  MacAddress mac;
+  if (!read_source_mac(_ifname, mac)) return;
+  const unsigned int ifindex = if_nametoindex(_ifname.c_str());
+  if (ifindex == 0) {
+    perror("if_nametoindex() failed to obtain interface index ");
+    return;
+  }
+  const std::string solicited_nodes = solicited_node_text();
+  if (solicited_nodes.empty()) return;
+  in6_addr target;
+  in6_addr source;
+  in6_addr prefix;
+  if (!parse_printed_address(_target, target) || !parse_printed_address(_source, source) ||
+      !parse_printed_address(solicited_nodes, prefix)) {
+    return;
+  }
+  const NeighborFrame frame =
+      make_solicitation(mac, source, solicited_node_address(prefix, target), target);
+  if (send_frame(send_socket(), static_cast<int>(ifindex), mac, bytes_of(frame)) <= 0) {
+    perror("sendto() failed");
+    close_send_socket();
+  }
+}
+
+std::optional<MacAddress> resolve_link_address(LBNeighbor& prober, const std::string& gateway,
+                                               const std::string& source,
+                                               const std::string& ifname) {
+  prober.set_target(gateway, source, ifname);
+  const auto lookup = [&](MacAddress& mac) { return get_neighbor_mac(gateway, &mac); };
+  MacAddress mac;
+  if (lookup(mac) == 1) return mac;
+  if (!prober.request_address([&] { prober.send_solicit(); })) return std::nullopt;
+  return poll_link_address(lookup);
+}

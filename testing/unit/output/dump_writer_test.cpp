@@ -1,0 +1,264 @@
+// The dump operations of LBOutput.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/output_fixture.h"
+#include "support/recorded_log.h"
+#include "support/wrapped_calls.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class DumpWriterTest : public OutputFixture {};
+
+}  // namespace
+
+// --- the outbounds dump ---
+
+TEST_F(DumpWriterTest, OutboundsInNameOrder) {
+  write();
+  const std::vector<DumpOutbound> records = outbounds();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_STREQ(records[0].name, "eth0");
+  EXPECT_STREQ(records[0].nexthop, "192.0.2.1");
+  EXPECT_EQ(records[0].active, 1);
+  EXPECT_EQ(int32_t{records[0].success_age}, 4);
+  EXPECT_EQ(records[0].test_count, 1);
+  EXPECT_STREQ(records[0].tests[0].target, "192.0.2.50");
+  EXPECT_EQ(int32_t{records[0].tests[0].success_count}, 3);
+  EXPECT_STREQ(records[1].name, "eth1");
+  EXPECT_STREQ(records[1].vrf, "red");
+}
+
+TEST_F(DumpWriterTest, OutboundsNeedInterfaces) {
+  make_dump_directory();
+  output_.dump_outbounds({}, nullptr, false);
+  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_ipv4_outbounds.bin"));
+  EXPECT_EQ(call_count("fopen"), 0);
+}
+
+TEST_F(DumpWriterTest, OutboundsFileThatCannotBeOpened) {
+  block(dump_path("wlb_ipv4_outbounds.bin"));
+  write();
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error open file for writing '" +
+                                                     dump_path("wlb_ipv4_outbounds.bin") + "'")));
+  EXPECT_EQ(rules().size(), 2u);  // the others are written all the same
+  EXPECT_THAT(status(), HasSubstr("eth0"));
+}
+
+TEST_F(DumpWriterTest, OutboundsTextThatCannotBeFormattedStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("vsnprintf", EOVERFLOW, /*skip=*/4, /*times=*/1);  // in the second record
+  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<dump_outbounds> wan_lb: snprintf failed")));
+  EXPECT_EQ(outbounds().size(), 1u);
+}
+
+TEST_F(DumpWriterTest, OutboundsRecordThatCannotBeWrittenStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("fwrite", ENOSPC, /*skip=*/1, /*times=*/1);
+  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: <dump_outbounds> error writing data block")));
+  EXPECT_EQ(outbounds().size(), 1u);
+  EXPECT_EQ(call_count("fclose"), 1);
+}
+
+TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRecord) {
+  make_dump_directory();
+  std::filesystem::create_symlink("/dev/full", dump_path("wlb_ipv4_outbounds.bin"));
+  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: <dump_outbounds> error writing data block")));
+  EXPECT_EQ(call_count("fwrite"), 1);
+}
+
+// --- the rules and routes dump ---
+
+TEST_F(DumpWriterTest, RulesAndRoutes) {
+  write();
+  const std::vector<DumpRule> rule_records = rules();
+  ASSERT_EQ(rule_records.size(), 2u);
+  EXPECT_EQ(int32_t{rule_records[0].number}, 1);
+  EXPECT_EQ(rule_records[0].failover, 1);
+  EXPECT_EQ(rule_records[0].ipv6, 0);
+  EXPECT_EQ(rule_records[0].member_count, 1);
+  EXPECT_STREQ(rule_records[0].members[0].name, "eth0");
+  EXPECT_EQ(int32_t{rule_records[1].number}, 2);
+  EXPECT_EQ(rule_records[1].ipv6, 1);
+  EXPECT_STREQ(rule_records[1].vrf, "red");
+
+  const std::vector<DumpRoute> route_records = routes();
+  ASSERT_EQ(route_records.size(), 3u);
+  EXPECT_STREQ(route_records[0].destination, "0.0.0.0/0");
+  EXPECT_STREQ(route_records[0].nexthop, "192.0.2.1");
+  EXPECT_EQ(int32_t{route_records[0].metric}, 10);
+  EXPECT_EQ(int32_t{route_records[0].index}, 1);
+  EXPECT_EQ(int32_t{route_records[0].rule_number}, 1);
+  EXPECT_EQ(route_records[0].ipv6, 0);
+  EXPECT_STREQ(route_records[1].destination, "10.0.0.0/8");
+  EXPECT_STREQ(route_records[1].nexthop, "");
+  EXPECT_EQ(int32_t{route_records[1].metric}, -1);
+  EXPECT_EQ(int32_t{route_records[1].index}, 2);
+  EXPECT_STREQ(route_records[2].destination, "::/0");
+  EXPECT_EQ(int32_t{route_records[2].index}, 1);  // counted within the rule
+  EXPECT_EQ(int32_t{route_records[2].rule_number}, 2);
+  EXPECT_EQ(route_records[2].ipv6, 1);
+}
+
+TEST_F(DumpWriterTest, EmptyNextHopIsNotWritten) {
+  set_nexthop("1_ipv4", "0.0.0.0/0", "");
+  write();
+  EXPECT_STREQ(routes().at(0).nexthop, "");
+}
+
+TEST_F(DumpWriterTest, AtMostFiftyRoutesPerRule) {
+  LBRule& rule = config_.rules["1_ipv4"];
+  rule.targets.clear();
+  for (int i = 100; i < 151; ++i) rule.targets["10.0." + std::to_string(i) + ".0/24"];
+  write();
+  const std::vector<DumpRoute> records = routes();
+  ASSERT_EQ(records.size(), 51u);  // 50 and the other rule's
+  EXPECT_EQ(int32_t{records[49].index}, 50);
+  EXPECT_STREQ(records[49].destination, "10.0.149.0/24");
+  EXPECT_EQ(int32_t{records[50].rule_number}, 2);
+}
+
+TEST_F(DumpWriterTest, RulesNeedNames) {
+  make_dump_directory();
+  output_.dump_rules_and_routes(config_.rules, nullptr);
+  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_rules.bin"));
+  EXPECT_EQ(call_count("fopen"), 0);
+}
+
+TEST_F(DumpWriterTest, NoRulesMakeEmptyFiles) {
+  config_.rules.clear();
+  write();
+  EXPECT_TRUE(directory_.exists("out/wlb_dump/wlb_rules.bin"));
+  EXPECT_THAT(rules(), IsEmpty());
+  EXPECT_TRUE(directory_.exists("out/wlb_dump/wlb_routes.bin"));
+  EXPECT_THAT(routes(), IsEmpty());
+}
+
+TEST_F(DumpWriterTest, RuleNameWithoutTwoNumbersStopsTheDump) {
+  config_.rules["1"];  // sorts first: an IPv6 rule by its name, with no place in the dump
+  config_.rules["0_ipv4"];
+  write();
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("<dump_rules_and_routes> wan_lb: sscanf failed")));
+  ASSERT_EQ(rules().size(), 1u);
+  EXPECT_EQ(int32_t{rules()[0].number}, 0);
+  EXPECT_THAT(routes(), IsEmpty());
+  EXPECT_THAT(status(), HasSubstr("eth0"));
+}
+
+TEST_F(DumpWriterTest, RulesFileThatCannotBeOpened) {
+  block(dump_path("wlb_rules.bin"));
+  write();
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: Error open file for writing '" +
+                                                     dump_path("wlb_rules.bin") + "'")));
+  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_routes.bin"));
+  EXPECT_THAT(status(), HasSubstr("eth0"));
+}
+
+TEST_F(DumpWriterTest, RoutesFileThatCannotBeOpened) {
+  block(dump_path("wlb_routes.bin"));
+  write();
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: Error open file for writing '" +
+                                                     dump_path("wlb_routes.bin") + "'")));
+  EXPECT_THAT(rules(), IsEmpty());
+  EXPECT_EQ(call_count("fopen"), 4);
+  EXPECT_EQ(call_count("fclose"), 3);  // outbounds, rules, status
+}
+
+TEST_F(DumpWriterTest, RuleTextThatCannotBeFormattedStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("vsnprintf", EOVERFLOW, 0, 1);
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("<dump_rules_and_routes> wan_lb: snprintf failed")));
+  EXPECT_THAT(rules(), IsEmpty());
+}
+
+TEST_F(DumpWriterTest, RouteTextThatCannotBeFormattedStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("vsnprintf", EOVERFLOW, 4, 1);  // member, VRF; destination, next hop; here
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("<dump_rules_and_routes> wan_lb: snprintf failed")));
+  EXPECT_EQ(rules().size(), 1u);
+  EXPECT_EQ(routes().size(), 1u);
+}
+
+TEST_F(DumpWriterTest, RuleThatCannotBeWrittenStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("fwrite", ENOSPC, 3, 1);  // after a rule and its two routes
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: <dump_rules_and_routes> error writing data block")));
+  EXPECT_EQ(rules().size(), 1u);
+  EXPECT_EQ(routes().size(), 2u);
+  EXPECT_EQ(call_count("fclose"), 2);
+}
+
+TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
+  make_dump_directory();
+  std::filesystem::create_symlink("/dev/full", dump_path("wlb_routes.bin"));
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error dumping routes")));
+  EXPECT_EQ(call_count("fwrite"), 2);
+}
+
+TEST_F(DumpWriterTest, RouteThatCannotBeWrittenStopsTheDump) {
+  make_dump_directory();
+  const Fault fault("fwrite", ENOSPC, 2, 1);
+  output_.dump_rules_and_routes(config_.rules, &config_);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error dumping routes")));
+  EXPECT_EQ(rules().size(), 1u);
+  EXPECT_EQ(routes().size(), 1u);
+  EXPECT_EQ(call_count("fclose"), 2);
+}
+
+TEST_F(DumpWriterTest, DumpMessagesAreBehindTheirFlag) {
+  set_log_flag(1, false);
+  make_dump_directory();
+  for (int i = 0; i < 5; ++i) {
+    const Fault fault("fwrite", ENOSPC, i);
+    write();
+  }
+  const Fault fault("fopen", EMFILE);
+  write();
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+// A worker of another VRF must not truncate a file that is half written.
+TEST_F(DumpWriterTest, WritersOfAFamilyTakeTurns) {
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
+  CallHook hook(wrapped::fwrite, [&](const void* data, size_t size, size_t count, FILE* file) {
+    const int now = ++inside;
+    if (now > most) most = now;
+    sched_yield();
+    const size_t result = wrapped::fwrite.real(data, size, count, file);
+    --inside;
+    return result;
+  });
+  make_dump_directory();
+  std::vector<std::thread> workers;
+  for (int i = 0; i < 4; ++i) {
+    workers.emplace_back([this] {
+      for (int round = 0; round < 20; ++round) {
+        output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+      }
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  EXPECT_EQ(most, 1);
+}

@@ -1,0 +1,46 @@
+// Which time the ages in the dumps and in the status report are counted from.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/output_fixture.h"
+#include "support/virtual_clock/virtual_clock.h"
+#include "support/wrapped_calls.h"
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+
+namespace {
+
+class LBOutputTimesTest : public OutputFixture {
+ protected:
+  LBOutputTimesTest() {
+    edit_state(config_.interfaces.at("eth1"),
+               [](InterfaceState& state) { state.last_success = kNow - 4; });
+  }
+
+ private:
+  // Every record takes a second to write.
+  CallHook<size_t(const void*, size_t, size_t, FILE*)> fwrite_hook_{
+      wrapped::fwrite, [](const void* data, size_t size, size_t count, FILE* file) {
+        virtual_clock::advance(1s);
+        return wrapped::fwrite.real(data, size, count, file);
+      }};
+};
+
+}  // namespace
+
+TEST_F(LBOutputTimesTest, DumpHasOneTimeForAllItsRecords) {
+  write();
+  ASSERT_EQ(outbounds().size(), 2u);
+  EXPECT_EQ(int32_t{outbounds()[0].success_age}, 4);
+  EXPECT_EQ(int32_t{outbounds()[1].success_age}, 4);
+}
+
+TEST_F(LBOutputTimesTest, ReportReadsTheClockAgain) {
+  write();
+  const auto passed = wall_now().tv_sec - kNow;
+  ASSERT_EQ(passed, 7);  // two interfaces, two rules, three routes
+  EXPECT_THAT(status(), HasSubstr("Interface:  eth0\n"));
+  EXPECT_THAT(status(), HasSubstr("    Last Interface Success:  11s\t\n"));
+  EXPECT_THAT(status(), testing::Not(HasSubstr("Success:  4s")));
+}

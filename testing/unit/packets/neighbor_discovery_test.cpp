@@ -1,0 +1,157 @@
+#include "packets/neighbor_discovery.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "packets/packet_reader.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+in6_addr address(const std::string& text) {
+  in6_addr result{};
+  EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &result), 1) << text;
+  return result;
+}
+
+std::string text_of(const in6_addr& address) {
+  char text[INET6_ADDRSTRLEN];
+  return inet_ntop(AF_INET6, &address, text, sizeof(text));
+}
+
+Bytes advertisement_frame() {
+  return {
+      0x02, 0x11, 0x22, 0x33, 0x44, 0x55,        // Ethernet destination
+      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xee,        // Ethernet source
+      0x86, 0xdd,                                // EtherType: IPv6
+      0x60, 0x00, 0x00, 0x00,                    // version, traffic class, flow label
+      0x00, 0x20,                                // payload length 32
+      0x3a,                                      // next header: ICMPv6
+      0xff,                                      // hop limit
+      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // source fe80::1
+      0,    0,    0,    0,    0,    0,    0, 1,  //
+      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // destination fe80::2
+      0,    0,    0,    0,    0,    0,    0, 2,  //
+      0x88,                                      // type: neighbour advertisement
+      0x00,                                      // code
+      0x12, 0x34,                                // checksum (not looked at)
+      0x60, 0x00, 0x00, 0x00,                    // flags: solicited, override
+      0x20, 0x01, 0x0d, 0xb8, 0,    0,    0, 0,  // target 2001:db8::1:2:3
+      0,    0,    0,    1,    0,    2,    0, 3,  //
+      0x02,                                      // option: target link-layer address
+      0x01,                                      // option length
+      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xef,        // link-layer address
+  };
+}
+
+// RFC 1071 in another form than the product's: the ones'-complement sum of a correct packet,
+// checksum included, is all ones. Carries are added at once, by byte pairs.
+uint16_t ones_complement_sum(const Bytes& bytes) {
+  uint16_t sum = 0;
+  for (size_t i = 0; i < bytes.size(); i += 2) {
+    const uint32_t wide = sum + bytes[i] * 256U + bytes[i + 1];
+    sum = static_cast<uint16_t>(wide > 0xffff ? wide - 0xffff : wide);
+  }
+  return sum;
+}
+
+Bytes solicitation(const std::string& source, const std::string& target) {
+  const MacAddress mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
+  const in6_addr to = solicited_node_address(address("ff02::1:ff00:2"), address(target));
+  const NeighborFrame frame = make_solicitation(mac, address(source), to, address(target));
+  const auto bytes = bytes_of(frame);
+  return {bytes.begin(), bytes.end()};
+}
+
+}  // namespace
+
+TEST(NeighborDiscoveryTest, SolicitationHasEveryField) {
+  const Bytes expected{
+      0x33, 0x33, 0xff, 0x02, 0x00, 0x03,              // Ethernet destination: by the target
+      0x02, 0x11, 0x22, 0x33, 0x44, 0x55,              // Ethernet source
+      0x86, 0xdd,                                      // EtherType: IPv6
+      0x60, 0x00, 0x00, 0x00,                          // version, traffic class, flow label
+      0x00, 0x20,                                      // payload length 32
+      0x3a,                                            // next header: ICMPv6
+      0xff,                                            // hop limit
+      0x20, 0x01, 0x0d, 0xb8, 0,    0,    0,    0,     // source 2001:db8::9
+      0,    0,    0,    0,    0,    0,    0,    9,     //
+      0xff, 0x02, 0,    0,    0,    0,    0,    0,     // destination ff02::1:ff02:3
+      0,    0,    0,    1,    0xff, 0x02, 0x00, 0x03,  //
+      0x87,                                            // type: neighbour solicitation
+      0x00,                                            // code
+      0xb1, 0x97,                                      // checksum
+      0x03, 0xe8,                                      // 1000 in the reserved word
+      0x00, 0x00,                                      //
+      0x20, 0x01, 0x0d, 0xb8, 0,    0,    0,    0,     // target 2001:db8::1:2:3
+      0,    0,    0,    1,    0,    2,    0,    3,     //
+      0x01,                                            // option: source link-layer address
+      0x01,                                            // option length: 8 bytes
+      0x02, 0x11, 0x22, 0x33, 0x44, 0x55,              // link-layer address
+  };
+  EXPECT_EQ(solicitation("2001:db8::9", "2001:db8::1:2:3"), expected);
+}
+
+TEST(NeighborDiscoveryTest, SolicitedNodeAddressTakesTheLowBytesOfTheTarget) {
+  const in6_addr prefix = address("ff02::1:ff00:2");
+  EXPECT_EQ(text_of(solicited_node_address(prefix, address("2001:db8::1:2:3"))), "ff02::1:ff02:3");
+  EXPECT_EQ(text_of(solicited_node_address(prefix, address("fe80::aabb:ccdd"))),
+            "ff02::1:ffbb:ccdd");
+}
+
+TEST(NeighborDiscoveryTest, ChecksumCoversThePseudoHeader) {
+  for (const char* target : {"2001:db8::1:2:3", "fe80::1", "2001:db8:ffff:ffff::ffff:ffff"}) {
+    const Bytes frame = solicitation("2001:db8::9", target);
+    Bytes summed(frame.begin() + 22, frame.begin() + 54);          // source and destination
+    summed.insert(summed.end(), {0, 0, 0, 32, 0, 0, 0, 58});       // length, zeros, next header
+    summed.insert(summed.end(), frame.begin() + 54, frame.end());  // the message
+    EXPECT_EQ(ones_complement_sum(summed), 0xffff) << target;
+  }
+}
+
+TEST(NeighborDiscoveryTest, ReadsAdvertisement) {
+  const auto advertisement = parse_neighbor_advertisement(advertisement_frame());
+  ASSERT_TRUE(advertisement);
+  EXPECT_EQ(text_of(advertisement->target), "2001:db8::1:2:3");
+  EXPECT_EQ(advertisement->mac, (MacAddress{0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xef}));
+}
+
+TEST(NeighborDiscoveryTest, ReadsAdvertisementWithMoreOptions) {
+  Bytes frame = advertisement_frame();
+  frame.resize(frame.size() + 24, 0xee);
+  EXPECT_TRUE(parse_neighbor_advertisement(frame));
+}
+
+TEST(NeighborDiscoveryTest, IgnoresSolicitation) {
+  EXPECT_FALSE(parse_neighbor_advertisement(solicitation("2001:db8::9", "2001:db8::1:2:3")));
+}
+
+TEST(NeighborDiscoveryTest, IgnoresTruncatedAdvertisement) {
+  const Bytes frame = advertisement_frame();
+  ASSERT_EQ(frame.size(), 86u);
+  for (size_t size = 0; size < frame.size(); ++size) {
+    const Bytes truncated(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(size));
+    EXPECT_FALSE(parse_neighbor_advertisement(truncated)) << size;
+  }
+}
+
+TEST(NeighborDiscoveryTest, OnlyTypeTargetAndAddressAreLookedAt) {
+  const Bytes frame = advertisement_frame();
+  const auto good = parse_neighbor_advertisement(frame);
+  ASSERT_TRUE(good);
+  for (size_t bit = 0; bit < frame.size() * 8; ++bit) {
+    const size_t i = bit / 8;
+    Bytes flipped = frame;
+    flipped[i] ^= static_cast<uint8_t>(1 << bit % 8);
+    const auto read = parse_neighbor_advertisement(flipped);
+    const bool decides = i == 12 || i == 13 || i == 54;
+    EXPECT_EQ(read.has_value(), !decides) << "bit " << bit;
+    if (!read) continue;
+    EXPECT_EQ(text_of(read->target) != text_of(good->target), i >= 62 && i < 78) << "bit " << bit;
+    EXPECT_EQ(read->mac != good->mac, i >= 80) << "bit " << bit;
+  }
+}

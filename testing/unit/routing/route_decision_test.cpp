@@ -1,0 +1,327 @@
+#include "routing/route_decision.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "support/model_builder.h"
+#include "support/routing_root.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace {
+
+std::string block4(const std::string& route) {
+  return "protocol static {\nipv4 {table master4;};\ncheck link 1;\n" + route + "\n};\n";
+}
+std::string block6(const std::string& route) {
+  return "protocol static {\nipv6 {table master6;};\ncheck link 1;\n" + route + "\n};\n";
+}
+
+class RouteDecisionTest : public RoutingRoot {
+ protected:
+  void add_uplink(const std::string& name, const std::string& nexthop, int32_t weight) {
+    add_active_interface(config_, name, nexthop);
+    rule_.targets["0.0.0.0/0"];
+    rule_.members[name] = {.ipv6 = false, .weight = weight};
+  }
+  void add_uplink6(const std::string& name, const std::string& nexthop) {
+    add_active_interface(config_, name, nexthop, true);
+    LBRule& rule = config_.rules["2_ipv6"];
+    rule.targets["::/0"];
+    rule.members[name] = {.ipv6 = true, .weight = 1};
+  }
+  static void set_active(LBInterface& interface, bool active) {
+    edit_state(interface, [active](InterfaceState& state) { state.active = active; });
+  }
+  void run(bool ipv6 = false, const std::string& vrf = kDefaultNamespace) {
+    route_decision::run_below(directory_.path(), config_, worker_of(ipv6, vrf));
+  }
+  std::map<std::string, std::string> failover(const std::string& rule) {
+    MutexLock lock(config_.written_mutex);
+    return config_.failover_nexthops[rule];
+  }
+  std::string written(const std::string& vrf, bool ipv6) {
+    MutexLock lock(config_.written_mutex);
+    return (ipv6 ? config_.routes_written6 : config_.routes_written)[vrf];
+  }
+
+  LBConfig config_;
+  LBRule& rule_ = config_.rules["1_ipv4"];
+};
+
+}  // namespace
+
+TEST_F(RouteDecisionTest, WritesSignalsAndFlushes) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
+                                     Pair("ip route flush cache 2>/dev/null", "w")));
+  EXPECT_EQ(call_count("pclose"), 2);
+  EXPECT_THAT(log_records(), IsEmpty());
+  EXPECT_EQ(written("default", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
+  EXPECT_EQ(written("default", true), "");
+}
+
+TEST_F(RouteDecisionTest, Ipv6HasItsOwnFileAndFlush) {
+  add_uplink6("eth0", "2001:db8::1");
+  run(true);
+  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
+  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
+                                     Pair("ip -6 route flush cache 2>/dev/null", "w")));
+  EXPECT_EQ(written("default", true), "route ::/0 via 2001:db8::1 weight 1;\n");
+  EXPECT_EQ(written("default", false), "");
+}
+
+TEST_F(RouteDecisionTest, OtherVrfHasItsOwnPlaces) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  rule_.vrf = "red";
+  config_.interfaces.at("eth0").vrf = "red";
+  directory_.write("var/vrfs/red/usr/var/run/routing.pid", "815\n");
+  std::filesystem::create_directories(directory_.file("var/vrfs/red/usr/etc"));
+  run(false, "red");
+  EXPECT_EQ(directory_.read("var/vrfs/red/usr/etc/routing-wlb.conf"),
+            block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_THAT(kills_, ElementsAre(Pair(815, SIGHUP)));
+  EXPECT_THAT(
+      commands_,
+      ElementsAre(Pair(pid_command("/var/vrfs/red/usr/var/run/routing.pid") + " 2>/dev/null", "r"),
+                  Pair("ip route flush cache 2>/dev/null", "w")));
+  EXPECT_EQ(written("red", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
+  EXPECT_EQ(written("default", false), "");
+}
+
+// The public operation works below the real root; every call that could reach it is caught.
+TEST(RouteDecisionRunTest, UsesTheFixedPlaces) {
+  set_log_flag(3, true);
+  LBConfig config;
+  add_active_interface(config, "eth0", "192.0.2.1");
+  LBRule& rule = config.rules["1_ipv4"];
+  rule.targets["0.0.0.0/0"];
+  rule.members["eth0"] = {.ipv6 = false, .weight = 1};
+  std::vector<std::string> opened;
+  CallHook open_hook(wrapped::open, [&](const char* path, int flags, mode_t mode) {
+    opened.emplace_back(path);
+    EXPECT_EQ(flags & (O_WRONLY | O_CREAT | O_TRUNC), O_WRONLY | O_CREAT | O_TRUNC);
+    EXPECT_EQ(mode, 0666u);
+    errno = EACCES;
+    return -1;
+  });
+  const Fault no_commands("popen", ENOMEM);
+  LBDecision decision;
+  decision.run(config, worker_of(false));
+  EXPECT_THAT(opened, ElementsAre("/usr/etc/routing-wlb.conf"));
+  EXPECT_THAT(log_records(), ElementsAre(LoggedDebug("LBDecision::run() can't execute 'cat "
+                                                     "/var/run/routing.pid'")));
+}
+
+// --- only changes are written ---
+
+TEST_F(RouteDecisionTest, NothingHappensWhileThereAreNoRoutes) {
+  directory_.write(kRouteFile, "left from an earlier run");
+  add_uplink("eth0", "192.0.2.1", 1);
+  set_active(config_.interfaces.at("eth0"), false);
+  run();
+  EXPECT_EQ(directory_.read(kRouteFile), "left from an earlier run");
+  EXPECT_THAT(commands_, IsEmpty());
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(RouteDecisionTest, LostRoutesTruncateTheFileAndSignal) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  set_active(config_.interfaces.at("eth0"), false);
+  run();
+  EXPECT_TRUE(directory_.exists(kRouteFile));
+  EXPECT_EQ(directory_.read(kRouteFile), "");
+  EXPECT_EQ(kills_.size(), 2u);
+  run();
+  EXPECT_EQ(kills_.size(), 2u);
+}
+
+TEST_F(RouteDecisionTest, SameTextIsWrittenAndSignalledOnce) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  directory_.write(kRouteFile, "untouched");
+  run();
+  EXPECT_EQ(directory_.read(kRouteFile), "untouched");
+  EXPECT_EQ(kills_.size(), 1u);
+  EXPECT_EQ(commands_.size(), 2u);
+}
+
+TEST_F(RouteDecisionTest, ShorterTextLeavesNoRestOfTheLongerOne) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth1", "198.51.100.1", 2);
+  run();
+  set_active(config_.interfaces.at("eth0"), false);
+  run();
+  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 198.51.100.1 weight 2;"));
+  EXPECT_EQ(kills_.size(), 2u);
+}
+
+TEST_F(RouteDecisionTest, FileIsWrittenInPlace) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  directory_.write(kRouteFile, "old");
+  struct stat before {};
+  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &before), 0);
+  run();
+  struct stat after {};
+  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+}
+
+TEST_F(RouteDecisionTest, FamiliesAndVrfsKeepTheirOwnNotes) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink6("eth0", "2001:db8::1");
+  run(false);
+  run(true);
+  run(false);
+  run(true);
+  EXPECT_EQ(kills_.size(), 2u);
+  run(false, "red");  // nothing of its own: the notes of "default" are not its notes
+  EXPECT_EQ(kills_.size(), 2u);
+}
+
+TEST_F(RouteDecisionTest, FileThatCannotBeOpenedIsNotReportedNorTriedAgain) {
+  std::filesystem::remove_all(directory_.file("usr"));
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));  // all the same
+  EXPECT_THAT(log_records(), IsEmpty());
+  EXPECT_EQ(written("default", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
+  std::filesystem::create_directories(directory_.file("usr/etc"));
+  run();
+  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_EQ(kills_.size(), 1u);
+}
+
+TEST_F(RouteDecisionTest, NoLockIsHeldOverFileCommandAndSignal) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  int free_count = 0;
+  const auto check = [&] {
+    if (!config_.written_mutex.try_lock()) return;
+    config_.written_mutex.unlock();
+    Mutex& interface = config_.interfaces.at("eth0").mutex;
+    if (!interface.try_lock()) return;
+    interface.unlock();
+    ++free_count;
+  };
+  CallHook open_hook(wrapped::open, [&](const char* path, int flags, mode_t mode) {
+    check();
+    return wrapped::open.real(path, flags, mode);
+  });
+  CallHook popen_hook(wrapped::popen, [&](const char*, const char* mode) {
+    check();
+    return wrapped::popen.real(mode[0] == 'r' ? "echo 4711" : "true", mode);
+  });
+  CallHook kill_hook(wrapped::kill, [&](pid_t, int) {
+    check();
+    return 0;
+  });
+  run();
+  EXPECT_EQ(free_count, 4);  // the file, the pid, the signal, the flush
+}
+
+// --- next hops of failover rules ---
+
+TEST_F(RouteDecisionTest, FailoverNextHopFollowsTheStates) {
+  rule_.failover = 1;
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth1", "198.51.100.1", 2);
+  run();
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "198.51.100.1")));
+  set_active(config_.interfaces.at("eth1"), false);
+  run();
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
+  set_active(config_.interfaces.at("eth0"), false);
+  run();
+  EXPECT_THAT(failover("1_ipv4"), IsEmpty());
+}
+
+TEST_F(RouteDecisionTest, NoNextHopsWithoutFailover) {
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  EXPECT_THAT(failover("1_ipv4"), IsEmpty());
+}
+
+TEST_F(RouteDecisionTest, WorkerOfTheOtherFamilyLeavesNextHopsAlone) {
+  rule_.failover = 1;
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink6("eth0", "2001:db8::1");
+  config_.rules["2_ipv6"].failover = 1;
+  run(false);
+  run(true);
+  run(false);
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
+  EXPECT_THAT(failover("2_ipv6"), ElementsAre(Pair("::/0", "2001:db8::1")));
+}
+
+TEST_F(RouteDecisionTest, RuleBelongsToTheFamilyOfItsMembers) {
+  add_active_interface(config_, "eth6", "2001:db8::1", true);
+  rule_.failover = 1;
+  rule_.members["eth6"] = {.ipv6 = true, .weight = 1};
+  rule_.targets["0.0.0.0/0"];  // by way of an IPv6 next hop
+  run(true);
+  run(false);
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "2001:db8::1")));
+}
+
+TEST_F(RouteDecisionTest, WorkerOfAnotherVrfLeavesNextHopsAlone) {
+  rule_.failover = 1;
+  add_uplink("eth0", "192.0.2.1", 1);
+  run();
+  run(false, "red");
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
+}
+
+TEST_F(RouteDecisionTest, RuleOfBothFamiliesIsSharedByDestination) {
+  rule_.failover = 1;
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_active_interface(config_, "eth6", "2001:db8::1", true);
+  rule_.members["eth6"] = {.ipv6 = true, .weight = 1};
+  rule_.targets["::/0"];
+  run(false);
+  run(true);
+  EXPECT_THAT(failover("1_ipv4"),
+              ElementsAre(Pair("0.0.0.0/0", "192.0.2.1"), Pair("::/0", "2001:db8::1")));
+  set_active(config_.interfaces.at("eth0"), false);
+  run(false);
+  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("::/0", "2001:db8::1")));
+}
+
+TEST_F(RouteDecisionTest, WorkersOfAllKindsRunAtOnce) {
+  rule_.failover = 1;
+  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink6("eth0", "2001:db8::1");
+  const Fault no_commands("popen", ENOMEM);
+  std::vector<std::thread> workers;
+  for (const bool ipv6 : {false, true}) {
+    for (const char* vrf : {"default", "red"}) {
+      workers.emplace_back([this, ipv6, vrf] {
+        for (int i = 0; i < 100; ++i) {
+          set_active(config_.interfaces_of(ipv6).at("eth0"), i % 2 == 1);
+          run(ipv6, vrf);
+        }
+      });
+    }
+  }
+  for (std::thread& worker : workers) worker.join();
+  run(false);
+  run(true);
+  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
+}

@@ -1,0 +1,177 @@
+#include "routing/routing_daemon.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "support/routing_root.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+namespace {
+
+class RoutingDaemonTest : public RoutingRoot {
+ protected:
+  const RoutingDaemon daemon_{"default", false, directory_.path()};
+};
+
+}  // namespace
+
+TEST(RoutingDaemonPlacesTest, AreFixed) {
+  const RoutingDaemon main4("default", false);
+  EXPECT_EQ(main4.file_path(), "/usr/etc/routing-wlb.conf");
+  EXPECT_EQ(main4.pid_command(), "cat /var/run/routing.pid");
+  const RoutingDaemon main6("default", true);
+  EXPECT_EQ(main6.file_path(), "/usr/etc/routing-wlb6.conf");
+  EXPECT_EQ(main6.pid_command(), "cat /var/run/routing.pid");
+  const RoutingDaemon red4("red", false);
+  EXPECT_EQ(red4.file_path(), "/var/vrfs/red/usr/etc/routing-wlb.conf");
+  EXPECT_EQ(red4.pid_command(), "cat /var/vrfs/red/usr/var/run/routing.pid");
+  const RoutingDaemon red6("red", true);
+  EXPECT_EQ(red6.file_path(), "/var/vrfs/red/usr/etc/routing-wlb6.conf");
+  EXPECT_EQ(red6.pid_command(), "cat /var/vrfs/red/usr/var/run/routing.pid");
+}
+
+TEST(RoutingDaemonPidTextTest, IsTheNumberAtTheStart) {
+  EXPECT_EQ(parse_routing_pid("815"), 815);
+  EXPECT_EQ(parse_routing_pid(" \t\n\v\f\r+815x"), 815);
+  EXPECT_EQ(parse_routing_pid("0000000000000000000000815 4711"), 815);
+  EXPECT_EQ(parse_routing_pid(std::string("81\0005", 4)), 81);  // a C string ends at a NUL byte
+  EXPECT_EQ(parse_routing_pid("0x10"), std::nullopt);
+}
+
+TEST(RoutingDaemonPidTextTest, IsPositiveAndFitsInAProcessId) {
+  EXPECT_EQ(parse_routing_pid("1"), 1);
+  EXPECT_EQ(parse_routing_pid("2147483647"), 2147483647);
+  for (const char* text : {"2147483648", "4294967297", "9223372036854775807", "9223372036854775808",
+                           "99999999999999999999", "0", "+0", "-0", "-1", "-815",
+                           "-9223372036854775809", "-4294967295"}) {
+    EXPECT_EQ(parse_routing_pid(text), std::nullopt) << text;
+  }
+}
+
+TEST(RoutingDaemonPidTextTest, IsNotFoundBehindOtherText) {
+  for (const char* text :
+       {"", " ", "\n ", "+", "-", "+ 815", "+-815", "--815", "pid 815", "x815", "\240815"}) {
+    EXPECT_EQ(parse_routing_pid(text), std::nullopt) << text;
+  }
+}
+
+TEST_F(RoutingDaemonTest, FileIsReplacedInPlace) {
+  daemon_.write_file("long text");
+  daemon_.write_file("short");
+  EXPECT_EQ(directory_.read(kRouteFile), "short");
+  daemon_.write_file("");
+  EXPECT_TRUE(directory_.exists(kRouteFile));
+  EXPECT_EQ(directory_.read(kRouteFile), "");
+}
+
+TEST_F(RoutingDaemonTest, FileThatCannotBeWrittenIsReported) {
+  std::filesystem::create_symlink("/dev/full", directory_.file(kRouteFile));
+  daemon_.write_file("text");
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedWarning("wan_lb: error writing file '" +
+                                        directory_.file(kRouteFile) + "', errno = 28")));
+}
+
+TEST_F(RoutingDaemonTest, MissingPidFileIsADebugMessageAndNoFlush) {
+  std::filesystem::remove(directory_.file("var/run/routing.pid"));
+  daemon_.reload();
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r")));
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedDebug("LBDecision::run() can't execute '" + pid_command() + "'")));
+}
+
+TEST_F(RoutingDaemonTest, EmptyPidFileIsADebugMessageToo) {
+  use_pid_file("");
+  daemon_.reload();
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_EQ(commands_.size(), 1u);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedDebug("LBDecision::run() can't execute '" + pid_command() + "'")));
+}
+
+TEST_F(RoutingDaemonTest, PidFileWithoutEndIsLeftSoon) {
+  std::filesystem::remove(directory_.file("var/run/routing.pid"));
+  std::filesystem::create_symlink("/dev/zero", directory_.file("var/run/routing.pid"));
+  daemon_.reload();
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: '" + pid_command() +
+                                      "' gives no process id, routing daemon not signalled")));
+  EXPECT_EQ(commands_.size(), 2u);
+}
+
+TEST_F(RoutingDaemonTest, LongPidFileCountsFromItsStart) {
+  use_pid_file(std::string(10000, ' ') + "815\n" + std::string(1 << 20, 'x'));
+  daemon_.reload();
+  EXPECT_THAT(kills_, ElementsAre(Pair(815, SIGHUP)));
+}
+
+TEST_F(RoutingDaemonTest, DebugMessageIsBehindItsFlag) {
+  set_log_flag(3, false);
+  use_pid_file("");
+  daemon_.reload();
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(RoutingDaemonTest, CommandThatCannotBeStartedReadsNothing) {
+  const Fault fault("popen", EMFILE);
+  daemon_.reload();
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_EQ(call_count("popen"), 1);
+  EXPECT_EQ(call_count("pclose"), 0);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedDebug("LBDecision::run() can't execute '" + pid_command() + "'")));
+}
+
+TEST_F(RoutingDaemonTest, FlushThatCannotBeStartedIsNotReported) {
+  const Fault fault("popen", EMFILE, /*skip=*/1);
+  daemon_.reload();
+  EXPECT_EQ(kills_.size(), 1u);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(RoutingDaemonTest, RefusedSignalIsAWarning) {
+  const Fault fault("kill", ESRCH);
+  daemon_.reload();
+  EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("wan_lb: can't send SIGHUP to the routing "
+                                                       "daemon (pid 4711), errno = 3")));
+  EXPECT_EQ(commands_.size(), 2u);  // the flush follows all the same
+}
+
+struct PidCase {
+  std::string content;
+  pid_t pid;  // 0: refused
+};
+
+class RoutingDaemonPidTest : public RoutingDaemonTest,
+                             public testing::WithParamInterface<PidCase> {};
+
+TEST_P(RoutingDaemonPidTest, IsReadAsANumber) {
+  use_pid_file(GetParam().content);
+  daemon_.reload();
+  if (GetParam().pid != 0) {
+    EXPECT_THAT(kills_, ElementsAre(Pair(GetParam().pid, SIGHUP)));
+    EXPECT_THAT(log_records(), IsEmpty());
+  } else {
+    EXPECT_THAT(kills_, IsEmpty());
+    EXPECT_THAT(log_records(),
+                ElementsAre(LoggedError("wan_lb: '" + pid_command() +
+                                        "' gives no process id, routing daemon not signalled")));
+  }
+  EXPECT_EQ(commands_.size(), 2u);  // the file was not empty: the cache is flushed
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Contents, RoutingDaemonPidTest,
+    testing::Values(PidCase{"815", 815}, PidCase{"  815\n", 815}, PidCase{"+815\n", 815},
+                    PidCase{"815 4711\n", 815}, PidCase{"815x\n", 815}, PidCase{"\n815\n", 815},
+                    PidCase{"815\n4711\n", 815}, PidCase{"2147483647\n", 2147483647},
+                    PidCase{"\n", 0}, PidCase{"none\n", 0}, PidCase{"0\n", 0}, PidCase{"-1\n", 0},
+                    PidCase{"-815\n", 0}, PidCase{"2147483648\n", 0}, PidCase{"4294967297\n", 0},
+                    PidCase{"99999999999999999999\n", 0}));

@@ -1,0 +1,416 @@
+// Starting a probe: target and gateway, one at a time, its key and its record, the way out.
+#include "support/echo_fixture.h"
+#include "support/recorded_device.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Sends by the raw path, unless a test says otherwise.
+template <class Family>
+class EchoProbeTest : public EchoFixture<Family> {
+ protected:
+  EchoProbeTest() { this->network_.no_arp = true; }
+
+  ~EchoProbeTest() override {
+    for (const std::string& target : targets_) {
+      while (const auto left = this->probe_to(target)) this->probes().erase(left->key);
+    }
+  }
+
+  void send(typename EchoKit<Family>::Test& test) {
+    test.send(this->interface_, this->worker_);
+    targets_.push_back(test.report().target);
+  }
+
+  uint32_t sent_key(size_t index) const {
+    const auto& bytes = this->network_.sent.at(index).bytes;
+    const bool framed = bytes.size() > 40;
+    return word_at(bytes,
+                   framed ? EchoKit<Family>::kFrameKeyOffset : EchoKit<Family>::kRawKeyOffset);
+  }
+
+  // A slow machine must not use up the time in which the reply is to come.
+  void expect_wait_from_leaving() {
+    timespec left{};
+    this->network_.on_question = [] { virtual_clock::advance(700ms); };
+    this->network_.on_frame = [&left](const FakeNetwork::Bytes&) { left = monotonic_now(); };
+    const auto test = this->make_test();
+    const timespec entered = monotonic_now();
+    send(*test);
+    const auto entry = this->probe_to(EchoKit<Family>::kTarget);
+    ASSERT_TRUE(entry.has_value());
+    EXPECT_GE(elapsed_milliseconds(entered, left), 700);
+    EXPECT_EQ(elapsed_milliseconds(entry->probe.sent_at, left), 0);
+  }
+
+  std::vector<std::string> targets_;
+};
+
+}  // namespace
+
+TYPED_TEST_SUITE(EchoProbeTest, BothFamilies, FamilyName);
+
+TYPED_TEST(EchoProbeTest, EntersAndSendsAProbe) {
+  using Kit = EchoKit<TypeParam>;
+  const auto test = this->make_test();
+  virtual_clock::set_monotonic({4000, 123456789});
+  this->send(*test);
+  ASSERT_EQ(this->network_.sent.size(), 1u);
+  const auto entry = this->probe_to(Kit::kTarget);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(static_cast<uint32_t>(entry->key), this->sent_key(0));
+  EXPECT_EQ(entry->probe.ifname, this->ifname_);
+  EXPECT_EQ(entry->probe.state, -2);
+  EXPECT_EQ(entry->probe.sent_at.tv_sec, 4000);
+  EXPECT_EQ(entry->probe.sent_at.tv_nsec, 123456789);
+  EXPECT_EQ(entry->probe.target, Kit::kTarget);
+  EXPECT_EQ(test->get_description(), std::string("ping\tTarget: ") + Kit::kTarget);
+  EXPECT_EQ(test->describe(), std::string("target: ") + Kit::kTarget + ", resp_time: 5000");
+  EXPECT_EQ(test->report().result, 0);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TYPED_TEST(EchoProbeTest, WaitBeginsWhenTheRequestLeaves) { this->expect_wait_from_leaving(); }
+
+TYPED_TEST(EchoProbeTest, WaitBeginsWhenTheFrameLeaves) {
+  this->network_.no_arp = false;
+  this->expect_wait_from_leaving();
+}
+
+TYPED_TEST(EchoProbeTest, WaitForARequestThatCannotLeaveBeginsWithItsEntry) {
+  this->network_.on_question = [] { virtual_clock::advance(700ms); };
+  const auto test = this->make_test();
+  const timespec entered = monotonic_now();
+  Fault fault("setsockopt", ENODEV);
+  this->send(*test);
+  const auto entry = this->probe_to(EchoKit<TypeParam>::kTarget);
+  ASSERT_TRUE(entry.has_value());
+  EXPECT_EQ(elapsed_milliseconds(entered, entry->probe.sent_at), 0);
+  EXPECT_GE(elapsed_milliseconds(entered, monotonic_now()), 700);
+}
+
+TYPED_TEST(EchoProbeTest, KeysCountOnAndWrap) {
+  const auto test = this->make_test("");
+  this->make_next_key(32765);
+  for (const uint32_t expected : {32765u, 32766u, 0u, 1u}) {
+    const size_t before = this->network_.sent.size();
+    this->send(*test);
+    ASSERT_EQ(this->network_.sent.size(), before + 1);
+    EXPECT_EQ(this->sent_key(before), expected);
+    this->probes().erase(static_cast<int32_t>(expected));
+  }
+}
+
+TYPED_TEST(EchoProbeTest, SecondProbeWaitsForTheFirst) {
+  const auto test = this->make_test();
+  this->send(*test);
+  const int32_t key = this->probe_to(EchoKit<TypeParam>::kTarget)->key;
+  virtual_clock::advance(1h);
+  this->send(*test);
+  this->send(*test);
+  EXPECT_EQ(this->network_.sent.size(), 1u);
+  EXPECT_EQ(this->probes().next_key(), (key + 1) % 32767);  // and no key was drawn
+
+  this->probes().erase(key);
+  this->send(*test);
+  EXPECT_EQ(this->network_.sent.size(), 2u);
+}
+
+TYPED_TEST(EchoProbeTest, AnsweredProbeStillBlocksUntilItIsCollected) {
+  const auto test = this->make_test();
+  this->send(*test);
+  this->probes().mark_answered(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
+  this->send(*test);
+  EXPECT_EQ(this->network_.sent.size(), 1u);
+}
+
+TYPED_TEST(EchoProbeTest, TestsOfOneTargetShareAProbe) {
+  const auto test = this->make_test();
+  const auto other = this->make_test();
+  this->send(*test);
+  this->send(*other);
+  EXPECT_EQ(this->network_.sent.size(), 1u);
+  // The second one is described all the same.
+  EXPECT_EQ(other->get_description(), test->get_description());
+}
+
+TYPED_TEST(EchoProbeTest, OtherTargetsAndInterfacesHaveTheirOwn) {
+  using Kit = EchoKit<TypeParam>;
+  const auto test = this->make_test();
+  const auto other_target = this->make_test(Kit::kOtherGateway);
+  LBInterface other_interface(unused_name("lb"), TypeParam::kIpv6);
+  const auto other_way = std::make_unique<typename Kit::Test>();
+  other_way->set_target(Kit::kTarget);
+  other_way->init(other_interface);
+  this->send(*test);
+  this->send(*other_target);
+  other_way->send(other_interface, this->worker_);
+  EXPECT_EQ(this->network_.sent.size(), 3u);
+  this->probes().erase(this->probes().find(other_interface.origin, Kit::kTarget)->key);
+}
+
+TYPED_TEST(EchoProbeTest, RecordUnderTheSameKeyIsKept) {
+  const auto test = this->make_test();
+  this->make_next_key(100);
+  this->probes().insert(100, {"elsewhere", kProbeWaiting, {}, "other"});
+  this->send(*test);
+  EXPECT_TRUE(this->probes().find("elsewhere", "other").has_value());
+  EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
+  EXPECT_EQ(this->network_.sent.size(), 1u);
+  this->probes().erase(100);
+}
+
+// Target and gateway.
+
+TYPED_TEST(EchoProbeTest, GatewayIsTheTargetWhereNoneIsConfigured) {
+  using Kit = EchoKit<TypeParam>;
+  const auto test = this->make_test("");
+  this->send(*test);
+  EXPECT_TRUE(this->probe_to(Kit::kGateway).has_value());
+  EXPECT_EQ(test->get_description(), std::string("ping\tTarget: ") + Kit::kGateway);
+  EXPECT_EQ(test->report().target, Kit::kGateway);
+  EXPECT_EQ(test->describe(), std::string("target: ") + Kit::kGateway + ", resp_time: 5000");
+}
+
+TYPED_TEST(EchoProbeTest, GatewayAsTargetStartsAsFailed) {
+  const auto test = this->make_test("");
+  EXPECT_THAT(this->state().target_results, IsEmpty());
+  this->send(*test);
+  EXPECT_THAT(this->state().target_results, ElementsAre(Pair(EchoKit<TypeParam>::kGateway, -1)));
+}
+
+TYPED_TEST(EchoProbeTest, GatewayAsTargetAddsNothingToOtherResults) {
+  {
+    MutexLock lock(this->interface_.mutex);
+    this->interface_.state.target_results["other"] = 0;
+  }
+  const auto test = this->make_test("");
+  this->send(*test);
+  EXPECT_THAT(this->state().target_results, ElementsAre(Pair("other", 0)));
+}
+
+TYPED_TEST(EchoProbeTest, ConfiguredTargetStartsWithoutAResult) {
+  const auto test = this->make_test();
+  this->send(*test);
+  EXPECT_THAT(this->state().target_results, IsEmpty());
+}
+
+TYPED_TEST(EchoProbeTest, NoTargetAndNoGatewaySendNothing) {
+  this->interface_.nexthop.clear();
+  const auto test = this->make_test("");
+  const int32_t key = this->probes().next_key();
+  this->send(*test);
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+  EXPECT_EQ(test->get_description(), "ping\tTarget: ");
+  EXPECT_EQ(test->report().target, "");
+  EXPECT_THAT(this->state().target_results, IsEmpty());
+  EXPECT_EQ(this->probes().next_key(), (key + 1) % 32767);
+}
+
+TYPED_TEST(EchoProbeTest, LearntNextHopIsKeptAsTargetForGood) {
+  using Kit = EchoKit<TypeParam>;
+  for (const char* word : {"dhcp", "tunnel"}) {
+    LBInterface interface(unused_name("lb"), TypeParam::kIpv6);
+    interface.nexthop = word;
+    const auto test = std::make_unique<typename Kit::Test>();
+    test->init(interface);
+    const auto set_next_hop = [&](const char* address) {
+      MutexLock lock(interface.mutex);
+      interface.state.nexthop_address = address;
+    };
+
+    test->send(interface, this->worker_);  // nothing learnt yet
+    EXPECT_EQ(test->report().target, "") << word;
+
+    set_next_hop(Kit::kGateway);
+    test->send(interface, this->worker_);
+    const auto entry = this->probes().find(interface.origin, Kit::kGateway);
+    ASSERT_TRUE(entry.has_value()) << word;
+    this->probes().erase(entry->key);
+
+    set_next_hop(Kit::kOtherGateway);
+    test->send(interface, this->worker_);
+    EXPECT_EQ(test->report().target, Kit::kGateway) << word;
+    EXPECT_FALSE(this->probes().find(interface.origin, Kit::kOtherGateway).has_value()) << word;
+    const auto again = this->probes().find(interface.origin, Kit::kGateway);
+    ASSERT_TRUE(again.has_value()) << word;
+    this->probes().erase(again->key);
+
+    set_next_hop("");
+    test->send(interface, this->worker_);
+    this->probes().erase(this->probes().find(interface.origin, Kit::kGateway)->key);
+  }
+}
+
+TYPED_TEST(EchoProbeTest, OtherWordsAreGatewaysAsTheyStand) {
+  for (const char* word : {"DHCP", "dhcp ", "tunnel0"}) {
+    this->interface_.nexthop = word;
+    const auto test = this->make_test("");
+    this->send(*test);
+    EXPECT_EQ(test->report().target, word);
+  }
+}
+
+// The interface's mutex.
+
+TYPED_TEST(EchoProbeTest, NothingIsSentWithoutTheMutex) {
+  const std::string family = TypeParam::kName;
+  pthread_mutex_t* const broken = this->acquire_mutex();
+  const auto test = this->make_test();
+  {
+    CallHook hook(wrapped::pthread_mutex_lock, [broken](pthread_mutex_t* mutex) {
+      if (mutex != broken) return wrapped::pthread_mutex_lock.real(mutex);
+      errno = EAGAIN;
+      return EINVAL;
+    });
+    this->send(*test);
+  }
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+  EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("<send> pthread_mutex_lock for " + family +
+                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
+                                      "unavailable)")));
+}
+
+TYPED_TEST(EchoProbeTest, ProbeIsTakenBackWhenTheMutexStaysLocked) {
+  const std::string family = TypeParam::kName;
+  pthread_mutex_t* const broken = this->acquire_mutex();
+  const auto test = this->make_test();
+  {
+    CallHook hook(wrapped::pthread_mutex_unlock, [broken](pthread_mutex_t* mutex) {
+      const int result = wrapped::pthread_mutex_unlock.real(mutex);
+      if (mutex != broken) return result;
+      errno = EAGAIN;
+      return EPERM;
+    });
+    this->send(*test);
+  }
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+  EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("<send> pthread_mutex_unlock for " + family +
+                                      " failed!!!!! rc = 1, errno = 11 (Resource temporarily "
+                                      "unavailable)")));
+  this->send(*test);  // the next cycle works again
+  EXPECT_EQ(this->network_.sent.size(), 1u);
+}
+
+// The way out.
+
+TYPED_TEST(EchoProbeTest, FlagChoosesTheRawPath) {
+  const auto test = this->make_test();
+  this->send(*test);
+  ASSERT_EQ(this->network_.sent.size(), 1u);
+  EXPECT_EQ(this->network_.sent[0].fd, this->sockets()->send_socket.get());
+}
+
+TYPED_TEST(EchoProbeTest, FramesGoOutWhereAddressesAreResolved) {
+  this->network_.no_arp = false;
+  const auto test = this->make_test();
+  this->send(*test);
+  ASSERT_EQ(this->network_.sent.size(), 1u);
+  EXPECT_EQ(this->network_.sent[0].fd, this->sockets()->packet_socket.get());
+}
+
+TYPED_TEST(EchoProbeTest, FlagIsReadOnce) {
+  const auto test = this->make_test();
+  this->send(*test);
+  this->network_.no_arp = false;
+  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
+  this->send(*test);
+  EXPECT_EQ(this->network_.ioctl_calls[SIOCGIFFLAGS], 1);
+  ASSERT_EQ(this->network_.sent.size(), 2u);
+  EXPECT_EQ(this->network_.sent[1].fd, this->sockets()->send_socket.get());
+  EXPECT_EQ(this->state().no_arp, true);
+}
+
+TYPED_TEST(EchoProbeTest, FlagThatCouldNotBeReadIsAskedForAgain) {
+  this->network_.ioctl_errors[SIOCGIFFLAGS] = ENODEV;
+  const auto test = this->make_test();
+  this->send(*test);
+  ASSERT_EQ(this->network_.sent.size(), 1u);
+  EXPECT_EQ(this->network_.sent[0].fd, this->sockets()->packet_socket.get());
+  EXPECT_EQ(this->state().no_arp, std::nullopt);
+
+  this->network_.ioctl_errors.clear();
+  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
+  this->send(*test);
+  ASSERT_EQ(this->network_.sent.size(), 2u);
+  EXPECT_EQ(this->network_.sent[1].fd, this->sockets()->send_socket.get());
+}
+
+// Failures.
+
+TYPED_TEST(EchoProbeTest, FailedSendingIsDebugNews) {
+  const std::string packet = EchoKit<TypeParam>::kPacket;
+  const auto test = this->make_test();
+  Fault fault("sendto", EPERM);
+  this->send(*test);
+  EXPECT_THAT(log_records(), IsEmpty());  // the flag of level 3 is off
+
+  set_log_flag(3, true);
+  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
+  this->send(*test);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 1")));
+}
+
+TYPED_TEST(EchoProbeTest, FailedFramesAreDebugNewsToo) {
+  const std::string packet = EchoKit<TypeParam>::kPacket;
+  this->network_.no_arp = false;
+  set_log_flag(3, true);
+  const auto test = this->make_test();
+  Fault fault("sendto", ENOBUFS);
+  this->send(*test);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 105")));
+}
+
+TYPED_TEST(EchoProbeTest, UnreachableNetworkIsNoNews) {
+  set_log_flag(3, true);
+  const auto test = this->make_test();
+  Fault fault("sendto", ENETUNREACH);
+  this->send(*test);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
+  using Kit = EchoKit<TypeParam>;
+  const auto test = this->make_test();
+  {
+    Fault fault("sendto", ENETUNREACH);
+    this->send(*test);
+  }
+  EXPECT_TRUE(this->probe_to(Kit::kTarget).has_value());
+  EXPECT_EQ(test->report().result, 0);
+  EXPECT_THAT(this->state().failure_counts, IsEmpty());
+  this->send(*test);  // one at a time, also after a failure
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+
+  this->sockets()->receiver_running = true;
+  virtual_clock::advance(5001ms);
+  test->recv(this->interface_, this->worker_);
+  EXPECT_EQ(test->report().result, 2);
+  EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(Kit::kTarget, 1)));
+}
+
+TYPED_TEST(EchoProbeTest, WorkerOfTheOtherFamilySendsNothing) {
+  this->worker_.ipv6 = TypeParam::kIpv6 ? 0 : 1;
+  for (const bool no_arp : {true, false}) {
+    {
+      MutexLock lock(this->interface_.mutex);
+      this->interface_.state.no_arp = no_arp;
+    }
+    const auto test = this->make_test(no_arp ? "raw" : "framed");
+    this->send(*test);
+    EXPECT_TRUE(this->probe_to(test->report().target).has_value());
+  }
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+  EXPECT_THAT(this->network_.resolved, IsEmpty());
+  EXPECT_THAT(log_records(), IsEmpty());
+}
