@@ -12,9 +12,9 @@
 
 #include "config/config_line.h"
 #include "config/health_section.h"
+#include "config/health_test.h"
 #include "config/lb_config.h"
 #include "config/rule_section.h"
-#include "config/test_settings.h"
 
 // Fills one LBConfig and notes every VRF name that a "namespace" keyword gave. One thread only.
 class ConfigReader {

@@ -33,29 +33,6 @@ bool is_test_keyword(std::string_view key) {
   return key == "type" || key == "target" || key == "resp-time" || ipv4_number(key).has_value();
 }
 
-// The test under `index`, null when there is none.
-template <typename Test>
-std::shared_ptr<Test> find_test(const std::map<int32_t, std::shared_ptr<Test>>& tests,
-                                int32_t index) {
-  const auto found = tests.find(index);
-  return found == tests.end() ? nullptr : found->second;
-}
-
-// Inserts `test` unless the index is taken. The test that is under the index then.
-template <typename Test>
-std::shared_ptr<Test> insert_test(std::map<int32_t, std::shared_ptr<Test>>& tests, int32_t index,
-                                  std::shared_ptr<Test> test) {
-  return tests.try_emplace(index, std::move(test)).first->second;
-}
-
-// Gives every interface without a test of its family one.
-template <typename Tests, typename Create>
-void give_default_test(InterfaceMap& interfaces, Tests LBInterface::*tests, const Create& create) {
-  for (auto& [name, interface] : interfaces) {
-    if ((interface.*tests).empty()) (interface.*tests).emplace(kDefaultTestIndex, create());
-  }
-}
-
 }  // namespace
 
 HealthSection::HealthSection(LBConfig& config, std::set<std::string>& namespaces,
@@ -130,43 +107,44 @@ void HealthSection::apply_to_test(const ConfigLine& line) {
   } else if (line.key == "target") {
     set_target(line.value);
   } else if (line.key == "resp-time") {
-    TestSettings* const settings = current_settings();
-    if (settings != nullptr) settings->set_number(TestKeyword::kResponseTime, line.number());
+    HealthTest* const test = current_test();
+    if (test != nullptr) test->set_number(TestKeyword::kResponseTime, line.number());
   } else if (const auto keyword = ipv4_number(line.key); keyword && test_ != nullptr) {
-    factory_.settings(*test_).set_number(*keyword, line.number());
+    test_->set_number(*keyword, line.number());
   }
 }
 
 void HealthSection::create_test(const std::string& type) {
   if (interface_ == nullptr) return;
-  if (interface_->ipv6) {
-    auto test = factory_.create6(type);
-    if (test != nullptr) test6_ = insert_test(interface_->tests6, test_index_, std::move(test));
-    return;
+  std::shared_ptr<HealthTest>& current = interface_->ipv6 ? test6_ : test_;
+  auto test = factory_.create(type, interface_->ipv6);
+  if (test != nullptr) {
+    current = interface_->tests.try_emplace(test_index_, std::move(test)).first->second;
+  } else if (!interface_->ipv6) {
+    // Unlike that of IPv6, a type that is unknown still chooses the test under the index.
+    const auto found = interface_->tests.find(test_index_);
+    current = found == interface_->tests.end() ? nullptr : found->second;
   }
-  // Unlike that of IPv6, a type that is unknown still chooses the test under the index.
-  auto test = factory_.create(type);
-  test_ = test != nullptr ? insert_test(interface_->tests, test_index_, std::move(test))
-                          : find_test(interface_->tests, test_index_);
 }
 
 void HealthSection::set_target(const std::string& target) {
-  TestSettings* const settings = current_settings();
-  if (settings == nullptr || target.empty()) return;
-  settings->set_target(target);
+  HealthTest* const test = current_test();
+  if (test == nullptr || target.empty()) return;
+  test->set_target(target);
   MutexLock lock(interface_->mutex);
   interface_->state.target_results[target] = -1;
 }
 
-TestSettings* HealthSection::current_settings() const {
+HealthTest* HealthSection::current_test() const {
   if (interface_ == nullptr) return nullptr;
-  if (interface_->ipv6) return test6_ == nullptr ? nullptr : &factory_.settings(*test6_);
-  return test_ == nullptr ? nullptr : &factory_.settings(*test_);
+  return (interface_->ipv6 ? test6_ : test_).get();
 }
 
 void HealthSection::add_default_tests() {
-  give_default_test(config_.interfaces, &LBInterface::tests,
-                    [this] { return factory_.create(kDefaultTestType); });
-  give_default_test(config_.interfaces6, &LBInterface::tests6,
-                    [this] { return factory_.create6(kDefaultTestType); });
+  for (const bool ipv6 : {false, true}) {
+    for (auto& [name, interface] : config_.interfaces_of(ipv6)) {
+      if (!interface.tests.empty()) continue;
+      interface.tests.emplace(kDefaultTestIndex, factory_.create(kDefaultTestType, ipv6));
+    }
+  }
 }

@@ -12,8 +12,8 @@
 #include <string>
 
 #include "config/config_line.h"
+#include "config/health_test.h"
 #include "config/lb_config.h"
-#include "config/test_settings.h"
 
 // Applies the lines in their order: a line acts on the interface and the tests that earlier lines
 // chose. One thread only.
@@ -34,8 +34,8 @@ class HealthSection {
   void create_test(const std::string& type);
   void set_target(const std::string& target);
 
-  // The settings of the current test of the current interface's family; null when there is none.
-  TestSettings* current_settings() const;
+  // The current test of the current interface's family; null when there is none.
+  HealthTest* current_test() const;
 
   LBConfig& config_;
   std::set<std::string>& namespaces_;
@@ -44,7 +44,7 @@ class HealthSection {
   // What the next line acts on. The tests are not tied to the current interface: they stay chosen
   // until the next "type" of their family.
   LBInterface* interface_ = nullptr;
-  std::shared_ptr<LBTest> test_;
-  std::shared_ptr<LBTest6> test6_;
+  std::shared_ptr<HealthTest> test_;
+  std::shared_ptr<HealthTest> test6_;
   int32_t test_index_ = 0;
 };

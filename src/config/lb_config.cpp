@@ -11,7 +11,6 @@ LBInterface::LBInterface(const LBInterface& other)
       source_address(other.source_address),
       vrf(other.vrf),
       tests(other.tests),
-      tests6(other.tests6),
       state(other.snapshot()) {}
 
 InterfaceState LBInterface::snapshot() const {

@@ -16,10 +16,8 @@
 #include <set>
 #include <string>
 
+#include "config/health_test.h"
 #include "platform/mutex.h"
-
-class LBTest;
-class LBTest6;
 
 inline const std::string kDefaultNamespace = "default";
 
@@ -75,9 +73,8 @@ struct LBInterface {
   bool ipv6;
   bool check_all = false;
   std::string source_address;
-  std::string vrf = kDefaultNamespace;  // keyword "namespace"
-  std::map<int32_t, std::shared_ptr<LBTest>> tests;
-  std::map<int32_t, std::shared_ptr<LBTest6>> tests6;
+  std::string vrf = kDefaultNamespace;                   // keyword "namespace"
+  std::map<int32_t, std::shared_ptr<HealthTest>> tests;  // of the interface's family, by index
 
   mutable Mutex mutex;
   InterfaceState state LB_GUARDED_BY(mutex);

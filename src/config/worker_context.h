@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "packets/family.h"
+
 class LBArp;
 class LBDaemon;
 class LBNeighbor;
@@ -13,6 +15,8 @@ struct LBWorkerContext {
   LBDaemon* daemon = nullptr;
   LBArp* arp = nullptr;
   LBNeighbor* neighbor = nullptr;
-  int ipv6 = 0;
+  bool ipv6 = false;  // of which family the worker is
   std::string vrf;
+
+  const Family& family() const { return family_of(ipv6); }
 };

@@ -5,7 +5,6 @@
 #include "platform/clock.h"
 #include "routing/interface_health.h"
 #include "routing/nexthop_discovery.h"
-#include "tests/lb_test.h"
 
 namespace {
 
@@ -26,7 +25,7 @@ void CheckCycle::start() {
 }
 
 void CheckCycle::announce_interfaces() {
-  const bool ipv6 = worker_.ipv6 != 0;
+  const bool ipv6 = worker_.ipv6;
   for_each_interface(worker_, ipv6, [ipv6](LBInterface& interface) {
     {
       MutexLock lock(interface.mutex);
@@ -46,19 +45,19 @@ void CheckCycle::announce_interfaces() {
 void CheckCycle::prepare_tests() {
   for (const bool ipv6 : {false, true}) {
     for_each_interface(worker_, ipv6, [](LBInterface& interface) {
-      for_each_test(interface, [&](HealthTest& test) { test.init(interface); });
+      for (const auto& [index, test] : interface.tests) test->init(interface);
     });
   }
 }
 
 void CheckCycle::run_cycle_tests() {
-  const bool ipv6 = worker_.ipv6 != 0;
+  const bool ipv6 = worker_.ipv6;
   for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
-    for_each_test(interface, [&](HealthTest& test) { test.send(interface, worker_); });
+    for (const auto& [index, test] : interface.tests) test->send(interface, worker_);
   });
   // All probes are out before any is judged, so that one slow reply delays no other probe.
   for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
-    for_each_test(interface, [&](HealthTest& test) { test.recv(interface, worker_); });
+    for (const auto& [index, test] : interface.tests) test->recv(interface, worker_);
     evaluate_state(interface, worker_);
   });
 }

@@ -16,45 +16,25 @@ struct VrfArgument {
   std::string vrf;
 };
 
-template <class Family>
-struct WorkerTraits;
-
-template <>
-struct WorkerTraits<Ipv4> {
-  using Prober = LBArp;
-  static void attach(LBWorkerContext& context, LBArp* prober) { context.arp = prober; }
-  static void log_no_thread(const char* vrf) {
-    LB_WARNING("Can't create new thread for IPv4 VRF %s", vrf);
-  }
-};
-
-template <>
-struct WorkerTraits<Ipv6> {
-  using Prober = LBNeighbor;
-  static void attach(LBWorkerContext& context, LBNeighbor* prober) { context.neighbor = prober; }
-  static void log_no_thread(const char* vrf) {
-    LB_WARNING("Can't create new thread for IPv6 VRF %s", vrf);
-  }
-};
-
 void* worker_thread(void* argument) {
   run_worker(*static_cast<LBWorkerContext*>(argument));
   return nullptr;
 }
 
 // A worker with its prober; both live until the thread was joined.
-template <class Family>
 class Worker {
  public:
+  explicit Worker(const Family& family) : family_(family) {}
+
   void start(LBDaemon& daemon, const std::string& vrf) {
-    prober_ = std::make_unique<typename WorkerTraits<Family>::Prober>();
-    prober_->init(vrf);
     context_.daemon = &daemon;
-    context_.ipv6 = Family::kIpv6 ? 1 : 0;
+    context_.ipv6 = family_.ipv6;
     context_.vrf = vrf;
-    WorkerTraits<Family>::attach(context_, prober_.get());
+    make_prober().init(vrf);
     started_ = pthread_create(&thread_, nullptr, worker_thread, &context_) == 0;
-    if (!started_) WorkerTraits<Family>::log_no_thread(vrf.c_str());
+    if (!started_) {
+      LB_WARNING("Can't create new thread for IPv%d VRF %s", family_.version, vrf.c_str());
+    }
   }
 
   void join() {
@@ -63,24 +43,35 @@ class Worker {
   }
 
  private:
-  std::unique_ptr<typename WorkerTraits<Family>::Prober> prober_;
+  LinkProber& make_prober() {
+    if (family_.ipv6) {
+      context_.neighbor = new LBNeighbor;
+      prober_.reset(context_.neighbor);
+    } else {
+      context_.arp = new LBArp;
+      prober_.reset(context_.arp);
+    }
+    return *prober_;
+  }
+
+  const Family& family_;
+  std::unique_ptr<LinkProber> prober_;
   LBWorkerContext context_;
   pthread_t thread_{};
   bool started_ = false;
 };
 
-template <class Family>
-bool is_served(const LBDaemon& daemon, const std::string& vrf) {
-  const VrfPresence presence = daemon.presence(vrf, Family::kIpv6);
+bool is_served(const LBDaemon& daemon, const std::string& vrf, const Family& family) {
+  const VrfPresence presence = daemon.presence(vrf, family.ipv6);
   return presence.has_interfaces && presence.has_rules;
 }
 
 void run_vrf(LBDaemon& daemon, const std::string& vrf) {
   if (vrf != kDefaultNamespace && lh_netns_set(vrf.c_str()) == -1) return;
-  Worker<Ipv4> worker;
-  Worker<Ipv6> worker6;
-  if (is_served<Ipv4>(daemon, vrf)) worker.start(daemon, vrf);
-  if (is_served<Ipv6>(daemon, vrf)) worker6.start(daemon, vrf);
+  Worker worker(kIpv4);
+  Worker worker6(kIpv6);
+  if (is_served(daemon, vrf, kIpv4)) worker.start(daemon, vrf);
+  if (is_served(daemon, vrf, kIpv6)) worker6.start(daemon, vrf);
   worker.join();
   worker6.join();
 }

@@ -4,13 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "config/health_test.h"
 #include "config/lb_config.h"
-#include "tests/health_test.h"
 
 struct InterfaceSnapshot {
   const LBInterface& settings;  // only the fields that are fixed while the threads run
   InterfaceState state;
-  std::vector<TestReport> tests;  // of the interface's own family, in index order
+  std::vector<TestReport> tests;  // in index order
 
   // The next hop in force; empty while it is still to be found.
   const std::string& nexthop() const {

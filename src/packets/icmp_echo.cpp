@@ -1,5 +1,7 @@
 #include "packets/icmp_echo.h"
 
+#include <unistd.h>
+
 #include <cstddef>
 
 #include "packets/checksum.h"
@@ -37,6 +39,8 @@ std::optional<uint32_t> reply_key(std::span<const uint8_t> packet, size_t offset
 }
 
 }  // namespace
+
+uint16_t echo_identifier() { return static_cast<uint16_t>(getpid() & 0xffff); }
 
 RawEchoRequest make_raw_echo(uint16_t identifier, uint16_t sequence, uint32_t key) {
   RawEchoRequest request;

@@ -9,12 +9,8 @@
 
 #include "packets/byte_order.h"
 #include "packets/ethernet.h"
+#include "packets/icmp.h"
 #include "packets/ip_headers.h"
-
-inline constexpr uint8_t kIcmpEchoReply = 0;
-inline constexpr uint8_t kIcmpEchoRequest = 8;
-inline constexpr uint8_t kIcmp6EchoRequest = 128;
-inline constexpr uint8_t kIcmp6EchoReply = 129;
 
 //  0                   1                   2                   3
 //  0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
@@ -84,6 +80,10 @@ struct FrameAddresses {
   Address source{};
   Address destination{};
 };
+
+// The identifier of every echo request and of its connection-tracking record: the process's, so
+// that two daemons tell their replies apart.
+uint16_t echo_identifier();
 
 // The requests, with their checksums. The raw ones carry sequence 1 unless a burst counts.
 RawEchoRequest make_raw_echo(uint16_t identifier, uint16_t sequence, uint32_t key);

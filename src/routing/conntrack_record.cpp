@@ -5,7 +5,6 @@
 #include <libnetfilter_conntrack/libnetfilter_conntrack.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netfilter/nfnetlink_conntrack.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -17,6 +16,7 @@
 #include "config/parse_address.h"
 #include "packets/error_text.h"
 #include "packets/family.h"
+#include "packets/icmp_echo.h"
 #include "platform/clock.h"
 #include "platform/mutex.h"
 
@@ -24,10 +24,6 @@ namespace {
 
 constexpr const char* kOperation = "create_conntrack_record";
 constexpr uint32_t kLifetimeSeconds = 32;
-constexpr uint8_t kIcmp = 1;
-constexpr uint8_t kIcmpv6 = 58;
-constexpr uint8_t kIcmpEchoRequest = 8;
-constexpr uint8_t kIcmp6EchoRequest = 128;
 
 struct SocketCloser {
   void operator()(mnl_socket* socket) const { mnl_socket_close(socket); }
@@ -73,8 +69,8 @@ Socket open_socket() {
 // Sets both addresses in the tracker's attributes. An IPv4 text is taken as it is, as inet_addr
 // takes it.
 bool set_addresses(nf_conntrack* record, const std::string& source, const std::string& target,
-                   bool ipv6) {
-  if (!ipv6) {
+                   const Family& family) {
+  if (!family.ipv6) {
     nfct_set_attr_u32(record, ATTR_IPV4_SRC, inet_addr(source.c_str()));
     nfct_set_attr_u32(record, ATTR_IPV4_DST, inet_addr(target.c_str()));
     return true;
@@ -92,14 +88,14 @@ bool set_addresses(nf_conntrack* record, const std::string& source, const std::s
 
 // Describes the echo exchange; the reply direction follows from the request's.
 bool describe_exchange(nf_conntrack* record, const std::string& source, const std::string& target,
-                       bool ipv6) {
-  nfct_set_attr_u8(record, ATTR_L3PROTO, ipv6 ? AF_INET6 : AF_INET);
-  if (!set_addresses(record, source, target, ipv6)) return false;
-  nfct_set_attr_u8(record, ATTR_L4PROTO, ipv6 ? kIcmpv6 : kIcmp);
-  nfct_set_attr_u8(record, ATTR_ICMP_TYPE, ipv6 ? kIcmp6EchoRequest : kIcmpEchoRequest);
+                       const Family& family) {
+  nfct_set_attr_u8(record, ATTR_L3PROTO, static_cast<uint8_t>(family.address_family));
+  if (!set_addresses(record, source, target, family)) return false;
+  nfct_set_attr_u8(record, ATTR_L4PROTO, family.icmp_protocol);
+  nfct_set_attr_u8(record, ATTR_ICMP_TYPE, family.echo_request);
   nfct_set_attr_u8(record, ATTR_ICMP_CODE, 0);
   // As it is on the wire, in network byte order.
-  nfct_set_attr_u16(record, ATTR_ICMP_ID, htons(static_cast<uint16_t>(getpid() & 0xffff)));
+  nfct_set_attr_u16(record, ATTR_ICMP_ID, htons(echo_identifier()));
   nfct_setobjopt(record, NFCT_SOPT_SETUP_REPLY);
   nfct_set_attr_u32(record, ATTR_TIMEOUT, kLifetimeSeconds);
   return true;
@@ -107,7 +103,7 @@ bool describe_exchange(nf_conntrack* record, const std::string& source, const st
 
 // Sends the request in `message` and reads the kernel's answer; 0, or -1 with a message.
 int exchange(mnl_socket* socket, unsigned int port, const nlmsghdr* message,
-             std::vector<char>& buffer, bool ipv6) {
+             std::vector<char>& buffer, const Family& family) {
   const uint32_t sequence = message->nlmsg_seq;
   if (mnl_socket_sendto(socket, message, message->nlmsg_len) < 0) {
     return fail_with("mnl_socket_sendto", errno);
@@ -120,7 +116,7 @@ int exchange(mnl_socket* socket, unsigned int port, const nlmsghdr* message,
     result = mnl_socket_recvfrom(socket, buffer.data(), buffer.size());
   }
   if (result == -1) {
-    LB_ERROR("<%s> mnl_socket_recvfrom for ip version %d: %s", kOperation, ipv6 ? 6 : 4,
+    LB_ERROR("<%s> mnl_socket_recvfrom for ip version %d: %s", kOperation, family.version,
              error_text(errno).c_str());
     return -1;
   }
@@ -128,7 +124,7 @@ int exchange(mnl_socket* socket, unsigned int port, const nlmsghdr* message,
 }
 
 int send_record(mnl_socket* socket, const std::string& source, const std::string& target,
-                bool ipv6) {
+                const Family& family) {
   const unsigned int port = mnl_socket_get_portid(socket);
   std::vector<char> buffer(static_cast<size_t>(MNL_SOCKET_BUFFER_SIZE));
   nlmsghdr* message = mnl_nlmsg_put_header(buffer.data());
@@ -137,16 +133,16 @@ int send_record(mnl_socket* socket, const std::string& source, const std::string
   message->nlmsg_seq = static_cast<uint32_t>(wall_now().tv_sec);
 
   auto* header = static_cast<nfgenmsg*>(mnl_nlmsg_put_extra_header(message, sizeof(nfgenmsg)));
-  header->nfgen_family = ipv6 ? AF_INET6 : AF_INET;
+  header->nfgen_family = static_cast<uint8_t>(family.address_family);
   header->version = NFNETLINK_V0;
   header->res_id = 0;
 
   const Record record(nfct_new());
   // The message names another call than the one that failed; log readers know it so.
   if (record == nullptr) return fail_with("mnl_nlmsg_put_extra_header", errno);
-  if (!describe_exchange(record.get(), source, target, ipv6)) return -1;
+  if (!describe_exchange(record.get(), source, target, family)) return -1;
   nfct_nlmsg_build(message, record.get());
-  return exchange(socket, port, message, buffer, ipv6);
+  return exchange(socket, port, message, buffer, family);
 }
 
 }  // namespace
@@ -158,7 +154,7 @@ int create_conntrack_record(const std::string& source, const std::string& target
   Socket& socket = sockets._ct_socket[context.vrf];
   if (socket == nullptr) socket = open_socket();
   if (socket == nullptr) return -1;
-  const int result = send_record(socket.get(), source, target, context.ipv6 != 0);
+  const int result = send_record(socket.get(), source, target, context.family());
   // After a failure an answer may still be on its way; a new socket cannot read it.
   if (result != 0) socket.reset();
   return result;

@@ -11,10 +11,11 @@
 #include "packets/icmp_echo.h"
 #include "packets/packet_reader.h"
 #include "platform/clock.h"
-#include "tests/echo_words.h"
+#include "tests/echo_path.h"
 #include "tests/io/packet_socket.h"
 #include "tests/io/probes_in_flight.h"
 #include "tests/io/receive_queue.h"
+#include "tests/path_messages.h"
 
 namespace {
 
@@ -69,25 +70,20 @@ void LBTestPING::send(LBInterface& interface, const LBWorkerContext& worker) {
 
   const Destination destination = choose_destination(interface);
   if (destination.target.empty()) return;
-  const int32_t key = probes_in_flight<Ipv4>().next_key();
+  const int32_t key = probes_in_flight(kIpv4).next_key();
   const Ending ending = is_no_arp(interface)
                             ? run_raw_burst(interface, destination.target, key, worker)
                             : run_frame_burst(interface, destination, key, worker);
   settle(interface, ending.acceptable ? kProbeSuccess : kProbeFailure, destination.target);
-  if (ending.error != 0) log_send_error<Ipv4>(ending.error);
+  log_send_error(family_, ending.error);
 }
 
 // Nothing to collect: a burst is settled by the time that it was sent.
 void LBTestPING::recv(LBInterface& /*interface*/, const LBWorkerContext& /*worker*/) {}
 
-TestReport LBTestPING::report() const {
-  TestReport now = LBTest::report();
-  MutexLock lock(status_mutex_);
-  if (now.result != kResultNone) {
-    now.measurement = {measured_.jitter, measured_.loss, measured_.rtt,
-                       limits_.jitter,   limits_.loss,   limits_.rtt};
-  }
-  return now;
+void LBTestPING::add_measurement(TestReport& report) const {
+  report.measurement = {measured_.jitter, measured_.loss, measured_.rtt,
+                        limits_.jitter,   limits_.loss,   limits_.rtt};
 }
 
 LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
@@ -95,25 +91,25 @@ LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
                                              const LBWorkerContext& worker) {
   const auto sockets = this->sockets();
   const int socket = sockets->send_socket.get();
-  sockaddr_in destination;
-  const int error =
-      prepare_raw_path<Ipv4, BurstWords>(socket, interface.origin, target, worker, destination);
-  if (error != 0) return {false, error};
+  SocketAddress destination;
+  const PathResult path =
+      prepare_raw_path(family_, socket, interface.origin, target, worker, destination);
+  log_path_failure(path, kBurstWords);
+  if (!path.ready()) return {false, path.error};
   const auto send_request = [&](uint16_t sequence) {
     const auto request = make_raw_echo(echo_identifier(), sequence, static_cast<uint32_t>(key));
-    return sendto(socket, &request, sizeof(request), 0,
-                  reinterpret_cast<const sockaddr*>(&destination), sizeof(destination));
+    return sendto(socket, &request, sizeof(request), 0, &destination.any, destination.size);
   };
-  return run_burst(send_request, destination, key);
+  return run_burst(send_request, destination.ipv4, key);
 }
 
 LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
                                                const Destination& destination, int32_t key,
                                                const LBWorkerContext& worker) {
   FramePath<Ipv4> path;
-  const int error = prepare_frame_path<Ipv4, BurstWords>(
-      interface, interface.source_address, destination.target, destination.gateway, worker, path);
-  if (error != 0) return {false, error};
+  const PathResult result = prepare_frame_path(interface, destination, worker, path);
+  log_path_failure(result, kBurstWords);
+  if (!result.ready()) return {false, result.error};
   sockaddr_in replier{};
   replier.sin_family = AF_INET;
   replier.sin_addr = path.addresses.destination;
@@ -121,8 +117,8 @@ LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
   const auto send_request = [&](uint16_t sequence) {
     const auto frame =
         make_echo_frame(path.addresses, echo_identifier(), sequence, static_cast<uint32_t>(key));
-    return send_frame(sockets->packet_socket.get(), path.ifindex, path.addresses.destination_mac,
-                      bytes_of(frame));
+    return send_link_frame(sockets->packet_socket.get(), path.ifindex,
+                           path.addresses.destination_mac, bytes_of(frame));
   };
   return run_burst(send_request, replier, key);
 }

@@ -7,19 +7,27 @@
 // other; neither ever waits for a packet that the other took.
 #pragma once
 
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
 #include <string>
 
 #include "tests/burst_judge.h"
-#include "tests/echo_path.h"
-#include "tests/lb_test.h"
+#include "tests/probe_base.h"
 
 class LBTestPING : public LBTest {
  public:
+  LBTestPING() : LBTest(kIpv4) {}
+
   void set_number(TestKeyword keyword, uint32_t value) override;
   void send(LBInterface& interface, const LBWorkerContext& worker) override;
   void recv(LBInterface& interface, const LBWorkerContext& worker) override;
   const char* type_name() const override { return "ping extended"; }
-  TestReport report() const override;
+
+ protected:
+  void add_measurement(TestReport& report) const override LB_REQUIRES(status_mutex_);
 
  private:
   // How a burst ended. `error` is the errno value of a request that could not be sent, else 0.

@@ -1,178 +1,153 @@
 #include "tests/echo_path.h"
 
+#include <arpa/inet.h>
 #include <net/if.h>
 #include <netdb.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
 #include "config/parse_address.h"
-#include "packets/error_text.h"
 #include "routing/conntrack_record.h"
-#include "routing/interface_health.h"
-#include "tests/echo_words.h"
 #include "tests/link/arp_prober.h"
 #include "tests/link/link_info.h"
 #include "tests/link/neighbor_prober.h"
+#include "tests/link/source_address.h"
 
 namespace {
 
 constexpr size_t kLargestResolverBuffer = 1 << 20;
 
-// The source of an IPv4 frame must be an address of the host, else replies could not come back. An
-// empty one becomes the interface's own.
-template <class Words>
-int settle_ipv4_source(const std::string& ifname, std::string& source) {
-  if (source.empty()) {
-    const auto own = own_ipv4_address(ifname);
-    if (!own.answered()) return own.error;
-    source = address_to_text(AF_INET, &own.value);
-  }
-  if (address_on_interface(ifname, source)) return 0;
-  Words::address_absent(source.c_str());
-  return EADDRNOTAVAIL;
+PathResult failed(PathStep step, int error, const std::string& subject = {}) {
+  return {step, error, subject};
 }
 
-// What the kernel and the log are asked for, family by family.
-template <class Family>
-struct PathTraits;
+size_t address_size(const Family& family) {
+  return family.ipv6 ? sizeof(in6_addr) : sizeof(in_addr);
+}
 
-template <>
-struct PathTraits<Ipv4> {
-  static constexpr const char* kPacketName = "icmp";
+LinkProber& prober_of(const LBWorkerContext& worker) {
+  return worker.ipv6 ? static_cast<LinkProber&>(*worker.neighbor) : *worker.arp;
+}
 
-  static LBArp& prober(const LBWorkerContext& worker) { return *worker.arp; }
-
-  template <class Words>
-  static int settle_source(const std::string& ifname, std::string& source) {
-    return settle_ipv4_source<Words>(ifname, source);
-  }
-
-  static int fill(const std::string& target, const in_addr& /*resolved*/,
-                  sockaddr_in& destination) {
-    destination.sin_family = AF_INET;
-    if (inet_aton(target.c_str(), &destination.sin_addr) != 0) return 0;
-    // inet_aton leaves errno alone; this is what its failure means.
-    LB_ERROR("inet_aton() failed: %s", error_text(EINVAL).c_str());
-    return EINVAL;
-  }
+// A link-level path as far as it is the same for both families.
+struct LinkPath {
+  int ifindex = 0;
+  std::string source;
+  MacAddress source_mac{};
+  MacAddress gateway_mac{};
 };
 
-template <>
-struct PathTraits<Ipv6> {
-  static constexpr const char* kPacketName = "icmp6";
+PathResult prepare_link(const LBInterface& interface, const std::string& gateway,
+                        const LBWorkerContext& worker, LinkPath& path) {
+  const Family& family = worker.family();
+  const std::string& ifname = interface.origin;
+  path.source = wanted_source(family, ifname, interface.source_address);
 
-  static LBNeighbor& prober(const LBWorkerContext& worker) { return *worker.neighbor; }
+  const auto own_mac = hardware_address(LinkSocket::kPacket, ifname);
+  if (own_mac.step == LinkStep::kSocketFailed) return failed(PathStep::kNoSocket, own_mac.error);
+  if (!own_mac.answered()) return failed(PathStep::kNoHardwareAddress, own_mac.error);
+  path.source_mac = own_mac.value;
 
-  // Chosen by the test already.
-  template <class Words>
-  static int settle_source(const std::string& /*ifname*/, std::string& /*source*/) {
-    return 0;
+  path.ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
+  if (path.ifindex == 0) return failed(PathStep::kNoIndex, errno);
+
+  const SourceFailure source = settle_source(family, ifname, path.source);
+  switch (source.step) {
+    case SourceFailure::Step::kNone:
+      break;
+    case SourceFailure::Step::kNoOwnAddress:
+      return failed(PathStep::kNoOwnAddress, source.error);
+    case SourceFailure::Step::kNotPresent:
+      return failed(PathStep::kSourceAbsent, source.error, path.source);
   }
 
-  static int fill(const std::string& /*target*/, const in6_addr& resolved,
-                  sockaddr_in6& destination) {
-    destination.sin6_family = AF_INET6;
-    destination.sin6_addr = resolved;
-    return 0;
-  }
-};
+  const auto gateway_mac = prober_of(worker).resolve(gateway, path.source, ifname);
+  if (!gateway_mac) return failed(PathStep::kNoNeighbor, EHOSTUNREACH);
+  path.gateway_mac = *gateway_mac;
+  return {};
+}
 
 }  // namespace
 
-uint16_t echo_identifier() { return static_cast<uint16_t>(getpid() & 0xffff); }
-
-template <class Family>
-std::optional<typename Family::Address> resolve_host(const std::string& host) {
+bool resolve_host(const Family& family, const std::string& host, void* address) {
   hostent entry{};
   hostent* found = nullptr;
   int resolver_error = 0;
   std::vector<char> buffer(1024);
-  while (gethostbyname2_r(host.c_str(), Family::kFamily, &entry, buffer.data(), buffer.size(),
+  while (gethostbyname2_r(host.c_str(), family.address_family, &entry, buffer.data(), buffer.size(),
                           &found, &resolver_error) == ERANGE &&
          buffer.size() < kLargestResolverBuffer) {
     buffer.resize(buffer.size() * 2);
   }
-  typename Family::Address address;
+  const size_t size = address_size(family);
   if (found == nullptr || found->h_addr_list[0] == nullptr ||
-      found->h_length != static_cast<int>(sizeof(address))) {
-    return std::nullopt;
+      found->h_length != static_cast<int>(size)) {
+    return false;
   }
-  std::memcpy(&address, found->h_addr_list[0], sizeof(address));
-  return address;
+  std::memcpy(address, found->h_addr_list[0], size);
+  return true;
 }
 
-template <class Family, class Words>
-int prepare_raw_path(int socket, const std::string& ifname, const std::string& target,
-                     const LBWorkerContext& worker,
-                     typename SocketAddress<Family>::Type& destination) {
-  if (ifname.empty() || target.empty() || (worker.ipv6 != 0) != Family::kIpv6) return EINVAL;
-  const auto resolved = resolve_host<Family>(target);
-  if (!resolved) {
-    Words::unresolved(target.c_str());
-    return EHOSTUNREACH;
+PathResult prepare_raw_path(const Family& family, int socket, const std::string& ifname,
+                            const std::string& target, const LBWorkerContext& worker,
+                            SocketAddress& destination) {
+  if (ifname.empty() || target.empty() || worker.ipv6 != family.ipv6) {
+    return failed(PathStep::kNotMeant, EINVAL);
+  }
+  in6_addr resolved;  // room for an address of either family
+  if (!resolve_host(family, target, &resolved)) {
+    return failed(PathStep::kUnresolved, EHOSTUNREACH, target);
   }
   if (setsockopt(socket, SOL_SOCKET, SO_BINDTODEVICE, ifname.c_str(),
                  static_cast<socklen_t>(ifname.size() + 1)) != 0) {
-    const int error = errno;
-    Words::not_bound(device_name(ifname).c_str());
-    return error;
+    return failed(PathStep::kNotBound, errno, ifname);
   }
   destination = {};
-  return PathTraits<Family>::fill(target, *resolved, destination);
+  if (family.ipv6) {
+    destination.ipv6.sin6_family = AF_INET6;
+    destination.ipv6.sin6_addr = resolved;
+    destination.size = sizeof(destination.ipv6);
+    return {};
+  }
+  destination.ipv4.sin_family = AF_INET;
+  destination.size = sizeof(destination.ipv4);
+  // inet_aton leaves errno alone; this is what its failure means.
+  if (inet_aton(target.c_str(), &destination.ipv4.sin_addr) == 0) {
+    return failed(PathStep::kNotDotted, EINVAL);
+  }
+  return {};
 }
 
-template <class Family, class Words>
-int prepare_frame_path(const LBInterface& interface, const std::string& chosen_source,
-                       const std::string& target, const std::string& gateway,
-                       const LBWorkerContext& worker, FramePath<Family>& path) {
-  if ((worker.ipv6 != 0) != Family::kIpv6) return EINVAL;
-  const std::string& ifname = interface.origin;
-
-  const auto own_mac = hardware_address(LinkSocket::kPacket, ifname);
-  if (own_mac.step == LinkStep::kSocketFailed) {
-    LB_ERROR("socket() failed to get socket descriptor for using ioctl() %s",
-             error_text(own_mac.error).c_str());
-    return own_mac.error;
+template <class AddressFamily>
+PathResult prepare_frame_path(const LBInterface& interface, const Destination& destination,
+                              const LBWorkerContext& worker, FramePath<AddressFamily>& path) {
+  const Family& family = AddressFamily::kFamily;
+  if (worker.ipv6 != family.ipv6) return failed(PathStep::kNotMeant, EINVAL);
+  LinkPath link;
+  if (auto result = prepare_link(interface, destination.gateway, worker, link); !result.ready()) {
+    return result;
   }
-  if (!own_mac.answered()) {
-    // An interface that is not there is no error: tunnels and modems come and go.
-    if (own_mac.error != ENODEV) {
-      Words::no_hardware_address(error_text(own_mac.error).c_str());
-    }
-    return own_mac.error;
+  path.ifindex = link.ifindex;
+  path.addresses.source_mac = link.source_mac;
+  path.addresses.destination_mac = link.gateway_mac;
+  const std::string& target = destination.target;
+  if (!parse_address(family.address_family, link.source, &path.addresses.source) ||
+      !parse_address(family.address_family, target, &path.addresses.destination)) {
+    return failed(PathStep::kNoAddress, EINVAL);
   }
-  path.addresses.source_mac = own_mac.value;
-
-  path.ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
-  if (path.ifindex == 0) {
-    const int error = errno;
-    LB_ERROR("if_nametoindex() failed to obtain interface index %s", error_text(error).c_str());
-    return error;
-  }
-
-  std::string source = chosen_source;
-  const int source_error = PathTraits<Family>::template settle_source<Words>(ifname, source);
-  if (source_error != 0) return source_error;
-
-  const auto gateway_mac =
-      resolve_link_address(PathTraits<Family>::prober(worker), gateway, source, ifname);
-  if (!gateway_mac) return EHOSTUNREACH;
-  path.addresses.destination_mac = *gateway_mac;
-
-  if (!parse_address(Family::kFamily, source, &path.addresses.source) ||
-      !parse_address(Family::kFamily, target, &path.addresses.destination)) {
-    return EINVAL;
-  }
-
   // The kernel never sees the request, so its reply would belong to no connection. Without the
   // record the probe still goes out: most firewalls let it through.
-  create_conntrack_record(source, target, worker);
-  return 0;
+  create_conntrack_record(link.source, target, worker);
+  return {};
 }
+
+template PathResult prepare_frame_path<Ipv4>(const LBInterface&, const Destination&,
+                                             const LBWorkerContext&, FramePath<Ipv4>&);
+template PathResult prepare_frame_path<Ipv6>(const LBInterface&, const Destination&,
+                                             const LBWorkerContext&, FramePath<Ipv6>&);
 
 bool is_no_arp(LBInterface& interface) {
   {
@@ -185,29 +160,3 @@ bool is_no_arp(LBInterface& interface) {
   interface.state.no_arp = flag;
   return *flag;
 }
-
-template <class Family>
-void log_send_error(int error) {
-  if (error == ENETUNREACH) return;
-  LB_DEBUG("wan_lb: error on sending %s packet: %d", PathTraits<Family>::kPacketName, error);
-}
-
-template void log_send_error<Ipv4>(int error);
-template void log_send_error<Ipv6>(int error);
-template std::optional<in_addr> resolve_host<Ipv4>(const std::string&);
-template std::optional<in6_addr> resolve_host<Ipv6>(const std::string&);
-template int prepare_raw_path<Ipv4, EchoWords>(int, const std::string&, const std::string&,
-                                               const LBWorkerContext&, sockaddr_in&);
-template int prepare_raw_path<Ipv4, BurstWords>(int, const std::string&, const std::string&,
-                                                const LBWorkerContext&, sockaddr_in&);
-template int prepare_raw_path<Ipv6, EchoWords6>(int, const std::string&, const std::string&,
-                                                const LBWorkerContext&, sockaddr_in6&);
-template int prepare_frame_path<Ipv4, EchoWords>(const LBInterface&, const std::string&,
-                                                 const std::string&, const std::string&,
-                                                 const LBWorkerContext&, FramePath<Ipv4>&);
-template int prepare_frame_path<Ipv4, BurstWords>(const LBInterface&, const std::string&,
-                                                  const std::string&, const std::string&,
-                                                  const LBWorkerContext&, FramePath<Ipv4>&);
-template int prepare_frame_path<Ipv6, EchoWords6>(const LBInterface&, const std::string&,
-                                                  const std::string&, const std::string&,
-                                                  const LBWorkerContext&, FramePath<Ipv6>&);

@@ -3,24 +3,36 @@
 
 #include <string>
 
-#include "tests/lb_test.h"
+#include "tests/path_messages.h"
+#include "tests/probe_base.h"
 
-template <class Family>
-class EchoTest : public FamilyTest<Family> {
+class EchoProbe : public LBTest {
  public:
   void send(LBInterface& interface, const LBWorkerContext& worker) override;
   const char* type_name() const override { return "ping"; }
 
- private:
-  using Destination = typename FamilyTest<Family>::Destination;
+ protected:
+  EchoProbe(const Family& family, const PathWords& words) : LBTest(family), words_(words) {}
 
-  // Both return 0 or the errno value of the failure.
+ private:
+  // All return 0 or the errno value of the failure, whose other messages are logged.
   int send_raw(const LBInterface& interface, const std::string& target, int32_t key,
                const LBWorkerContext& worker);
   int send_frame(const LBInterface& interface, const Destination& destination, int32_t key,
                  const LBWorkerContext& worker);
+  template <class AddressFamily>
+  int send_frame_of(const LBInterface& interface, const Destination& destination, int32_t key,
+                    const LBWorkerContext& worker);
+
+  const PathWords& words_;
 };
 
-class LBTestICMP : public EchoTest<Ipv4> {};
+class LBTestICMP : public EchoProbe {
+ public:
+  LBTestICMP() : EchoProbe(kIpv4, kEchoWords) {}
+};
 
-class LBTestICMP6 : public EchoTest<Ipv6> {};
+class LBTestICMP6 : public EchoProbe {
+ public:
+  LBTestICMP6() : EchoProbe(kIpv6, kEcho6Words) {}
+};

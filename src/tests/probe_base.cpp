@@ -5,27 +5,23 @@
 #include "tests/io/probes_in_flight.h"
 #include "tests/io/reply_receiver.h"
 
-template <class Family>
-ProbeTest<Family>::~ProbeTest() {
+LBTest::~LBTest() {
   MutexLock lock(status_mutex_);
-  if (bound_) SocketRegistry<Family>::release(ifname_);
+  if (bound_) close_sockets(family_, ifname_);
 }
 
-template <class Family>
-void ProbeTest<Family>::set_target(const std::string& target) {
+void LBTest::set_target(const std::string& target) {
   MutexLock lock(status_mutex_);
   target_ = target;
 }
 
-template <class Family>
-void ProbeTest<Family>::set_number(TestKeyword keyword, uint32_t value) {
+void LBTest::set_number(TestKeyword keyword, uint32_t value) {
   if (keyword == TestKeyword::kResponseTime) resp_time_ = static_cast<int32_t>(value);
 }
 
-template <class Family>
-void ProbeTest<Family>::init(LBInterface& interface) {
+void LBTest::init(LBInterface& interface) {
   // Before the lock, which reports wait for: this opens sockets.
-  SocketRegistry<Family>::acquire(interface.origin);
+  sockets_of(family_, interface.origin);
   MutexLock lock(status_mutex_);
   if (bound_) return;
   bound_ = true;
@@ -33,13 +29,12 @@ void ProbeTest<Family>::init(LBInterface& interface) {
   description_ = type_name();
 }
 
-template <class Family>
-void ProbeTest<Family>::recv(LBInterface& interface, const LBWorkerContext& worker) {
-  if ((worker.ipv6 != 0) != Family::kIpv6) return;
-  ensure_receiver<Family>(ifname_);
+void LBTest::recv(LBInterface& interface, const LBWorkerContext& worker) {
+  if (worker.ipv6 != family_.ipv6) return;
+  ensure_receiver(family_, ifname_);
 
   const std::string target = report().target;
-  const auto find_probe = [&] { return probes_in_flight<Family>().find(interface.origin, target); };
+  const auto find_probe = [&] { return probes_in_flight(family_).find(interface.origin, target); };
   auto entry = find_probe();
   if (!entry) return;
 
@@ -59,38 +54,32 @@ void ProbeTest<Family>::recv(LBInterface& interface, const LBWorkerContext& work
     return;
   }
 
-  const bool locked = sockets->mutex.template lock<Family>("recv");
+  const bool locked = sockets->mutex.lock("recv");
   settle(interface, outcome, target);
-  probes_in_flight<Family>().erase(entry->key);
-  if (locked) sockets->mutex.template unlock<Family>("recv");
+  probes_in_flight(family_).erase(entry->key);
+  if (locked) sockets->mutex.unlock("recv");
 }
 
-template <class Family>
-std::string ProbeTest<Family>::describe() const {
+std::string LBTest::describe() const {
   const TestReport now = report();
   return "target: " + now.target +
          ", resp_time: " + std::to_string(static_cast<uint32_t>(now.resp_time));
 }
 
-template <class Family>
-std::string ProbeTest<Family>::get_description() const {
-  return report().description;
-}
+std::string LBTest::get_description() const { return report().description; }
 
-template <class Family>
-TestReport ProbeTest<Family>::report() const {
+TestReport LBTest::report() const {
   MutexLock lock(status_mutex_);
   TestReport now;
   now.target = target_;
   now.description = description_;
   now.result = result_;
   now.resp_time = resp_time_;
+  if (now.result != kResultNone) add_measurement(now);
   return now;
 }
 
-template <class Family>
-typename ProbeTest<Family>::Destination ProbeTest<Family>::choose_destination(
-    LBInterface& interface) {
+Destination LBTest::choose_destination(LBInterface& interface) {
   Destination chosen;
   chosen.gateway = interface.gateway();
   bool target_is_gateway = false;
@@ -111,12 +100,8 @@ typename ProbeTest<Family>::Destination ProbeTest<Family>::choose_destination(
   return chosen;
 }
 
-template <class Family>
-void ProbeTest<Family>::settle(LBInterface& interface, int32_t outcome, const std::string& target) {
+void LBTest::settle(LBInterface& interface, int32_t outcome, const std::string& target) {
   record_result(interface, outcome, target);
   MutexLock lock(status_mutex_);
   result_ = outcome == kProbeSuccess ? kResultSuccess : kResultFailure;
 }
-
-template class ProbeTest<Ipv4>;
-template class ProbeTest<Ipv6>;

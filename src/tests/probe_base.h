@@ -1,8 +1,7 @@
-// What the health tests of a family share: the binding to an interface, the probe in flight and its
-// outcome.
+// What the health tests share: the binding to an interface, the probe in flight and its outcome.
 //
 //   worker:    send -> probe entered, request sent ... recv -> outcome to record_result
-//   receiver:  reply read -> probe marked answered        (reply_receiver.h)
+//   receiver:  reply read -> probe marked answered        (io/reply_receiver.h)
 //
 // A probe is in flight at most once per (interface, target). A test's own state is guarded by the
 // test's lock: its worker writes, writers of other VRFs' reports read.
@@ -11,15 +10,17 @@
 #include <memory>
 #include <string>
 
+#include "config/health_test.h"
+#include "config/lb_config.h"
+#include "config/worker_context.h"
 #include "packets/family.h"
-#include "tests/health_test.h"
+#include "tests/destination.h"
 #include "tests/io/interface_sockets.h"
 
-template <class Family>
-class ProbeTest : public HealthTest {
+class LBTest : public HealthTest {
  public:
   // Closes the sockets of the interface, also those that its other tests use.
-  ~ProbeTest() override;
+  ~LBTest() override;
 
   void set_target(const std::string& target) override;
   void set_number(TestKeyword keyword, uint32_t value) override;
@@ -31,11 +32,7 @@ class ProbeTest : public HealthTest {
   TestReport report() const override;
 
  protected:
-  // Where a probe goes, chosen anew for every probe.
-  struct Destination {
-    std::string target;
-    std::string gateway;
-  };
+  explicit LBTest(const Family& family) : family_(family) {}
 
   // Chooses target and gateway, rebuilds the description and lets a test without a target keep the
   // gateway as its target for good.
@@ -44,11 +41,13 @@ class ProbeTest : public HealthTest {
   // Reports one outcome to the interface and keeps it as the test's result.
   void settle(LBInterface& interface, int32_t outcome, const std::string& target);
 
-  // Asked for anew each time, since another test of the interface may have closed them meanwhile.
-  std::shared_ptr<InterfaceSockets> sockets() const {
-    return SocketRegistry<Family>::acquire(ifname_);
-  }
+  // Adds what the test has measured to a report of a test with a result.
+  virtual void add_measurement(TestReport& /*report*/) const LB_REQUIRES(status_mutex_) {}
 
+  // Asked for anew each time, since another test of the interface may have closed them meanwhile.
+  std::shared_ptr<InterfaceSockets> sockets() const { return sockets_of(family_, ifname_); }
+
+  const Family& family_;
   mutable Mutex status_mutex_;
 
  private:

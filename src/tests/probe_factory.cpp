@@ -3,17 +3,9 @@
 #include "tests/burst_probe.h"
 #include "tests/echo_probe.h"
 
-std::shared_ptr<LBTest> LBTestFactory::create(std::string_view type) const {
+std::shared_ptr<HealthTest> LBTestFactory::create(std::string_view type, bool ipv6) const {
+  if (type == "ping" && ipv6) return std::make_shared<LBTestICMP6>();
   if (type == "ping") return std::make_shared<LBTestICMP>();
-  if (type == "ping_ext") return std::make_shared<LBTestPING>();
+  if (type == "ping_ext" && !ipv6) return std::make_shared<LBTestPING>();
   return nullptr;
 }
-
-std::shared_ptr<LBTest6> LBTestFactory::create6(std::string_view type) const {
-  if (type == "ping") return std::make_shared<LBTestICMP6>();
-  return nullptr;
-}
-
-TestSettings& LBTestFactory::settings(LBTest& test) const { return test; }
-
-TestSettings& LBTestFactory::settings(LBTest6& test) const { return test; }

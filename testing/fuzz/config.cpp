@@ -72,8 +72,7 @@ void check_model(const Reading& reading) {
     for (const auto& [name, interface] : reading.config.interfaces_of(ipv6)) {
       HOLDS(!name.empty() && interface.name == name && interface.ipv6 == ipv6);
       HOLDS(interface.success_ct > 0 && interface.failure_ct > 0);
-      HOLDS((ipv6 ? interface.tests.size() : interface.tests6.size()) == 0);
-      HOLDS(!reading.accepted || interface.tests.size() + interface.tests6.size() > 0);
+      HOLDS(!reading.accepted || !interface.tests.empty());
       for (const std::string& text :
            {name, interface.origin, interface.nexthop, interface.source_address}) {
         check_text(text);
@@ -83,7 +82,7 @@ void check_model(const Reading& reading) {
         HOLDS(!target.empty() && result == -1);
         check_text(target);
       }
-      for_each_test(interface, [&](const HealthTest& test) { reading.factory.check(test); });
+      for (const auto& [index, test] : interface.tests) reading.factory.check(*test);
     }
   }
   for (const auto& [name, rule] : reading.config.rules) {

@@ -8,6 +8,7 @@
 #include "support/recorded_log.h"
 #include "tests/io/packet_socket.h"
 #include "tests/link/arp_prober.h"
+#include "tests/link/source_address.h"
 #include "veth_test.h"
 
 using testing::ElementsAre;
@@ -165,7 +166,7 @@ TEST_F(KernelArp, ResolvesAPeer) {
   std::optional<MacAddress> mac;
   // The receiver enters an answer that comes too late for one probe before the next.
   ASSERT_TRUE(wait_for([&] {
-    mac = resolve_link_address(prober_, address(2), address(1), near());
+    mac = prober_.resolve(address(2), address(1), near());
     return mac.has_value();
   }));
   EXPECT_EQ(mac, mac_of(far()));

@@ -33,11 +33,11 @@ class KernelConntrack : public VethTest {
   }
 
   int create(const std::string& target) {
-    context_.ipv6 = 0;
+    context_.ipv6 = false;
     return create_conntrack_record("192.0.2.1", target, context_);
   }
   int create6(const std::string& target) {
-    context_.ipv6 = 1;
+    context_.ipv6 = true;
     return create_conntrack_record("2001:db8::1", target, context_);
   }
 

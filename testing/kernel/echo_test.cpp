@@ -51,7 +51,7 @@ class KernelEcho : public VethTest {
     worker_.vrf = "echo" + number_;
     worker6_.neighbor = &neighbor_;
     worker6_.vrf = worker_.vrf;
-    worker6_.ipv6 = 1;
+    worker6_.ipv6 = true;
     wire_ = open_on(near(), ETH_P_ALL);
   }
 
@@ -118,7 +118,7 @@ TEST_F(KernelEcho, FrameIsAnsweredByTheNextHop) {
   // The far end's kernel took the checksums for right and sent identifier and key back.
   EXPECT_TRUE(std::equal(request.begin() + 38, request.begin() + 46, reply.begin() + 38));
   EXPECT_EQ(request[38] << 8 | request[39], getpid() & 0xffff);
-  EXPECT_EQ(probes_in_flight<Ipv4>().size(), 0u);
+  EXPECT_EQ(probes_in_flight(kIpv4).size(), 0u);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -131,7 +131,7 @@ TEST_F(KernelEcho, Frame6IsAnsweredByTheNextHop) {
   ASSERT_GE(request.size(), 66u);
   ASSERT_GE(reply.size(), 66u);
   EXPECT_TRUE(std::equal(request.begin() + 58, request.begin() + 66, reply.begin() + 58));
-  EXPECT_EQ(probes_in_flight<Ipv6>().size(), 0u);
+  EXPECT_EQ(probes_in_flight(kIpv6).size(), 0u);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -244,6 +244,6 @@ TEST_F(KernelEcho, PingAndBurstOnOneInterface) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
   EXPECT_TRUE(wait_for([&] {
     ping.recv(*interface_, worker_);
-    return !probes_in_flight<Ipv4>().find(near(), far_address_);
+    return !probes_in_flight(kIpv4).find(near(), far_address_);
   }));
 }

@@ -125,7 +125,7 @@ TEST_F(KernelNeighbor, ResolvesAPeer) {
   run("ip addr add " + address("2") + "/64 dev " + far() + " nodad");
   std::optional<MacAddress> mac;
   ASSERT_TRUE(wait_for([&] {
-    mac = resolve_link_address(prober_, address("2"), address("9"), near());
+    mac = prober_.resolve(address("2"), address("9"), near());
     return mac.has_value();
   }));
   EXPECT_EQ(mac, mac_of(far()));

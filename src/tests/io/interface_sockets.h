@@ -2,52 +2,57 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 
+#include "packets/family.h"
 #include "platform/file_descriptor.h"
 #include "platform/mutex.h"
 
-// The mutex of an interface: it orders what the worker and the receiver do to the interface's
-// probes. The probes themselves are guarded by their table's lock, so a failure is logged and the
-// work can go on. `operation` is the name that the message shows.
+// The mutex of an interface, taken around each step of the worker and of the receiver on the
+// interface's probes. It exists for its hand-shakes and its messages, which administrators know:
+// the probes themselves are guarded by their table's lock, so a failure is logged and the work can
+// go on. `operation` is the name that the message shows.
 class InterfaceMutex {
  public:
+  explicit InterfaceMutex(const Family& family) : family_(family) {}
+
   int init_result() const { return mutex_.init_result(); }
 
-  // False when the lock could not be taken (logged).
-  template <class Family>
+  // False when the lock could not be taken or given back (logged).
   bool lock(const char* operation) LB_NO_THREAD_SAFETY_ANALYSIS;
-  template <class Family>
   bool unlock(const char* operation) LB_NO_THREAD_SAFETY_ANALYSIS;
 
  private:
+  const Family& family_;
   Mutex mutex_;
 };
 
-// kReading: from before a reply leaves the queue until its probe is marked.
-enum class ReceiverStage { kAbsent, kWaiting, kReading };
+// The life of an interface's receiver thread (reply_receiver.h).
+enum class ReceiverState {
+  kAbsent,   // never started, or ended: the next cycle starts one
+  kFailed,   // could not be started, which is not tried again
+  kWaiting,  // for a reply
+  kReading,  // from before a reply leaves the queue until its probe is marked
+};
 
 // Descriptors are fixed once made; -1 where a socket could not be had.
 struct InterfaceSockets {
+  explicit InterfaceSockets(const Family& of_family) : family(of_family), mutex(of_family) {}
+
+  const Family& family;
   FileDescriptor send_socket;    // raw ICMP: requests of the raw path
   FileDescriptor packet_socket;  // whole Ethernet frames
   FileDescriptor recv_socket;    // raw ICMP: replies
   InterfaceMutex mutex;
-  std::atomic<bool> receiver_running{false};  // also when its thread could not be started
-  std::atomic<ReceiverStage> receiver_stage{ReceiverStage::kAbsent};
+  std::atomic<ReceiverState> receiver{ReceiverState::kAbsent};
 };
 
-// The sockets of a family's interfaces, by Linux name. Any thread.
-template <class Family>
-class SocketRegistry {
- public:
-  // The sockets of `ifname`, made by the first call for the name; what fails then is logged and not
-  // tried again. The sockets belong to the calling thread's network namespace.
-  static std::shared_ptr<InterfaceSockets> acquire(const std::string& ifname);
+// The sockets of the interface with the Linux name `ifname`, made by the first call for the name in
+// the family; what fails then is logged and not tried again. The sockets belong to the network
+// namespace of the thread that made them. Any thread.
+std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname);
 
-  // Closes the sockets of `ifname` (a receiver that still reads keeps its own open). The name stays
-  // known: a later acquire makes no new ones.
-  static void release(const std::string& ifname);
-};
+// Closes the sockets of `ifname` (a receiver that still reads keeps its own open). The name stays
+// known: later calls of sockets_of make no new ones. Any thread.
+void close_sockets(const Family& family, const std::string& ifname);

@@ -16,7 +16,7 @@ void attach_filter(int fd, std::span<sock_filter> program) {
 }
 
 void refuse_input(int fd) {
-  sock_filter refuse_all[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
+  sock_filter refuse_all[] = {BPF_STMT(BPF_RET | BPF_K, 0)};  // whatever it is
   // Without the filter the queue fills once and drops the rest; sending works all the same.
   attach_filter(fd, refuse_all);
 }
@@ -27,8 +27,8 @@ FileDescriptor open_send_only_packet_socket(uint16_t ether_type) {
   return fd;
 }
 
-ssize_t send_frame(int fd, int ifindex, const MacAddress& destination,
-                   std::span<const uint8_t> frame) {
+ssize_t send_link_frame(int fd, int ifindex, const MacAddress& destination,
+                        std::span<const uint8_t> frame) {
   sockaddr_ll address{};
   static_assert(sizeof(address) == 20);
   address.sll_family = AF_PACKET;

@@ -15,6 +15,9 @@
 // failure, with errno set.
 FileDescriptor open_packet_socket(uint16_t ether_type);
 
+// What a filter returns to let all of a packet pass.
+inline constexpr uint32_t kWholePacket = 0xffffffff;
+
 // Lets the kernel keep from the socket what `program` (socket(7), SO_ATTACH_FILTER) refuses. A
 // filter that is refused itself costs time and room only: what comes is looked at all the same.
 void attach_filter(int fd, std::span<sock_filter> program);
@@ -28,5 +31,5 @@ FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
 // Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer
 // address handed to the kernel; what goes on the wire stands in the frame. The bytes sent, or -1
 // with errno set.
-ssize_t send_frame(int fd, int ifindex, const MacAddress& destination,
-                   std::span<const uint8_t> frame);
+ssize_t send_link_frame(int fd, int ifindex, const MacAddress& destination,
+                        std::span<const uint8_t> frame);

@@ -1,7 +1,5 @@
 #include "tests/io/probes_in_flight.h"
 
-#include "packets/family.h"
-
 namespace {
 
 constexpr int32_t kKeyModulus = kLargestProbeKey + 1;
@@ -59,12 +57,9 @@ size_t ProbesInFlight::size() const {
   return pending_.size();
 }
 
-// Leaked on purpose: receiver threads are detached and may outlive static destruction.
-template <class Family>
-ProbesInFlight& probes_in_flight() {
-  static ProbesInFlight& table = *new ProbesInFlight;
-  return table;
+ProbesInFlight& probes_in_flight(const Family& family) {
+  // Leaked on purpose: receiver threads are detached and may outlive static destruction.
+  static ProbesInFlight& ipv4 = *new ProbesInFlight;
+  static ProbesInFlight& ipv6 = *new ProbesInFlight;
+  return family.ipv6 ? ipv6 : ipv4;
 }
-
-template ProbesInFlight& probes_in_flight<Ipv4>();
-template ProbesInFlight& probes_in_flight<Ipv6>();

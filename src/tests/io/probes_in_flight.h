@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "packets/family.h"
 #include "platform/mutex.h"
 
 inline constexpr int32_t kProbeWaiting = -2;
@@ -62,6 +63,5 @@ class ProbesInFlight {
   int32_t sequence_ LB_GUARDED_BY(mutex_) = 0;
 };
 
-// The table of a family.
-template <class Family>
-ProbesInFlight& probes_in_flight();
+// The family's table. Any thread.
+ProbesInFlight& probes_in_flight(const Family& family);

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 
-#include "packets/family.h"
 #include "packets/icmp_echo.h"
 #include "packets/ip_headers.h"
 #include "tests/io/packet_socket.h"
@@ -23,20 +22,20 @@ constexpr size_t kKeyOffset6 = offsetof(IcmpEcho, key);
 
 // IPv4: with the IP header. Any type, since a burst takes any.
 sock_filter keys_of_probes4[] = {
-    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset4),
-    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),
-    BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
-    BPF_STMT(BPF_RET | BPF_K, 0),
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset4),              // the key; too short: refused
+    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),  // no key is that large
+    BPF_STMT(BPF_RET | BPF_K, kWholePacket),                      // pass
+    BPF_STMT(BPF_RET | BPF_K, 0),                                 // refuse
 };
 
 // IPv6: without a header, echo replies only.
 sock_filter keys_of_probes6[] = {
-    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kTypeOffset6),
-    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kIcmp6EchoReply, 0, 3),
-    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset6),
-    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),
-    BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
-    BPF_STMT(BPF_RET | BPF_K, 0),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kTypeOffset6),             // the ICMPv6 type
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kIcmp6EchoReply, 0, 3),   // another one: refuse
+    BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset6),              // the key; too short: refused
+    BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),  // no key is that large
+    BPF_STMT(BPF_RET | BPF_K, kWholePacket),                      // pass
+    BPF_STMT(BPF_RET | BPF_K, 0),                                 // refuse
 };
 
 }  // namespace
@@ -52,14 +51,10 @@ void enlarge_receive_queue(int fd) {
   setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kQueueSize, sizeof(kQueueSize));
 }
 
-template <class Family>
-void refuse_foreign_messages(int fd) {
-  if constexpr (Family::kIpv6) {
+void refuse_foreign_messages(int fd, const Family& family) {
+  if (family.ipv6) {
     attach_filter(fd, keys_of_probes6);
   } else {
     attach_filter(fd, keys_of_probes4);
   }
 }
-
-template void refuse_foreign_messages<Ipv4>(int fd);
-template void refuse_foreign_messages<Ipv6>(int fd);

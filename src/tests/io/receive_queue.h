@@ -5,6 +5,8 @@
 // and with it a link would count as dead.
 #pragma once
 
+#include "packets/family.h"
+
 // Gives the socket room for some thousand small packets, unless it has as much. The system's limit
 // is passed where the process may do that, and holds otherwise. For whoever reads the socket: a
 // queue that nobody reads would only hold more of what a hostile sender puts into it.
@@ -13,5 +15,4 @@ void enlarge_receive_queue(int fd);
 // Keeps messages away from a raw ICMP socket that carry no probe key where a reply has it: they
 // could be no reply to any test. Without the filter they cost time and room only, so a refusal is
 // no failure.
-template <class Family>
-void refuse_foreign_messages(int fd);
+void refuse_foreign_messages(int fd, const Family& family);

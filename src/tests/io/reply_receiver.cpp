@@ -5,10 +5,11 @@
 
 #include <cerrno>
 #include <memory>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include "config/log.h"
-#include "packets/family.h"
 #include "packets/icmp_echo.h"
 #include "platform/clock.h"
 #include "tests/io/detached_thread.h"
@@ -22,97 +23,115 @@ constexpr size_t kReceiveSize = 65535;
 constexpr timespec kCatchUpPause{0, 1000000};
 constexpr int kCatchUpPauses = 200;
 
-template <class Family>
-struct ReceiverTraits;
-
-template <>
-struct ReceiverTraits<Ipv4> {
-  static constexpr const char* kOperation = "recv_icmp";
-  static bool wait_failed(int result) { return result < 1; }
-  static std::optional<uint32_t> key(std::span<const uint8_t> packet) {
-    return echo_reply_key(packet);
+// While it exists the receiver is reading; then it waits again.
+class ReadingGuard {
+ public:
+  explicit ReadingGuard(InterfaceSockets& sockets) : sockets_(sockets) {
+    sockets_.receiver = ReceiverState::kReading;
   }
+  ~ReadingGuard() { sockets_.receiver = ReceiverState::kWaiting; }
+  ReadingGuard(const ReadingGuard&) = delete;
+  ReadingGuard& operator=(const ReadingGuard&) = delete;
+
+ private:
+  InterfaceSockets& sockets_;
 };
 
-template <>
-struct ReceiverTraits<Ipv6> {
-  static constexpr const char* kOperation = "recv_icmp6";
-  // A failed wait goes on to the read, whose own failure then tells what is wrong.
-  static bool wait_failed(int result) { return result == 0; }
-  static std::optional<uint32_t> key(std::span<const uint8_t> packet) {
-    return echo6_reply_key(packet);
+// Reads replies until waiting or reading fails.
+class ReplyReader {
+ public:
+  explicit ReplyReader(InterfaceSockets& sockets)
+      : sockets_(sockets), family_(sockets.family), buffer_(kReceiveSize) {
+    enlarge_receive_queue(socket());
   }
-};
 
-template <class Family>
-void receive_replies(InterfaceSockets& sockets) {
-  using Traits = ReceiverTraits<Family>;
-  enlarge_receive_queue(sockets.recv_socket.get());
-  // On the heap: a thread's stack may be small, and the buffer belongs to this thread alone.
-  std::vector<uint8_t> buffer(kReceiveSize);
-  pollfd waiting{};
-  waiting.fd = sockets.recv_socket.get();
-  waiting.events = POLLIN;
-  while (true) {
-    // poll, not select: a descriptor above 1023 does not fit into a descriptor set. A socket that
-    // could never be made counts as a failed wait.
-    const int ready = waiting.fd < 0 ? -1 : poll(&waiting, 1, -1);
-    if (Traits::wait_failed(ready)) {
-      LB_ERROR("select for %s failed!!!!!", Family::kName);
-      return;
+  void run() {
+    while (true) {
+      const Wait wait = wait_for_packet();
+      if (wait == Wait::kOver) return;
+      if (!take_packet(wait == Wait::kFailed)) return;
     }
-    // Bursts read the same socket: one may have taken what was waited for.
-    const bool may_block = ready < 0;
-    if (!may_block) sockets.receiver_stage = ReceiverStage::kReading;
+  }
+
+ private:
+  enum class Wait { kReady, kFailed, kOver };
+
+  int socket() const { return sockets_.recv_socket.get(); }
+
+  // poll, not select: a descriptor above 1023 does not fit into a descriptor set. A socket that
+  // could never be made counts as a failed wait. For IPv6 a failed wait goes on to the read, whose
+  // own failure then tells what is wrong.
+  Wait wait_for_packet() const {
+    pollfd waiting{socket(), POLLIN, 0};
+    const int ready = socket() < 0 ? -1 : poll(&waiting, 1, -1);
+    if (ready > 0) return Wait::kReady;
+    if (ready < 0 && family_.ipv6) return Wait::kFailed;
+    LB_ERROR("select for %s failed!!!!!", family_.name);
+    return Wait::kOver;
+  }
+
+  // Reads one packet and marks the probe that it answers. False when reading failed. Bursts read
+  // the same socket: one may have taken what was waited for, so only a failed wait may block.
+  bool take_packet(bool may_block) {
+    std::optional<ReadingGuard> reading;
+    if (!may_block) reading.emplace(sockets_);
     const ssize_t received =
-        recv(waiting.fd, buffer.data(), buffer.size(), may_block ? 0 : MSG_DONTWAIT);
-    if (received < 0 && !may_block && errno == EAGAIN) {
-      sockets.receiver_stage = ReceiverStage::kWaiting;
-      continue;
-    }
+        recv(socket(), buffer_.data(), buffer_.size(), may_block ? 0 : MSG_DONTWAIT);
+    if (received < 0 && !may_block && errno == EAGAIN) return true;
     if (received < 1) {
-      LB_ERROR("recv for %s failed!!!!!", Family::kName);
-      return;
+      LB_ERROR("recv for %s failed!!!!!", family_.name);
+      return false;
     }
-    const auto key = Traits::key({buffer.data(), static_cast<size_t>(received)});
-    if (key) {
-      const bool locked = sockets.mutex.lock<Family>(Traits::kOperation);
-      probes_in_flight<Family>().mark_answered(*key);
-      if (locked) sockets.mutex.unlock<Family>(Traits::kOperation);
-    }
-    sockets.receiver_stage = ReceiverStage::kWaiting;
+    mark_answered({buffer_.data(), static_cast<size_t>(received)});
+    return true;
   }
-}
+
+  void mark_answered(std::span<const uint8_t> packet) {
+    const auto key = family_.ipv6 ? echo6_reply_key(packet) : echo_reply_key(packet);
+    if (!key) return;
+    const char* const operation = family_.ipv6 ? "recv_icmp6" : "recv_icmp";
+    const bool locked = sockets_.mutex.lock(operation);
+    probes_in_flight(family_).mark_answered(*key);
+    if (locked) sockets_.mutex.unlock(operation);
+  }
+
+  InterfaceSockets& sockets_;
+  const Family& family_;
+  // On the heap: a thread's stack may be small, and the buffer belongs to this thread alone.
+  std::vector<uint8_t> buffer_;
+};
 
 // The queue is looked at first: what has left it since is still being read.
 bool has_unread_reply(const InterfaceSockets& sockets) {
   pollfd queue{sockets.recv_socket.get(), POLLIN, 0};
   return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) ||
-         sockets.receiver_stage == ReceiverStage::kReading;
+         sockets.receiver == ReceiverState::kReading;
 }
 
-template <class Family>
+bool runs(ReceiverState state) {
+  return state == ReceiverState::kWaiting || state == ReceiverState::kReading;
+}
+
 void* receiver_thread(void* argument) {
   const std::unique_ptr<std::shared_ptr<InterfaceSockets>> sockets(
       static_cast<std::shared_ptr<InterfaceSockets>*>(argument));
-  (*sockets)->receiver_stage = ReceiverStage::kWaiting;
-  receive_replies<Family>(**sockets);
-  (*sockets)->receiver_stage = ReceiverStage::kAbsent;
-  (*sockets)->receiver_running = false;
+  ReplyReader(**sockets).run();
+  (*sockets)->receiver = ReceiverState::kAbsent;
   return nullptr;
 }
 
 }  // namespace
 
-template <class Family>
-void ensure_receiver(const std::string& ifname) {
-  const auto sockets = SocketRegistry<Family>::acquire(ifname);
-  if (sockets->receiver_running.exchange(true)) return;
+void ensure_receiver(const Family& family, const std::string& ifname) {
+  const auto sockets = sockets_of(family, ifname);
+  ReceiverState absent = ReceiverState::kAbsent;
+  if (!sockets->receiver.compare_exchange_strong(absent, ReceiverState::kWaiting)) return;
   auto argument = std::make_unique<std::shared_ptr<InterfaceSockets>>(sockets);
-  const DetachedThread thread = start_detached_thread(receiver_thread<Family>, argument.get());
+  const DetachedThread thread = start_detached_thread(receiver_thread, argument.get());
   if (thread.create_result == 0) {
     argument.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
   } else {
+    sockets->receiver = ReceiverState::kFailed;
     LB_ERROR("Can't create new thread for icmp recv");
   }
   if (thread.detach_result != 0) LB_ERROR("Can't detach thread for icmp recv");
@@ -120,10 +139,7 @@ void ensure_receiver(const std::string& ifname) {
 
 void let_receiver_catch_up(const InterfaceSockets& sockets) {
   for (int pauses = 0; pauses < kCatchUpPauses; ++pauses) {
-    if (sockets.receiver_stage == ReceiverStage::kAbsent || !has_unread_reply(sockets)) return;
+    if (!runs(sockets.receiver) || !has_unread_reply(sockets)) return;
     sleep_for(kCatchUpPause);
   }
 }
-
-template void ensure_receiver<Ipv4>(const std::string&);
-template void ensure_receiver<Ipv6>(const std::string&);

@@ -5,11 +5,10 @@
 
 #include "tests/io/interface_sockets.h"
 
-// Starts and detaches a receiver for `ifname`, unless one runs. It marks answered probes of its
+// Starts and detaches a receiver for `ifname`, unless one runs. It marks answered probes of the
 // family until waiting or reading fails; the next call then starts another. Failures are logged;
 // after a failed start no second one is tried.
-template <class Family>
-void ensure_receiver(const std::string& ifname);
+void ensure_receiver(const Family& family, const std::string& ifname);
 
 // Waits until the receiver, if there is one, has read all replies and marked their probes, for 200
 // ms at most. A machine that was paused wakes its threads in any order: a probe must not be given

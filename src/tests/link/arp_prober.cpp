@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
+#include <string>
 
 #include "config/log.h"
 #include "packets/arp.h"
@@ -75,11 +77,9 @@ void add_arp_entry(const ArpReply& reply, const std::string& address, const std:
   }
 }
 
-}  // namespace
+FileDescriptor open_receiver() { return open_packet_socket(kEtherTypeArp); }
 
-FileDescriptor LinkProtocol<Ipv4>::open_receiver() { return open_packet_socket(kEtherTypeArp); }
-
-bool LinkProtocol<Ipv4>::handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
+bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
   if (const auto reply = parse_arp_reply(frame)) {
     const std::string address = address_to_text(AF_INET, &reply->sender);
     const std::string ifname = targets.interface_of(address);
@@ -88,33 +88,46 @@ bool LinkProtocol<Ipv4>::handle_frame(std::span<const uint8_t> frame, WatchedTar
   return true;
 }
 
-void LinkProtocol<Ipv4>::log_no_send_socket(const std::string& vrf) {
-  LB_ERROR("<%s> socket() fo _send_sock in %s failed ", "init", vrf.c_str());
-}
+constexpr const char* kMutex = "_arp_mutex";
+constexpr const char* kReceiver = "recv_arp";
 
-void LinkProtocol<Ipv4>::log_no_mutex(int rc) {
-  // The words of the destruction, also for the initialisation.
-  log_mutex_failure("init", "pthread_mutex_destroy", kMutex, rc);
-}
+}  // namespace
 
-void LinkProtocol<Ipv4>::log_receive_failure(const char* call) {
-  LB_ERROR("<%s> %s() failed", kReceiver, call);
-}
+const LinkProtocol kArpProtocol{
+    .family = kIpv4,
+    .destructor = "~LBArp",
+    .mutex = kMutex,
+    .starter = "received_arp",
+    .receiver = kReceiver,
+    .thread = "arp",
+    .unlock_without_socket = true,
+    .open_receiver = open_receiver,
+    .handle_frame = handle_frame,
+    .log_no_send_socket =
+        [](const std::string& vrf) {
+          LB_ERROR("<%s> socket() fo _send_sock in %s failed ", "init", vrf.c_str());
+        },
+    // The words of the destruction, also for the initialisation.
+    .log_no_mutex = [](int rc) { log_mutex_failure("init", "pthread_mutex_destroy", kMutex, rc); },
+    .log_receive_failure = [](const char* call) { LB_ERROR("<%s> %s() failed", kReceiver, call); },
+};
+
+LBArp::LBArp() : LinkProber(kArpProtocol) {}
 
 int LBArp::check_arp_exist() {
   constexpr const char* kName = "check_arp_exist";
   const TableAnswer answer = ask_table(_target, _ifname);
+  const std::string error = error_text(answer.error);
   switch (answer.step) {
     case TableAnswer::Step::kSocketFailed:
       LB_ERROR("<%s> Socket", kName);
       return -1;
     case TableAnswer::Step::kNoAddress:
-      LB_ERROR("<%s> Inet_aton() failed %s(%d)", kName, error_text(answer.error).c_str(),
-               answer.error);
+      LB_ERROR("<%s> Inet_aton() failed %s(%d)", kName, error.c_str(), answer.error);
       return -1;
     case TableAnswer::Step::kIoctlFailed:
       if (answer.error == ENXIO) return 0;
-      LB_ERROR("<%s> Ioctl %s(%d)", kName, error_text(answer.error).c_str(), answer.error);
+      LB_ERROR("<%s> Ioctl %s(%d)", kName, error.c_str(), answer.error);
       return -1;
     case TableAnswer::Step::kAnswered:
       break;
@@ -125,18 +138,9 @@ int LBArp::check_arp_exist() {
 int LBArp::get_mac(MacAddress& mac) {
   constexpr const char* kName = "get_mac";
   const TableAnswer answer = ask_table(_target, _ifname);
-  switch (answer.step) {
-    case TableAnswer::Step::kSocketFailed:
-      LB_ERROR("<%s> Socket", kName);
-      return -1;
-    case TableAnswer::Step::kNoAddress:
-      LB_ERROR("<%s> Inet_aton", kName);
-      return -1;
-    case TableAnswer::Step::kIoctlFailed:
-      return -1;
-    case TableAnswer::Step::kAnswered:
-      break;
-  }
+  if (answer.step == TableAnswer::Step::kSocketFailed) LB_ERROR("<%s> Socket", kName);
+  if (answer.step == TableAnswer::Step::kNoAddress) LB_ERROR("<%s> Inet_aton", kName);
+  if (answer.step != TableAnswer::Step::kAnswered) return -1;
   if (!answer.complete()) return 0;
   std::copy_n(reinterpret_cast<const uint8_t*>(answer.entry.arp_ha.sa_data), mac.size(),
               mac.begin());
@@ -167,24 +171,20 @@ int LBArp::send_arp() {
     return -1;
   }
   in_addr target;
-  const int resolved = first_address<Ipv4>(_target, target);
+  const int resolved = first_address(kIpv4, _target, &target);
   if (resolved != 0) {
     LB_ERROR("<%s> getaddrinfo() failed: %s", kName, gai_strerror(resolved));
     return -1;
   }
   const ArpFrame frame = make_arp_request(mac.value, source, target);
   const ssize_t sent =
-      send_frame(send_socket(), static_cast<int>(ifindex), mac.value, bytes_of(frame));
+      send_link_frame(send_socket(), static_cast<int>(ifindex), mac.value, bytes_of(frame));
   if (sent <= 0) LB_ERROR("<%s> sendto() failed", kName);
   return static_cast<int>(sent);
 }
 
-std::optional<MacAddress> resolve_link_address(LBArp& prober, const std::string& gateway,
-                                               const std::string& source,
-                                               const std::string& ifname) {
-  prober.set_target(gateway, source, ifname);
-  const int known = prober.check_arp_exist();
-  if (known < 0) return std::nullopt;
-  if (known == 0 && !prober.request_address([&] { prober.send_arp(); })) return std::nullopt;
-  return poll_link_address([&](MacAddress& mac) { return prober.get_mac(mac); });
-}
+int LBArp::look_first(std::optional<MacAddress>& /*mac*/) { return check_arp_exist(); }
+
+int LBArp::look_up(MacAddress& mac) { return get_mac(mac); }
+
+void LBArp::send_request() { send_arp(); }

@@ -1,6 +1,5 @@
 #include "tests/link/link_info.h"
 
-#include <ifaddrs.h>
 #include <linux/if_ether.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
@@ -9,10 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
-#include "config/log.h"
-#include "packets/family.h"
 #include "platform/file_descriptor.h"
 #include "tests/io/packet_socket.h"
 
@@ -33,10 +29,6 @@ LinkAnswer<ifreq> ask(const FileDescriptor& fd, const std::string& ifname, unsig
   }
   if (!answer.answered()) answer.error = errno;
   return answer;
-}
-
-bool begins_with(const char* name, const std::string& beginning) {
-  return std::strncmp(name, beginning.c_str(), beginning.size()) == 0;
 }
 
 }  // namespace
@@ -70,21 +62,4 @@ std::optional<bool> no_arp_flag(const std::string& ifname) {
   const auto answer = ask(open_datagram_socket(), ifname, SIOCGIFFLAGS);
   if (!answer.answered()) return std::nullopt;
   return (answer.value.ifr_flags & IFF_NOARP) != 0;
-}
-
-bool address_on_interface(const std::string& ifname, const std::string& address) {
-  ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) {
-    LB_ERROR("getifaddrs failed");
-    return false;
-  }
-  const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
-  for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
-    if (!begins_with(entry->ifa_name, ifname) && !begins_with(entry->ifa_name, "vrrp")) continue;
-    sockaddr_in found;
-    std::memcpy(&found, entry->ifa_addr, sizeof(found));
-    if (address_to_text(AF_INET, &found.sin_addr) == address) return true;
-  }
-  return false;
 }

@@ -34,7 +34,3 @@ LinkAnswer<in_addr> own_ipv4_address(const std::string& ifname);
 // Whether the interface uses no link-layer address resolution (IFF_NOARP), or nothing when the
 // kernel did not say.
 std::optional<bool> no_arp_flag(const std::string& ifname);
-
-// True when the dotted IPv4 `address` is configured on an interface whose name begins with `ifname`
-// or with "vrrp". A failure to list the interfaces is logged and counts as false.
-bool address_on_interface(const std::string& ifname, const std::string& address);

@@ -6,77 +6,85 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
+#include <map>
 #include <utility>
 #include <vector>
 
 #include "config/log.h"
+#include "platform/clock.h"
 #include "tests/io/detached_thread.h"
 #include "tests/io/mutex_failure.h"
 #include "tests/io/packet_socket.h"
 #include "tests/io/receive_queue.h"
-#include "tests/link/arp_prober.h"
-#include "tests/link/neighbor_prober.h"
 
-void WatchedTargets::watch(const std::string& target, const std::string& ifname) {
-  MutexLock lock(mutex_);
-  const auto [entry, added] = _targets.try_emplace(target);
-  if (!added && entry->second.empty()) --unwatched_;
-  entry->second = ifname;
-  if (ifname.empty()) ++unwatched_;
+namespace {
+
+constexpr size_t kReceiveSize = 65535;
+
+// Looks at the kernel's table after a request, and the pause between two of them.
+constexpr int kPolls = 101;
+constexpr timespec kPause{0, 1'000'000};
+
+// 0, or -1 with the failure of `call` logged.
+int told(int rc, const char* operation, const char* call, const char* mutex) {
+  if (rc == 0) return 0;
+  log_mutex_failure(operation, call, mutex, rc);
+  return -1;
 }
 
-std::string WatchedTargets::interface_of(const std::string& address) {
-  MutexLock lock(mutex_);
-  const auto found = _targets.find(address);
-  if (found != _targets.end()) return found->second;
-  if (unwatched_ < kMostUnwatched) {
-    _targets.emplace(address, std::string());
-    ++unwatched_;
+int take(const LinkProtocol& protocol, HandshakeLock& mutex, const char* operation) {
+  return told(mutex.lock(), operation, "pthread_mutex_lock", protocol.mutex);
+}
+
+int give_back(const LinkProtocol& protocol, HandshakeLock& mutex, const char* operation) {
+  return told(mutex.unlock(), operation, "pthread_mutex_unlock", protocol.mutex);
+}
+
+void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& targets) {
+  std::vector<uint8_t> buffer(kReceiveSize);
+  pollfd waiting{fd, POLLIN, 0};
+  for (;;) {
+    const int ready = poll(&waiting, 1, -1);
+    if (ready < 0) protocol.log_receive_failure("select");
+    if (ready <= 0) return;
+    const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
+    if (length < 0) {
+      if (errno == EINTR) continue;
+      protocol.log_receive_failure("recv");
+      return;
+    }
+    if (!protocol.handle_frame({buffer.data(), static_cast<size_t>(length)}, targets)) return;
   }
-  return {};
 }
 
-WatchedTargets::Map WatchedTargets::snapshot() const {
-  MutexLock lock(mutex_);
-  return _targets;
-}
+}  // namespace
 
-template <class Family>
-int first_address(const std::string& name, typename Family::Address& address) {
-  addrinfo hints{};
-  hints.ai_family = Family::kFamily;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_CANONNAME;
-  addrinfo* list = nullptr;
-  const int rc = getaddrinfo(name.c_str(), nullptr, &hints, &list);
-  if (rc != 0) return rc;
-  constexpr size_t kOffset =
-      Family::kIpv6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr);
-  std::memcpy(&address, reinterpret_cast<const char*>(list->ai_addr) + kOffset, sizeof(address));
-  freeaddrinfo(list);
-  return 0;
-}
+// Of the whole process, by VRF name; one for each protocol.
+struct LinkProber::Registry {
+  Mutex mutex;
+  std::map<std::string, FileDescriptor> _send_sock LB_GUARDED_BY(mutex);
+  std::map<std::string, bool> _recv_started LB_GUARDED_BY(mutex);
+};
 
-template int first_address<Ipv4>(const std::string& name, in_addr& address);
-template int first_address<Ipv6>(const std::string& name, in6_addr& address);
+// What the receiver thread keeps for itself.
+struct LinkProber::ThreadArgument {
+  const LinkProtocol& protocol;
+  std::shared_ptr<HandshakeLock> mutex;
+  std::shared_ptr<WatchedTargets> targets;
+};
 
-template <class Family>
-LinkProber<Family>::LinkProber()
-    : _targets(std::make_shared<WatchedTargets>()), _mutex(std::make_shared<HandshakeLock>()) {}
+LinkProber::LinkProber(const LinkProtocol& protocol)
+    : protocol_(protocol),
+      _targets(std::make_shared<WatchedTargets>()),
+      _mutex(std::make_shared<HandshakeLock>()) {}
 
-template <class Family>
-LinkProber<Family>::~LinkProber() {
+LinkProber::~LinkProber() {
   close_send_socket();
-  const int rc = _mutex->destroy();
-  if (rc != 0) {
-    log_mutex_failure(Protocol::kDestructor, "pthread_mutex_destroy", Protocol::kMutex, rc);
-  }
+  told(_mutex->destroy(), protocol_.destructor, "pthread_mutex_destroy", protocol_.mutex);
 }
 
-template <class Family>
-void LinkProber<Family>::init(const std::string& vrf) {
+void LinkProber::init(const std::string& vrf) {
   _vrf = vrf;
   FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
   const bool opened = fd.valid();
@@ -87,126 +95,123 @@ void LinkProber<Family>::init(const std::string& vrf) {
     if (opened) shared._recv_started[vrf] = false;
   }
   if (!opened) {
-    Protocol::log_no_send_socket(vrf);
+    protocol_.log_no_send_socket(vrf);
     return;
   }
   _mutex = std::make_shared<HandshakeLock>();
-  if (_mutex->init_result() != 0) Protocol::log_no_mutex(_mutex->init_result());
+  if (_mutex->init_result() != 0) protocol_.log_no_mutex(_mutex->init_result());
 }
 
-template <class Family>
-void LinkProber<Family>::set_target(const std::string& target, const std::string& source,
-                                    const std::string& ifname) {
+std::optional<MacAddress> LinkProber::resolve(const std::string& gateway, const std::string& source,
+                                              const std::string& ifname) {
+  set_target(gateway, source, ifname);
+  std::optional<MacAddress> mac;
+  const int known = look_first(mac);
+  if (known < 0 || mac) return mac;
+  if (known == 0 && !request()) return std::nullopt;
+  return poll_table();
+}
+
+void LinkProber::set_target(const std::string& target, const std::string& source,
+                            const std::string& ifname) {
   _target = target;
   _source = source;
   _ifname = ifname;
   _targets->watch(target, ifname);
 }
 
-template <class Family>
-int LinkProber<Family>::lock_mutex() {
-  return lock(*_mutex, "lock_mutex");
+bool LinkProber::request() {
+  start_receiver();
+  if (lock_mutex() != 0) return false;
+  send_request();
+  return unlock_mutex() == 0;
 }
 
-template <class Family>
-int LinkProber<Family>::unlock_mutex() {
-  return unlock(*_mutex, "unlock_mutex");
+std::optional<MacAddress> LinkProber::poll_table() {
+  MacAddress mac{};
+  for (int poll = 1; look_up(mac) != 1; ++poll) {
+    if (poll == kPolls) return std::nullopt;
+    sleep_for(kPause);
+  }
+  return mac;
 }
 
-template <class Family>
-int LinkProber<Family>::lock(HandshakeLock& mutex, const char* operation) {
-  const int rc = mutex.lock();
-  if (rc == 0) return 0;
-  log_mutex_failure(operation, "pthread_mutex_lock", Protocol::kMutex, rc);
-  return -1;
-}
+int LinkProber::lock_mutex() { return take(protocol_, *_mutex, "lock_mutex"); }
 
-template <class Family>
-int LinkProber<Family>::unlock(HandshakeLock& mutex, const char* operation) {
-  const int rc = mutex.unlock();
-  if (rc == 0) return 0;
-  log_mutex_failure(operation, "pthread_mutex_unlock", Protocol::kMutex, rc);
-  return -1;
-}
+int LinkProber::unlock_mutex() { return give_back(protocol_, *_mutex, "unlock_mutex"); }
 
-template <class Family>
-typename LinkProber<Family>::Registry& LinkProber<Family>::registry() {
+LinkProber::Registry& LinkProber::registry() const {
   // Leaked on purpose: workers may still run while the process exits.
-  static Registry& registry = *new Registry;
-  return registry;
+  static Registry& ipv4 = *new Registry;
+  static Registry& ipv6 = *new Registry;
+  return protocol_.family.ipv6 ? ipv6 : ipv4;
 }
 
-template <class Family>
-int LinkProber<Family>::send_socket() const {
+int LinkProber::send_socket() const {
   Registry& shared = registry();
   MutexLock lock(shared.mutex);
   return shared._send_sock[_vrf].get();
 }
 
-template <class Family>
-void LinkProber<Family>::close_send_socket() {
+void LinkProber::close_send_socket() {
   Registry& shared = registry();
   MutexLock lock(shared.mutex);
   shared._send_sock[_vrf].reset();
 }
 
-template <class Family>
-bool LinkProber<Family>::mark_started(const std::string& vrf) {
+bool LinkProber::mark_started() {
   Registry& shared = registry();
   MutexLock lock(shared.mutex);
-  return !std::exchange(shared._recv_started[vrf], true);
+  return !std::exchange(shared._recv_started[_vrf], true);
 }
 
-template <class Family>
-void LinkProber<Family>::start_receiver() {
-  if (!mark_started(_vrf)) return;
-  if (lock(*_mutex, Protocol::kStarter) != 0) return;
+void LinkProber::start_receiver() {
+  if (!mark_started()) return;
+  if (take(protocol_, *_mutex, protocol_.starter) != 0) return;
 
-  auto argument = std::make_unique<ThreadArgument>(ThreadArgument{_mutex, _targets});
+  auto argument = std::make_unique<ThreadArgument>(ThreadArgument{protocol_, _mutex, _targets});
   const DetachedThread thread = start_detached_thread(&receive, argument.get());
   if (thread.create_result == 0) {
     static_cast<void>(argument.release());  // the thread's own now
   } else {
-    unlock(*_mutex, Protocol::kStarter);
-    LB_ERROR("<%s> Can't create new thread for %s recv", Protocol::kStarter, Protocol::kThread);
+    give_back(protocol_, *_mutex, protocol_.starter);
+    LB_ERROR("<%s> Can't create new thread for %s recv", protocol_.starter, protocol_.thread);
   }
   if (thread.detach_result != 0) {
-    LB_ERROR("<%s> Can't detach thread for %s recv", Protocol::kStarter, Protocol::kThread);
+    LB_ERROR("<%s> Can't detach thread for %s recv", protocol_.starter, protocol_.thread);
   }
 }
 
-template <class Family>
-void* LinkProber<Family>::receive(void* argument) {
+void* LinkProber::receive(void* argument) {
   const std::unique_ptr<ThreadArgument> own(static_cast<ThreadArgument*>(argument));
-  const FileDescriptor fd = Protocol::open_receiver();
+  const LinkProtocol& protocol = own->protocol;
+  const FileDescriptor fd = protocol.open_receiver();
   if (!fd.valid()) {
-    LB_ERROR("<%s> socket() for _recv_sock failed ", Protocol::kReceiver);
-    if (Protocol::kUnlockWithoutSocket) unlock(*own->mutex, Protocol::kReceiver);
+    LB_ERROR("<%s> socket() for _recv_sock failed ", protocol.receiver);
+    if (protocol.unlock_without_socket) give_back(protocol, *own->mutex, protocol.receiver);
     return nullptr;
   }
   enlarge_receive_queue(fd.get());
-  if (unlock(*own->mutex, Protocol::kReceiver) != 0) return nullptr;
-  receive_frames(fd.get(), *own->targets);
+  if (give_back(protocol, *own->mutex, protocol.receiver) != 0) return nullptr;
+  receive_frames(protocol, fd.get(), *own->targets);
   return nullptr;
 }
 
-template <class Family>
-void LinkProber<Family>::receive_frames(int fd, WatchedTargets& targets) {
-  std::vector<uint8_t> buffer(65535);
-  pollfd waiting{fd, POLLIN, 0};
-  for (;;) {
-    const int ready = poll(&waiting, 1, -1);
-    if (ready < 0) Protocol::log_receive_failure("select");
-    if (ready <= 0) return;
-    const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
-    if (length < 0) {
-      if (errno == EINTR) continue;
-      Protocol::log_receive_failure("recv");
-      return;
-    }
-    if (!Protocol::handle_frame({buffer.data(), static_cast<size_t>(length)}, targets)) return;
+int first_address(const Family& family, const std::string& name, void* address) {
+  addrinfo hints{};
+  hints.ai_family = family.address_family;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_CANONNAME;
+  addrinfo* list = nullptr;
+  const int rc = getaddrinfo(name.c_str(), nullptr, &hints, &list);
+  if (rc != 0) return rc;
+  if (family.ipv6) {
+    std::memcpy(address, &reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_addr,
+                sizeof(in6_addr));
+  } else {
+    std::memcpy(address, &reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_addr,
+                sizeof(in_addr));
   }
+  freeaddrinfo(list);
+  return 0;
 }
-
-template class LinkProber<Ipv4>;
-template class LinkProber<Ipv6>;

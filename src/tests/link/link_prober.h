@@ -6,14 +6,15 @@
 // with the first request and running from then on, also when the prober goes; it writes the answers
 // for watched targets into the kernel's table, where the worker finds them.
 //
+//   worker:    resolve -> look_first -> (request -> send_request) -> look_up ... look_up
+//   receiver:  frame -> LinkProtocol::handle_frame -> the kernel's table
+//
 // The receiver and the worker share two objects, which both own: the handshake lock, held from
 // the receiver's start until it listens, so that no request goes out before that, and the watched
 // targets. Everything else belongs to the worker.
 #pragma once
 
-#include <cstddef>
-#include <ctime>
-#include <map>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <span>
@@ -21,81 +22,73 @@
 
 #include "packets/ethernet.h"
 #include "packets/family.h"
-#include "platform/clock.h"
 #include "platform/file_descriptor.h"
-#include "platform/mutex.h"
 #include "tests/link/handshake_lock.h"
+#include "tests/link/watched_targets.h"
 
-// The addresses whose answers are wanted, each with the interface it is reached by. Entries are
-// never removed. Any thread.
-class WatchedTargets {
- public:
-  using Map = std::map<std::string, std::string>;
+// What the two protocols do differently outside of a look-up; one constant object each.
+struct LinkProtocol {
+  const Family& family;
 
-  // Of addresses that nobody watches, at most this many are noted: whoever is on the wire can send
-  // answers from any number of addresses, and must not be able to spend the memory.
-  static constexpr size_t kMostUnwatched = 256;
+  // Words of the messages.
+  const char* destructor;
+  const char* mutex;
+  const char* starter;
+  const char* receiver;
+  const char* thread;
 
-  void watch(const std::string& target, const std::string& ifname) LB_EXCLUDES(mutex_);
+  // Whether a receiver without a socket gives the handshake lock back.
+  bool unlock_without_socket;
 
-  // The interface of `address`; empty for one that is not watched, which gains an entry with an
-  // empty name while there are fewer than kMostUnwatched of them.
-  std::string interface_of(const std::string& address) LB_EXCLUDES(mutex_);
+  // The receiver's socket; not valid on failure, with errno set.
+  FileDescriptor (*open_receiver)();
 
-  Map snapshot() const LB_EXCLUDES(mutex_);
+  // What is done with a received frame; false ends the receiver.
+  bool (*handle_frame)(std::span<const uint8_t> frame, WatchedTargets& targets);
 
- private:
-  mutable Mutex mutex_;
-  Map _targets LB_GUARDED_BY(mutex_);
-  size_t unwatched_ LB_GUARDED_BY(mutex_) = 0;  // entries with an empty name
+  void (*log_no_send_socket)(const std::string& vrf);
+  void (*log_no_mutex)(int rc);
+  void (*log_receive_failure)(const char* call);
 };
 
-// What the two protocols do differently; specialised beside each prober with
-//   kMutex, kDestructor, kStarter, kReceiver, kThread   words of the messages
-//   kUnlockWithoutSocket         whether a receiver without a socket gives the handshake lock back
-//   open_receiver()              the receiver's socket
-//   handle_frame(frame, targets) what is done with a frame; false ends the receiver
-//   log_no_send_socket(vrf), log_no_mutex(rc), log_receive_failure(call)
-template <class Family>
-struct LinkProtocol;
-
-// The first address that `name` resolves to. 0, or the failure of getaddrinfo.
-template <class Family>
-int first_address(const std::string& name, typename Family::Address& address);
-
-template <class Family>
 class LinkProber {
  public:
   LinkProber(const LinkProber&) = delete;
   LinkProber& operator=(const LinkProber&) = delete;
+  virtual ~LinkProber();
 
   // Opens the sending socket of `vrf`, the namespace that the calling thread is in. Failures are
   // logged; the prober then resolves what the kernel knows, and its requests fail.
   void init(const std::string& vrf);
 
-  // The address wanted from now on, which is also watched for answers.
+  // The link-layer address of `gateway` for frames from `source` by `ifname`: asks the kernel's
+  // table, sends a request where that has no entry, and waits about a tenth of a second at most.
+  // Nothing when the address did not come. The prober's worker only.
+  std::optional<MacAddress> resolve(const std::string& gateway, const std::string& source,
+                                    const std::string& ifname);
+
+  // The steps of resolve. The address wanted from now on, which is also watched for answers:
   void set_target(const std::string& target, const std::string& source, const std::string& ifname);
 
   // The handshake lock; 0, or -1 (logged).
   int lock_mutex();
   int unlock_mutex();
 
-  // Sends a request by calling `send`, not before the VRF's receiver listens. False when the
-  // handshake lock failed.
-  template <class Send>
-  bool request_address(const Send& send) {
-    start_receiver();
-    if (lock_mutex() != 0) return false;
-    send();
-    return unlock_mutex() == 0;
-  }
-
   // For reading only; the receiver adds to them.
   const WatchedTargets& targets() const { return *_targets; }
 
  protected:
-  LinkProber();
-  ~LinkProber();
+  explicit LinkProber(const LinkProtocol& protocol);
+
+  // Before any request: 1 when the kernel's table holds the target, with the address in `mac` if
+  // the look gave it; 0 when a request is needed; -1 when there is no way to get it.
+  virtual int look_first(std::optional<MacAddress>& mac) = 0;
+
+  // One look into the kernel's table: 1 with the address, any other value without.
+  virtual int look_up(MacAddress& mac) = 0;
+
+  // Sends one request for the target; what fails is told by the prober.
+  virtual void send_request() = 0;
 
   // Starts the VRF's receiver thread unless that was tried before.
   void start_receiver();
@@ -112,45 +105,25 @@ class LinkProber {
   std::string _vrf;
 
  private:
-  using Protocol = LinkProtocol<Family>;
+  struct Registry;
+  struct ThreadArgument;
 
-  // Of the whole process, by VRF name.
-  struct Registry {
-    Mutex mutex;
-    std::map<std::string, FileDescriptor> _send_sock LB_GUARDED_BY(mutex);
-    std::map<std::string, bool> _recv_started LB_GUARDED_BY(mutex);
-  };
+  Registry& registry() const;
+  bool mark_started();
 
-  // What the receiver thread keeps for itself.
-  struct ThreadArgument {
-    std::shared_ptr<HandshakeLock> mutex;
-    std::shared_ptr<WatchedTargets> targets;
-  };
+  // Sends a request, not before the VRF's receiver listens. False when the handshake lock failed.
+  bool request();
 
-  static Registry& registry();
-  static bool mark_started(const std::string& vrf);
-  static int lock(HandshakeLock& mutex, const char* operation);
-  static int unlock(HandshakeLock& mutex, const char* operation);
+  // Looks the target up until it is there, for about a tenth of a second.
+  std::optional<MacAddress> poll_table();
+
   static void* receive(void* argument);
-  static void receive_frames(int fd, WatchedTargets& targets);
 
+  const LinkProtocol& protocol_;
   std::shared_ptr<WatchedTargets> _targets;
   std::shared_ptr<HandshakeLock> _mutex;
 };
 
-extern template class LinkProber<Ipv4>;
-extern template class LinkProber<Ipv6>;
-
-// Looks an address up until it is there: up to 101 times, with a pause of a millisecond between two
-// calls. Nothing when the last call missed too.
-template <class Lookup>
-std::optional<MacAddress> poll_link_address(const Lookup& lookup) {
-  constexpr int kPolls = 101;
-  constexpr timespec kPause{0, 1'000'000};
-  MacAddress mac{};
-  for (int poll = 1; lookup(mac) != 1; ++poll) {
-    if (poll == kPolls) return std::nullopt;
-    sleep_for(kPause);
-  }
-  return mac;
-}
+// The first address of the family that `name` resolves to, in network byte order (in_addr or
+// in6_addr). 0, or the failure of getaddrinfo.
+int first_address(const Family& family, const std::string& name, void* address);

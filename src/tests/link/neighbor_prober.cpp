@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <span>
+#include <string>
 
 #include "config/log.h"
 #include "packets/error_text.h"
@@ -35,7 +37,7 @@ bool parse_printed_address(const std::string& text, in6_addr& address) {
 // The text of the address that the solicited-node addresses are made from; empty on failure.
 std::string solicited_node_text() {
   in6_addr address;
-  const int resolved = first_address<Ipv6>(kSolicitedNodes, address);
+  const int resolved = first_address(kIpv6, kSolicitedNodes, &address);
   if (resolved != 0) {
     std::fprintf(stderr, "getaddrinfo() failed: %s\n", gai_strerror(resolved));
     return {};
@@ -58,26 +60,24 @@ bool read_source_mac(const std::string& ifname, MacAddress& mac) {
   return answer.answered();
 }
 
-}  // namespace
-
-FileDescriptor LinkProtocol<Ipv6>::open_receiver() {
+FileDescriptor open_receiver() {
   FileDescriptor fd = open_packet_socket(ETH_P_ALL);
   if (!fd.valid()) return fd;
   // A router sees many frames; the kernel keeps the others away from the thread. What it lets
   // through is looked at again, so a filter that is refused costs time only.
   sock_filter advertisements[] = {
-      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(EthernetHeader, type)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kEtherTypeIpv6, 0, 3),
-      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(NeighborFrame, message)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kNeighborAdvertisement, 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, 0xffffffff),
-      BPF_STMT(BPF_RET | BPF_K, 0),
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(EthernetHeader, type)),    // the EtherType
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kEtherTypeIpv6, 0, 3),             // not IPv6: refuse
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(NeighborFrame, message)),  // the ICMPv6 type
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kNeighborAdvertisement, 0, 1),     // another: refuse
+      BPF_STMT(BPF_RET | BPF_K, kWholePacket),                               // pass
+      BPF_STMT(BPF_RET | BPF_K, 0),                                          // refuse
   };
   attach_filter(fd.get(), advertisements);
   return fd;
 }
 
-bool LinkProtocol<Ipv6>::handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
+bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
   const auto advertisement = parse_neighbor_advertisement(frame);
   if (!advertisement) return true;
   const std::string target = address_to_text(AF_INET6, &advertisement->target);
@@ -90,13 +90,27 @@ bool LinkProtocol<Ipv6>::handle_frame(std::span<const uint8_t> frame, WatchedTar
   return true;
 }
 
-void LinkProtocol<Ipv6>::log_no_send_socket(const std::string&) {
-  LB_ERROR("<%s> socket() fo _send_sock failed ", "init");
-}
+}  // namespace
 
-void LinkProtocol<Ipv6>::log_no_mutex(int) { LB_ERROR("wan_lb: error mutex initialization"); }
+const LinkProtocol kNeighborProtocol{
+    .family = kIpv6,
+    .destructor = "~LBNeighbor",
+    .mutex = "_neighbor_mutex",
+    .starter = "receive_reply",
+    .receiver = "recv_neighbor",
+    .thread = "neigh",
+    // A receiver without a socket keeps the lock: requests that nobody would hear the answer of are
+    // held back for good.
+    .unlock_without_socket = false,
+    .open_receiver = open_receiver,
+    .handle_frame = handle_frame,
+    .log_no_send_socket =
+        [](const std::string& /*vrf*/) { LB_ERROR("<%s> socket() fo _send_sock failed ", "init"); },
+    .log_no_mutex = [](int /*rc*/) { LB_ERROR("wan_lb: error mutex initialization"); },
+    .log_receive_failure = [](const char* call) { LB_ERROR("%s() failed", call); },
+};
 
-void LinkProtocol<Ipv6>::log_receive_failure(const char* call) { LB_ERROR("%s() failed", call); }
+LBNeighbor::LBNeighbor() : LinkProber(kNeighborProtocol) {}
 
 void LBNeighbor::send_solicit() {
   MacAddress mac;
@@ -117,19 +131,19 @@ void LBNeighbor::send_solicit() {
   }
   const NeighborFrame frame =
       make_solicitation(mac, source, solicited_node_address(prefix, target), target);
-  if (send_frame(send_socket(), static_cast<int>(ifindex), mac, bytes_of(frame)) <= 0) {
+  if (send_link_frame(send_socket(), static_cast<int>(ifindex), mac, bytes_of(frame)) <= 0) {
     perror("sendto() failed");
     close_send_socket();
   }
 }
 
-std::optional<MacAddress> resolve_link_address(LBNeighbor& prober, const std::string& gateway,
-                                               const std::string& source,
-                                               const std::string& ifname) {
-  prober.set_target(gateway, source, ifname);
-  const auto lookup = [&](MacAddress& mac) { return get_neighbor_mac(gateway, &mac); };
-  MacAddress mac;
-  if (lookup(mac) == 1) return mac;
-  if (!prober.request_address([&] { prober.send_solicit(); })) return std::nullopt;
-  return poll_link_address(lookup);
+int LBNeighbor::look_first(std::optional<MacAddress>& mac) {
+  MacAddress found;
+  if (look_up(found) != 1) return 0;
+  mac = found;
+  return 1;
 }
+
+int LBNeighbor::look_up(MacAddress& mac) { return get_neighbor_mac(_target, &mac); }
+
+void LBNeighbor::send_request() { send_solicit(); }

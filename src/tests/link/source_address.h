@@ -1,10 +1,34 @@
-// The source address of IPv6 probes on an interface that has none configured.
+// The source address of a link-level probe. Looks into the calling thread's network namespace; any
+// thread.
 #pragma once
 
 #include <string>
 
+#include "packets/family.h"
+
+// The address that probes by `ifname` come from, as far as the configuration says. IPv4: the
+// configured address, or empty for the interface's own. IPv6: the configured address, unless that
+// is "::"; else link_local_source.
+std::string wanted_source(const Family& family, const std::string& ifname,
+                          const std::string& configured);
+
+// What makes a wanted source unusable.
+struct SourceFailure {
+  enum class Step { kNone, kNoOwnAddress, kNotPresent };
+  Step step = Step::kNone;
+  int error = 0;  // an errno value
+};
+
+// IPv4: replaces an empty source by the interface's own address, and demands that the source is an
+// address of the host, else replies could not come back. IPv6 sources are taken as they are.
+SourceFailure settle_source(const Family& family, const std::string& ifname, std::string& source);
+
 // The text of the first IPv6 address, in the order of the host's list, on an interface whose name
 // begins with `ifname` and that looks link-local: its first byte is 0xFE or its second one 0x80.
 // Both tests are deliberately loose. "::" when there is none; empty when the address cannot be
-// formatted (logged). Looks into the calling thread's network namespace.
+// formatted (logged).
 std::string link_local_source(const std::string& ifname);
+
+// True when the dotted IPv4 `address` is configured on an interface whose name begins with `ifname`
+// or with "vrrp". A failure to list the interfaces is logged and counts as false.
+bool address_on_interface(const std::string& ifname, const std::string& address);

@@ -8,26 +8,56 @@
 #include <string_view>
 #include <utility>
 
+#include "config/health_test.h"
 #include "config/lb_config.h"
 #include "support/property.h"
-#include "tests/lb_test.h"
 #include "tests/probe_factory.h"
 
-// Makes the daemon's own tests and notes what the reader tells them.
+// One of the daemon's own tests, which keeps what the reader told it.
+class RecordingTest : public HealthTest {
+ public:
+  RecordingTest(std::shared_ptr<HealthTest> test, std::string_view test_type)
+      : type(test_type), real_(std::move(test)) {}
+
+  void set_target(const std::string& value) override {
+    real_->set_target(value);
+    target = value;
+  }
+  void set_number(TestKeyword keyword, uint32_t value) override {
+    real_->set_number(keyword, value);
+    numbers[keyword] = value;
+  }
+  void init(LBInterface& interface) override { real_->init(interface); }
+  void send(LBInterface& interface, const LBWorkerContext& worker) override {
+    real_->send(interface, worker);
+  }
+  void recv(LBInterface& interface, const LBWorkerContext& worker) override {
+    real_->recv(interface, worker);
+  }
+  const char* type_name() const override { return real_->type_name(); }
+  std::string describe() const override { return real_->describe(); }
+  std::string get_description() const override { return real_->get_description(); }
+  TestReport report() const override { return real_->report(); }
+
+  const std::string type;
+  std::string target;
+  std::map<TestKeyword, uint32_t> numbers;
+
+ private:
+  const std::shared_ptr<HealthTest> real_;
+};
+
+// Makes the daemon's own tests, each in a recording one.
 class RecordingFactory : public TestFactory {
  public:
-  std::shared_ptr<LBTest> create(std::string_view type) const override {
-    return note(real_.create(type), type);
+  std::shared_ptr<HealthTest> create(std::string_view type, bool ipv6) const override {
+    auto test = real_.create(type, ipv6);
+    return test == nullptr ? nullptr : std::make_shared<RecordingTest>(std::move(test), type);
   }
-  std::shared_ptr<LBTest6> create6(std::string_view type) const override {
-    return note(real_.create6(type), type);
-  }
-  TestSettings& settings(LBTest& test) const override { return records_.at(&test); }
-  TestSettings& settings(LBTest6& test) const override { return records_.at(&test); }
 
   // The test shows what it was told.
   void check(const HealthTest& test) const {
-    const Record& record = records_.at(&test);
+    const auto& record = dynamic_cast<const RecordingTest&>(test);
     const TestReport report = test.report();
     HOLDS(report.target == record.target);
     HOLDS(report.result == kResultNone && !report.measurement);
@@ -45,7 +75,7 @@ class RecordingFactory : public TestFactory {
         {TestKeyword::kLoss, "loss"},
         {TestKeyword::kRtt, "rtt"},
         {TestKeyword::kJitter, "jitter"}};
-    const Record& record = records_.at(&test);
+    const auto& record = dynamic_cast<const RecordingTest&>(test);
     std::string text = "type " + record.type + "\n";
     if (!record.target.empty()) text += "target \"" + record.target + "\"\n";
     for (const auto& [keyword, value] : record.numbers) {
@@ -55,35 +85,7 @@ class RecordingFactory : public TestFactory {
   }
 
  private:
-  struct Record : TestSettings {
-    Record(TestSettings& test, std::string_view test_type) : real(test), type(test_type) {}
-    void set_target(const std::string& value) override {
-      real.set_target(value);
-      target = value;
-    }
-    void set_number(TestKeyword keyword, uint32_t value) override {
-      real.set_number(keyword, value);
-      numbers[keyword] = value;
-    }
-
-    TestSettings& real;
-    std::string type;
-    std::string target;
-    std::map<TestKeyword, uint32_t> numbers;
-  };
-
-  // A test that the reader did not keep may leave its address to the next one.
-  template <class Test>
-  std::shared_ptr<Test> note(std::shared_ptr<Test> test, std::string_view type) const {
-    if (test == nullptr) return nullptr;
-    records_.erase(test.get());
-    records_.emplace(std::piecewise_construct, std::forward_as_tuple(test.get()),
-                     std::forward_as_tuple(*test, type));
-    return test;
-  }
-
   LBTestFactory real_;
-  mutable std::map<const HealthTest*, Record> records_;
 };
 
 // The model's text; without a factory the tests are only named.
@@ -102,15 +104,11 @@ inline std::string config_text(const LBConfig& config, const RecordingFactory* f
       text += line("namespace", interface.vrf) + "\n";
       text += line("origin", interface.origin) + "\n";
       if (interface.check_all) text += "check_all\n";
-      const auto add_tests = [&](const auto& tests) {
-        for (const auto& [index, test] : tests) {
-          text += "test " + std::to_string(index) + " {\n";
-          text += factory == nullptr ? test->type_name() : factory->text(*test);
-          text += "\n}\n";
-        }
-      };
-      add_tests(interface.tests);
-      add_tests(interface.tests6);
+      for (const auto& [index, test] : interface.tests) {
+        text += "test " + std::to_string(index) + " {\n";
+        text += factory == nullptr ? test->type_name() : factory->text(*test);
+        text += "\n}\n";
+      }
       text += "}\n";
     }
   }

@@ -80,7 +80,7 @@ rule 1_ipv4 {
                   std::pair(TestKeyword::kCount, 5u), std::pair(TestKeyword::kLoss, 1u),
                   std::pair(TestKeyword::kRtt, 200u), std::pair(TestKeyword::kJitter, 50u),
                   std::pair(TestKeyword::kResponseTime, 5000u)));
-  ASSERT_THAT(eth1().tests6, ElementsAre(Key(1)));
+  ASSERT_THAT(eth1().tests, ElementsAre(Key(1)));
   EXPECT_EQ(test(eth1(), 1).target, "2001:db8::1");
 
   ASSERT_THAT(config_.rules, ElementsAre(Key("1_ipv4")));
@@ -304,8 +304,7 @@ TEST_F(ConfigReaderTest, GivesDefaultTestsToInterfacesWithoutAny) {
   EXPECT_THAT(eth0().tests, ElementsAre(Key(1)));
   EXPECT_EQ(test(eth0(), 1).type, "ping");
   EXPECT_EQ(test(eth0(), 1).target, "");
-  EXPECT_THAT(eth1().tests6, ElementsAre(Key(1)));
-  EXPECT_TRUE(eth1().tests.empty());
+  EXPECT_THAT(eth1().tests, ElementsAre(Key(1)));
   EXPECT_EQ(test(eth1(), 1).type, "ping6");
   EXPECT_THAT(config_.interfaces.at("eth2").tests, ElementsAre(Key(7)));
 }

@@ -34,7 +34,6 @@ void expect_same_interface(const LBInterface& copy, const LBInterface& original)
   EXPECT_EQ(copy.ipv6, original.ipv6);
   EXPECT_EQ(copy.vrf, original.vrf);
   EXPECT_EQ(copy.tests, original.tests);  // the same objects
-  EXPECT_EQ(copy.tests6, original.tests6);
   EXPECT_EQ(copy.snapshot().target_results, original.snapshot().target_results);
 }
 

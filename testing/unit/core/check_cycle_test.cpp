@@ -37,7 +37,6 @@ class CheckCycleTest : public CoreFixture {
     for (const bool ipv6 : {false, true}) {
       for (auto& [name, interface] : daemon_.config().interfaces_of(ipv6)) {
         interface.tests.clear();
-        interface.tests6.clear();
         add_test(interface, 1, name + " 1");
       }
     }
@@ -99,7 +98,7 @@ TEST_F(CheckCycleTest, StartAnnouncesTheInterfacesOfTheWorker) {
 }
 
 TEST_F(CheckCycleTest, StartOfAnIpv6WorkerSaysSo) {
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   worker_.vrf = "red";
   cycle_.start();
   EXPECT_THAT(log_records(),
@@ -123,7 +122,7 @@ TEST_F(CheckCycleTest, StartPreparesTheTestsOfBothFamiliesOfItsVrf) {
 }
 
 TEST_F(CheckCycleTest, StartOfTheOtherFamilysWorkerPreparesTheSameTests) {
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   worker_.vrf = "red";
   cycle_.start();
   EXPECT_THAT(events_.all(), ElementsAre("init red1 1", "init red6 1"));
@@ -143,7 +142,7 @@ TEST_F(CheckCycleTest, AllProbesAreOutBeforeAnyIsJudged) {
 }
 
 TEST_F(CheckCycleTest, WorkerOfAnotherFamilyAndVrfRunsItsOwnTestsOnly) {
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   worker_.vrf = "red";
   cycle_.run_once();
   EXPECT_THAT(events_of("send "), ElementsAre("send red6 1"));
@@ -236,7 +235,7 @@ TEST_F(CheckCycleTest, EndOfTheCycleClearsTheChangesOfItsFamilyInAllVrfs) {
   EXPECT_FALSE(changed(interface("wan1")));
   EXPECT_FALSE(changed(interface("red1")));
   EXPECT_TRUE(changed(interface6("wan6")));
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   cycle_.run_once();
   EXPECT_FALSE(changed(interface6("wan6")));
   EXPECT_FALSE(changed(interface6("red6")));

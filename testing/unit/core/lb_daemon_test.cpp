@@ -44,9 +44,9 @@ TEST_F(LBDaemonTest, TestsAreThoseOfTheProduct) {
   ASSERT_THAT(interface("eth0").tests, ElementsAre(Key(1)));
   EXPECT_NE(dynamic_cast<LBTestICMP*>(interface("eth0").tests.at(1).get()), nullptr);
   EXPECT_EQ(interface("eth0").tests.at(1)->describe(), "target: , resp_time: 5000");
-  ASSERT_THAT(interface6("eth1").tests6, ElementsAre(Key(1)));
-  EXPECT_NE(dynamic_cast<LBTestICMP6*>(interface6("eth1").tests6.at(1).get()), nullptr);
-  EXPECT_EQ(interface6("eth1").tests6.at(1)->describe(), "target: , resp_time: 5000");
+  ASSERT_THAT(interface6("eth1").tests, ElementsAre(Key(1)));
+  EXPECT_NE(dynamic_cast<LBTestICMP6*>(interface6("eth1").tests.at(1).get()), nullptr);
+  EXPECT_EQ(interface6("eth1").tests.at(1)->describe(), "target: , resp_time: 5000");
 }
 
 TEST_F(LBDaemonTest, MissingFileLoadsAsNothing) {

@@ -51,7 +51,6 @@ class VrfThreadTest : public CoreFixture {
     for (const bool ipv6 : {false, true}) {
       for (auto& [name, interface] : daemon_.config().interfaces_of(ipv6)) {
         interface.tests.clear();
-        interface.tests6.clear();
         add_test(interface, 1, name, [this](const LBWorkerContext& worker) { note(worker); });
       }
     }

@@ -140,7 +140,7 @@ TEST_F(LBOutputTest, TestsInIndexOrder) {
   LBInterface& interface = config_.interfaces.at("eth1");
   for (const int index : {10, 2, 1}) {
     interface.tests[index] =
-        std::make_shared<ReportedTest<LBTest>>(make_report("t" + std::to_string(index), 0));
+        std::make_shared<ReportedTest>(make_report("t" + std::to_string(index), 0));
   }
   write();
   EXPECT_THAT(status(), HasSubstr("   Test:  ping\tTarget: t1\n"

@@ -35,8 +35,7 @@ class ConfigTest : public TemporaryDirectoryTest {
 
   // The recorder of a test, by its index.
   static RecordedTest& test(LBInterface& interface, int index) {
-    return interface.ipv6 ? FakeTestFactory::recorded(*interface.tests6.at(index))
-                          : FakeTestFactory::recorded(*interface.tests.at(index));
+    return dynamic_cast<RecordedTest&>(*interface.tests.at(index));
   }
 
   LBConfig config_;

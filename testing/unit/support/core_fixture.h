@@ -13,8 +13,8 @@
 
 #include "core/lb_daemon.h"
 #include "routing/interface_health.h"
+#include "support/blank_test.h"
 #include "support/temporary_directory.h"
-#include "tests/lb_test.h"
 
 // What happened, in its order. Any thread.
 class Events {
@@ -34,8 +34,7 @@ class Events {
 };
 
 // A test that notes every call as "send NAME" (init, recv); it sends nothing.
-template <class Base>
-class NotingTest : public Base {
+class NotingTest : public BlankTest {
  public:
   using OnSend = std::function<void(const LBWorkerContext&)>;
   NotingTest(Events& events, std::string name, OnSend on_send = {})
@@ -70,11 +69,7 @@ class CoreFixture : public TemporaryDirectoryTest {
   // Puts a noting test called `name` under `index`, in place of any other.
   void add_test(LBInterface& interface, int32_t index, const std::string& name,
                 std::function<void(const LBWorkerContext&)> on_send = {}) {
-    if (interface.ipv6) {
-      interface.tests6[index] = std::make_shared<NotingTest<LBTest6>>(events_, name, on_send);
-    } else {
-      interface.tests[index] = std::make_shared<NotingTest<LBTest>>(events_, name, on_send);
-    }
+    interface.tests[index] = std::make_shared<NotingTest>(events_, name, std::move(on_send));
   }
   LBInterface& interface(const std::string& name) { return daemon_.config().interfaces.at(name); }
   LBInterface& interface6(const std::string& name) { return daemon_.config().interfaces6.at(name); }

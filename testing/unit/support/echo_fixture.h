@@ -23,7 +23,7 @@
 #include "tests/link/neighbor_prober.h"
 
 // What differs between the families.
-template <class Family>
+template <class IpVersion>
 struct EchoKit;
 
 template <>
@@ -88,20 +88,20 @@ inline uint32_t word_at(const FakeNetwork::Bytes& bytes, size_t offset) {
          bytes[offset + 2] << 8 | bytes[offset + 3];
 }
 
-template <class Family>
+template <class IpVersion>
 class EchoFixture : public testing::Test {
  protected:
   using Bytes = FakeNetwork::Bytes;
 
   EchoFixture() {
-    interface_.nexthop = EchoKit<Family>::kGateway;
+    interface_.nexthop = EchoKit<IpVersion>::kGateway;
     interface_.vrf = vrf_;
     network_.addresses = {{ifname_, "192.0.2.1"}, {ifname_, "fe80::2"}};
-    prober_ = std::make_unique<typename EchoKit<Family>::Prober>();
+    prober_ = std::make_unique<typename EchoKit<IpVersion>::Prober>();
     prober_->init(vrf_);
-    worker_.ipv6 = Family::kIpv6 ? 1 : 0;
+    worker_.ipv6 = IpVersion::kFamily.ipv6;
     worker_.vrf = vrf_;
-    if constexpr (Family::kIpv6) {
+    if constexpr (IpVersion::kFamily.ipv6) {
       worker_.neighbor = prober_.get();
     } else {
       worker_.arp = prober_.get();
@@ -111,16 +111,16 @@ class EchoFixture : public testing::Test {
   }
 
   // A test of this family's type, bound to the interface.
-  std::unique_ptr<typename EchoKit<Family>::Test> make_test(
-      const std::string& target = EchoKit<Family>::kTarget) {
-    auto test = std::make_unique<typename EchoKit<Family>::Test>();
+  std::unique_ptr<typename EchoKit<IpVersion>::Test> make_test(
+      const std::string& target = EchoKit<IpVersion>::kTarget) {
+    auto test = std::make_unique<typename EchoKit<IpVersion>::Test>();
     if (!target.empty()) test->set_target(target);
     test->init(interface_);
     return test;
   }
 
-  ProbesInFlight& probes() { return probes_in_flight<Family>(); }
-  std::shared_ptr<InterfaceSockets> sockets() { return SocketRegistry<Family>::acquire(ifname_); }
+  ProbesInFlight& probes() { return probes_in_flight(IpVersion::kFamily); }
+  std::shared_ptr<InterfaceSockets> sockets() { return sockets_of(IpVersion::kFamily, ifname_); }
 
   // The mutex of the interface's sockets, made by the first acquire.
   pthread_mutex_t* acquire_mutex() {
@@ -139,7 +139,7 @@ class EchoFixture : public testing::Test {
   }
 
   // Enters a probe as a send would have done now.
-  int32_t enter_probe(const std::string& target = EchoKit<Family>::kTarget,
+  int32_t enter_probe(const std::string& target = EchoKit<IpVersion>::kTarget,
                       int32_t state = kProbeWaiting) {
     const int32_t key = probes().next_key();
     probes().insert(key, {ifname_, state, monotonic_now(), target});
@@ -158,17 +158,17 @@ class EchoFixture : public testing::Test {
   const std::string ifname_ = unused_name("lb");
   const std::string vrf_ = unused_name("vrf");
   FakeNetwork network_;
-  LBInterface interface_{ifname_, Family::kIpv6};
+  LBInterface interface_{ifname_, IpVersion::kFamily.ipv6};
   LBWorkerContext worker_;
-  std::unique_ptr<typename EchoKit<Family>::Prober> prober_;
+  std::unique_ptr<typename EchoKit<IpVersion>::Prober> prober_;
 };
 
 using BothFamilies = testing::Types<Ipv4, Ipv6>;
 
 struct FamilyName {
-  template <class Family>
+  template <class IpVersion>
   static std::string GetName(int) {
-    return Family::kName;
+    return IpVersion::kFamily.name;
   }
 };
 

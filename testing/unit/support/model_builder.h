@@ -28,7 +28,7 @@ inline LBInterface& add_active_interface(LBConfig& config, const std::string& na
 
 inline LBWorkerContext worker_of(bool ipv6, const std::string& vrf = kDefaultNamespace) {
   LBWorkerContext worker;
-  worker.ipv6 = ipv6 ? 1 : 0;
+  worker.ipv6 = ipv6;
   worker.vrf = vrf;
   return worker;
 }

@@ -13,18 +13,15 @@
 #include "output/dump_format.h"
 #include "output/lb_output.h"
 #include "platform/clock.h"
+#include "support/blank_test.h"
 #include "support/model_builder.h"
 #include "support/temporary_directory.h"
-#include "tests/lb_test.h"
 
 inline constexpr int32_t kNow = 1'700'000'000;  // the virtual wall clock
 
-template <typename Base>
-class ReportedTest : public Base {
+class ReportedTest : public BlankTest {
  public:
   explicit ReportedTest(TestReport report) : report_(std::move(report)) {}
-  void send(LBInterface&, const LBWorkerContext&) override {}
-  const char* type_name() const override { return "ping"; }
   TestReport report() const override { return report_; }
 
  private:
@@ -55,16 +52,15 @@ class OutputFixture : public TemporaryDirectoryTest {
  protected:
   OutputFixture() {
     LBInterface& interface = add_active_interface(config_, "eth0", "192.0.2.1");
-    interface.tests[1] =
-        std::make_shared<ReportedTest<LBTest>>(make_report("192.0.2.50", kResultSuccess));
+    interface.tests[1] = std::make_shared<ReportedTest>(make_report("192.0.2.50", kResultSuccess));
     edit_state(interface, [](InterfaceState& state) {
       state.last_success = kNow - 4;
       state.success_counts["192.0.2.50"] = 3;
     });
     add_interface(config_, "eth1").vrf = "red";
     LBInterface& interface6 = add_interface(config_, "eth6", true);
-    interface6.tests6[1] =
-        std::make_shared<ReportedTest<LBTest6>>(make_report("2001:db8::50", kResultFailure));
+    interface6.tests[1] =
+        std::make_shared<ReportedTest>(make_report("2001:db8::50", kResultFailure));
 
     LBRule& rule = config_.rules["1_ipv4"];
     rule.failover = 1;

@@ -153,7 +153,7 @@ TEST_F(BurstProbeSendTest, KeysWrap) {
 // The raw path: each failure is a failed burst.
 
 TEST_F(BurstProbeSendTest, WorkerOfTheOtherFamily) {
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   send();
   expect_failed();
   EXPECT_THAT(network_.sent, IsEmpty());
@@ -361,7 +361,7 @@ TEST_F(BurstProbeSendFrameTest, FrameThatCannotBeSent) {
 }
 
 TEST_F(BurstProbeSendFrameTest, WorkerOfTheOtherFamily) {
-  worker_.ipv6 = 1;
+  worker_.ipv6 = true;
   send();
   expect_failed();
   EXPECT_THAT(network_.sent, IsEmpty());

@@ -13,11 +13,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-template <class Family>
-class EchoPathFrameTest : public EchoFixture<Family> {
+template <class IpVersion>
+class EchoPathFrameTest : public EchoFixture<IpVersion> {
  protected:
   EchoPathFrameTest() {
-    this->interface_.source_address = Family::kIpv6 ? "2001:db8::1" : "192.0.2.1";
+    this->interface_.source_address = IpVersion::kFamily.ipv6 ? "2001:db8::1" : "192.0.2.1";
     test_ = this->make_test();
     set_log_flag(3, true);
   }
@@ -52,11 +52,11 @@ class EchoPathFrameTest : public EchoFixture<Family> {
 
   // The debug line that every failure with an errno value ends in.
   static auto send_error(int error) {
-    return LoggedDebug(std::string("wan_lb: error on sending ") + EchoKit<Family>::kPacket +
+    return LoggedDebug(std::string("wan_lb: error on sending ") + EchoKit<IpVersion>::kPacket +
                        " packet: " + std::to_string(error));
   }
 
-  std::unique_ptr<typename EchoKit<Family>::Test> test_;
+  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
   uint32_t key_ = 0;
 };
 
@@ -185,7 +185,7 @@ TYPED_TEST(EchoPathFrameTest, ProbeGoesOutWithoutARecord) {
   EXPECT_THAT(log_records(),
               ElementsAre(LoggedError(std::string("<create_conntrack_record> mnl_socket_recvfrom "
                                                   "for ip version ") +
-                                      (TypeParam::kIpv6 ? "6" : "4") + ": File exists")));
+                                      (TypeParam::kFamily.ipv6 ? "6" : "4") + ": File exists")));
 }
 
 // The interface's hardware address and index.
@@ -214,7 +214,7 @@ TYPED_TEST(EchoPathFrameTest, HardwareAddressThatCannotBeRead) {
   this->network_.ioctl_errors[SIOCGIFHWADDR] = EPERM;
   EXPECT_FALSE(this->send());
   EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError(TypeParam::kIpv6
+              ElementsAre(LoggedError(TypeParam::kFamily.ipv6
                                           ? "ioctl() failed to get source MAC adds Operation not "
                                             "permitted"
                                           : "ioctl() failed to get source MAC address Operation "

@@ -11,13 +11,13 @@ using testing::IsEmpty;
 
 namespace {
 
-template <class Family>
-class EchoPathRawTest : public EchoFixture<Family> {
+template <class IpVersion>
+class EchoPathRawTest : public EchoFixture<IpVersion> {
  protected:
   EchoPathRawTest() { this->network_.no_arp = true; }
 
   // Sends one probe to `target`; true when something went out. Its key is in `key_`.
-  bool send(const std::string& target = EchoKit<Family>::kTarget) {
+  bool send(const std::string& target = EchoKit<IpVersion>::kTarget) {
     const size_t before = this->network_.sent.size();
     if (test_ == nullptr) test_ = this->make_test(target);
     test_->set_target(target);
@@ -32,7 +32,7 @@ class EchoPathRawTest : public EchoFixture<Family> {
 
   const FakeNetwork::Datagram& sent() { return this->network_.sent.back(); }
 
-  std::unique_ptr<typename EchoKit<Family>::Test> test_;
+  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
   uint32_t key_ = 0;
 };
 
@@ -144,7 +144,7 @@ TYPED_TEST(EchoPathRawTest, NeedsNoNeighbourAndNoTrackingRecord) {
 TYPED_TEST(EchoPathRawTest, NameThatCannotBeResolved) {
   EXPECT_FALSE(this->send("nowhere.example"));
   EXPECT_THAT(this->network_.resolved, ElementsAre("nowhere.example"));
-  if (TypeParam::kIpv6) {
+  if (TypeParam::kFamily.ipv6) {
     EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("Error in resolving configured hostname: "
                                                          "nowhere.example")));
   } else {
@@ -154,13 +154,13 @@ TYPED_TEST(EchoPathRawTest, NameThatCannotBeResolved) {
 }
 
 TYPED_TEST(EchoPathRawTest, ResolvingFailureHasAFlagOfItsOwn) {
-  set_log_flag(TypeParam::kIpv6 ? 2 : 1, false);
+  set_log_flag(TypeParam::kFamily.ipv6 ? 2 : 1, false);
   EXPECT_FALSE(this->send("nowhere.example"));
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TYPED_TEST(EchoPathRawTest, AddressOfTheOtherFamilyIsNotResolved) {
-  EXPECT_FALSE(this->send(TypeParam::kIpv6 ? "192.0.2.7" : "2001:db8::7"));
+  EXPECT_FALSE(this->send(TypeParam::kFamily.ipv6 ? "192.0.2.7" : "2001:db8::7"));
   EXPECT_EQ(log_records().size(), 1u);
 }
 
@@ -179,7 +179,7 @@ TYPED_TEST(EchoPathRawTest, InterfaceThatTheSocketCannotBeBoundTo) {
     EXPECT_FALSE(this->send());
   }
   EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError(TypeParam::kIpv6
+              ElementsAre(LoggedError(TypeParam::kFamily.ipv6
                                           ? "wan_lb: failure to bind to interface (ipv6): ge1/2"
                                           : "wan_lb: failure to bind to interface: ge1/2")));
 }
@@ -194,7 +194,7 @@ TYPED_TEST(EchoPathRawTest, InterfaceWithoutADeviceName) {
   }
   EXPECT_THAT(
       log_records(),
-      ElementsAre(LoggedError(TypeParam::kIpv6
+      ElementsAre(LoggedError(TypeParam::kFamily.ipv6
                                   ? "wan_lb: failure to bind to interface (ipv6): unknown interface"
                                   : "wan_lb: failure to bind to interface: unknown interface")));
 }
@@ -258,7 +258,7 @@ TEST_F(EchoPathRaw4Test, NameIsResolvedAndThenRefused) {
 TEST_F(EchoPathRaw4Test, NameFailsEachTimeByTimeOut) {
   network_.known_hosts["probe.example"] = {"192.0.2.77"};
   const auto test = make_test("probe.example");
-  sockets()->receiver_running = true;
+  sockets()->receiver = ReceiverState::kFailed;
   for (int cycle = 1; cycle <= 2; ++cycle) {
     test->send(interface_, worker_);
     virtual_clock::advance(std::chrono::milliseconds(5001));

@@ -10,8 +10,8 @@ using namespace std::chrono_literals;
 namespace {
 
 // Sends by the raw path, unless a test says otherwise.
-template <class Family>
-class EchoProbeTest : public EchoFixture<Family> {
+template <class IpVersion>
+class EchoProbeTest : public EchoFixture<IpVersion> {
  protected:
   EchoProbeTest() { this->network_.no_arp = true; }
 
@@ -21,7 +21,7 @@ class EchoProbeTest : public EchoFixture<Family> {
     }
   }
 
-  void send(typename EchoKit<Family>::Test& test) {
+  void send(typename EchoKit<IpVersion>::Test& test) {
     test.send(this->interface_, this->worker_);
     targets_.push_back(test.report().target);
   }
@@ -29,8 +29,8 @@ class EchoProbeTest : public EchoFixture<Family> {
   uint32_t sent_key(size_t index) const {
     const auto& bytes = this->network_.sent.at(index).bytes;
     const bool framed = bytes.size() > 40;
-    return word_at(bytes,
-                   framed ? EchoKit<Family>::kFrameKeyOffset : EchoKit<Family>::kRawKeyOffset);
+    return word_at(
+        bytes, framed ? EchoKit<IpVersion>::kFrameKeyOffset : EchoKit<IpVersion>::kRawKeyOffset);
   }
 
   // A slow machine must not use up the time in which the reply is to come.
@@ -41,7 +41,7 @@ class EchoProbeTest : public EchoFixture<Family> {
     const auto test = this->make_test();
     const timespec entered = monotonic_now();
     send(*test);
-    const auto entry = this->probe_to(EchoKit<Family>::kTarget);
+    const auto entry = this->probe_to(EchoKit<IpVersion>::kTarget);
     ASSERT_TRUE(entry.has_value());
     EXPECT_GE(elapsed_milliseconds(entered, left), 700);
     EXPECT_EQ(elapsed_milliseconds(entry->probe.sent_at, left), 0);
@@ -142,7 +142,7 @@ TYPED_TEST(EchoProbeTest, OtherTargetsAndInterfacesHaveTheirOwn) {
   using Kit = EchoKit<TypeParam>;
   const auto test = this->make_test();
   const auto other_target = this->make_test(Kit::kOtherGateway);
-  LBInterface other_interface(unused_name("lb"), TypeParam::kIpv6);
+  LBInterface other_interface(unused_name("lb"), TypeParam::kFamily.ipv6);
   const auto other_way = std::make_unique<typename Kit::Test>();
   other_way->set_target(Kit::kTarget);
   other_way->init(other_interface);
@@ -214,7 +214,7 @@ TYPED_TEST(EchoProbeTest, NoTargetAndNoGatewaySendNothing) {
 TYPED_TEST(EchoProbeTest, LearntNextHopIsKeptAsTargetForGood) {
   using Kit = EchoKit<TypeParam>;
   for (const char* word : {"dhcp", "tunnel"}) {
-    LBInterface interface(unused_name("lb"), TypeParam::kIpv6);
+    LBInterface interface(unused_name("lb"), TypeParam::kFamily.ipv6);
     interface.nexthop = word;
     const auto test = std::make_unique<typename Kit::Test>();
     test->init(interface);
@@ -258,7 +258,7 @@ TYPED_TEST(EchoProbeTest, OtherWordsAreGatewaysAsTheyStand) {
 // The interface's mutex.
 
 TYPED_TEST(EchoProbeTest, NothingIsSentWithoutTheMutex) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const broken = this->acquire_mutex();
   const auto test = this->make_test();
   {
@@ -278,7 +278,7 @@ TYPED_TEST(EchoProbeTest, NothingIsSentWithoutTheMutex) {
 }
 
 TYPED_TEST(EchoProbeTest, ProbeIsTakenBackWhenTheMutexStaysLocked) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const broken = this->acquire_mutex();
   const auto test = this->make_test();
   {
@@ -392,7 +392,7 @@ TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   this->send(*test);  // one at a time, also after a failure
   EXPECT_THAT(this->network_.sent, IsEmpty());
 
-  this->sockets()->receiver_running = true;
+  this->sockets()->receiver = ReceiverState::kFailed;
   virtual_clock::advance(5001ms);
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(test->report().result, 2);
@@ -400,7 +400,7 @@ TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
 }
 
 TYPED_TEST(EchoProbeTest, WorkerOfTheOtherFamilySendsNothing) {
-  this->worker_.ipv6 = TypeParam::kIpv6 ? 0 : 1;
+  this->worker_.ipv6 = !TypeParam::kFamily.ipv6;
   for (const bool no_arp : {true, false}) {
     {
       MutexLock lock(this->interface_.mutex);

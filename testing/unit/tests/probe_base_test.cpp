@@ -10,25 +10,25 @@ using namespace std::chrono_literals;
 namespace {
 
 // A test whose receiver never starts, so that only the worker touches the probes.
-template <class Family>
-class ProbeBaseTest : public EchoFixture<Family> {
+template <class IpVersion>
+class ProbeBaseTest : public EchoFixture<IpVersion> {
  protected:
   ProbeBaseTest() {
     mutex_ = this->acquire_mutex();
     test_ = this->make_test();
-    this->sockets()->receiver_running = true;
+    this->sockets()->receiver = ReceiverState::kFailed;
     key_ = this->enter_probe();
   }
 
   ~ProbeBaseTest() override {
-    if (const auto left = this->probe_to(EchoKit<Family>::kTarget)) {
+    if (const auto left = this->probe_to(EchoKit<IpVersion>::kTarget)) {
       this->probes().erase(left->key);
     }
   }
 
   void recv() { test_->recv(this->interface_, this->worker_); }
   int32_t result() { return test_->report().result; }
-  bool in_flight() { return this->probe_to(EchoKit<Family>::kTarget).has_value(); }
+  bool in_flight() { return this->probe_to(EchoKit<IpVersion>::kTarget).has_value(); }
 
   void expect_unsettled() {
     EXPECT_TRUE(in_flight());
@@ -40,24 +40,24 @@ class ProbeBaseTest : public EchoFixture<Family> {
   void expect_failed() {
     EXPECT_FALSE(in_flight());
     EXPECT_EQ(result(), 2);
-    EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(EchoKit<Family>::kTarget, 1)));
-    EXPECT_THAT(this->state().success_counts, ElementsAre(Pair(EchoKit<Family>::kTarget, 0)));
+    EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(EchoKit<IpVersion>::kTarget, 1)));
+    EXPECT_THAT(this->state().success_counts, ElementsAre(Pair(EchoKit<IpVersion>::kTarget, 0)));
   }
 
   void expect_succeeded() {
     EXPECT_FALSE(in_flight());
     EXPECT_EQ(result(), 1);
-    EXPECT_THAT(this->state().success_counts, ElementsAre(Pair(EchoKit<Family>::kTarget, 1)));
-    EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(EchoKit<Family>::kTarget, 0)));
+    EXPECT_THAT(this->state().success_counts, ElementsAre(Pair(EchoKit<IpVersion>::kTarget, 1)));
+    EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(EchoKit<IpVersion>::kTarget, 0)));
   }
 
   pthread_mutex_t* mutex_ = nullptr;  // the interface's
-  std::unique_ptr<typename EchoKit<Family>::Test> test_;
+  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
   int32_t key_ = 0;
 };
 
-template <class Family>
-class ProbeBaseStatusTest : public EchoFixture<Family> {};
+template <class IpVersion>
+class ProbeBaseStatusTest : public EchoFixture<IpVersion> {};
 
 }  // namespace
 
@@ -173,11 +173,11 @@ TYPED_TEST(ProbeBaseTest, OtherTargetsProbeIsNotTouched) {
 }
 
 TYPED_TEST(ProbeBaseTest, OtherInterfacesProbeIsNotTouched) {
-  LBInterface other(unused_name("lb"), TypeParam::kIpv6);
+  LBInterface other(unused_name("lb"), TypeParam::kFamily.ipv6);
   const auto test = std::make_unique<typename EchoKit<TypeParam>::Test>();
   test->set_target(EchoKit<TypeParam>::kTarget);
   test->init(other);
-  SocketRegistry<TypeParam>::acquire(other.origin)->receiver_running = true;
+  sockets_of(TypeParam::kFamily, other.origin)->receiver = ReceiverState::kFailed;
   virtual_clock::advance(60s);
   test->recv(other, this->worker_);
   this->expect_unsettled();
@@ -186,17 +186,17 @@ TYPED_TEST(ProbeBaseTest, OtherInterfacesProbeIsNotTouched) {
 
 TYPED_TEST(ProbeBaseTest, WorkerOfTheOtherFamilyDoesNothing) {
   LBWorkerContext other = this->worker_;
-  other.ipv6 = TypeParam::kIpv6 ? 0 : 1;
-  this->sockets()->receiver_running = false;
+  other.ipv6 = !TypeParam::kFamily.ipv6;
+  this->sockets()->receiver = ReceiverState::kAbsent;
   virtual_clock::advance(60s);
   this->test_->recv(this->interface_, other);
   this->expect_unsettled();
   EXPECT_EQ(call_count("pthread_create"), 0);
-  EXPECT_FALSE(this->sockets()->receiver_running);
+  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   virtual_clock::advance(5001ms);
   int unlocks = 0;
   {
@@ -220,7 +220,7 @@ TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
 }
 
 TYPED_TEST(ProbeBaseTest, UnlockFailureIsLogged) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   this->probes().mark_answered(this->key_);
   {
     CallHook unlock(wrapped::pthread_mutex_unlock, [this](pthread_mutex_t* mutex) {
@@ -307,7 +307,7 @@ TYPED_TEST(ProbeBaseStatusTest, RecvWithNothingInFlightStartsTheReceiverOnly) {
   const auto test = this->make_test();
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(call_count("pthread_create"), 1);
-  EXPECT_TRUE(this->sockets()->receiver_running);
+  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
   EXPECT_EQ(test->report().result, 0);
   EXPECT_THAT(this->state().failure_counts, IsEmpty());
   EXPECT_THAT(this->state().success_counts, IsEmpty());

@@ -8,8 +8,8 @@ using testing::IsEmpty;
 
 namespace {
 
-template <class Family>
-class InterfaceSocketsTest : public EchoFixture<Family> {};
+template <class IpVersion>
+class InterfaceSocketsTest : public EchoFixture<IpVersion> {};
 
 }  // namespace
 
@@ -88,11 +88,11 @@ TYPED_TEST(InterfaceSocketsTest, SecondInitMakesNoSocketAndNoMutex) {
 }
 
 TYPED_TEST(InterfaceSocketsTest, FamiliesAndNamesHaveTheirOwn) {
-  using Other = std::conditional_t<TypeParam::kIpv6, Ipv4, Ipv6>;
+  using Other = std::conditional_t<TypeParam::kFamily.ipv6, Ipv4, Ipv6>;
   this->sockets();
-  SocketRegistry<Other>::acquire(this->ifname_);
+  sockets_of(Other::kFamily, this->ifname_);
   EXPECT_EQ(this->network_.sockets.size(), 6u);
-  SocketRegistry<TypeParam>::acquire(unused_name("lb"));
+  sockets_of(TypeParam::kFamily, unused_name("lb"));
   EXPECT_EQ(this->network_.sockets.size(), 9u);
 }
 
@@ -104,7 +104,7 @@ TYPED_TEST(InterfaceSocketsTest, FailureIsLoggedAndNotTriedAgain) {
     std::shared_ptr<InterfaceSockets> sockets;
     {
       Fault fault("socket", EPERM, failing, 1);
-      sockets = SocketRegistry<TypeParam>::acquire(ifname);
+      sockets = sockets_of(TypeParam::kFamily, ifname);
     }
     EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: failed to acquired socket")));
     EXPECT_EQ(sockets->send_socket.valid(), failing > 0);
@@ -112,7 +112,7 @@ TYPED_TEST(InterfaceSocketsTest, FailureIsLoggedAndNotTriedAgain) {
     EXPECT_FALSE(sockets->recv_socket.valid());
     EXPECT_EQ(this->network_.sockets.size(), static_cast<size_t>(failing));
 
-    EXPECT_EQ(SocketRegistry<TypeParam>::acquire(ifname), sockets);
+    EXPECT_EQ(sockets_of(TypeParam::kFamily, ifname), sockets);
     EXPECT_EQ(this->network_.sockets.size(), static_cast<size_t>(failing));
   }
 }
@@ -172,7 +172,7 @@ TYPED_TEST(InterfaceSocketsTest, EndOfATestThatWasNeverBoundClosesNothing) {
 }
 
 TYPED_TEST(InterfaceSocketsTest, LockFailuresAreLogged) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const mutex = this->acquire_mutex();
   ASSERT_NE(mutex, nullptr);
   InterfaceMutex& lock = this->sockets()->mutex;
@@ -182,14 +182,14 @@ TYPED_TEST(InterfaceSocketsTest, LockFailuresAreLogged) {
       errno = EAGAIN;
       return EINVAL;
     });
-    EXPECT_FALSE(lock.lock<TypeParam>("recv"));
+    EXPECT_FALSE(lock.lock("recv"));
   }
   EXPECT_THAT(log_records(),
               ElementsAre(LoggedError("<recv> pthread_mutex_lock for " + family +
                                       " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
                                       "unavailable)")));
   clear_log();
-  EXPECT_TRUE(lock.lock<TypeParam>("send"));
+  EXPECT_TRUE(lock.lock("send"));
   EXPECT_THAT(log_records(), IsEmpty());
   {
     CallHook hook(wrapped::pthread_mutex_unlock, [mutex](pthread_mutex_t* unlocked) {
@@ -198,7 +198,7 @@ TYPED_TEST(InterfaceSocketsTest, LockFailuresAreLogged) {
       errno = ENOENT;
       return EPERM;
     });
-    EXPECT_FALSE(lock.unlock<TypeParam>("send"));
+    EXPECT_FALSE(lock.unlock("send"));
   }
   EXPECT_THAT(
       log_records(),
@@ -217,7 +217,7 @@ TEST(InterfaceSockets6Test, ComesFromTheProtocolsDatabase) {
                   *result = entry;
                   return 0;
                 });
-  SocketRegistry<Ipv6>::acquire(unused_name("lb"));
+  sockets_of(kIpv6, unused_name("lb"));
   EXPECT_EQ(asked, "ipv6-icmp");
   ASSERT_EQ(network.sockets.size(), 3u);
   EXPECT_EQ(network.sockets[0].protocol, 199);
@@ -232,10 +232,10 @@ TEST(InterfaceSockets6Test, IsFiftyEightWithoutADatabase) {
                     *result = nullptr;
                     return 0;
                   });
-    SocketRegistry<Ipv6>::acquire(unused_name("lb"));
+    sockets_of(kIpv6, unused_name("lb"));
   }
   Fault fault("getprotobyname_r", ENOENT);
-  SocketRegistry<Ipv6>::acquire(unused_name("lb"));
+  sockets_of(kIpv6, unused_name("lb"));
   ASSERT_EQ(network.sockets.size(), 6u);
   EXPECT_EQ(network.sockets[0].protocol, 58);
   EXPECT_EQ(network.sockets[3].protocol, 58);
@@ -244,6 +244,6 @@ TEST(InterfaceSockets6Test, IsFiftyEightWithoutADatabase) {
 
 TEST(InterfaceSockets4Test, NeedsNoDatabase) {
   FakeNetwork network;
-  SocketRegistry<Ipv4>::acquire(unused_name("lb"));
+  sockets_of(kIpv4, unused_name("lb"));
   EXPECT_EQ(call_count("getprotobyname_r"), 0);
 }

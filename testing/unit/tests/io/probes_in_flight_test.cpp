@@ -23,8 +23,8 @@ TEST(ProbesInFlightKeyTest, RunFromOneToTheLargestAndOnFromZero) {
 }
 
 TEST(ProbesInFlightKeyTest, FamiliesCountApart) {
-  ProbesInFlight& ipv4 = probes_in_flight<Ipv4>();
-  ProbesInFlight& ipv6 = probes_in_flight<Ipv6>();
+  ProbesInFlight& ipv4 = probes_in_flight(kIpv4);
+  ProbesInFlight& ipv6 = probes_in_flight(kIpv6);
   EXPECT_NE(&ipv4, &ipv6);
   const int32_t key = ipv6.next_key();
   ipv4.next_key();

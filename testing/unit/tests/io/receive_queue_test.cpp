@@ -35,26 +35,26 @@ class Queue {
 };
 
 // An echo reply with that key, as the family's raw sockets deliver it.
-template <class Family>
+template <class IpVersion>
 Bytes reply(uint32_t key) {
-  Bytes message(Family::kIpv6 ? 12 : 32);
-  message[Family::kIpv6 ? 0 : 20] = Family::kIpv6 ? 129 : 0;
+  Bytes message(IpVersion::kFamily.ipv6 ? 12 : 32);
+  message[IpVersion::kFamily.ipv6 ? 0 : 20] = IpVersion::kFamily.ipv6 ? 129 : 0;
   for (size_t at = 0; at < 4; ++at) {
     message[message.size() - 1 - at] = static_cast<uint8_t>(key >> (8 * at));
   }
   return message;
 }
 
-template <class Family>
+template <class IpVersion>
 std::optional<uint32_t> key_of(const Bytes& message) {
-  if constexpr (Family::kIpv6) {
+  if constexpr (IpVersion::kFamily.ipv6) {
     return echo6_reply_key(message);
   } else {
     return echo_reply_key(message);
   }
 }
 
-template <class Family>
+template <class IpVersion>
 class ReceiveQueueFilterTest : public testing::Test {};
 
 }  // namespace
@@ -63,7 +63,7 @@ TYPED_TEST_SUITE(ReceiveQueueFilterTest, BothFamilies, FamilyName);
 
 TYPED_TEST(ReceiveQueueFilterTest, PassesKeysThatProbesHave) {
   const Queue queue;
-  refuse_foreign_messages<TypeParam>(queue.fd());
+  refuse_foreign_messages(queue.fd(), TypeParam::kFamily);
   for (const uint32_t key : {0u, 1u, 255u, 256u, 32766u}) {
     ASSERT_EQ(key_of<TypeParam>(reply<TypeParam>(key)), key);
     EXPECT_TRUE(queue.passes(reply<TypeParam>(key))) << key;
@@ -75,7 +75,7 @@ TYPED_TEST(ReceiveQueueFilterTest, PassesKeysThatProbesHave) {
 
 TYPED_TEST(ReceiveQueueFilterTest, RefusesOtherKeys) {
   const Queue queue;
-  refuse_foreign_messages<TypeParam>(queue.fd());
+  refuse_foreign_messages(queue.fd(), TypeParam::kFamily);
   for (const uint32_t key : {32767u, 32768u, 0x10001u, 0x01000000u, 0x7fffffffu, 0xffffffffu}) {
     EXPECT_FALSE(queue.passes(reply<TypeParam>(key))) << key;
   }
@@ -83,7 +83,7 @@ TYPED_TEST(ReceiveQueueFilterTest, RefusesOtherKeys) {
 
 TYPED_TEST(ReceiveQueueFilterTest, RefusesMessagesWithoutAKey) {
   const Queue queue;
-  refuse_foreign_messages<TypeParam>(queue.fd());
+  refuse_foreign_messages(queue.fd(), TypeParam::kFamily);
   const Bytes whole = reply<TypeParam>(1);
   for (size_t size = 1; size < whole.size(); ++size) {
     const Bytes cut(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
@@ -94,7 +94,7 @@ TYPED_TEST(ReceiveQueueFilterTest, RefusesMessagesWithoutAKey) {
 
 TEST(ReceiveQueueFilter4Test, PassesEveryTypeForBursts) {
   const Queue queue;
-  refuse_foreign_messages<Ipv4>(queue.fd());
+  refuse_foreign_messages(queue.fd(), kIpv4);
   for (int type = 0; type < 256; ++type) {
     Bytes message = reply<Ipv4>(7);
     message[20] = static_cast<uint8_t>(type);
@@ -104,7 +104,7 @@ TEST(ReceiveQueueFilter4Test, PassesEveryTypeForBursts) {
 
 TEST(ReceiveQueueFilter6Test, PassesEchoRepliesOnly) {
   const Queue queue;
-  refuse_foreign_messages<Ipv6>(queue.fd());
+  refuse_foreign_messages(queue.fd(), kIpv6);
   for (int type = 0; type < 256; ++type) {
     Bytes message = reply<Ipv6>(7);
     message[0] = static_cast<uint8_t>(type);

@@ -15,13 +15,13 @@ using testing::Not;
 
 namespace {
 
-template <class Family>
-class ReplyReceiverTest : public EchoFixture<Family> {
+template <class IpVersion>
+class ReplyReceiverTest : public EchoFixture<IpVersion> {
  protected:
   using Packet = FakeNetwork::Bytes;
 
   void start() {
-    ensure_receiver<Family>(this->ifname_);
+    ensure_receiver(IpVersion::kFamily, this->ifname_);
     socket_ = this->network_.socket_of(this->sockets()->recv_socket.get());
   }
 
@@ -32,7 +32,7 @@ class ReplyReceiverTest : public EchoFixture<Family> {
   // True once everything delivered so far has been handled: a marker behind it was.
   bool handled() {
     const int32_t key = this->enter_probe("marker");
-    deliver(EchoKit<Family>::reply(static_cast<uint32_t>(key)));
+    deliver(EchoKit<IpVersion>::reply(static_cast<uint32_t>(key)));
     const bool done = wait_until([&] { return is_answered("marker"); });
     this->probes().erase(key);
     return done;
@@ -77,7 +77,7 @@ TYPED_TEST(ReplyReceiverTest, DropsEveryOtherType) {
   const int32_t key = this->enter_probe("probe");
   this->start();
   for (int type = 0; type < 256; ++type) {
-    if (type == (TypeParam::kIpv6 ? 129 : 0)) continue;
+    if (type == (TypeParam::kFamily.ipv6 ? 129 : 0)) continue;
     this->deliver(Kit::reply(static_cast<uint32_t>(key), static_cast<uint8_t>(type)));
   }
   ASSERT_TRUE(this->handled());
@@ -131,7 +131,7 @@ TYPED_TEST(ReplyReceiverTest, RandomPacketsChangeNothing) {
   for (int round = 0; round < 3000; ++round) {
     FakeNetwork::Bytes packet(1 + random() % 80);
     for (uint8_t& byte : packet) byte = static_cast<uint8_t>(random());
-    const size_t offset = TypeParam::kIpv6 ? 8 : 28;
+    const size_t offset = TypeParam::kFamily.ipv6 ? 8 : 28;
     if (packet.size() >= offset + 4 && word_at(packet, offset) == key) continue;
     this->deliver(packet);
   }
@@ -160,11 +160,11 @@ TYPED_TEST(ReplyReceiverTest, TakesPacketsOfUpTo65535Bytes) {
 
 TYPED_TEST(ReplyReceiverTest, OneThreadPerInterface) {
   this->start();
-  ensure_receiver<TypeParam>(this->ifname_);
-  ensure_receiver<TypeParam>(this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
   EXPECT_EQ(call_count("pthread_create"), 1);
   EXPECT_EQ(call_count("pthread_detach"), 1);
-  EXPECT_TRUE(this->sockets()->receiver_running);
+  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, WaitsWithoutATimeLimit) {
@@ -186,46 +186,46 @@ TYPED_TEST(ReplyReceiverTest, WaitsWithoutATimeLimit) {
 }
 
 TYPED_TEST(ReplyReceiverTest, EndsWhenReadingFails) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   Fault fault("recv", ENETDOWN);
   this->start();
   this->deliver({1});
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("recv for " + family + " failed!!!!!")));
-  EXPECT_FALSE(this->sockets()->receiver_running);
+  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, EndsWhenNothingIsRead) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   this->start();
   ::shutdown(this->socket_.peer, SHUT_RDWR);
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("recv for " + family + " failed!!!!!")));
-  EXPECT_FALSE(this->sockets()->receiver_running);
+  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, EndsWhenTheWaitIsOverWithNothing) {
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   CallHook hook(wrapped::poll, [](pollfd*, nfds_t, int) { return 0; });
   this->start();
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("select for " + family + " failed!!!!!")));
-  EXPECT_FALSE(this->sockets()->receiver_running);
+  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, FailedWaitEndsIpv4OnlyIpv6ReadsOn) {
   const int32_t key = this->enter_probe("probe");
   Fault fault("poll", EINTR, 0, 1);
   this->start();
-  if (TypeParam::kIpv6) {
+  if (TypeParam::kFamily.ipv6) {
     this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
     EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
     EXPECT_THAT(log_records(), IsEmpty());
-    EXPECT_TRUE(this->sockets()->receiver_running);
+    EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
   } else {
     ASSERT_TRUE(this->wait_for_end());
     EXPECT_THAT(log_records(), ElementsAre(LoggedError("select for ipv4 failed!!!!!")));
-    EXPECT_FALSE(this->sockets()->receiver_running);
+    EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
   }
 }
 
@@ -249,23 +249,23 @@ TYPED_TEST(ReplyReceiverTest, SocketThatCouldNotBeMadeIsAFailedWait) {
     this->sockets();
   }
   clear_log();
-  ensure_receiver<TypeParam>(this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError(TypeParam::kIpv6 ? "recv for ipv6 failed!!!!!"
-                                                       : "select for ipv4 failed!!!!!")));
+              ElementsAre(LoggedError(TypeParam::kFamily.ipv6 ? "recv for ipv6 failed!!!!!"
+                                                              : "select for ipv4 failed!!!!!")));
 }
 
 TYPED_TEST(ReplyReceiverTest, ThreadThatCannotBeMadeIsLoggedAndNotTriedAgain) {
   {
     Fault fault("pthread_create", EAGAIN);
-    ensure_receiver<TypeParam>(this->ifname_);
+    ensure_receiver(TypeParam::kFamily, this->ifname_);
   }
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Can't create new thread for icmp recv"),
                                          LoggedError("Can't detach thread for icmp recv")));
-  EXPECT_TRUE(this->sockets()->receiver_running);
+  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
   const int calls = call_count("pthread_create");
-  ensure_receiver<TypeParam>(this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
   EXPECT_EQ(call_count("pthread_create"), calls);
 }
 
@@ -284,13 +284,13 @@ TYPED_TEST(ReplyReceiverTest, ThreadThatCannotBeDetachedRunsAllTheSame) {
 TYPED_TEST(ReplyReceiverTest, FailuresAreSilentWithoutTheFlag) {
   set_log_flag(1, false);
   Fault fault("pthread_create", EAGAIN);
-  ensure_receiver<TypeParam>(this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TYPED_TEST(ReplyReceiverTest, MarksUnlockedWhenTheMutexFails) {
   const std::string name = EchoKit<TypeParam>::kReceiver;
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const broken = this->acquire_mutex();
   const int32_t key = this->enter_probe("probe");
   {
@@ -312,7 +312,7 @@ TYPED_TEST(ReplyReceiverTest, MarksUnlockedWhenTheMutexFails) {
 
 TYPED_TEST(ReplyReceiverTest, UnlockFailureIsLogged) {
   const std::string name = EchoKit<TypeParam>::kReceiver;
-  const std::string family = TypeParam::kName;
+  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const broken = this->acquire_mutex();
   const int32_t key = this->enter_probe("probe");
   {
@@ -356,7 +356,7 @@ TYPED_TEST(ReplyReceiverTest, WaitsOnDescriptorsAbove1023) {
   ASSERT_EQ(made.size(), 3u);
   EXPECT_GE(made[2].fd, 2000);
   const int32_t key = this->enter_probe("probe");
-  ensure_receiver<TypeParam>(this->ifname_);
+  ensure_receiver(TypeParam::kFamily, this->ifname_);
   FakeNetwork::deliver(made[2], EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
   EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
   for (const auto& socket : made) {
@@ -371,8 +371,8 @@ namespace {
 
 // A receiver that is stopped before or after it takes a reply off its queue, and a worker for whom
 // the time of that reply's probe is over.
-template <class Family>
-class ReplyReceiverLateTest : public ReplyReceiverTest<Family> {
+template <class IpVersion>
+class ReplyReceiverLateTest : public ReplyReceiverTest<IpVersion> {
  protected:
   ReplyReceiverLateTest()
       : poll_hook_(wrapped::poll,
@@ -399,9 +399,9 @@ class ReplyReceiverLateTest : public ReplyReceiverTest<Family> {
   void hold_receiver(bool takes_first) {
     takes_first_ = takes_first;
     this->start();
-    this->deliver(EchoKit<Family>::reply(static_cast<uint32_t>(key_)));
+    this->deliver(EchoKit<IpVersion>::reply(static_cast<uint32_t>(key_)));
     ASSERT_TRUE(wait_until([&] { return held_.load(); }));
-    EXPECT_EQ(this->sockets()->receiver_stage == ReceiverStage::kReading, takes_first);
+    EXPECT_EQ(this->sockets()->receiver == ReceiverState::kReading, takes_first);
   }
 
   // The worker looks, and the receiver goes on once it has waited so often.
@@ -425,7 +425,7 @@ class ReplyReceiverLateTest : public ReplyReceiverTest<Family> {
   bool takes_first_ = false;
   std::atomic<bool> held_{false};
   std::atomic<bool> released_{false};
-  std::unique_ptr<typename EchoKit<Family>::Test> test_;
+  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
   int32_t key_ = 0;
   CallHook<int(pollfd*, nfds_t, int)> poll_hook_;
   CallHook<ssize_t(int, void*, size_t, int)> recv_hook_;
@@ -484,8 +484,7 @@ TYPED_TEST(ReplyReceiverTest, GoesOnWhenAnotherHasTakenTheReply) {
     });
     this->start();
     ASSERT_TRUE(wait_until([&] { return polls == 2; }));
-    EXPECT_TRUE(
-        wait_until([&] { return this->sockets()->receiver_stage == ReceiverStage::kWaiting; }));
+    EXPECT_TRUE(wait_until([&] { return this->sockets()->receiver == ReceiverState::kWaiting; }));
     this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
     EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
     this->network_.end_threads();

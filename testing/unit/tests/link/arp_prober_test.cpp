@@ -53,12 +53,10 @@ class ArpProberTest : public testing::Test {
 
   // What the receiver does with a frame.
   bool handle(const Bytes& frame) {
-    return LinkProtocol<Ipv4>::handle_frame(frame, const_cast<WatchedTargets&>(prober_.targets()));
+    return kArpProtocol.handle_frame(frame, const_cast<WatchedTargets&>(prober_.targets()));
   }
 
-  std::optional<MacAddress> resolve() {
-    return resolve_link_address(prober_, kTarget, kSource, "eth0");
-  }
+  std::optional<MacAddress> resolve() { return prober_.resolve(kTarget, kSource, "eth0"); }
 
   FakeKernel kernel_;
   LBArp prober_;

@@ -18,7 +18,7 @@ namespace {
 
 struct Arp {
   using Prober = LBArp;
-  using Protocol = LinkProtocol<Ipv4>;
+  static constexpr const LinkProtocol& kProtocol = kArpProtocol;
   static void start(LBArp& prober) { prober.received_arp(); }
   static int receive_protocol() { return htons(ETH_P_ARP); }
   static constexpr const char* kMutex = "_arp_mutex";
@@ -45,7 +45,7 @@ struct Arp {
 
 struct Neighbor {
   using Prober = LBNeighbor;
-  using Protocol = LinkProtocol<Ipv6>;
+  static constexpr const LinkProtocol& kProtocol = kNeighborProtocol;
   static void start(LBNeighbor& prober) { prober.receive_reply(); }
   static int receive_protocol() { return htons(ETH_P_ALL); }
   static constexpr const char* kMutex = "_neighbor_mutex";
@@ -436,7 +436,7 @@ TEST(LinkProberReceiverNeighborTest, WithoutSocketKeepsTheLock) {
 
 TEST(LinkProberReceiverNeighborTest, KernelFilterPassesAdvertisementsOnly) {
   FakeKernel kernel;
-  const FileDescriptor fd = LinkProtocol<Ipv6>::open_receiver();
+  const FileDescriptor fd = kNeighborProtocol.open_receiver();
   ASSERT_TRUE(fd.valid());
   const auto passes = [&](const Bytes& frame) {
     kernel.deliver(htons(ETH_P_ALL), frame);

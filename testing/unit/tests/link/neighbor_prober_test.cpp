@@ -41,7 +41,7 @@ class NeighborProberTest : public testing::Test {
   }
 
   bool handle(const Bytes& frame) {
-    return LinkProtocol<Ipv6>::handle_frame(frame, const_cast<WatchedTargets&>(prober_.targets()));
+    return kNeighborProtocol.handle_frame(frame, const_cast<WatchedTargets&>(prober_.targets()));
   }
 
   // What a solicitation prints when it fails.
@@ -51,9 +51,7 @@ class NeighborProberTest : public testing::Test {
     return output.text();
   }
 
-  std::optional<MacAddress> resolve() {
-    return resolve_link_address(prober_, kTarget, kSource, "eth0");
-  }
+  std::optional<MacAddress> resolve() { return prober_.resolve(kTarget, kSource, "eth0"); }
 
   FakeKernel kernel_;
   LBNeighbor prober_;

@@ -69,3 +69,9 @@ TEST_F(SourceAddressTest, AddressThatCannotBeFormatted) {
   EXPECT_EQ(find({{"eth0", "fe80::1"}}), "");
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("inet_ntop failed! No space left on device")));
 }
+
+TEST_F(SourceAddressTest, FailedListOfInterfacesIsLogged) {
+  Fault fault("getifaddrs", ENOMEM);
+  EXPECT_FALSE(address_on_interface("lo", "127.0.0.1"));
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("getifaddrs failed")));
+}
