@@ -45,7 +45,8 @@ class HealthTest {
   virtual void set_target(const std::string& target) = 0;
   virtual void set_number(TestKeyword keyword, uint32_t value) = 0;
 
-  // Binds the test to its interface; once, by a worker of the interface's VRF, before any send.
+  // Binds the test to its interface, before any send. Both workers of the interface's VRF call it;
+  // the first call binds.
   virtual void init(LBInterface& interface) = 0;
 
   // Starts a probe (or runs a burst). The interface's worker only.

@@ -4,8 +4,8 @@
 #include "packets/error_text.h"
 #include "packets/family.h"
 
-bool parse_address(int family, const std::string& text, void* address) {
-  const int status = address_from_text(family, text, address);
+bool parse_address(int address_family, const std::string& text, void* address) {
+  const int status = address_from_text(address_family, text, address);
   if (status == 1) return true;
   LB_ERROR("inet_pton() failed.\nError message: %s", error_text(status).c_str());
   return false;

@@ -1,8 +1,9 @@
-// Address texts of the configuration, for callers that cannot go on without an address.
+// Address texts, for callers that cannot go on without an address.
 #pragma once
 
 #include <string>
 
-// Parses the text form of an address of `family` (AF_INET, AF_INET6) into `address` (in_addr or
-// in6_addr, network byte order). False, logged, for a text that is no address. Any thread.
-bool parse_address(int family, const std::string& text, void* address);
+// Parses the text form of an address of `address_family` (AF_INET, AF_INET6) into `address`
+// (in_addr or in6_addr, network byte order). False, logged, for a text that is no address. Any
+// thread.
+bool parse_address(int address_family, const std::string& text, void* address);

@@ -1,6 +1,7 @@
 #include "core/vrf_thread.h"
 
 #include <memory>
+#include <utility>
 
 #include "config/log.h"
 #include "core/check_cycle.h"
@@ -45,11 +46,13 @@ class Worker {
  private:
   LinkProber& make_prober() {
     if (family_.ipv6) {
-      context_.neighbor = new LBNeighbor;
-      prober_.reset(context_.neighbor);
+      auto prober = std::make_unique<LBNeighbor>();
+      context_.neighbor = prober.get();
+      prober_ = std::move(prober);
     } else {
-      context_.arp = new LBArp;
-      prober_.reset(context_.arp);
+      auto prober = std::make_unique<LBArp>();
+      context_.arp = prober.get();
+      prober_ = std::move(prober);
     }
     return *prober_;
   }

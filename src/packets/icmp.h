@@ -1,4 +1,4 @@
-// The ICMP and ICMPv6 message types that this daemon sends or reads (RFC 792, RFC 4443, RFC 4861).
+// The echo message types of ICMP (RFC 792) and ICMPv6 (RFC 4443).
 #pragma once
 
 #include <cstdint>

@@ -81,8 +81,8 @@ struct FrameAddresses {
   Address destination{};
 };
 
-// The identifier of every echo request and of its connection-tracking record: the process's, so
-// that two daemons tell their replies apart.
+// The identifier of every echo request and of its connection-tracking record: the low 16 bits of
+// the process's id. Replies are told by their key, not by this.
 uint16_t echo_identifier();
 
 // The requests, with their checksums. The raw ones carry sequence 1 unless a burst counts.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <vector>
 
 #include "packets/icmp_echo.h"
@@ -70,7 +71,7 @@ void LBTestPING::send(LBInterface& interface, const LBWorkerContext& worker) {
 
   const Destination destination = choose_destination(interface);
   if (destination.target.empty()) return;
-  const int32_t key = probes_in_flight(kIpv4).next_key();
+  const int32_t key = probes_in_flight(family_).next_key();
   const Ending ending = is_no_arp(interface)
                             ? run_raw_burst(interface, destination.target, key, worker)
                             : run_frame_burst(interface, destination, key, worker);

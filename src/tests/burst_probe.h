@@ -30,7 +30,7 @@ class LBTestPING : public LBTest {
   void add_measurement(TestReport& report) const override LB_REQUIRES(status_mutex_);
 
  private:
-  // How a burst ended. `error` is the errno value of a request that could not be sent, else 0.
+  // How a burst ended. `error` is the errno value of a path or a request that failed, else 0.
   struct Ending {
     bool acceptable = false;
     int error = 0;

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "config/parse_address.h"
+#include "platform/mutex.h"
 #include "routing/conntrack_record.h"
 #include "tests/link/arp_prober.h"
 #include "tests/link/link_info.h"
@@ -112,6 +113,7 @@ PathResult prepare_raw_path(const Family& family, int socket, const std::string&
     destination.size = sizeof(destination.ipv6);
     return {};
   }
+  destination.ipv4 = sockaddr_in{};
   destination.ipv4.sin_family = AF_INET;
   destination.size = sizeof(destination.ipv4);
   // inet_aton leaves errno alone; this is what its failure means.

@@ -2,7 +2,8 @@
 // the interface, or as a whole Ethernet frame to the next hop.
 //
 // Everything here runs on the interface's worker, in its network namespace. What fails is returned;
-// path_messages.h says it in the words of the test that it concerns.
+// path_messages.h says it in the words of the test that it concerns. What the steps say in the same
+// words for whoever asks (a text that is no address, a neighbour, a record) they log themselves.
 #pragma once
 
 #include <netinet/in.h>

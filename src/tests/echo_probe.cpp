@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <ctime>
 
 #include "packets/icmp_echo.h"
 #include "packets/packet_reader.h"

@@ -1,8 +1,10 @@
 // The "ping" tests: one echo request per cycle while none is in flight.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
+#include "packets/family.h"
 #include "tests/path_messages.h"
 #include "tests/probe_base.h"
 
@@ -15,7 +17,7 @@ class EchoProbe : public LBTest {
   EchoProbe(const Family& family, const PathWords& words) : LBTest(family), words_(words) {}
 
  private:
-  // All return 0 or the errno value of the failure, whose other messages are logged.
+  // All return 0 or the errno value of the failure; all but the debug line is logged there.
   int send_raw(const LBInterface& interface, const std::string& target, int32_t key,
                const LBWorkerContext& worker);
   int send_frame(const LBInterface& interface, const Destination& destination, int32_t key,

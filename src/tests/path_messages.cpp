@@ -7,6 +7,7 @@
 #include "routing/interface_health.h"
 
 void log_path_failure(const PathResult& result, const PathWords& words) {
+  if (result.ready()) return;
   const std::string error = error_text(result.error);
   const char* const subject = result.subject.c_str();
   switch (result.step) {

@@ -1,10 +1,12 @@
-// What the log is told of a probe that could not be sent, in the words of each type of test.
+// What the log is told of a probe that could not be sent, in the words of each type of test. Any
+// thread.
 #pragma once
 
+#include "packets/family.h"
 #include "tests/echo_path.h"
 
 // The messages that differ between the tests: their beginnings, and how serious a target is taken
-// whose name has no address.
+// whose name has no address. Constant objects: tests keep references to them.
 struct PathWords {
   const char* unresolved;
   bool unresolved_is_error;  // else a warning
@@ -26,7 +28,7 @@ inline constexpr PathWords kEcho6Words{
     .unresolved_is_error = false,
     .not_bound = "wan_lb: failure to bind to interface (ipv6)",
     .no_hardware_address = "ioctl() failed to get source MAC adds",
-    .source_absent = "address",
+    .source_absent = nullptr,  // IPv6 sources are not looked for
 };
 
 inline constexpr PathWords kBurstWords{

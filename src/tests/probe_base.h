@@ -7,6 +7,7 @@
 // test's lock: its worker writes, writers of other VRFs' reports read.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -14,6 +15,7 @@
 #include "config/lb_config.h"
 #include "config/worker_context.h"
 #include "packets/family.h"
+#include "platform/mutex.h"
 #include "tests/destination.h"
 #include "tests/io/interface_sockets.h"
 

@@ -62,19 +62,16 @@ void open_sockets(InterfaceSockets& sockets) {
 }
 
 struct Registry {
-  using ByName = std::map<std::string, std::shared_ptr<InterfaceSockets>>;
-
   Mutex mutex;
-  ByName ipv4 LB_GUARDED_BY(mutex);
-  ByName ipv6 LB_GUARDED_BY(mutex);
-
-  ByName& of(const Family& family) LB_REQUIRES(mutex) { return family.ipv6 ? ipv6 : ipv4; }
+  std::map<std::string, std::shared_ptr<InterfaceSockets>> by_name LB_GUARDED_BY(mutex);
 };
 
-// Leaked on purpose: detached receiver threads may outlive static destruction.
-Registry& registry() {
-  static Registry& instance = *new Registry;
-  return instance;
+// One per family, since sockets are opened under its lock. Leaked on purpose: detached receiver
+// threads may outlive static destruction.
+Registry& registry(const Family& family) {
+  static Registry& ipv4 = *new Registry;
+  static Registry& ipv6 = *new Registry;
+  return family.ipv6 ? ipv6 : ipv4;
 }
 
 }  // namespace
@@ -92,9 +89,9 @@ bool InterfaceMutex::unlock(const char* operation) {
 }
 
 std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname) {
-  Registry& all = registry();
+  Registry& all = registry(family);
   MutexLock lock(all.mutex);
-  auto& sockets = all.of(family)[ifname];
+  auto& sockets = all.by_name[ifname];
   if (sockets == nullptr) {
     sockets = std::make_shared<InterfaceSockets>(family);
     open_sockets(*sockets);
@@ -103,9 +100,8 @@ std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::st
 }
 
 void close_sockets(const Family& family, const std::string& ifname) {
-  Registry& all = registry();
+  Registry& all = registry(family);
   MutexLock lock(all.mutex);
-  auto& by_name = all.of(family);
-  const auto found = by_name.find(ifname);
-  if (found != by_name.end()) found->second = std::make_shared<InterfaceSockets>(family);
+  const auto found = all.by_name.find(ifname);
+  if (found != all.by_name.end()) found->second = std::make_shared<InterfaceSockets>(family);
 }

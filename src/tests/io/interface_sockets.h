@@ -1,4 +1,5 @@
 // The sockets of an interface, made once per Linux name and family and shared by all its tests.
+// The registry, the tests of the interface while they use them, and its receiver own them together.
 #pragma once
 
 #include <atomic>
@@ -9,10 +10,10 @@
 #include "platform/file_descriptor.h"
 #include "platform/mutex.h"
 
-// The mutex of an interface, taken around each step of the worker and of the receiver on the
-// interface's probes. It exists for its hand-shakes and its messages, which administrators know:
-// the probes themselves are guarded by their table's lock, so a failure is logged and the work can
-// go on. `operation` is the name that the message shows.
+// The mutex of an interface, taken to enter a probe, to mark it answered and to settle it. It
+// exists for this hand-shake between worker and receiver and for its messages, which administrators
+// know: the probes themselves are guarded by their table's lock. Where it cannot be taken no probe
+// is sent; all else goes on. `operation` is the name that the message shows.
 class InterfaceMutex {
  public:
   explicit InterfaceMutex(const Family& family) : family_(family) {}
@@ -32,11 +33,11 @@ class InterfaceMutex {
 enum class ReceiverState {
   kAbsent,   // never started, or ended: the next cycle starts one
   kFailed,   // could not be started, which is not tried again
-  kWaiting,  // for a reply
+  kWaiting,  // for a reply, also while its thread starts
   kReading,  // from before a reply leaves the queue until its probe is marked
 };
 
-// Descriptors are fixed once made; -1 where a socket could not be had.
+// Descriptors are fixed once made, so any thread may read them; -1 where a socket could not be had.
 struct InterfaceSockets {
   explicit InterfaceSockets(const Family& of_family) : family(of_family), mutex(of_family) {}
 
@@ -45,7 +46,7 @@ struct InterfaceSockets {
   FileDescriptor packet_socket;  // whole Ethernet frames
   FileDescriptor recv_socket;    // raw ICMP: replies
   InterfaceMutex mutex;
-  std::atomic<ReceiverState> receiver{ReceiverState::kAbsent};
+  std::atomic<ReceiverState> receiver_state{ReceiverState::kAbsent};
 };
 
 // The sockets of the interface with the Linux name `ifname`, made by the first call for the name in

@@ -1,8 +1,8 @@
 // The probes that wait for their replies: one table per family, shared by all tests of the process.
 //
 // Workers enter and remove probes, receiver threads mark them answered. The table has its own lock;
-// the interface's mutex (interface_sockets.h) is held around each step as well, it orders the steps
-// of one interface.
+// the interface's mutex (interface_sockets.h) is held as well where a probe is entered, marked
+// answered and settled.
 #pragma once
 
 #include <cstdint>

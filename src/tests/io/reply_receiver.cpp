@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <span>
@@ -27,9 +28,9 @@ constexpr int kCatchUpPauses = 200;
 class ReadingGuard {
  public:
   explicit ReadingGuard(InterfaceSockets& sockets) : sockets_(sockets) {
-    sockets_.receiver = ReceiverState::kReading;
+    sockets_.receiver_state = ReceiverState::kReading;
   }
-  ~ReadingGuard() { sockets_.receiver = ReceiverState::kWaiting; }
+  ~ReadingGuard() { sockets_.receiver_state = ReceiverState::kWaiting; }
   ReadingGuard(const ReadingGuard&) = delete;
   ReadingGuard& operator=(const ReadingGuard&) = delete;
 
@@ -105,7 +106,7 @@ class ReplyReader {
 bool has_unread_reply(const InterfaceSockets& sockets) {
   pollfd queue{sockets.recv_socket.get(), POLLIN, 0};
   return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) ||
-         sockets.receiver == ReceiverState::kReading;
+         sockets.receiver_state == ReceiverState::kReading;
 }
 
 bool runs(ReceiverState state) {
@@ -116,7 +117,7 @@ void* receiver_thread(void* argument) {
   const std::unique_ptr<std::shared_ptr<InterfaceSockets>> sockets(
       static_cast<std::shared_ptr<InterfaceSockets>*>(argument));
   ReplyReader(**sockets).run();
-  (*sockets)->receiver = ReceiverState::kAbsent;
+  (*sockets)->receiver_state = ReceiverState::kAbsent;
   return nullptr;
 }
 
@@ -125,13 +126,13 @@ void* receiver_thread(void* argument) {
 void ensure_receiver(const Family& family, const std::string& ifname) {
   const auto sockets = sockets_of(family, ifname);
   ReceiverState absent = ReceiverState::kAbsent;
-  if (!sockets->receiver.compare_exchange_strong(absent, ReceiverState::kWaiting)) return;
+  if (!sockets->receiver_state.compare_exchange_strong(absent, ReceiverState::kWaiting)) return;
   auto argument = std::make_unique<std::shared_ptr<InterfaceSockets>>(sockets);
   const DetachedThread thread = start_detached_thread(receiver_thread, argument.get());
   if (thread.create_result == 0) {
     argument.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
   } else {
-    sockets->receiver = ReceiverState::kFailed;
+    sockets->receiver_state = ReceiverState::kFailed;
     LB_ERROR("Can't create new thread for icmp recv");
   }
   if (thread.detach_result != 0) LB_ERROR("Can't detach thread for icmp recv");
@@ -139,7 +140,7 @@ void ensure_receiver(const Family& family, const std::string& ifname) {
 
 void let_receiver_catch_up(const InterfaceSockets& sockets) {
   for (int pauses = 0; pauses < kCatchUpPauses; ++pauses) {
-    if (!runs(sockets.receiver) || !has_unread_reply(sockets)) return;
+    if (!runs(sockets.receiver_state) || !has_unread_reply(sockets)) return;
     sleep_for(kCatchUpPause);
   }
 }

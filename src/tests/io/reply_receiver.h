@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "packets/family.h"
 #include "tests/io/interface_sockets.h"
 
 // Starts and detaches a receiver for `ifname`, unless one runs. It marks answered probes of the

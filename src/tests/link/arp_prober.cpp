@@ -93,7 +93,7 @@ constexpr const char* kReceiver = "recv_arp";
 
 }  // namespace
 
-const LinkProtocol kArpProtocol{
+constinit const LinkProtocol kArpProtocol{
     .family = kIpv4,
     .destructor = "~LBArp",
     .mutex = kMutex,
@@ -117,17 +117,17 @@ LBArp::LBArp() : LinkProber(kArpProtocol) {}
 int LBArp::check_arp_exist() {
   constexpr const char* kName = "check_arp_exist";
   const TableAnswer answer = ask_table(_target, _ifname);
-  const std::string error = error_text(answer.error);
   switch (answer.step) {
     case TableAnswer::Step::kSocketFailed:
       LB_ERROR("<%s> Socket", kName);
       return -1;
     case TableAnswer::Step::kNoAddress:
-      LB_ERROR("<%s> Inet_aton() failed %s(%d)", kName, error.c_str(), answer.error);
+      LB_ERROR("<%s> Inet_aton() failed %s(%d)", kName, error_text(answer.error).c_str(),
+               answer.error);
       return -1;
     case TableAnswer::Step::kIoctlFailed:
       if (answer.error == ENXIO) return 0;
-      LB_ERROR("<%s> Ioctl %s(%d)", kName, error.c_str(), answer.error);
+      LB_ERROR("<%s> Ioctl %s(%d)", kName, error_text(answer.error).c_str(), answer.error);
       return -1;
     case TableAnswer::Step::kAnswered:
       break;
@@ -183,7 +183,11 @@ int LBArp::send_arp() {
   return static_cast<int>(sent);
 }
 
-int LBArp::look_first(std::optional<MacAddress>& /*mac*/) { return check_arp_exist(); }
+FirstLook LBArp::look_first(MacAddress& /*mac*/) {
+  const int known = check_arp_exist();
+  if (known < 0) return FirstLook::kFailed;
+  return known == 0 ? FirstLook::kUnknown : FirstLook::kKnown;
+}
 
 int LBArp::look_up(MacAddress& mac) { return get_mac(mac); }
 

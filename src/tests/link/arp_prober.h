@@ -1,8 +1,6 @@
 // The ARP prober (RFC 826): link-layer addresses of IPv4 next hops.
 #pragma once
 
-#include <optional>
-
 #include "tests/link/link_prober.h"
 
 extern const LinkProtocol kArpProtocol;
@@ -27,7 +25,7 @@ class LBArp : public LinkProber {
   void received_arp() { start_receiver(); }
 
  protected:
-  int look_first(std::optional<MacAddress>& mac) override;
+  FirstLook look_first(MacAddress& mac) override;
   int look_up(MacAddress& mac) override;
   void send_request() override;
 };

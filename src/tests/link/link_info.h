@@ -1,4 +1,4 @@
-// What probers and echo tests ask the kernel about an interface. Every operation looks into the
+// What probers and probes ask the kernel about an interface. Every operation looks into the
 // calling thread's network namespace, opens the socket it needs and closes it again, and may be
 // called by any thread. A name that is longer than the kernel's limit is cut.
 #pragma once

@@ -7,12 +7,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <map>
 #include <utility>
 #include <vector>
 
 #include "config/log.h"
 #include "platform/clock.h"
+#include "platform/mutex.h"
 #include "tests/io/detached_thread.h"
 #include "tests/io/mutex_failure.h"
 #include "tests/io/packet_socket.h"
@@ -22,23 +24,23 @@ namespace {
 
 constexpr size_t kReceiveSize = 65535;
 
-// Looks at the kernel's table after a request, and the pause between two of them.
+// Looks at the kernel's table, and the pause between two of them.
 constexpr int kPolls = 101;
 constexpr timespec kPause{0, 1'000'000};
 
 // 0, or -1 with the failure of `call` logged.
-int told(int rc, const char* operation, const char* call, const char* mutex) {
+int logged_result(int rc, const char* operation, const char* call, const char* mutex) {
   if (rc == 0) return 0;
   log_mutex_failure(operation, call, mutex, rc);
   return -1;
 }
 
 int take(const LinkProtocol& protocol, HandshakeLock& mutex, const char* operation) {
-  return told(mutex.lock(), operation, "pthread_mutex_lock", protocol.mutex);
+  return logged_result(mutex.lock(), operation, "pthread_mutex_lock", protocol.mutex);
 }
 
 int give_back(const LinkProtocol& protocol, HandshakeLock& mutex, const char* operation) {
-  return told(mutex.unlock(), operation, "pthread_mutex_unlock", protocol.mutex);
+  return logged_result(mutex.unlock(), operation, "pthread_mutex_unlock", protocol.mutex);
 }
 
 void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& targets) {
@@ -81,7 +83,7 @@ LinkProber::LinkProber(const LinkProtocol& protocol)
 
 LinkProber::~LinkProber() {
   close_send_socket();
-  told(_mutex->destroy(), protocol_.destructor, "pthread_mutex_destroy", protocol_.mutex);
+  logged_result(_mutex->destroy(), protocol_.destructor, "pthread_mutex_destroy", protocol_.mutex);
 }
 
 void LinkProber::init(const std::string& vrf) {
@@ -105,10 +107,18 @@ void LinkProber::init(const std::string& vrf) {
 std::optional<MacAddress> LinkProber::resolve(const std::string& gateway, const std::string& source,
                                               const std::string& ifname) {
   set_target(gateway, source, ifname);
-  std::optional<MacAddress> mac;
-  const int known = look_first(mac);
-  if (known < 0 || mac) return mac;
-  if (known == 0 && !request()) return std::nullopt;
+  MacAddress mac{};
+  switch (look_first(mac)) {
+    case FirstLook::kFound:
+      return mac;
+    case FirstLook::kFailed:
+      return std::nullopt;
+    case FirstLook::kUnknown:
+      if (!request()) return std::nullopt;
+      break;
+    case FirstLook::kKnown:
+      break;
+  }
   return poll_table();
 }
 

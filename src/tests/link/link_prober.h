@@ -26,7 +26,9 @@
 #include "tests/link/handshake_lock.h"
 #include "tests/link/watched_targets.h"
 
-// What the two protocols do differently outside of a look-up; one constant object each.
+// What the two protocols do differently outside of a look-up; one constant object each. An object
+// of its own and no virtual functions, because the receiver thread uses it longer than its prober
+// lives.
 struct LinkProtocol {
   const Family& family;
 
@@ -43,12 +45,20 @@ struct LinkProtocol {
   // The receiver's socket; not valid on failure, with errno set.
   FileDescriptor (*open_receiver)();
 
-  // What is done with a received frame; false ends the receiver.
+  // What is done with a received frame, on the receiver's thread; false ends the receiver.
   bool (*handle_frame)(std::span<const uint8_t> frame, WatchedTargets& targets);
 
   void (*log_no_send_socket)(const std::string& vrf);
   void (*log_no_mutex)(int rc);
   void (*log_receive_failure)(const char* call);
+};
+
+// What the kernel's table says of a target before a request is sent.
+enum class FirstLook {
+  kFound,    // the address is there
+  kKnown,    // the address is there, for look_up to read
+  kUnknown,  // a request is needed
+  kFailed,   // the table cannot be asked
 };
 
 class LinkProber {
@@ -80,9 +90,8 @@ class LinkProber {
  protected:
   explicit LinkProber(const LinkProtocol& protocol);
 
-  // Before any request: 1 when the kernel's table holds the target, with the address in `mac` if
-  // the look gave it; 0 when a request is needed; -1 when there is no way to get it.
-  virtual int look_first(std::optional<MacAddress>& mac) = 0;
+  // Looks before any request; `mac` is the address when it is kFound.
+  virtual FirstLook look_first(MacAddress& mac) = 0;
 
   // One look into the kernel's table: 1 with the address, any other value without.
   virtual int look_up(MacAddress& mac) = 0;

@@ -92,7 +92,7 @@ bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
 
 }  // namespace
 
-const LinkProtocol kNeighborProtocol{
+constinit const LinkProtocol kNeighborProtocol{
     .family = kIpv6,
     .destructor = "~LBNeighbor",
     .mutex = "_neighbor_mutex",
@@ -137,11 +137,8 @@ void LBNeighbor::send_solicit() {
   }
 }
 
-int LBNeighbor::look_first(std::optional<MacAddress>& mac) {
-  MacAddress found;
-  if (look_up(found) != 1) return 0;
-  mac = found;
-  return 1;
+FirstLook LBNeighbor::look_first(MacAddress& mac) {
+  return look_up(mac) == 1 ? FirstLook::kFound : FirstLook::kUnknown;
 }
 
 int LBNeighbor::look_up(MacAddress& mac) { return get_neighbor_mac(_target, &mac); }

@@ -1,8 +1,6 @@
 // The neighbour prober (RFC 4861 section 7.2): link-layer addresses of IPv6 next hops.
 #pragma once
 
-#include <optional>
-
 #include "tests/link/link_prober.h"
 
 extern const LinkProtocol kNeighborProtocol;
@@ -19,7 +17,7 @@ class LBNeighbor : public LinkProber {
   void receive_reply() { start_receiver(); }
 
  protected:
-  int look_first(std::optional<MacAddress>& mac) override;
+  FirstLook look_first(MacAddress& mac) override;
   int look_up(MacAddress& mac) override;
   void send_request() override;
 };

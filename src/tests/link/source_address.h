@@ -19,8 +19,9 @@ struct SourceFailure {
   int error = 0;  // an errno value
 };
 
-// IPv4: replaces an empty source by the interface's own address, and demands that the source is an
-// address of the host, else replies could not come back. IPv6 sources are taken as they are.
+// IPv4: replaces an empty source by the interface's own address (also where that then is not
+// present), and demands that the source is an address of the host, else replies could not come
+// back. IPv6 sources are taken as they are.
 SourceFailure settle_source(const Family& family, const std::string& ifname, std::string& source);
 
 // The text of the first IPv6 address, in the order of the host's list, on an interface whose name

@@ -39,7 +39,7 @@ TEST_F(BurstProbeSettingsTest, RecvDoesNothing) {
   virtual_clock::advance(std::chrono::seconds(60));
   test_.recv(interface_, worker_);
   EXPECT_EQ(call_count("pthread_create"), 0);
-  EXPECT_EQ(sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_EQ(sockets()->receiver_state, ReceiverState::kAbsent);
   EXPECT_TRUE(probe_to(EchoKit<Ipv4>::kTarget).has_value());
   EXPECT_EQ(test_.report().result, 0);
   EXPECT_THAT(state().failure_counts, IsEmpty());

@@ -258,7 +258,7 @@ TEST_F(EchoPathRaw4Test, NameIsResolvedAndThenRefused) {
 TEST_F(EchoPathRaw4Test, NameFailsEachTimeByTimeOut) {
   network_.known_hosts["probe.example"] = {"192.0.2.77"};
   const auto test = make_test("probe.example");
-  sockets()->receiver = ReceiverState::kFailed;
+  sockets()->receiver_state = ReceiverState::kFailed;
   for (int cycle = 1; cycle <= 2; ++cycle) {
     test->send(interface_, worker_);
     virtual_clock::advance(std::chrono::milliseconds(5001));

@@ -392,7 +392,7 @@ TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   this->send(*test);  // one at a time, also after a failure
   EXPECT_THAT(this->network_.sent, IsEmpty());
 
-  this->sockets()->receiver = ReceiverState::kFailed;
+  this->sockets()->receiver_state = ReceiverState::kFailed;
   virtual_clock::advance(5001ms);
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(test->report().result, 2);

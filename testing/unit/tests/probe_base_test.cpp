@@ -16,7 +16,7 @@ class ProbeBaseTest : public EchoFixture<IpVersion> {
   ProbeBaseTest() {
     mutex_ = this->acquire_mutex();
     test_ = this->make_test();
-    this->sockets()->receiver = ReceiverState::kFailed;
+    this->sockets()->receiver_state = ReceiverState::kFailed;
     key_ = this->enter_probe();
   }
 
@@ -177,7 +177,7 @@ TYPED_TEST(ProbeBaseTest, OtherInterfacesProbeIsNotTouched) {
   const auto test = std::make_unique<typename EchoKit<TypeParam>::Test>();
   test->set_target(EchoKit<TypeParam>::kTarget);
   test->init(other);
-  sockets_of(TypeParam::kFamily, other.origin)->receiver = ReceiverState::kFailed;
+  sockets_of(TypeParam::kFamily, other.origin)->receiver_state = ReceiverState::kFailed;
   virtual_clock::advance(60s);
   test->recv(other, this->worker_);
   this->expect_unsettled();
@@ -187,12 +187,12 @@ TYPED_TEST(ProbeBaseTest, OtherInterfacesProbeIsNotTouched) {
 TYPED_TEST(ProbeBaseTest, WorkerOfTheOtherFamilyDoesNothing) {
   LBWorkerContext other = this->worker_;
   other.ipv6 = !TypeParam::kFamily.ipv6;
-  this->sockets()->receiver = ReceiverState::kAbsent;
+  this->sockets()->receiver_state = ReceiverState::kAbsent;
   virtual_clock::advance(60s);
   this->test_->recv(this->interface_, other);
   this->expect_unsettled();
   EXPECT_EQ(call_count("pthread_create"), 0);
-  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_EQ(this->sockets()->receiver_state, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
@@ -307,7 +307,7 @@ TYPED_TEST(ProbeBaseStatusTest, RecvWithNothingInFlightStartsTheReceiverOnly) {
   const auto test = this->make_test();
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(call_count("pthread_create"), 1);
-  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_NE(this->sockets()->receiver_state, ReceiverState::kAbsent);
   EXPECT_EQ(test->report().result, 0);
   EXPECT_THAT(this->state().failure_counts, IsEmpty());
   EXPECT_THAT(this->state().success_counts, IsEmpty());

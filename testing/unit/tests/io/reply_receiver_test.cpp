@@ -164,7 +164,7 @@ TYPED_TEST(ReplyReceiverTest, OneThreadPerInterface) {
   ensure_receiver(TypeParam::kFamily, this->ifname_);
   EXPECT_EQ(call_count("pthread_create"), 1);
   EXPECT_EQ(call_count("pthread_detach"), 1);
-  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_NE(this->sockets()->receiver_state, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, WaitsWithoutATimeLimit) {
@@ -192,7 +192,7 @@ TYPED_TEST(ReplyReceiverTest, EndsWhenReadingFails) {
   this->deliver({1});
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("recv for " + family + " failed!!!!!")));
-  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_EQ(this->sockets()->receiver_state, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, EndsWhenNothingIsRead) {
@@ -201,7 +201,7 @@ TYPED_TEST(ReplyReceiverTest, EndsWhenNothingIsRead) {
   ::shutdown(this->socket_.peer, SHUT_RDWR);
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("recv for " + family + " failed!!!!!")));
-  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_EQ(this->sockets()->receiver_state, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, EndsWhenTheWaitIsOverWithNothing) {
@@ -210,7 +210,7 @@ TYPED_TEST(ReplyReceiverTest, EndsWhenTheWaitIsOverWithNothing) {
   this->start();
   ASSERT_TRUE(this->wait_for_end());
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("select for " + family + " failed!!!!!")));
-  EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_EQ(this->sockets()->receiver_state, ReceiverState::kAbsent);
 }
 
 TYPED_TEST(ReplyReceiverTest, FailedWaitEndsIpv4OnlyIpv6ReadsOn) {
@@ -221,11 +221,11 @@ TYPED_TEST(ReplyReceiverTest, FailedWaitEndsIpv4OnlyIpv6ReadsOn) {
     this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
     EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
     EXPECT_THAT(log_records(), IsEmpty());
-    EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
+    EXPECT_NE(this->sockets()->receiver_state, ReceiverState::kAbsent);
   } else {
     ASSERT_TRUE(this->wait_for_end());
     EXPECT_THAT(log_records(), ElementsAre(LoggedError("select for ipv4 failed!!!!!")));
-    EXPECT_EQ(this->sockets()->receiver, ReceiverState::kAbsent);
+    EXPECT_EQ(this->sockets()->receiver_state, ReceiverState::kAbsent);
   }
 }
 
@@ -263,7 +263,7 @@ TYPED_TEST(ReplyReceiverTest, ThreadThatCannotBeMadeIsLoggedAndNotTriedAgain) {
   }
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Can't create new thread for icmp recv"),
                                          LoggedError("Can't detach thread for icmp recv")));
-  EXPECT_NE(this->sockets()->receiver, ReceiverState::kAbsent);
+  EXPECT_NE(this->sockets()->receiver_state, ReceiverState::kAbsent);
   const int calls = call_count("pthread_create");
   ensure_receiver(TypeParam::kFamily, this->ifname_);
   EXPECT_EQ(call_count("pthread_create"), calls);
@@ -401,7 +401,7 @@ class ReplyReceiverLateTest : public ReplyReceiverTest<IpVersion> {
     this->start();
     this->deliver(EchoKit<IpVersion>::reply(static_cast<uint32_t>(key_)));
     ASSERT_TRUE(wait_until([&] { return held_.load(); }));
-    EXPECT_EQ(this->sockets()->receiver == ReceiverState::kReading, takes_first);
+    EXPECT_EQ(this->sockets()->receiver_state == ReceiverState::kReading, takes_first);
   }
 
   // The worker looks, and the receiver goes on once it has waited so often.
@@ -484,7 +484,8 @@ TYPED_TEST(ReplyReceiverTest, GoesOnWhenAnotherHasTakenTheReply) {
     });
     this->start();
     ASSERT_TRUE(wait_until([&] { return polls == 2; }));
-    EXPECT_TRUE(wait_until([&] { return this->sockets()->receiver == ReceiverState::kWaiting; }));
+    EXPECT_TRUE(
+        wait_until([&] { return this->sockets()->receiver_state == ReceiverState::kWaiting; }));
     this->deliver(EchoKit<TypeParam>::reply(static_cast<uint32_t>(key)));
     EXPECT_TRUE(wait_until([&] { return this->is_answered("probe"); }));
     this->network_.end_threads();

@@ -18,7 +18,6 @@ namespace {
 
 struct Arp {
   using Prober = LBArp;
-  static constexpr const LinkProtocol& kProtocol = kArpProtocol;
   static void start(LBArp& prober) { prober.received_arp(); }
   static int receive_protocol() { return htons(ETH_P_ARP); }
   static constexpr const char* kMutex = "_arp_mutex";
@@ -45,7 +44,6 @@ struct Arp {
 
 struct Neighbor {
   using Prober = LBNeighbor;
-  static constexpr const LinkProtocol& kProtocol = kNeighborProtocol;
   static void start(LBNeighbor& prober) { prober.receive_reply(); }
   static int receive_protocol() { return htons(ETH_P_ALL); }
   static constexpr const char* kMutex = "_neighbor_mutex";
