@@ -17,11 +17,10 @@
 #include <string>
 
 #include "platform/mutex.h"
+#include "platform/places.h"
 
 class LBTest;
 class LBTest6;
-
-inline const std::string kDefaultNamespace = "default";
 
 // A destination of a rule; the key in LBRule::targets is the prefix text.
 struct LBTarget {

@@ -54,19 +54,14 @@ bool note_written(LBConfig& config, const std::string& body, bool ipv6, const st
 
 }  // namespace
 
-void route_decision::run_below(const std::string& root, LBConfig& config,
-                               const LBWorkerContext& worker) {
+void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
   const bool ipv6 = worker.ipv6 != 0;
   const StaticRoutes routes = build_static_routes(config, ipv6, worker.vrf);
   keep_failover_nexthops(config, routes, ipv6, worker.vrf);
 
   // Noted before it is written: a write that fails is tried again when the text changes.
   if (!note_written(config, routes.body, ipv6, worker.vrf)) return;
-  const RoutingDaemon daemon(worker.vrf, ipv6, root);
+  const RoutingDaemon daemon(worker.vrf, ipv6);
   daemon.write_file(protocol_static_text(routes.body, ipv6));
   daemon.reload();
-}
-
-void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
-  route_decision::run_below("", config, worker);
 }

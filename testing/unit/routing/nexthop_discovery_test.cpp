@@ -9,7 +9,7 @@
 
 #include "support/model_builder.h"
 #include "support/recorded_log.h"
-#include "support/temporary_directory.h"
+#include "support/redirected_places.h"
 #include "support/wrapped_calls.h"
 
 using testing::ElementsAre;
@@ -80,16 +80,16 @@ class AddressTable {
   std::deque<Entry> entries_;
 };
 
-class NexthopDiscoveryDhcpTest : public TemporaryDirectoryTest {
+class NexthopDiscoveryDhcpTest : public RedirectedPlacesTest {
  protected:
   void resolve(bool ipv6 = false, const std::string& vrf = kDefaultNamespace) {
-    nexthop_discovery::resolve_dhcp_below(directory_.path(), config_, worker_of(ipv6, vrf));
+    resolve_dhcp_nexthops(config_, worker_of(ipv6, vrf));
   }
   void lease(const std::string& name, const std::string& router) {
-    directory_.write("var/db/dhclient_" + name + ".leases", "  option routers " + router + ";\n");
+    directory_.write(lease_file_path(name, false), "  option routers " + router + ";\n");
   }
   void lease6(const std::string& name, const std::string& router) {
-    directory_.write("var/db/dhcp6_client" + name + ".leases", "new_routers='" + router + "'\n");
+    directory_.write(lease_file_path(name, true), "new_routers='" + router + "'\n");
   }
 
   LBConfig config_;
@@ -171,7 +171,7 @@ TEST_F(NexthopDiscoveryDhcpTest, EarlierAddressSurvivesAMissingFileAndAFileWitho
   set_found(interface, "192.0.2.1");
   resolve();
   EXPECT_EQ(found(interface), "192.0.2.1");
-  directory_.write("var/db/dhclient_wan1.leases", "lease {\n}\n");
+  directory_.write(lease_file_path("wan1", false), "lease {\n}\n");
   resolve();
   EXPECT_EQ(found(interface), "192.0.2.1");
   EXPECT_THAT(log_records(), IsEmpty());
@@ -180,7 +180,7 @@ TEST_F(NexthopDiscoveryDhcpTest, EarlierAddressSurvivesAMissingFileAndAFileWitho
 TEST_F(NexthopDiscoveryDhcpTest, RouterLineWithoutAddressTakesTheEarlierOneAway) {
   LBInterface& interface = add(config_, "wan1", "dhcp");
   set_found(interface, "192.0.2.1");
-  directory_.write("var/db/dhclient_wan1.leases", "option routers ;\n");
+  directory_.write(lease_file_path("wan1", false), "option routers ;\n");
   resolve();
   EXPECT_EQ(found(interface), "");
   EXPECT_EQ(log_records().size(), 1u);
@@ -200,7 +200,7 @@ TEST_F(NexthopDiscoveryDhcpTest, OnlyTheExactWordIsDiscovered) {
     LBConfig config;
     LBInterface& interface = add(config, "wan1", nexthop);
     lease("wan1", "192.0.2.1");
-    nexthop_discovery::resolve_dhcp_below(directory_.path(), config, worker_of(false));
+    resolve_dhcp_nexthops(config, worker_of(false));
     EXPECT_EQ(found(interface), "") << nexthop;
     EXPECT_EQ(interface.nexthop, nexthop);
   }
@@ -235,23 +235,6 @@ TEST_F(NexthopDiscoveryDhcpTest, NoLockIsHeldOverTheFile) {
   resolve();
   EXPECT_TRUE(was_free);
   EXPECT_EQ(found(interface), "192.0.2.1");
-}
-
-// The places are fixed; whether the machine has such a file is not for a test to say.
-TEST(NexthopDiscoveryPlacesTest, AreThoseOfTheClients) {
-  LBConfig config;
-  add(config, "lb-test", "dhcp");
-  add(config, "lb-test", "dhcp", true);
-  std::vector<std::string> opened;
-  CallHook hook(wrapped::open, [&](const char* path, int, mode_t) {
-    opened.emplace_back(path);
-    errno = ENOENT;
-    return -1;
-  });
-  resolve_dhcp_nexthops(config, worker_of(false));
-  resolve_dhcp_nexthops(config, worker_of(true));
-  EXPECT_THAT(opened, testing::IsSupersetOf({"/var/db/dhclient_lb-test.leases",
-                                             "/var/db/dhcp6_clientlb-test.leases"}));
 }
 
 // --- tunnels ---

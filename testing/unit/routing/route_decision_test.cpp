@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "support/model_builder.h"
-#include "support/routing_root.h"
+#include "support/routing_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -26,7 +26,7 @@ std::string block6(const std::string& route) {
   return "protocol static {\nipv6 {table master6;};\ncheck link 1;\n" + route + "\n};\n";
 }
 
-class RouteDecisionTest : public RoutingRoot {
+class RouteDecisionTest : public RoutingFixture {
  protected:
   void add_uplink(const std::string& name, const std::string& nexthop, int32_t weight) {
     add_active_interface(config_, name, nexthop);
@@ -43,7 +43,7 @@ class RouteDecisionTest : public RoutingRoot {
     edit_state(interface, [active](InterfaceState& state) { state.active = active; });
   }
   void run(bool ipv6 = false, const std::string& vrf = kDefaultNamespace) {
-    route_decision::run_below(directory_.path(), config_, worker_of(ipv6, vrf));
+    LBDecision().run(config_, worker_of(ipv6, vrf));
   }
   std::map<std::string, std::string> failover(const std::string& rule) {
     MutexLock lock(config_.written_mutex);
@@ -63,7 +63,7 @@ class RouteDecisionTest : public RoutingRoot {
 TEST_F(RouteDecisionTest, WritesSignalsAndFlushes) {
   add_uplink("eth0", "192.0.2.1", 1);
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_EQ(directory_.read(route_file_), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
   EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
   EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
                                      Pair("ip route flush cache 2>/dev/null", "w")));
@@ -76,8 +76,8 @@ TEST_F(RouteDecisionTest, WritesSignalsAndFlushes) {
 TEST_F(RouteDecisionTest, Ipv6HasItsOwnFileAndFlush) {
   add_uplink6("eth0", "2001:db8::1");
   run(true);
-  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
-  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_EQ(directory_.read(route_file6_), block6("route ::/0 via 2001:db8::1 weight 1;"));
+  EXPECT_FALSE(directory_.exists(route_file_));
   EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
   EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
                                      Pair("ip -6 route flush cache 2>/dev/null", "w")));
@@ -89,29 +89,20 @@ TEST_F(RouteDecisionTest, OtherVrfHasItsOwnPlaces) {
   add_uplink("eth0", "192.0.2.1", 1);
   rule_.vrf = "red";
   config_.interfaces.at("eth0").vrf = "red";
-  directory_.write("var/vrfs/red/usr/var/run/routing.pid", "815\n");
-  std::filesystem::create_directories(directory_.file("var/vrfs/red/usr/etc"));
+  use_pid_file("815\n", "red");
   run(false, "red");
-  EXPECT_EQ(directory_.read("var/vrfs/red/usr/etc/routing-wlb.conf"),
+  EXPECT_EQ(directory_.read(route_file_path("red", false)),
             block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
-  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_FALSE(directory_.exists(route_file_));
   EXPECT_THAT(kills_, ElementsAre(Pair(815, SIGHUP)));
-  EXPECT_THAT(
-      commands_,
-      ElementsAre(Pair(pid_command("/var/vrfs/red/usr/var/run/routing.pid") + " 2>/dev/null", "r"),
-                  Pair("ip route flush cache 2>/dev/null", "w")));
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command("red") + " 2>/dev/null", "r"),
+                                     Pair("ip route flush cache 2>/dev/null", "w")));
   EXPECT_EQ(written("red", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
   EXPECT_EQ(written("default", false), "");
 }
 
-// The public operation works below the real root; every call that could reach it is caught.
-TEST(RouteDecisionRunTest, UsesTheFixedPlaces) {
-  set_log_flag(3, true);
-  LBConfig config;
-  add_active_interface(config, "eth0", "192.0.2.1");
-  LBRule& rule = config.rules["1_ipv4"];
-  rule.targets["0.0.0.0/0"];
-  rule.members["eth0"] = {.ipv6 = false, .weight = 1};
+TEST_F(RouteDecisionTest, FileIsOpenedToReplaceItsContent) {
+  add_uplink("eth0", "192.0.2.1", 1);
   std::vector<std::string> opened;
   CallHook open_hook(wrapped::open, [&](const char* path, int flags, mode_t mode) {
     opened.emplace_back(path);
@@ -120,22 +111,18 @@ TEST(RouteDecisionRunTest, UsesTheFixedPlaces) {
     errno = EACCES;
     return -1;
   });
-  const Fault no_commands("popen", ENOMEM);
-  LBDecision decision;
-  decision.run(config, worker_of(false));
-  EXPECT_THAT(opened, ElementsAre("/usr/etc/routing-wlb.conf"));
-  EXPECT_THAT(log_records(), ElementsAre(LoggedDebug("LBDecision::run() can't execute 'cat "
-                                                     "/var/run/routing.pid'")));
+  run();
+  EXPECT_THAT(opened, ElementsAre(route_file_));
 }
 
 // --- only changes are written ---
 
 TEST_F(RouteDecisionTest, NothingHappensWhileThereAreNoRoutes) {
-  directory_.write(kRouteFile, "left from an earlier run");
+  directory_.write(route_file_, "left from an earlier run");
   add_uplink("eth0", "192.0.2.1", 1);
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), "left from an earlier run");
+  EXPECT_EQ(directory_.read(route_file_), "left from an earlier run");
   EXPECT_THAT(commands_, IsEmpty());
   EXPECT_THAT(kills_, IsEmpty());
   EXPECT_THAT(log_records(), IsEmpty());
@@ -146,8 +133,8 @@ TEST_F(RouteDecisionTest, LostRoutesTruncateTheFileAndSignal) {
   run();
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_TRUE(directory_.exists(kRouteFile));
-  EXPECT_EQ(directory_.read(kRouteFile), "");
+  EXPECT_TRUE(directory_.exists(route_file_));
+  EXPECT_EQ(directory_.read(route_file_), "");
   EXPECT_EQ(kills_.size(), 2u);
   run();
   EXPECT_EQ(kills_.size(), 2u);
@@ -156,9 +143,9 @@ TEST_F(RouteDecisionTest, LostRoutesTruncateTheFileAndSignal) {
 TEST_F(RouteDecisionTest, SameTextIsWrittenAndSignalledOnce) {
   add_uplink("eth0", "192.0.2.1", 1);
   run();
-  directory_.write(kRouteFile, "untouched");
+  directory_.write(route_file_, "untouched");
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), "untouched");
+  EXPECT_EQ(directory_.read(route_file_), "untouched");
   EXPECT_EQ(kills_.size(), 1u);
   EXPECT_EQ(commands_.size(), 2u);
 }
@@ -169,18 +156,18 @@ TEST_F(RouteDecisionTest, ShorterTextLeavesNoRestOfTheLongerOne) {
   run();
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 198.51.100.1 weight 2;"));
+  EXPECT_EQ(directory_.read(route_file_), block4("route 0.0.0.0/0 via 198.51.100.1 weight 2;"));
   EXPECT_EQ(kills_.size(), 2u);
 }
 
 TEST_F(RouteDecisionTest, FileIsWrittenInPlace) {
   add_uplink("eth0", "192.0.2.1", 1);
-  directory_.write(kRouteFile, "old");
+  directory_.write(route_file_, "old");
   struct stat before {};
-  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &before), 0);
+  ASSERT_EQ(stat(route_file_.c_str(), &before), 0);
   run();
   struct stat after {};
-  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &after), 0);
+  ASSERT_EQ(stat(route_file_.c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
@@ -197,15 +184,15 @@ TEST_F(RouteDecisionTest, FamiliesAndVrfsKeepTheirOwnNotes) {
 }
 
 TEST_F(RouteDecisionTest, FileThatCannotBeOpenedIsNotReportedNorTriedAgain) {
-  std::filesystem::remove_all(directory_.file("usr"));
+  std::filesystem::remove_all(route_directory_);
   add_uplink("eth0", "192.0.2.1", 1);
   run();
   EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));  // all the same
   EXPECT_THAT(log_records(), IsEmpty());
   EXPECT_EQ(written("default", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
-  std::filesystem::create_directories(directory_.file("usr/etc"));
+  make_route_directory();
   run();
-  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_FALSE(directory_.exists(route_file_));
   EXPECT_EQ(kills_.size(), 1u);
 }
 
@@ -322,6 +309,6 @@ TEST_F(RouteDecisionTest, WorkersOfAllKindsRunAtOnce) {
   for (std::thread& worker : workers) worker.join();
   run(false);
   run(true);
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
-  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
+  EXPECT_EQ(directory_.read(route_file_), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_EQ(directory_.read(route_file6_), block6("route ::/0 via 2001:db8::1 weight 1;"));
 }
