@@ -59,12 +59,10 @@ struct InterfaceState {
   std::optional<bool> no_arp;                     // IFF_NOARP, once it was read
 };
 
-// An interface of the health section. Both maps of LBConfig hold this record.
-struct LBInterface {
-  LBInterface(std::string interface_name, bool is_ipv6)
+// What is configured of an interface, but its tests.
+struct InterfaceSettings {
+  InterfaceSettings(std::string interface_name, bool is_ipv6)
       : name(std::move(interface_name)), origin(name), ipv6(is_ipv6) {}
-  LBInterface(const LBInterface& other) LB_EXCLUDES(other.mutex);
-  LBInterface& operator=(const LBInterface&) = delete;
 
   int32_t success_ct = 3;
   int32_t failure_ct = 1;
@@ -75,6 +73,22 @@ struct LBInterface {
   bool check_all = false;
   std::string source_address;
   std::string vrf = kDefaultNamespace;  // keyword "namespace"
+
+  // True when the next hop is found at run time.
+  bool discovers_nexthop() const { return nexthop == "dhcp" || nexthop == "tunnel"; }
+};
+
+// An interface of the health section. Both maps of LBConfig hold this record.
+struct LBInterface : InterfaceSettings {
+  using InterfaceSettings::InterfaceSettings;
+  LBInterface(const LBInterface& other) LB_EXCLUDES(other.mutex)
+      : InterfaceSettings(other),
+        tests(other.tests),
+        tests6(other.tests6),
+        state(other.snapshot()) {}
+  LBInterface& operator=(const LBInterface&) = delete;
+
+  // Copies of the interface share the tests.
   std::map<int32_t, std::shared_ptr<LBTest>> tests;
   std::map<int32_t, std::shared_ptr<LBTest6>> tests6;
 
@@ -84,14 +98,22 @@ struct LBInterface {
   // A copy of the run-time part.
   InterfaceState snapshot() const LB_EXCLUDES(mutex);
 
-  // True when the next hop is found at run time ("dhcp", "tunnel").
-  bool discovers_nexthop() const { return nexthop == "dhcp" || nexthop == "tunnel"; }
-
   // The next hop in force: the configured one, or the one found (empty while there is none).
   std::string gateway() const LB_EXCLUDES(mutex);
 };
 
 using InterfaceMap = std::map<std::string, LBInterface>;
+
+// What the route decision wrote last.
+struct WrittenState {
+  using TextByVrf = std::map<std::string, std::string>;
+  using TextByTarget = std::map<std::string, std::string>;
+
+  TextByVrf routes_written;
+  TextByVrf routes_written6;
+  // Per rule name: the next hop that a failover rule chose for each destination.
+  std::map<std::string, TextByTarget> failover_nexthops;
+};
 
 struct LBConfig {
   LBConfig() = default;
@@ -108,14 +130,11 @@ struct LBConfig {
   InterfaceMap& interfaces_of(bool ipv6) { return ipv6 ? interfaces6 : interfaces; }
   const InterfaceMap& interfaces_of(bool ipv6) const { return ipv6 ? interfaces6 : interfaces; }
 
-  // What the route decision wrote last.
-  using TextByVrf = std::map<std::string, std::string>;
-  using TextByTarget = std::map<std::string, std::string>;
   mutable Mutex written_mutex;
-  TextByVrf routes_written LB_GUARDED_BY(written_mutex);
-  TextByVrf routes_written6 LB_GUARDED_BY(written_mutex);
-  // Per rule name: the next hop that a failover rule chose for each destination.
-  std::map<std::string, TextByTarget> failover_nexthops LB_GUARDED_BY(written_mutex);
+  WrittenState written LB_GUARDED_BY(written_mutex);
+
+  // A copy of what was written.
+  WrittenState copy_written() const LB_EXCLUDES(written_mutex);
 };
 
 // What a VRF has of one family. Start-up fills it; a family is served where both are set.

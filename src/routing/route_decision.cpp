@@ -31,7 +31,7 @@ void keep_failover_nexthops(LBConfig& config, const StaticRoutes& routes, bool i
   MutexLock lock(config.written_mutex);
   for (const auto& [rule_name, rule] : config.rules) {
     if (rule.vrf != vrf) continue;
-    LBConfig::TextByTarget& kept = config.failover_nexthops[rule_name];
+    WrittenState::TextByTarget& kept = config.written.failover_nexthops[rule_name];
     std::erase_if(kept, [&rule = rule, ipv6](const auto& entry) {
       return owns_failover_entry(rule, entry.first, ipv6);
     });
@@ -46,9 +46,9 @@ void keep_failover_nexthops(LBConfig& config, const StaticRoutes& routes, bool i
 // Notes `body` as the text written last; false when it already is.
 bool note_written(LBConfig& config, const std::string& body, bool ipv6, const std::string& vrf) {
   MutexLock lock(config.written_mutex);
-  std::string& written = (ipv6 ? config.routes_written6 : config.routes_written)[vrf];
-  if (written == body) return false;
-  written = body;
+  std::string& text = (ipv6 ? config.written.routes_written6 : config.written.routes_written)[vrf];
+  if (text == body) return false;
+  text = body;
   return true;
 }
 

@@ -46,12 +46,11 @@ class RouteDecisionTest : public RoutingFixture {
     LBDecision().run(config_, worker_of(ipv6, vrf));
   }
   std::map<std::string, std::string> failover(const std::string& rule) {
-    MutexLock lock(config_.written_mutex);
-    return config_.failover_nexthops[rule];
+    return config_.copy_written().failover_nexthops[rule];
   }
   std::string written(const std::string& vrf, bool ipv6) {
-    MutexLock lock(config_.written_mutex);
-    return (ipv6 ? config_.routes_written6 : config_.routes_written)[vrf];
+    WrittenState written = config_.copy_written();
+    return (ipv6 ? written.routes_written6 : written.routes_written)[vrf];
   }
 
   LBConfig config_;
