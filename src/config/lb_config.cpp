@@ -11,8 +11,6 @@ std::string LBInterface::gateway() const {
   return state.nexthop_address;
 }
 
-LBConfig::LBConfig(const LBConfig& other) { replace(other); }
-
 void LBConfig::replace(const LBConfig& other) {
   if (this == &other) return;
   rules = other.rules;

@@ -117,10 +117,11 @@ struct WrittenState {
 
 struct LBConfig {
   LBConfig() = default;
-  LBConfig(const LBConfig& other);  // deep, but the test objects are shared
+  LBConfig(const LBConfig&) = delete;
   LBConfig& operator=(const LBConfig&) = delete;
 
-  // Takes the maps of `other` in place of its own. Before the threads start only.
+  // Takes copies of the maps of `other` in place of its own; the test objects are shared. Before
+  // the threads start only.
   void replace(const LBConfig& other);
 
   std::map<std::string, LBRule> rules;

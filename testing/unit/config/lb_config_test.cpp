@@ -41,7 +41,8 @@ void expect_same_interface(const LBInterface& copy, const LBInterface& original)
 }  // namespace
 
 TEST_F(LBConfigTest, CopyIsDeepButSharesTheTests) {
-  const LBConfig copy(config_);
+  LBConfig copy;
+  copy.replace(config_);
   expect_same_interface(copy.interfaces.at("eth0"), eth0());
   expect_same_interface(copy.interfaces6.at("eth1"), eth1());
   EXPECT_EQ(copy.rules.at("1_ipv4").failover, 1);
