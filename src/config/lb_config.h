@@ -18,8 +18,7 @@
 
 #include "config/health_test.h"
 #include "platform/mutex.h"
-
-inline const std::string kDefaultNamespace = "default";
+#include "platform/places.h"
 
 // A destination of a rule; the key in LBRule::targets is the prefix text.
 struct LBTarget {
@@ -58,12 +57,10 @@ struct InterfaceState {
   std::optional<bool> no_arp;                     // IFF_NOARP, once it was read
 };
 
-// An interface of the health section. Both maps of LBConfig hold this record.
-struct LBInterface {
-  LBInterface(std::string interface_name, bool is_ipv6)
+// What is configured of an interface.
+struct InterfaceSettings {
+  InterfaceSettings(std::string interface_name, bool is_ipv6)
       : name(std::move(interface_name)), origin(name), ipv6(is_ipv6) {}
-  LBInterface(const LBInterface& other) LB_EXCLUDES(other.mutex);
-  LBInterface& operator=(const LBInterface&) = delete;
 
   int32_t success_ct = 3;
   int32_t failure_ct = 1;
@@ -73,8 +70,20 @@ struct LBInterface {
   bool ipv6;
   bool check_all = false;
   std::string source_address;
-  std::string vrf = kDefaultNamespace;                   // keyword "namespace"
-  std::map<int32_t, std::shared_ptr<HealthTest>> tests;  // of the interface's family, by index
+  std::string vrf = kDefaultNamespace;  // keyword "namespace"
+  // Of the interface's family, by index. Copies share them.
+  std::map<int32_t, std::shared_ptr<HealthTest>> tests;
+
+  // True when the next hop is found at run time.
+  bool discovers_nexthop() const { return nexthop == "dhcp" || nexthop == "tunnel"; }
+};
+
+// An interface of the health section. Both maps of LBConfig hold this record.
+struct LBInterface : InterfaceSettings {
+  using InterfaceSettings::InterfaceSettings;
+  LBInterface(const LBInterface& other) LB_EXCLUDES(other.mutex)
+      : InterfaceSettings(other), state(other.snapshot()) {}
+  LBInterface& operator=(const LBInterface&) = delete;
 
   mutable Mutex mutex;
   InterfaceState state LB_GUARDED_BY(mutex);
@@ -82,21 +91,30 @@ struct LBInterface {
   // A copy of the run-time part.
   InterfaceState snapshot() const LB_EXCLUDES(mutex);
 
-  // True when the next hop is found at run time ("dhcp", "tunnel").
-  bool discovers_nexthop() const { return nexthop == "dhcp" || nexthop == "tunnel"; }
-
   // The next hop in force: the configured one, or the one found (empty while there is none).
   std::string gateway() const LB_EXCLUDES(mutex);
 };
 
 using InterfaceMap = std::map<std::string, LBInterface>;
 
+// What the route decision wrote last.
+struct WrittenState {
+  using TextByVrf = std::map<std::string, std::string>;
+  using TextByTarget = std::map<std::string, std::string>;
+
+  TextByVrf routes_written;
+  TextByVrf routes_written6;
+  // Per rule name: the next hop that a failover rule chose for each destination.
+  std::map<std::string, TextByTarget> failover_nexthops;
+};
+
 struct LBConfig {
   LBConfig() = default;
-  LBConfig(const LBConfig& other);  // deep, but the test objects are shared
+  LBConfig(const LBConfig&) = delete;
   LBConfig& operator=(const LBConfig&) = delete;
 
-  // Takes the maps of `other` in place of its own. Before the threads start only.
+  // Takes copies of the maps of `other` in place of its own; the test objects are shared. Before
+  // the threads start only.
   void replace(const LBConfig& other);
 
   std::map<std::string, LBRule> rules;
@@ -106,14 +124,11 @@ struct LBConfig {
   InterfaceMap& interfaces_of(bool ipv6) { return ipv6 ? interfaces6 : interfaces; }
   const InterfaceMap& interfaces_of(bool ipv6) const { return ipv6 ? interfaces6 : interfaces; }
 
-  // What the route decision wrote last.
-  using TextByVrf = std::map<std::string, std::string>;
-  using TextByTarget = std::map<std::string, std::string>;
   mutable Mutex written_mutex;
-  TextByVrf routes_written LB_GUARDED_BY(written_mutex);
-  TextByVrf routes_written6 LB_GUARDED_BY(written_mutex);
-  // Per rule name: the next hop that a failover rule chose for each destination.
-  std::map<std::string, TextByTarget> failover_nexthops LB_GUARDED_BY(written_mutex);
+  WrittenState written LB_GUARDED_BY(written_mutex);
+
+  // A copy of what was written.
+  WrittenState copy_written() const LB_EXCLUDES(written_mutex);
 };
 
 // What a VRF has of one family. Start-up fills it; a family is served where both are set.

@@ -31,11 +31,6 @@ class DumpFile {
   std::unique_ptr<FILE, Closer> file_;
 };
 
-std::map<std::string, LBConfig::TextByTarget> copy_failover_nexthops(const LBConfig& config) {
-  MutexLock lock(config.written_mutex);
-  return config.failover_nexthops;
-}
-
 // What is noted for `key`, or an empty value.
 template <typename Value>
 Value value_or_empty(const std::map<std::string, Value>& values, const std::string& key) {
@@ -44,8 +39,9 @@ Value value_or_empty(const std::map<std::string, Value>& values, const std::stri
 }
 
 // False after a failure, which is logged.
-bool write_routes(const RuleKey& key, const LBRule& rule, const LBConfig::TextByTarget& nexthops,
-                  const char* operation, DumpFile& file) {
+bool write_routes(const RuleKey& key, const LBRule& rule,
+                  const WrittenState::TextByTarget& nexthops, const char* operation,
+                  DumpFile& file) {
   int32_t index = 0;
   for (const auto& [destination, target] : rule.targets) {
     if (index == static_cast<int32_t>(kDumpMaxRoutes)) break;
@@ -104,7 +100,7 @@ void LBOutput::dump_rules_and_routes(const std::map<std::string, LBRule>& rules,
     LB_ERROR("wan_lb: Error open file for writing '%s'", routes_path().c_str());
     return;
   }
-  const auto nexthops = copy_failover_nexthops(*names);
+  const auto nexthops = names->copy_written().failover_nexthops;
   for (const auto& [name, rule] : rules) {
     const std::optional<RuleKey> key = parse_rule_key(name);
     if (!key) {

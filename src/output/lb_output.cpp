@@ -44,7 +44,7 @@ LBOutput::~LBOutput() noexcept(false) {
 }
 
 void LBOutput::write(const LBConfig& config, const LBWorkerContext& worker) {
-  const bool ipv6 = worker.ipv6 != 0;
+  const bool ipv6 = worker.ipv6;
   const std::string path = status_path(ipv6);
   note_files({rules_path(), routes_path()}, false);
   if (!make_dump_directory()) return;

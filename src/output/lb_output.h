@@ -40,6 +40,7 @@ class LBOutput {
   void dump_rules_and_routes(const std::map<std::string, LBRule>& rules, const LBConfig* names);
 
   // The paths that a family's writes have used so far; those of the rules count as IPv4.
+  // Not called by the daemon itself: it is for whoever links the library.
   std::set<std::string> used_files(bool ipv6) const;
 
  private:

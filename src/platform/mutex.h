@@ -12,13 +12,11 @@
 #define LB_CAPABILITY(x) LB_THREAD_ANNOTATION(capability(x))
 #define LB_SCOPED_CAPABILITY LB_THREAD_ANNOTATION(scoped_lockable)
 #define LB_GUARDED_BY(x) LB_THREAD_ANNOTATION(guarded_by(x))
-#define LB_PT_GUARDED_BY(x) LB_THREAD_ANNOTATION(pt_guarded_by(x))
 #define LB_REQUIRES(...) LB_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define LB_ACQUIRE(...) LB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define LB_RELEASE(...) LB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define LB_TRY_ACQUIRE(...) LB_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define LB_EXCLUDES(...) LB_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define LB_RETURN_CAPABILITY(x) LB_THREAD_ANNOTATION(lock_returned(x))
 #define LB_NO_THREAD_SAFETY_ANALYSIS LB_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 // A POSIX mutex with default attributes. The results are the POSIX return codes (0 or an errno

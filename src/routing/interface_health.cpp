@@ -92,7 +92,7 @@ void evaluate_state(LBInterface& interface, const LBWorkerContext& worker) {
 }
 
 void clear_state_changed(LBConfig& config, const LBWorkerContext& worker) {
-  for (auto& [name, interface] : config.interfaces_of(worker.ipv6 != 0)) {
+  for (auto& [name, interface] : config.interfaces_of(worker.ipv6)) {
     MutexLock lock(interface.mutex);
     interface.state.state_changed = false;
   }
@@ -101,7 +101,7 @@ void clear_state_changed(LBConfig& config, const LBWorkerContext& worker) {
 std::map<std::string, std::string> changed_interfaces(LBConfig& config,
                                                       const LBWorkerContext& worker) {
   std::map<std::string, std::string> changed;
-  for (auto& [name, interface] : config.interfaces_of(worker.ipv6 != 0)) {
+  for (auto& [name, interface] : config.interfaces_of(worker.ipv6)) {
     const int32_t now = wall_seconds();
     const char* text = nullptr;
     {

@@ -24,12 +24,13 @@ void evaluate_state(LBInterface& interface, const LBWorkerContext& worker);
 void clear_state_changed(LBConfig& config, const LBWorkerContext& worker);
 
 // The interfaces of the worker's family that are marked as changed, by name: "ACTIVE" or "FAILED".
-// Stamps each of them with the present time and logs it.
+// Stamps each of them with the present time and logs it. Not called by the daemon itself: it is for
+// whoever links the library.
 std::map<std::string, std::string> changed_interfaces(LBConfig& config,
                                                       const LBWorkerContext& worker);
 
 // Read access by name, in the worker's family; an unknown name gets the default that stands behind
-// each.
+// each. The first two are not called by the daemon itself: they are for whoever links the library.
 bool interface_active(const LBConfig& config, const std::string& name, bool ipv6);      // false
 std::string interface_vrf(const LBConfig& config, const std::string& name, bool ipv6);  // "default"
 std::string interface_origin(const LBConfig& config, const std::string& name, bool ipv6);  // ""

@@ -1,6 +1,5 @@
 #include "routing/lease_file.h"
 
-#include <array>
 #include <vector>
 
 #include "config/tokens.h"
@@ -38,19 +37,6 @@ std::optional<std::string> new_routers(std::string_view line) {
   return router;
 }
 
-struct LeaseFormat {
-  const char* path_start;
-  std::optional<std::string> (*parse_line)(std::string_view line);
-};
-
-// The IPv6 client's file name has no separator before the interface name.
-constexpr std::array<LeaseFormat, 2> kFormats = {{
-    {"/var/db/dhclient_", option_routers},
-    {"/var/db/dhcp6_client", new_routers},
-}};
-
-const LeaseFormat& format_of(bool ipv6) { return kFormats[ipv6 ? 1 : 0]; }
-
 // Takes the next line, its newline included, from the front of `text`.
 std::string_view take_piece(std::string_view& text) {
   std::string_view piece = text.substr(0, kMaxPiece);
@@ -63,17 +49,14 @@ std::string_view take_piece(std::string_view& text) {
 
 }  // namespace
 
-std::string lease_path(const std::string& interface_name, bool ipv6, const std::string& root) {
-  return root + format_of(ipv6).path_start + interface_name + ".leases";
-}
-
 std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
+  const auto parse_line = ipv6 ? new_routers : option_routers;
   while (!text.empty()) {
     std::string_view piece = take_piece(text);
     piece = piece.substr(0, piece.find('\0'));  // a line is a C string: it ends at a NUL byte
     // Both formats have the word; looking for it first makes a runaway file cheap.
     if (piece.find("routers") == std::string_view::npos) continue;
-    if (std::optional<std::string> router = format_of(ipv6).parse_line(piece)) return router;
+    if (std::optional<std::string> router = parse_line(piece)) return router;
   }
   return std::nullopt;
 }

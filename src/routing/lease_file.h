@@ -9,10 +9,6 @@
 #include <string>
 #include <string_view>
 
-// The lease file of the interface with the configured name `interface_name`. Every path is below
-// `root`, which is empty outside tests.
-std::string lease_path(const std::string& interface_name, bool ipv6, const std::string& root = "");
-
 // The first router that the text names. No value when no line is a router line; an empty text when
 // the first router line has no usable address. Never fails, whatever the bytes are.
 std::optional<std::string> lease_router(std::string_view text, bool ipv6);

@@ -12,6 +12,7 @@
 
 #include "config/log.h"
 #include "packets/family.h"
+#include "platform/places.h"
 #include "routing/interface_health.h"
 #include "routing/lease_file.h"
 
@@ -37,12 +38,11 @@ void store_nexthop(LBInterface& interface, const std::string& address) {
 
 }  // namespace
 
-void nexthop_discovery::resolve_dhcp_below(const std::string& root, LBConfig& config,
-                                           const LBWorkerContext& worker) {
-  const bool ipv6 = worker.ipv6 != 0;
+void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker) {
+  const bool ipv6 = worker.ipv6;
   for (auto& [name, interface] : config.interfaces_of(ipv6)) {
     if (interface.nexthop != "dhcp") continue;
-    const std::optional<std::string> router = read_lease_router(lease_path(name, ipv6, root), ipv6);
+    const std::optional<std::string> router = read_lease_router(lease_file_path(name, ipv6), ipv6);
     if (router) store_nexthop(interface, *router);
     if (interface.gateway().empty()) {
       LB_WARNING("Failed to get routers option from DHCP on interface %s",
@@ -51,12 +51,8 @@ void nexthop_discovery::resolve_dhcp_below(const std::string& root, LBConfig& co
   }
 }
 
-void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker) {
-  nexthop_discovery::resolve_dhcp_below("", config, worker);
-}
-
 void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
-  const bool ipv6 = worker.ipv6 != 0;
+  const bool ipv6 = worker.ipv6;
   InterfaceMap& interfaces = config.interfaces_of(ipv6);
   // A tunnel of another VRF is not visible from here; to look would take away the peer that its own
   // worker found.

@@ -4,8 +4,6 @@
 // InterfaceState::nexthop_address.
 #pragma once
 
-#include <string>
-
 #include "config/lb_config.h"
 #include "config/worker_context.h"
 
@@ -17,10 +15,3 @@ void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker);
 // Looks up the point-to-point peer of every interface of the worker's VRF with the next hop
 // "tunnel" in the calling thread's network namespace; the address becomes empty when there is none.
 void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker);
-
-namespace nexthop_discovery {
-
-// resolve_dhcp_nexthops with the lease files below the directory `root`.
-void resolve_dhcp_below(const std::string& root, LBConfig& config, const LBWorkerContext& worker);
-
-}  // namespace nexthop_discovery

@@ -31,7 +31,7 @@ void keep_failover_nexthops(LBConfig& config, const StaticRoutes& routes, bool i
   MutexLock lock(config.written_mutex);
   for (const auto& [rule_name, rule] : config.rules) {
     if (rule.vrf != vrf) continue;
-    LBConfig::TextByTarget& kept = config.failover_nexthops[rule_name];
+    WrittenState::TextByTarget& kept = config.written.failover_nexthops[rule_name];
     std::erase_if(kept, [&rule = rule, ipv6](const auto& entry) {
       return owns_failover_entry(rule, entry.first, ipv6);
     });
@@ -46,27 +46,22 @@ void keep_failover_nexthops(LBConfig& config, const StaticRoutes& routes, bool i
 // Notes `body` as the text written last; false when it already is.
 bool note_written(LBConfig& config, const std::string& body, bool ipv6, const std::string& vrf) {
   MutexLock lock(config.written_mutex);
-  std::string& written = (ipv6 ? config.routes_written6 : config.routes_written)[vrf];
-  if (written == body) return false;
-  written = body;
+  std::string& text = (ipv6 ? config.written.routes_written6 : config.written.routes_written)[vrf];
+  if (text == body) return false;
+  text = body;
   return true;
 }
 
 }  // namespace
 
-void route_decision::run_below(const std::string& root, LBConfig& config,
-                               const LBWorkerContext& worker) {
-  const bool ipv6 = worker.ipv6 != 0;
+void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
+  const bool ipv6 = worker.ipv6;
   const StaticRoutes routes = build_static_routes(config, ipv6, worker.vrf);
   keep_failover_nexthops(config, routes, ipv6, worker.vrf);
 
   // Noted before it is written: a write that fails is tried again when the text changes.
   if (!note_written(config, routes.body, ipv6, worker.vrf)) return;
-  const RoutingDaemon daemon(worker.vrf, ipv6, root);
+  const RoutingDaemon daemon(worker.vrf, ipv6);
   daemon.write_file(protocol_static_text(routes.body, ipv6));
   daemon.reload();
-}
-
-void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
-  route_decision::run_below("", config, worker);
 }

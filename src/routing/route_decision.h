@@ -1,8 +1,6 @@
 // From interface states to the routing daemon's static routes.
 #pragma once
 
-#include <string>
-
 #include "config/lb_config.h"
 #include "config/worker_context.h"
 
@@ -14,10 +12,3 @@ class LBDecision {
   // cache. Runs shell commands in the calling thread's network namespace.
   void run(LBConfig& config, const LBWorkerContext& worker);
 };
-
-namespace route_decision {
-
-// LBDecision::run with the routing daemon's places below the directory `root`.
-void run_below(const std::string& root, LBConfig& config, const LBWorkerContext& worker);
-
-}  // namespace route_decision

@@ -3,28 +3,17 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
-#include "config/lb_config.h"
 #include "config/log.h"
 #include "platform/file_descriptor.h"
+#include "platform/places.h"
 
 namespace {
-
-struct FamilyPlaces {
-  const char* file_name;
-  const char* flush_command;
-};
-
-constexpr std::array<FamilyPlaces, 2> kPlaces = {{
-    {"routing-wlb.conf", "ip route flush cache"},
-    {"routing-wlb6.conf", "ip -6 route flush cache"},
-}};
 
 constexpr const char* kNoErrors = " 2>/dev/null";
 
@@ -67,13 +56,10 @@ std::optional<pid_t> parse_routing_pid(const std::string& text) {
   return static_cast<pid_t>(pid);
 }
 
-RoutingDaemon::RoutingDaemon(const std::string& vrf, bool ipv6, const std::string& root)
-    : flush_command_(kPlaces[ipv6 ? 1 : 0].flush_command) {
-  const bool main_vrf = vrf == kDefaultNamespace;
-  const std::string home = main_vrf ? root : root + "/var/vrfs/" + vrf;
-  file_path_ = home + "/usr/etc/" + kPlaces[ipv6 ? 1 : 0].file_name;
-  pid_command_ = "cat " + home + (main_vrf ? "/var/run/routing.pid" : "/usr/var/run/routing.pid");
-}
+RoutingDaemon::RoutingDaemon(const std::string& vrf, bool ipv6)
+    : file_path_(route_file_path(vrf, ipv6)),
+      pid_command_("cat " + routing_pid_path(vrf)),
+      flush_command_(ipv6 ? "ip -6 route flush cache" : "ip route flush cache") {}
 
 void RoutingDaemon::write_file(const std::string& text) const {
   const FileDescriptor file(

@@ -14,9 +14,8 @@ std::optional<pid_t> parse_routing_pid(const std::string& text);
 
 class RoutingDaemon {
  public:
-  // The daemon of `vrf`, seen by the worker of one family. Every path is below `root`, which is
-  // empty outside tests.
-  RoutingDaemon(const std::string& vrf, bool ipv6, const std::string& root = "");
+  // The daemon of `vrf`, seen by the worker of one family.
+  RoutingDaemon(const std::string& vrf, bool ipv6);
 
   // Replaces the content of the daemon's file, in place. A file that cannot be opened is left as it
   // is, in silence: a VRF may have no routing daemon at all.
@@ -26,11 +25,8 @@ class RoutingDaemon {
   // shell commands in the calling thread's network namespace; no lock may be held.
   void reload() const;
 
-  const std::string& file_path() const { return file_path_; }
-  const std::string& pid_command() const { return pid_command_; }
-
  private:
-  std::string file_path_;
-  std::string pid_command_;
-  const char* flush_command_;
+  const std::string file_path_;
+  const std::string pid_command_;
+  const char* const flush_command_;
 };

@@ -13,7 +13,7 @@ struct StaticRoutes {
   std::string body;
 
   // Per rule name and destination: the next hop of a failover rule.
-  std::map<std::string, LBConfig::TextByTarget> failover_nexthops;
+  std::map<std::string, WrittenState::TextByTarget> failover_nexthops;
 };
 
 // The routes that the present interface states give.

@@ -6,14 +6,14 @@
 
 #include "support/wrapped_calls.h"
 
-TEST(Netns, UnknownNameFails) {
+TEST(NetnsTest, UnknownNameFails) {
   errno = 0;
   EXPECT_EQ(lh_netns_set("lb-test-no-such-namespace"), -1);
   EXPECT_EQ(errno, ENOENT);
   EXPECT_EQ(call_count("setns"), 0);
 }
 
-TEST(Netns, EntersTheNamedNetworkNamespaceAndClosesItsFile) {
+TEST(NetnsTest, EntersTheNamedNetworkNamespaceAndClosesItsFile) {
   std::string opened;
   CallHook open_hook(wrapped::open, [&](const char* path, int flags, mode_t) {
     opened = path;
@@ -31,7 +31,7 @@ TEST(Netns, EntersTheNamedNetworkNamespaceAndClosesItsFile) {
   EXPECT_EQ(call_count("close"), 1);
 }
 
-TEST(Netns, RefusalKeepsItsReason) {
+TEST(NetnsTest, RefusalKeepsItsReason) {
   CallHook open_hook(wrapped::open, [](const char*, int, mode_t) {
     return wrapped::open.real("/dev/null", O_RDONLY | O_CLOEXEC, 0);
   });

@@ -40,7 +40,8 @@ void expect_same_interface(const LBInterface& copy, const LBInterface& original)
 }  // namespace
 
 TEST_F(LBConfigTest, CopyIsDeepButSharesTheTests) {
-  const LBConfig copy(config_);
+  LBConfig copy;
+  copy.replace(config_);
   expect_same_interface(copy.interfaces.at("eth0"), eth0());
   expect_same_interface(copy.interfaces6.at("eth1"), eth1());
   EXPECT_EQ(copy.rules.at("1_ipv4").failover, 1);
@@ -58,19 +59,19 @@ TEST_F(LBConfigTest, ReplaceLeavesNothingOfTheOldModel) {
   active.interfaces.try_emplace("old", "old", false);
   {
     MutexLock lock(active.written_mutex);
-    active.routes_written["default"] = "old";
+    active.written.routes_written["default"] = "old";
   }
   {
     MutexLock lock(config_.written_mutex);
-    config_.routes_written6["red"] = "new";
+    config_.written.routes_written6["red"] = "new";
   }
   active.replace(config_);
   EXPECT_THAT(active.rules, ElementsAre(Key("1_ipv4")));
   EXPECT_THAT(active.interfaces, ElementsAre(Key("eth0")));
   EXPECT_THAT(active.interfaces6, ElementsAre(Key("eth1")));
   MutexLock lock(active.written_mutex);
-  EXPECT_THAT(active.routes_written, IsEmpty());
-  EXPECT_THAT(active.routes_written6, ElementsAre(Pair("red", "new")));
+  EXPECT_THAT(active.written.routes_written, IsEmpty());
+  EXPECT_THAT(active.written.routes_written6, ElementsAre(Pair("red", "new")));
 }
 
 TEST_F(LBConfigTest, ReplaceByItselfChangesNothing) {

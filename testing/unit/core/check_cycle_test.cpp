@@ -194,11 +194,11 @@ TEST_F(CheckCycleTest, StepsFollowEachOther) {
   cycle_.run_once();
   auto events = events_.all();
   events.erase(events.begin(), events.begin() + 10);  // the tests
-  EXPECT_THAT(events, ElementsAre("open /usr/etc/routing-wlb.conf",
+  EXPECT_THAT(events, ElementsAre("open " + route_file_path("default", false),
                                   "fopen /out/wlb_dump/wlb_ipv4_outbounds.bin",
                                   "fopen /out/wlb_dump/wlb_rules.bin",
                                   "fopen /out/wlb_dump/wlb_routes.bin", "fopen /out/wlb_ipv4.out",
-                                  "sleep", "open /var/db/dhclient_wan2.leases", "getifaddrs"));
+                                  "sleep", "open " + lease_file_path("wan2", false), "getifaddrs"));
   EXPECT_EQ(interface("wan1").snapshot().last_success, kStart + 9);
   EXPECT_THAT(directory_.read("out/wlb_ipv4.out"),
               testing::HasSubstr("Interface:  wan1\n  Status:  active\n"));
@@ -218,7 +218,7 @@ TEST_F(CheckCycleTest, WatchdogIsFedBeforeTheNextHopsAreLookedUp) {
   size_t fed = 0;
   bool cleared = false;
   CallHook open_hook(wrapped::open, [&](const char* path, int, mode_t) {
-    if (std::string(path).starts_with("/var/db/")) {
+    if (path == lease_file_path("wan2", false)) {
       fed = recorded_device::calls().size();
       cleared = !changed(interface("wan1"));
     }

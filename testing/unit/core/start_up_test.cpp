@@ -1,95 +1,24 @@
-// Every start runs in a process of its own, which reports what it did before it ends.
 #include "core/start_up.h"
 
-#include <fcntl.h>
-#include <getopt.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-#include <vector>
 
 #include "core/command_line.h"
-#include "support/recorded_device.h"
-#include "support/recorded_log.h"
-#include "support/temporary_directory.h"
-#include "support/virtual_clock/virtual_clock.h"
-#include "support/wrapped_calls.h"
+#include "support/start_up_fixture.h"
 
 using testing::AllOf;
 using testing::EndsWith;
 using testing::ExitedWithCode;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
-constexpr const char* kCrashReport =
-    "backtrace_set_program_name lb\n"
-    "backtrace_open_console\n"
-    "backtrace_install_signal_handlers\n";
-
-pid_t group_before = -1;
-int report_fd = -1;  // standard error, also once the daemon has closed it
-
-// The calls to the device, the log, the threads and the sleeps.
-void report() {
-  for (const std::string& call : recorded_device::calls()) dprintf(report_fd, "%s\n", call.c_str());
-  for (const LogRecord& record : log_records()) {
-    dprintf(report_fd, "<%d> %s\n", record.priority, record.text.c_str());
-  }
-  dprintf(report_fd, "threads %d\n", call_count("pthread_create"));
-  for (const auto& sleep : virtual_clock::sleeps()) {
-    dprintf(report_fd, "sleep %lld\n", static_cast<long long>(sleep.count() / 1'000'000'000));
-  }
-  dprintf(report_fd, "end\n");
-}
-
-class StartUp : public TemporaryDirectoryTest {
- protected:
-  StartUp() {
-    // The process that runs the statement starts anew, without this one's threads.
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-  }
-
-  // Ends the process with the status that run_daemon returns, or with 77 at the second sleep.
-  [[noreturn]] static void start(std::vector<std::string> arguments) {
-    report_fd = fcntl(2, F_DUPFD_CLOEXEC, 100);
-    dup2(2, 1);  // only standard error is captured
-    setvbuf(stdout, nullptr, _IONBF, 0);
-    atexit(report);
-    virtual_clock::on_sleep([](std::chrono::nanoseconds) {
-      if (virtual_clock::sleeps().size() == 2) exit(77);
-    });
-    arguments.insert(arguments.begin(), "lb");
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    optind = 0;
-    exit(run_daemon(static_cast<int>(arguments.size()), argv.data()));
-  }
-
-  std::string config(const std::string& text) const { return directory_.write("lb.conf", text); }
-
-  // Starts with VRFs whose namespaces cannot be entered, so that all threads end at once.
-  [[noreturn]] static void start_and_fall_idle(const std::vector<std::string>& arguments) {
-    recorded_device::set_netns_result(-1);
-    start(arguments);
-  }
-};
+class StartUpDeathTest : public StartUpFixture {};
 
 constexpr const char* kRedOnly =
     "health {\n interface eth0 {\n namespace red\n }\n}\nrule 1_ipv4 {\n namespace red\n}\n";
 
 }  // namespace
-
-using StartUpDeathTest = StartUp;
 
 TEST_F(StartUpDeathTest, UsageIsPrintedAndEndsTheStart) {
   for (const char* option : {"-h", "-x"}) {
@@ -208,47 +137,7 @@ TEST_F(StartUpDeathTest, ThreadMessageIsBehindItsFlag) {
       ExitedWithCode(255), EndsWith("set_timeout\nthreads 1\nend\n"));
 }
 
-// --- as a daemon ---
-
-TEST_F(StartUpDeathTest, ParentNamesItsChildToTheWatchdogAndIsDone) {
-  EXPECT_EXIT(
-      {
-        CallHook hook(wrapped::fork, [] { return 4711; });
-        start({"-d", "-f", "/nonexistent", "-i", directory_.file("lb.pid")});
-      },
-      ExitedWithCode(0),
-      testing::Eq(std::string(kCrashReport) + "send_signal_live 4711 1\nthreads 0\nend\n"));
-}
-
-TEST_F(StartUpDeathTest, ChildGoesOnWithoutATerminal) {
-  EXPECT_EXIT(
-      {
-        CallHook hook(wrapped::fork, [] { return 0; });
-        atexit([] {
-          for (const int fd : {0, 1, 2}) {
-            char target[64] = {};
-            const std::string link = "/proc/self/fd/" + std::to_string(fd);
-            if (readlink(link.c_str(), target, sizeof(target) - 1) < 0) target[0] = '-';
-            dprintf(report_fd, "%d %s\n", fd, target);
-          }
-          // Nothing else is detached.
-          const bool same_group = getpgrp() == group_before;
-          char directory[PATH_MAX] = {};
-          const bool same_directory =
-              getcwd(directory, sizeof(directory)) == directory && std::string(directory) == "/usr";
-          dprintf(report_fd, "group %d directory %d mask %o\n", same_group, same_directory,
-                  umask(0));
-        });
-        group_before = getpgrp();
-        if (chdir("/usr") != 0) abort();
-        umask(0026);
-        start({"-d", "-t", "-f", "/nonexistent"});
-      },
-      ExitedWithCode(0),
-      EndsWith("configuration file not found: /nonexistent\nthreads 0\nend\n"
-               "0 /dev/null\n1 /dev/null\n2 /dev/null\n"
-               "group 1 directory 1 mask 26\n"));
-}
+// --- descriptors ---
 
 // Standard error is not there to report on: the exit status tells.
 [[noreturn]] void start_without_standard_descriptors() {
@@ -271,26 +160,6 @@ TEST_F(StartUpDeathTest, ChildGoesOnWithoutATerminal) {
 
 TEST_F(StartUpDeathTest, ClosedStandardDescriptorsAreTakenByTheNullDevice) {
   EXPECT_EXIT(start_without_standard_descriptors(), ExitedWithCode(42), "");
-}
-
-TEST_F(StartUpDeathTest, NoForkWithoutTheOption) {
-  EXPECT_EXIT(
-      {
-        const Fault fault("fork", EAGAIN);
-        start({"-t", "-f", config("")});
-      },
-      ExitedWithCode(0), Not(HasSubstr("fork")));
-}
-
-TEST_F(StartUpDeathTest, FailedForkIsLoggedAndTheStartGoesOn) {
-  EXPECT_EXIT(
-      {
-        const Fault fault("fork", EAGAIN);
-        start({"-d", "-t", "-f", "/nonexistent"});
-      },
-      ExitedWithCode(0),
-      HasSubstr("<4> %WAN-W-ERR: Can't fork to run as daemon, continuing in the foreground\n"
-                "<4> %WAN-W-ERR: wan_lb: configuration file not found: "));
 }
 
 TEST_F(StartUpDeathTest, DescriptorLimitIsRaised) {

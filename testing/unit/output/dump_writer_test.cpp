@@ -1,10 +1,6 @@
 // The dump operations of LBOutput.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-
-#include <atomic>
-#include <thread>
 
 #include "support/output_fixture.h"
 #include "support/recorded_log.h"
@@ -17,6 +13,18 @@ using testing::IsEmpty;
 namespace {
 
 class DumpWriterTest : public OutputFixture {};
+
+// A call that fails once, after others of its kind, and how many records each file has then.
+struct FailingCall {
+  const char* name;
+  const char* call;
+  int skip;
+  const char* message;
+  std::vector<size_t> records;  // of the outbounds, or of the rules and the routes
+};
+
+class DumpWriterFailureTest : public DumpWriterTest,
+                              public testing::WithParamInterface<FailingCall> {};
 
 }  // namespace
 
@@ -51,24 +59,6 @@ TEST_F(DumpWriterTest, OutboundsFileThatCannotBeOpened) {
                                                      dump_path("wlb_ipv4_outbounds.bin") + "'")));
   EXPECT_EQ(rules().size(), 2u);  // the others are written all the same
   EXPECT_THAT(status(), HasSubstr("eth0"));
-}
-
-TEST_F(DumpWriterTest, OutboundsTextThatCannotBeFormattedStopsTheDump) {
-  make_dump_directory();
-  const Fault fault("vsnprintf", EOVERFLOW, /*skip=*/4, /*times=*/1);  // in the second record
-  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<dump_outbounds> wan_lb: snprintf failed")));
-  EXPECT_EQ(outbounds().size(), 1u);
-}
-
-TEST_F(DumpWriterTest, OutboundsRecordThatCannotBeWrittenStopsTheDump) {
-  make_dump_directory();
-  const Fault fault("fwrite", ENOSPC, /*skip=*/1, /*times=*/1);
-  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("wan_lb: <dump_outbounds> error writing data block")));
-  EXPECT_EQ(outbounds().size(), 1u);
-  EXPECT_EQ(call_count("fclose"), 1);
 }
 
 TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRecord) {
@@ -178,36 +168,6 @@ TEST_F(DumpWriterTest, RoutesFileThatCannotBeOpened) {
   EXPECT_EQ(call_count("fclose"), 3);  // outbounds, rules, status
 }
 
-TEST_F(DumpWriterTest, RuleTextThatCannotBeFormattedStopsTheDump) {
-  make_dump_directory();
-  const Fault fault("vsnprintf", EOVERFLOW, 0, 1);
-  output_.dump_rules_and_routes(config_.rules, &config_);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<dump_rules_and_routes> wan_lb: snprintf failed")));
-  EXPECT_THAT(rules(), IsEmpty());
-}
-
-TEST_F(DumpWriterTest, RouteTextThatCannotBeFormattedStopsTheDump) {
-  make_dump_directory();
-  const Fault fault("vsnprintf", EOVERFLOW, 4, 1);  // member, VRF; destination, next hop; here
-  output_.dump_rules_and_routes(config_.rules, &config_);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<dump_rules_and_routes> wan_lb: snprintf failed")));
-  EXPECT_EQ(rules().size(), 1u);
-  EXPECT_EQ(routes().size(), 1u);
-}
-
-TEST_F(DumpWriterTest, RuleThatCannotBeWrittenStopsTheDump) {
-  make_dump_directory();
-  const Fault fault("fwrite", ENOSPC, 3, 1);  // after a rule and its two routes
-  output_.dump_rules_and_routes(config_.rules, &config_);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("wan_lb: <dump_rules_and_routes> error writing data block")));
-  EXPECT_EQ(rules().size(), 1u);
-  EXPECT_EQ(routes().size(), 2u);
-  EXPECT_EQ(call_count("fclose"), 2);
-}
-
 TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
   make_dump_directory();
   std::filesystem::create_symlink("/dev/full", dump_path("wlb_routes.bin"));
@@ -216,15 +176,49 @@ TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
   EXPECT_EQ(call_count("fwrite"), 2);
 }
 
-TEST_F(DumpWriterTest, RouteThatCannotBeWrittenStopsTheDump) {
+// --- failures in either dump ---
+
+TEST_P(DumpWriterFailureTest, StopsTheDump) {
+  const FailingCall& failing = GetParam();
   make_dump_directory();
-  const Fault fault("fwrite", ENOSPC, 2, 1);
-  output_.dump_rules_and_routes(config_.rules, &config_);
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error dumping routes")));
-  EXPECT_EQ(rules().size(), 1u);
-  EXPECT_EQ(routes().size(), 1u);
-  EXPECT_EQ(call_count("fclose"), 2);
+  const Fault fault(failing.call, EIO, failing.skip, /*times=*/1);
+  std::vector<size_t> records;
+  if (failing.records.size() == 1) {
+    output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+    records = {outbounds().size()};
+  } else {
+    output_.dump_rules_and_routes(config_.rules, &config_);
+    records = {rules().size(), routes().size()};
+  }
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError(failing.message)));
+  EXPECT_EQ(records, failing.records);
+  EXPECT_EQ(call_count("fclose"), static_cast<int>(records.size()));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Calls, DumpWriterFailureTest,
+    testing::Values(
+        FailingCall{"OutboundText",
+                    "vsnprintf",
+                    4,  // four are in the first record
+                    "<dump_outbounds> wan_lb: snprintf failed",
+                    {1}},
+        FailingCall{
+            "Outbound", "fwrite", 1, "wan_lb: <dump_outbounds> error writing data block", {1}},
+        FailingCall{
+            "RuleText", "vsnprintf", 0, "<dump_rules_and_routes> wan_lb: snprintf failed", {0, 0}},
+        FailingCall{"RouteText",
+                    "vsnprintf",
+                    4,  // member, VRF; destination, next hop
+                    "<dump_rules_and_routes> wan_lb: snprintf failed",
+                    {1, 1}},
+        FailingCall{"Rule",
+                    "fwrite",
+                    3,  // a rule and its two routes
+                    "wan_lb: <dump_rules_and_routes> error writing data block",
+                    {1, 2}},
+        FailingCall{"Route", "fwrite", 2, "wan_lb: error dumping routes", {1, 1}}),
+    [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(DumpWriterTest, DumpMessagesAreBehindTheirFlag) {
   set_log_flag(1, false);
@@ -236,29 +230,4 @@ TEST_F(DumpWriterTest, DumpMessagesAreBehindTheirFlag) {
   const Fault fault("fopen", EMFILE);
   write();
   EXPECT_THAT(log_records(), IsEmpty());
-}
-
-// A worker of another VRF must not truncate a file that is half written.
-TEST_F(DumpWriterTest, WritersOfAFamilyTakeTurns) {
-  std::atomic<int> inside{0};
-  std::atomic<int> most{0};
-  CallHook hook(wrapped::fwrite, [&](const void* data, size_t size, size_t count, FILE* file) {
-    const int now = ++inside;
-    if (now > most) most = now;
-    sched_yield();
-    const size_t result = wrapped::fwrite.real(data, size, count, file);
-    --inside;
-    return result;
-  });
-  make_dump_directory();
-  std::vector<std::thread> workers;
-  for (int i = 0; i < 4; ++i) {
-    workers.emplace_back([this] {
-      for (int round = 0; round < 20; ++round) {
-        output_.dump_outbounds(wall_now(), &config_.interfaces, false);
-      }
-    });
-  }
-  for (std::thread& worker : workers) worker.join();
-  EXPECT_EQ(most, 1);
 }

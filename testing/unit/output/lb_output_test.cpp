@@ -2,12 +2,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <thread>
+#include <set>
 
 #include "support/output_fixture.h"
 #include "support/recorded_log.h"
@@ -22,80 +21,34 @@ namespace {
 
 class LBOutputTest : public OutputFixture {};
 
-// Runs `body` in a thread and gives what it passed to pthread_exit, or -1 when it just returned.
-template <typename Body>
-intptr_t exit_code_of(Body body) {
-  pthread_t thread;
-  const auto start = [](void* argument) -> void* {
-    (*static_cast<Body*>(argument))();
-    return reinterpret_cast<void*>(intptr_t{-1});
-  };
-  if (pthread_create(&thread, nullptr, start, &body) != 0) return -2;
-  void* result = nullptr;
-  pthread_join(thread, &result);
-  return reinterpret_cast<intptr_t>(result);
-}
+class LBOutputFamilyTest : public LBOutputTest, public testing::WithParamInterface<bool> {};
 
 }  // namespace
 
-// --- construction and destruction ---
-
-TEST(LBOutputMutexTest, FailedInitialisationEndsTheThread) {
-  const Fault fault("pthread_mutex_init", EAGAIN, 0, 1);
-  EXPECT_EQ(exit_code_of([] { const LBOutput output("/nonexistent"); }), EAGAIN);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("wan_lb: <LBOutput> error mutex initialization")));
-}
-
-TEST(LBOutputMutexTest, FailedDestructionEndsTheThread) {
-  const Fault fault("pthread_mutex_destroy", EBUSY, 0, 1);
-  EXPECT_EQ(exit_code_of([] { const LBOutput output("/nonexistent"); }), EBUSY);
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: <~LBOutput> error mutex destroy")));
-}
-
-TEST(LBOutputMutexTest, MessagesAreBehindTheirFlag) {
-  set_log_flag(1, false);
-  const Fault fault("pthread_mutex_destroy", EBUSY, 0, 1);
-  EXPECT_EQ(exit_code_of([] { const LBOutput output("/nonexistent"); }), EBUSY);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
-TEST(LBOutputMutexTest, ConstructionTouchesNoFile) {
-  EXPECT_EQ(exit_code_of([] { const LBOutput output("/nonexistent"); }), -1);
-  EXPECT_EQ(call_count("mkdir"), 0);
-  EXPECT_EQ(call_count("fopen"), 0);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
 // --- one write ---
 
-TEST_F(LBOutputTest, Ipv4WorkerWritesItsFiles) {
-  write();
+TEST_P(LBOutputFamilyTest, WorkerWritesItsFiles) {
+  const bool ipv6 = GetParam();
+  const std::set<std::string> of_rules{dump_path("wlb_rules.bin"), dump_path("wlb_routes.bin")};
+  const std::set<std::string> of_ipv4{path("wlb_ipv4.out"), dump_path("wlb_ipv4_outbounds.bin")};
+  const std::set<std::string> of_ipv6{path("wlb_ipv6.out"), dump_path("wlb_ipv6_outbounds.bin")};
+  write(ipv6);
   EXPECT_THAT(log_records(), IsEmpty());
-  EXPECT_EQ(outbounds().size(), 2u);
+  for (const std::string& file : of_rules) EXPECT_TRUE(directory_.exists(file)) << file;
+  for (const std::string& file : of_ipv4) EXPECT_EQ(directory_.exists(file), !ipv6) << file;
+  for (const std::string& file : of_ipv6) EXPECT_EQ(directory_.exists(file), ipv6) << file;
+  EXPECT_EQ(outbounds(ipv6).size(), ipv6 ? 1u : 2u);
   EXPECT_EQ(rules().size(), 2u);
   EXPECT_EQ(routes().size(), 3u);
-  EXPECT_FALSE(directory_.exists("out/wlb_ipv6.out"));
-  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_ipv6_outbounds.bin"));
-  EXPECT_THAT(output_.used_files(false),
-              UnorderedElementsAre(path("wlb_ipv4.out"), dump_path("wlb_ipv4_outbounds.bin"),
-                                   dump_path("wlb_rules.bin"), dump_path("wlb_routes.bin")));
-  EXPECT_THAT(output_.used_files(true), IsEmpty());
+
+  std::set<std::string> used = of_rules;
+  if (!ipv6) used.insert(of_ipv4.begin(), of_ipv4.end());
+  EXPECT_EQ(output_.used_files(false), used);
+  EXPECT_EQ(output_.used_files(true), ipv6 ? of_ipv6 : std::set<std::string>{});
 }
 
-TEST_F(LBOutputTest, Ipv6WorkerWritesItsFiles) {
-  write(true);
-  EXPECT_THAT(log_records(), IsEmpty());
-  EXPECT_EQ(outbounds(true).size(), 1u);
-  EXPECT_EQ(rules().size(), 2u);
-  EXPECT_EQ(routes().size(), 3u);
-  EXPECT_FALSE(directory_.exists("out/wlb_ipv4.out"));
-  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_ipv4_outbounds.bin"));
-  EXPECT_THAT(output_.used_files(true),
-              UnorderedElementsAre(path("wlb_ipv6.out"), dump_path("wlb_ipv6_outbounds.bin")));
-  EXPECT_THAT(output_.used_files(false),
-              UnorderedElementsAre(dump_path("wlb_rules.bin"), dump_path("wlb_routes.bin")));
-}
+INSTANTIATE_TEST_SUITE_P(Families, LBOutputFamilyTest, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Ipv6" : "Ipv4"; });
 
 TEST_F(LBOutputTest, UsedFilesOnlyGrow) {
   write();
@@ -241,48 +194,6 @@ TEST_F(LBOutputTest, DirectoryMessageIsBehindItsFlag) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
-// --- the mutex ---
-
-TEST_F(LBOutputTest, BusyMutexSkipsTheRulesOnly) {
-  const Fault fault("pthread_mutex_trylock", EBUSY);
-  write();
-  EXPECT_THAT(log_records(), IsEmpty());
-  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_rules.bin"));
-  EXPECT_FALSE(directory_.exists("out/wlb_dump/wlb_routes.bin"));
-  EXPECT_EQ(outbounds().size(), 2u);
-  EXPECT_THAT(status(), HasSubstr("eth0"));
-}
-
-TEST_F(LBOutputTest, RulesAreWrittenUnderTheMutex) {
-  int tried = -1;
-  CallHook trylock(wrapped::pthread_mutex_trylock, [&](pthread_mutex_t* mutex) {
-    tried = call_count("fopen");
-    return wrapped::pthread_mutex_trylock.real(mutex);
-  });
-  write();
-  EXPECT_EQ(tried, 1);  // the outbounds came before it
-  EXPECT_EQ(call_count("pthread_mutex_trylock"), 1);
-  EXPECT_EQ(call_count("fopen"), 4);
-}
-
-TEST_F(LBOutputTest, FailedUnlockLeavesTheStatusFileAlone) {
-  pthread_mutex_t* tried = nullptr;
-  CallHook trylock(wrapped::pthread_mutex_trylock, [&](pthread_mutex_t* mutex) {
-    tried = mutex;
-    return wrapped::pthread_mutex_trylock.real(mutex);
-  });
-  CallHook unlock(wrapped::pthread_mutex_unlock, [&](pthread_mutex_t* mutex) {
-    const int result = wrapped::pthread_mutex_unlock.real(mutex);
-    return mutex == tried ? EPERM : result;
-  });
-  write();
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError("wan_lb: <write> mutex unlock error. PThread return code: 1")));
-  EXPECT_FALSE(directory_.exists("out/wlb_ipv4.out"));
-  EXPECT_EQ(rules().size(), 2u);
-}
-
 // --- the status file ---
 
 TEST_F(LBOutputTest, StatusFileThatCannotBeOpened) {
@@ -298,33 +209,4 @@ TEST_F(LBOutputTest, StatusMessageIsBehindItsFlag) {
   block(path("wlb_ipv4.out"));
   write();
   EXPECT_THAT(log_records(), IsEmpty());
-}
-
-// --- several workers ---
-
-TEST_F(LBOutputTest, WorkersOfManyVrfsLeaveWholeFiles) {
-  for (int i = 0; i < 30; ++i) add_interface(config_, "wan" + std::to_string(i));
-  std::vector<std::thread> workers;
-  for (const bool ipv6 : {false, true}) {
-    for (const char* vrf : {"default", "red"}) {
-      workers.emplace_back([this, ipv6, vrf] {
-        for (int i = 0; i < 20; ++i) {
-          for (auto& [name, interface] : config_.interfaces_of(ipv6)) {
-            edit_state(interface, [i](InterfaceState& state) { state.active = i % 2 == 0; });
-          }
-          output_.write(config_, worker_of(ipv6, vrf));
-        }
-      });
-    }
-  }
-  for (std::thread& worker : workers) worker.join();
-  EXPECT_THAT(log_records(), IsEmpty());
-  EXPECT_EQ(outbounds().size(), 32u);
-  EXPECT_EQ(outbounds(true).size(), 1u);
-  EXPECT_EQ(rules().size(), 2u);
-  EXPECT_EQ(routes().size(), 3u);
-  size_t blocks = 0;
-  const std::string text = status();
-  for (size_t at = 0; (at = text.find("Interface:  ", at)) != std::string::npos; ++at) ++blocks;
-  EXPECT_EQ(blocks, 32u);
 }

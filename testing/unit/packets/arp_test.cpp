@@ -3,13 +3,9 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
-#include <vector>
-
-#include "packets/packet_reader.h"
+#include "support/packet_bytes.h"
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 Bytes reply_frame() {
   return {
@@ -51,8 +47,7 @@ TEST(ArpTest, RequestHasEveryField) {
       0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // target hardware address: not known
       192,  0,    2,    254,               // target protocol address
   };
-  const auto bytes = bytes_of(frame);
-  EXPECT_EQ(Bytes(bytes.begin(), bytes.end()), expected);
+  EXPECT_EQ(to_bytes(frame), expected);
 }
 
 TEST(ArpTest, ReadsReply) {
@@ -78,28 +73,22 @@ TEST(ArpTest, IgnoresRequest) {
 }
 
 TEST(ArpTest, IgnoresTruncatedReply) {
-  const Bytes frame = reply_frame();
-  for (size_t size = 0; size < frame.size(); ++size) {
-    // A copy of its own, so that a read beyond it is found by AddressSanitizer.
-    const Bytes truncated(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(size));
-    EXPECT_FALSE(parse_arp_reply(truncated)) << size;
-  }
+  for_each_truncation(reply_frame(),
+                      [](const Bytes& frame) { EXPECT_FALSE(parse_arp_reply(frame)); });
 }
 
 TEST(ArpTest, EveryBitCounts) {
   const Bytes frame = reply_frame();
   const auto good = parse_arp_reply(frame);
   ASSERT_TRUE(good);
-  for (size_t bit = 0; bit < frame.size() * 8; ++bit) {
+  for_each_flipped_bit(frame, [&](const Bytes& flipped, size_t bit) {
     const size_t i = bit / 8;
-    Bytes flipped = frame;
-    flipped[i] ^= static_cast<uint8_t>(1 << bit % 8);
     const auto reply = parse_arp_reply(flipped);
-    EXPECT_EQ(reply.has_value(), !decides(i)) << "bit " << bit;
-    if (!reply) continue;
+    EXPECT_EQ(reply.has_value(), !decides(i));
+    if (!reply) return;
     const bool sender = i >= 28 && i < 32;
     const bool hardware = i >= 22 && i < 36;
-    EXPECT_EQ(reply->sender.s_addr != good->sender.s_addr, sender) << "bit " << bit;
-    EXPECT_EQ(reply->hardware != good->hardware, hardware) << "bit " << bit;
-  }
+    EXPECT_EQ(reply->sender.s_addr != good->sender.s_addr, sender);
+    EXPECT_EQ(reply->hardware != good->hardware, hardware);
+  });
 }

@@ -1,17 +1,14 @@
 // The Internet checksum, against the RFC's own example, captured packets and a computation of
 // another kind.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <random>
-#include <vector>
 
 #include "packets/checksum.h"
 #include "packets/ip_headers.h"
+#include "support/packet_bytes.h"
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 // The ones'-complement sum by arithmetic modulo 65535 instead of by carries: the bytes are the
 // digits of one long number.
@@ -31,12 +28,6 @@ uint16_t checksum_by_remainder(const Bytes& bytes) {
   // nothing is the negative one.
   if (remainder == 0 && any) remainder = 65535;
   return static_cast<uint16_t>(65535 - remainder);
-}
-
-in6_addr address6(const char* text) {
-  in6_addr address{};
-  EXPECT_EQ(inet_pton(AF_INET6, text, &address), 1);
-  return address;
 }
 
 }  // namespace
@@ -125,7 +116,7 @@ TEST(ChecksumTest, Icmp6IsSummedAfterItsPseudoHeader) {
       0,    0,    0,    58,                                              // zeros, next header
   };
   whole.insert(whole.end(), message.begin(), message.end());
-  EXPECT_EQ(icmp6_checksum(address6("2001:db8::1"), address6("2001:db8:7::ff02"), message.data(),
-                           static_cast<uint32_t>(message.size())),
+  EXPECT_EQ(icmp6_checksum(ipv6_address("2001:db8::1"), ipv6_address("2001:db8:7::ff02"),
+                           message.data(), static_cast<uint32_t>(message.size())),
             checksum_by_remainder(whole));
 }

@@ -4,19 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "packets/packet_reader.h"
+#include "support/packet_bytes.h"
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-
-in6_addr address(const std::string& text) {
-  in6_addr result{};
-  EXPECT_EQ(inet_pton(AF_INET6, text.c_str(), &result), 1) << text;
-  return result;
-}
 
 std::string text_of(const in6_addr& address) {
   char text[INET6_ADDRSTRLEN];
@@ -61,10 +52,8 @@ uint16_t ones_complement_sum(const Bytes& bytes) {
 
 Bytes solicitation(const std::string& source, const std::string& target) {
   const MacAddress mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
-  const in6_addr to = solicited_node_address(address("ff02::1:ff00:2"), address(target));
-  const NeighborFrame frame = make_solicitation(mac, address(source), to, address(target));
-  const auto bytes = bytes_of(frame);
-  return {bytes.begin(), bytes.end()};
+  const in6_addr to = solicited_node_address(ipv6_address("ff02::1:ff00:2"), ipv6_address(target));
+  return to_bytes(make_solicitation(mac, ipv6_address(source), to, ipv6_address(target)));
 }
 
 }  // namespace
@@ -97,9 +86,10 @@ TEST(NeighborDiscoveryTest, SolicitationHasEveryField) {
 }
 
 TEST(NeighborDiscoveryTest, SolicitedNodeAddressTakesTheLowBytesOfTheTarget) {
-  const in6_addr prefix = address("ff02::1:ff00:2");
-  EXPECT_EQ(text_of(solicited_node_address(prefix, address("2001:db8::1:2:3"))), "ff02::1:ff02:3");
-  EXPECT_EQ(text_of(solicited_node_address(prefix, address("fe80::aabb:ccdd"))),
+  const in6_addr prefix = ipv6_address("ff02::1:ff00:2");
+  EXPECT_EQ(text_of(solicited_node_address(prefix, ipv6_address("2001:db8::1:2:3"))),
+            "ff02::1:ff02:3");
+  EXPECT_EQ(text_of(solicited_node_address(prefix, ipv6_address("fe80::aabb:ccdd"))),
             "ff02::1:ffbb:ccdd");
 }
 
@@ -133,25 +123,21 @@ TEST(NeighborDiscoveryTest, IgnoresSolicitation) {
 TEST(NeighborDiscoveryTest, IgnoresTruncatedAdvertisement) {
   const Bytes frame = advertisement_frame();
   ASSERT_EQ(frame.size(), 86u);
-  for (size_t size = 0; size < frame.size(); ++size) {
-    const Bytes truncated(frame.begin(), frame.begin() + static_cast<ptrdiff_t>(size));
-    EXPECT_FALSE(parse_neighbor_advertisement(truncated)) << size;
-  }
+  for_each_truncation(frame,
+                      [](const Bytes& cut) { EXPECT_FALSE(parse_neighbor_advertisement(cut)); });
 }
 
 TEST(NeighborDiscoveryTest, OnlyTypeTargetAndAddressAreLookedAt) {
   const Bytes frame = advertisement_frame();
   const auto good = parse_neighbor_advertisement(frame);
   ASSERT_TRUE(good);
-  for (size_t bit = 0; bit < frame.size() * 8; ++bit) {
+  for_each_flipped_bit(frame, [&](const Bytes& flipped, size_t bit) {
     const size_t i = bit / 8;
-    Bytes flipped = frame;
-    flipped[i] ^= static_cast<uint8_t>(1 << bit % 8);
     const auto read = parse_neighbor_advertisement(flipped);
     const bool decides = i == 12 || i == 13 || i == 54;
-    EXPECT_EQ(read.has_value(), !decides) << "bit " << bit;
-    if (!read) continue;
-    EXPECT_EQ(text_of(read->target) != text_of(good->target), i >= 62 && i < 78) << "bit " << bit;
-    EXPECT_EQ(read->mac != good->mac, i >= 80) << "bit " << bit;
-  }
+    EXPECT_EQ(read.has_value(), !decides);
+    if (!read) return;
+    EXPECT_EQ(text_of(read->target) != text_of(good->target), i >= 62 && i < 78);
+    EXPECT_EQ(read->mac != good->mac, i >= 80);
+  });
 }

@@ -1,11 +1,9 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 
-#include "packets/packet_reader.h"
 #include "packets/route_message.h"
 #include "support/route_answers.h"
 
@@ -16,11 +14,7 @@ namespace {
 const std::string kTarget = "2001:db8::1";
 const MacAddress kMac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};
 
-Bytes empty_request() {
-  const NeighborRequest request = make_neighbor_request(RTM_NEWNEIGH, 0);
-  const auto bytes = bytes_of(request);
-  return {bytes.begin(), bytes.end()};
-}
+Bytes empty_request() { return to_bytes(make_neighbor_request(RTM_NEWNEIGH, 0)); }
 
 }  // namespace
 
@@ -173,17 +167,14 @@ TEST(RouteMessageTest, MessagesAreFoundBehindOneOfOddLength) {
 
 TEST(RouteMessageTest, TruncatedAnswerIsNoAnswer) {
   const Bytes whole = entry(kTarget, kMac);
-  for (size_t size = 0; size < whole.size(); ++size) {
-    const Bytes truncated(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
-    EXPECT_EQ(read_route_answer(truncated, kTarget).kind, Kind::kMore) << size;
-  }
-  // The same with a message length that says that all is there.
-  for (size_t size = sizeof(nlmsghdr); size < whole.size(); ++size) {
-    Bytes truncated(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size));
-    set(truncated, 0, static_cast<uint32_t>(size));
-    const bool complete = size >= 28 + 20 + 10;
-    EXPECT_EQ(read_route_answer(truncated, kTarget).kind == Kind::kFound, complete) << size;
-  }
+  for_each_truncation(whole, [](Bytes truncated) {
+    EXPECT_EQ(read_route_answer(truncated, kTarget).kind, Kind::kMore);
+    if (truncated.size() < sizeof(nlmsghdr)) return;
+    // The same with a message length that says that all is there.
+    set(truncated, 0, static_cast<uint32_t>(truncated.size()));
+    const bool complete = truncated.size() >= 28 + 20 + 10;
+    EXPECT_EQ(read_route_answer(truncated, kTarget).kind == Kind::kFound, complete);
+  });
   for (size_t size = sizeof(nlmsghdr); size < 20; ++size) {
     Bytes truncated = error_message(-EPERM);
     truncated.resize(size);
@@ -208,12 +199,10 @@ TEST(RouteMessageTest, FlippedBitsAreReadWithinTheAnswer) {
   const size_t mac_begin = answer.size() - 8;  // two bytes of padding behind it
   const size_t mac_end = answer.size() - 2;
   append(answer, done());
-  for (size_t bit = 0; bit < answer.size() * 8; ++bit) {
+  for_each_flipped_bit(answer, [&](const Bytes& flipped, size_t bit) {
     const size_t i = bit / 8;
-    Bytes flipped = answer;
-    flipped[i] ^= static_cast<uint8_t>(1 << bit % 8);
     const RouteAnswer read = read_route_answer(flipped, kTarget);
-    if (read.kind != Kind::kFound) continue;
-    EXPECT_EQ(read.mac != kMac, i >= mac_begin && i < mac_end) << "bit " << bit;
-  }
+    if (read.kind != Kind::kFound) return;
+    EXPECT_EQ(read.mac != kMac, i >= mac_begin && i < mac_end);
+  });
 }

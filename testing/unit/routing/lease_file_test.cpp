@@ -111,12 +111,6 @@ TEST(LeaseFileLinesTest, LineOf1023BytesWithItsNewlineIsWhole) {
   EXPECT_EQ(lease_router(line, kIpv4), "10.0.0.1");
 }
 
-TEST(LeaseFilePathTest, SeparatorOnlyForIpv4) {
-  EXPECT_EQ(lease_path("eth0", kIpv4), "/var/db/dhclient_eth0.leases");
-  EXPECT_EQ(lease_path("eth0", kIpv6), "/var/db/dhcp6_clienteth0.leases");
-  EXPECT_EQ(lease_path("eth0", kIpv6, "/root"), "/root/var/db/dhcp6_clienteth0.leases");
-}
-
 class LeaseFileTest : public TemporaryDirectoryTest {};
 
 TEST_F(LeaseFileTest, IsRead) {

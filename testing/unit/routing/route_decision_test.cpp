@@ -10,8 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/model_builder.h"
-#include "support/routing_root.h"
+#include "support/route_decision_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -26,92 +25,61 @@ std::string block6(const std::string& route) {
   return "protocol static {\nipv6 {table master6;};\ncheck link 1;\n" + route + "\n};\n";
 }
 
-class RouteDecisionTest : public RoutingRoot {
- protected:
-  void add_uplink(const std::string& name, const std::string& nexthop, int32_t weight) {
-    add_active_interface(config_, name, nexthop);
-    rule_.targets["0.0.0.0/0"];
-    rule_.members[name] = {.ipv6 = false, .weight = weight};
-  }
-  void add_uplink6(const std::string& name, const std::string& nexthop) {
-    add_active_interface(config_, name, nexthop, true);
-    LBRule& rule = config_.rules["2_ipv6"];
-    rule.targets["::/0"];
-    rule.members[name] = {.ipv6 = true, .weight = 1};
-  }
-  static void set_active(LBInterface& interface, bool active) {
-    edit_state(interface, [active](InterfaceState& state) { state.active = active; });
-  }
-  void run(bool ipv6 = false, const std::string& vrf = kDefaultNamespace) {
-    route_decision::run_below(directory_.path(), config_, worker_of(ipv6, vrf));
-  }
-  std::map<std::string, std::string> failover(const std::string& rule) {
-    MutexLock lock(config_.written_mutex);
-    return config_.failover_nexthops[rule];
-  }
-  std::string written(const std::string& vrf, bool ipv6) {
-    MutexLock lock(config_.written_mutex);
-    return (ipv6 ? config_.routes_written6 : config_.routes_written)[vrf];
-  }
+class RouteDecisionTest : public RouteDecisionFixture {};
 
-  LBConfig config_;
-  LBRule& rule_ = config_.rules["1_ipv4"];
+struct FamilyRoute {
+  bool ipv6;
+  const char* route;
+  const char* flush;
 };
+
+class RouteDecisionFamilyTest : public RouteDecisionTest,
+                                public testing::WithParamInterface<FamilyRoute> {};
 
 }  // namespace
 
-TEST_F(RouteDecisionTest, WritesSignalsAndFlushes) {
-  add_uplink("eth0", "192.0.2.1", 1);
-  run();
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+TEST_P(RouteDecisionFamilyTest, WritesSignalsAndFlushes) {
+  const auto [ipv6, route, flush] = GetParam();
+  add_uplink("eth0", "192.0.2.1");
+  add_uplink6("eth0", "2001:db8::1");
+  run(ipv6);
+  EXPECT_EQ(directory_.read(route_file_path("default", ipv6)),
+            ipv6 ? block6(route) : block4(route));
+  EXPECT_FALSE(directory_.exists(route_file_path("default", !ipv6)));
   EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
-  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
-                                     Pair("ip route flush cache 2>/dev/null", "w")));
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"), Pair(flush, "w")));
   EXPECT_EQ(call_count("pclose"), 2);
   EXPECT_THAT(log_records(), IsEmpty());
-  EXPECT_EQ(written("default", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
-  EXPECT_EQ(written("default", true), "");
+  EXPECT_EQ(written("default", ipv6), route + std::string("\n"));
+  EXPECT_EQ(written("default", !ipv6), "");
 }
 
-TEST_F(RouteDecisionTest, Ipv6HasItsOwnFileAndFlush) {
-  add_uplink6("eth0", "2001:db8::1");
-  run(true);
-  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
-  EXPECT_FALSE(directory_.exists(kRouteFile));
-  EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
-  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r"),
-                                     Pair("ip -6 route flush cache 2>/dev/null", "w")));
-  EXPECT_EQ(written("default", true), "route ::/0 via 2001:db8::1 weight 1;\n");
-  EXPECT_EQ(written("default", false), "");
-}
+INSTANTIATE_TEST_SUITE_P(Families, RouteDecisionFamilyTest,
+                         testing::Values(FamilyRoute{false,
+                                                     "route 0.0.0.0/0 via 192.0.2.1 weight 1;",
+                                                     "ip route flush cache 2>/dev/null"},
+                                         FamilyRoute{true, "route ::/0 via 2001:db8::1 weight 1;",
+                                                     "ip -6 route flush cache 2>/dev/null"}),
+                         [](const auto& test) { return test.param.ipv6 ? "Ipv6" : "Ipv4"; });
 
 TEST_F(RouteDecisionTest, OtherVrfHasItsOwnPlaces) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   rule_.vrf = "red";
   config_.interfaces.at("eth0").vrf = "red";
-  directory_.write("var/vrfs/red/usr/var/run/routing.pid", "815\n");
-  std::filesystem::create_directories(directory_.file("var/vrfs/red/usr/etc"));
+  use_pid_file("815\n", "red");
   run(false, "red");
-  EXPECT_EQ(directory_.read("var/vrfs/red/usr/etc/routing-wlb.conf"),
+  EXPECT_EQ(directory_.read(route_file_path("red", false)),
             block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
-  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_FALSE(directory_.exists(route_file_));
   EXPECT_THAT(kills_, ElementsAre(Pair(815, SIGHUP)));
-  EXPECT_THAT(
-      commands_,
-      ElementsAre(Pair(pid_command("/var/vrfs/red/usr/var/run/routing.pid") + " 2>/dev/null", "r"),
-                  Pair("ip route flush cache 2>/dev/null", "w")));
+  EXPECT_THAT(commands_, ElementsAre(Pair(pid_command("red") + " 2>/dev/null", "r"),
+                                     Pair("ip route flush cache 2>/dev/null", "w")));
   EXPECT_EQ(written("red", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
   EXPECT_EQ(written("default", false), "");
 }
 
-// The public operation works below the real root; every call that could reach it is caught.
-TEST(RouteDecisionRunTest, UsesTheFixedPlaces) {
-  set_log_flag(3, true);
-  LBConfig config;
-  add_active_interface(config, "eth0", "192.0.2.1");
-  LBRule& rule = config.rules["1_ipv4"];
-  rule.targets["0.0.0.0/0"];
-  rule.members["eth0"] = {.ipv6 = false, .weight = 1};
+TEST_F(RouteDecisionTest, FileIsOpenedToReplaceItsContent) {
+  add_uplink("eth0", "192.0.2.1");
   std::vector<std::string> opened;
   CallHook open_hook(wrapped::open, [&](const char* path, int flags, mode_t mode) {
     opened.emplace_back(path);
@@ -120,72 +88,68 @@ TEST(RouteDecisionRunTest, UsesTheFixedPlaces) {
     errno = EACCES;
     return -1;
   });
-  const Fault no_commands("popen", ENOMEM);
-  LBDecision decision;
-  decision.run(config, worker_of(false));
-  EXPECT_THAT(opened, ElementsAre("/usr/etc/routing-wlb.conf"));
-  EXPECT_THAT(log_records(), ElementsAre(LoggedDebug("LBDecision::run() can't execute 'cat "
-                                                     "/var/run/routing.pid'")));
+  run();
+  EXPECT_THAT(opened, ElementsAre(route_file_));
 }
 
 // --- only changes are written ---
 
 TEST_F(RouteDecisionTest, NothingHappensWhileThereAreNoRoutes) {
-  directory_.write(kRouteFile, "left from an earlier run");
-  add_uplink("eth0", "192.0.2.1", 1);
+  directory_.write(route_file_, "left from an earlier run");
+  add_uplink("eth0", "192.0.2.1");
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), "left from an earlier run");
+  EXPECT_EQ(directory_.read(route_file_), "left from an earlier run");
   EXPECT_THAT(commands_, IsEmpty());
   EXPECT_THAT(kills_, IsEmpty());
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(RouteDecisionTest, LostRoutesTruncateTheFileAndSignal) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   run();
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_TRUE(directory_.exists(kRouteFile));
-  EXPECT_EQ(directory_.read(kRouteFile), "");
+  EXPECT_TRUE(directory_.exists(route_file_));
+  EXPECT_EQ(directory_.read(route_file_), "");
   EXPECT_EQ(kills_.size(), 2u);
   run();
   EXPECT_EQ(kills_.size(), 2u);
 }
 
 TEST_F(RouteDecisionTest, SameTextIsWrittenAndSignalledOnce) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   run();
-  directory_.write(kRouteFile, "untouched");
+  directory_.write(route_file_, "untouched");
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), "untouched");
+  EXPECT_EQ(directory_.read(route_file_), "untouched");
   EXPECT_EQ(kills_.size(), 1u);
   EXPECT_EQ(commands_.size(), 2u);
 }
 
 TEST_F(RouteDecisionTest, ShorterTextLeavesNoRestOfTheLongerOne) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   add_uplink("eth1", "198.51.100.1", 2);
   run();
   set_active(config_.interfaces.at("eth0"), false);
   run();
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 198.51.100.1 weight 2;"));
+  EXPECT_EQ(directory_.read(route_file_), block4("route 0.0.0.0/0 via 198.51.100.1 weight 2;"));
   EXPECT_EQ(kills_.size(), 2u);
 }
 
 TEST_F(RouteDecisionTest, FileIsWrittenInPlace) {
-  add_uplink("eth0", "192.0.2.1", 1);
-  directory_.write(kRouteFile, "old");
+  add_uplink("eth0", "192.0.2.1");
+  directory_.write(route_file_, "old");
   struct stat before {};
-  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &before), 0);
+  ASSERT_EQ(stat(route_file_.c_str(), &before), 0);
   run();
   struct stat after {};
-  ASSERT_EQ(stat(directory_.file(kRouteFile).c_str(), &after), 0);
+  ASSERT_EQ(stat(route_file_.c_str(), &after), 0);
   EXPECT_EQ(before.st_ino, after.st_ino);
 }
 
 TEST_F(RouteDecisionTest, FamiliesAndVrfsKeepTheirOwnNotes) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   add_uplink6("eth0", "2001:db8::1");
   run(false);
   run(true);
@@ -197,20 +161,20 @@ TEST_F(RouteDecisionTest, FamiliesAndVrfsKeepTheirOwnNotes) {
 }
 
 TEST_F(RouteDecisionTest, FileThatCannotBeOpenedIsNotReportedNorTriedAgain) {
-  std::filesystem::remove_all(directory_.file("usr"));
-  add_uplink("eth0", "192.0.2.1", 1);
+  std::filesystem::remove_all(route_directory_);
+  add_uplink("eth0", "192.0.2.1");
   run();
   EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));  // all the same
   EXPECT_THAT(log_records(), IsEmpty());
   EXPECT_EQ(written("default", false), "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
-  std::filesystem::create_directories(directory_.file("usr/etc"));
+  make_route_directory();
   run();
-  EXPECT_FALSE(directory_.exists(kRouteFile));
+  EXPECT_FALSE(directory_.exists(route_file_));
   EXPECT_EQ(kills_.size(), 1u);
 }
 
 TEST_F(RouteDecisionTest, NoLockIsHeldOverFileCommandAndSignal) {
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   int free_count = 0;
   const auto check = [&] {
     if (!config_.written_mutex.try_lock()) return;
@@ -236,76 +200,11 @@ TEST_F(RouteDecisionTest, NoLockIsHeldOverFileCommandAndSignal) {
   EXPECT_EQ(free_count, 4);  // the file, the pid, the signal, the flush
 }
 
-// --- next hops of failover rules ---
-
-TEST_F(RouteDecisionTest, FailoverNextHopFollowsTheStates) {
-  rule_.failover = 1;
-  add_uplink("eth0", "192.0.2.1", 1);
-  add_uplink("eth1", "198.51.100.1", 2);
-  run();
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "198.51.100.1")));
-  set_active(config_.interfaces.at("eth1"), false);
-  run();
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
-  set_active(config_.interfaces.at("eth0"), false);
-  run();
-  EXPECT_THAT(failover("1_ipv4"), IsEmpty());
-}
-
-TEST_F(RouteDecisionTest, NoNextHopsWithoutFailover) {
-  add_uplink("eth0", "192.0.2.1", 1);
-  run();
-  EXPECT_THAT(failover("1_ipv4"), IsEmpty());
-}
-
-TEST_F(RouteDecisionTest, WorkerOfTheOtherFamilyLeavesNextHopsAlone) {
-  rule_.failover = 1;
-  add_uplink("eth0", "192.0.2.1", 1);
-  add_uplink6("eth0", "2001:db8::1");
-  config_.rules["2_ipv6"].failover = 1;
-  run(false);
-  run(true);
-  run(false);
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
-  EXPECT_THAT(failover("2_ipv6"), ElementsAre(Pair("::/0", "2001:db8::1")));
-}
-
-TEST_F(RouteDecisionTest, RuleBelongsToTheFamilyOfItsMembers) {
-  add_active_interface(config_, "eth6", "2001:db8::1", true);
-  rule_.failover = 1;
-  rule_.members["eth6"] = {.ipv6 = true, .weight = 1};
-  rule_.targets["0.0.0.0/0"];  // by way of an IPv6 next hop
-  run(true);
-  run(false);
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "2001:db8::1")));
-}
-
-TEST_F(RouteDecisionTest, WorkerOfAnotherVrfLeavesNextHopsAlone) {
-  rule_.failover = 1;
-  add_uplink("eth0", "192.0.2.1", 1);
-  run();
-  run(false, "red");
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("0.0.0.0/0", "192.0.2.1")));
-}
-
-TEST_F(RouteDecisionTest, RuleOfBothFamiliesIsSharedByDestination) {
-  rule_.failover = 1;
-  add_uplink("eth0", "192.0.2.1", 1);
-  add_active_interface(config_, "eth6", "2001:db8::1", true);
-  rule_.members["eth6"] = {.ipv6 = true, .weight = 1};
-  rule_.targets["::/0"];
-  run(false);
-  run(true);
-  EXPECT_THAT(failover("1_ipv4"),
-              ElementsAre(Pair("0.0.0.0/0", "192.0.2.1"), Pair("::/0", "2001:db8::1")));
-  set_active(config_.interfaces.at("eth0"), false);
-  run(false);
-  EXPECT_THAT(failover("1_ipv4"), ElementsAre(Pair("::/0", "2001:db8::1")));
-}
+// --- several workers ---
 
 TEST_F(RouteDecisionTest, WorkersOfAllKindsRunAtOnce) {
   rule_.failover = 1;
-  add_uplink("eth0", "192.0.2.1", 1);
+  add_uplink("eth0", "192.0.2.1");
   add_uplink6("eth0", "2001:db8::1");
   const Fault no_commands("popen", ENOMEM);
   std::vector<std::thread> workers;
@@ -322,6 +221,6 @@ TEST_F(RouteDecisionTest, WorkersOfAllKindsRunAtOnce) {
   for (std::thread& worker : workers) worker.join();
   run(false);
   run(true);
-  EXPECT_EQ(directory_.read(kRouteFile), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
-  EXPECT_EQ(directory_.read(kRouteFile6), block6("route ::/0 via 2001:db8::1 weight 1;"));
+  EXPECT_EQ(directory_.read(route_file_), block4("route 0.0.0.0/0 via 192.0.2.1 weight 1;"));
+  EXPECT_EQ(directory_.read(route_file6_), block6("route ::/0 via 2001:db8::1 weight 1;"));
 }

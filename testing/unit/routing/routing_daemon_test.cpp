@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-#include "support/routing_root.h"
+#include "support/routing_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -13,27 +13,12 @@ using testing::Pair;
 
 namespace {
 
-class RoutingDaemonTest : public RoutingRoot {
+class RoutingDaemonTest : public RoutingFixture {
  protected:
-  const RoutingDaemon daemon_{"default", false, directory_.path()};
+  const RoutingDaemon daemon_{"default", false};
 };
 
 }  // namespace
-
-TEST(RoutingDaemonPlacesTest, AreFixed) {
-  const RoutingDaemon main4("default", false);
-  EXPECT_EQ(main4.file_path(), "/usr/etc/routing-wlb.conf");
-  EXPECT_EQ(main4.pid_command(), "cat /var/run/routing.pid");
-  const RoutingDaemon main6("default", true);
-  EXPECT_EQ(main6.file_path(), "/usr/etc/routing-wlb6.conf");
-  EXPECT_EQ(main6.pid_command(), "cat /var/run/routing.pid");
-  const RoutingDaemon red4("red", false);
-  EXPECT_EQ(red4.file_path(), "/var/vrfs/red/usr/etc/routing-wlb.conf");
-  EXPECT_EQ(red4.pid_command(), "cat /var/vrfs/red/usr/var/run/routing.pid");
-  const RoutingDaemon red6("red", true);
-  EXPECT_EQ(red6.file_path(), "/var/vrfs/red/usr/etc/routing-wlb6.conf");
-  EXPECT_EQ(red6.pid_command(), "cat /var/vrfs/red/usr/var/run/routing.pid");
-}
 
 TEST(RoutingDaemonPidTextTest, IsTheNumberAtTheStart) {
   EXPECT_EQ(parse_routing_pid("815"), 815);
@@ -63,22 +48,21 @@ TEST(RoutingDaemonPidTextTest, IsNotFoundBehindOtherText) {
 TEST_F(RoutingDaemonTest, FileIsReplacedInPlace) {
   daemon_.write_file("long text");
   daemon_.write_file("short");
-  EXPECT_EQ(directory_.read(kRouteFile), "short");
+  EXPECT_EQ(directory_.read(route_file_), "short");
   daemon_.write_file("");
-  EXPECT_TRUE(directory_.exists(kRouteFile));
-  EXPECT_EQ(directory_.read(kRouteFile), "");
+  EXPECT_TRUE(directory_.exists(route_file_));
+  EXPECT_EQ(directory_.read(route_file_), "");
 }
 
 TEST_F(RoutingDaemonTest, FileThatCannotBeWrittenIsReported) {
-  std::filesystem::create_symlink("/dev/full", directory_.file(kRouteFile));
+  std::filesystem::create_symlink("/dev/full", route_file_);
   daemon_.write_file("text");
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedWarning("wan_lb: error writing file '" +
-                                        directory_.file(kRouteFile) + "', errno = 28")));
+  EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("wan_lb: error writing file '" +
+                                                       route_file_ + "', errno = 28")));
 }
 
 TEST_F(RoutingDaemonTest, MissingPidFileIsADebugMessageAndNoFlush) {
-  std::filesystem::remove(directory_.file("var/run/routing.pid"));
+  std::filesystem::remove(pid_file_);
   daemon_.reload();
   EXPECT_THAT(kills_, IsEmpty());
   EXPECT_THAT(commands_, ElementsAre(Pair(pid_command() + " 2>/dev/null", "r")));
@@ -96,8 +80,8 @@ TEST_F(RoutingDaemonTest, EmptyPidFileIsADebugMessageToo) {
 }
 
 TEST_F(RoutingDaemonTest, PidFileWithoutEndIsLeftSoon) {
-  std::filesystem::remove(directory_.file("var/run/routing.pid"));
-  std::filesystem::create_symlink("/dev/zero", directory_.file("var/run/routing.pid"));
+  std::filesystem::remove(pid_file_);
+  std::filesystem::create_symlink("/dev/zero", pid_file_);
   daemon_.reload();
   EXPECT_THAT(kills_, IsEmpty());
   EXPECT_THAT(log_records(),

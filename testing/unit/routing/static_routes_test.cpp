@@ -30,14 +30,21 @@ class StaticRoutesTest : public testing::Test {
     add_member(rule, "eth1", 2);
     return rule;
   }
-  static void set_active(LBInterface& interface, bool active) {
-    edit_state(interface, [active](InterfaceState& state) { state.active = active; });
-  }
-  static void set_found(LBInterface& interface, const std::string& address) {
-    edit_state(interface, [&](InterfaceState& state) { state.nexthop_address = address; });
-  }
+  StaticRoutes routes() const { return build_static_routes(config_, false, kDefaultNamespace); }
   std::string body(bool ipv6 = false, const std::string& vrf = kDefaultNamespace) const {
     return build_static_routes(config_, ipv6, vrf).body;
+  }
+
+  // The rule of the two uplinks chose one next hop for all.
+  void expect_failover(const std::string& body, const std::string& nexthop) const {
+    const StaticRoutes built = routes();
+    EXPECT_EQ(built.body, body);
+    EXPECT_THAT(built.failover_nexthops,
+                ElementsAre(Pair("1_ipv4", ElementsAre(Pair("0.0.0.0/0", nexthop)))));
+  }
+  void expect_nothing() const {
+    EXPECT_EQ(body(), "");
+    EXPECT_THAT(routes().failover_nexthops, IsEmpty());
   }
 
   LBConfig config_;
@@ -110,18 +117,14 @@ TEST_F(StaticRoutesTest, RuleOfAnotherVrfContributesNothing) {
   add_two_uplinks().vrf = "red";
   EXPECT_EQ(body(), "");
   EXPECT_EQ(body(false, "red"), "");  // its interfaces are of "default"
+  config_.interfaces.at("eth1").vrf = "red";
+  EXPECT_EQ(body(false, "red"), "route 0.0.0.0/0 via 198.51.100.1 weight 2;\n");
 }
 
 TEST_F(StaticRoutesTest, InterfaceOfAnotherVrfIsLeftOut) {
   add_two_uplinks();
   config_.interfaces.at("eth0").vrf = "red";
   EXPECT_EQ(body(), "route 0.0.0.0/0 via 198.51.100.1 weight 2;\n");
-}
-
-TEST_F(StaticRoutesTest, VrfWithItsOwnInterfaces) {
-  add_two_uplinks().vrf = "red";
-  config_.interfaces.at("eth1").vrf = "red";
-  EXPECT_EQ(body(false, "red"), "route 0.0.0.0/0 via 198.51.100.1 weight 2;\n");
 }
 
 // --- metrics and weights ---
@@ -172,18 +175,13 @@ TEST_F(StaticRoutesTest, FailoverUsesTheHeaviest) {
   LBRule& rule = add_two_uplinks();
   rule.failover = 1;
   rule.targets["0.0.0.0/0"].metric = 10;
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_EQ(routes.body, "route 0.0.0.0/0 via 198.51.100.1 weight 2 metric 10;\n");
-  EXPECT_THAT(routes.failover_nexthops,
-              ElementsAre(Pair("1_ipv4", ElementsAre(Pair("0.0.0.0/0", "198.51.100.1")))));
+  expect_failover("route 0.0.0.0/0 via 198.51.100.1 weight 2 metric 10;\n", "198.51.100.1");
 }
 
 TEST_F(StaticRoutesTest, FailoverFallsBack) {
   add_two_uplinks().failover = 1;
   set_active(config_.interfaces.at("eth1"), false);
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_EQ(routes.body, "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n");
-  EXPECT_EQ(routes.failover_nexthops.at("1_ipv4").at("0.0.0.0/0"), "192.0.2.1");
+  expect_failover("route 0.0.0.0/0 via 192.0.2.1 weight 1;\n", "192.0.2.1");
 }
 
 TEST_F(StaticRoutesTest, FailoverOfEqualsUsesTheFirstName) {
@@ -194,68 +192,46 @@ TEST_F(StaticRoutesTest, FailoverOfEqualsUsesTheFirstName) {
   add_member(rule, "eth2", 9);
   add_member(rule, "eth1", 9);
   add_member(rule, "eth0", 1);
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_EQ(routes.body, "route 0.0.0.0/0 via 198.51.100.1 weight 9;\n");
-  EXPECT_EQ(routes.failover_nexthops.at("1_ipv4").at("0.0.0.0/0"), "198.51.100.1");
+  expect_failover("route 0.0.0.0/0 via 198.51.100.1 weight 9;\n", "198.51.100.1");
 }
 
 // The choice comes before the next hops: a failover rule does not step over its best interface.
 TEST_F(StaticRoutesTest, FailoverWaitsForTheBestInterfacesNextHop) {
   add_two_uplinks().failover = 1;
   config_.interfaces.at("eth1").nexthop = "dhcp";
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_EQ(routes.body, "");
-  EXPECT_THAT(routes.failover_nexthops, IsEmpty());
+  expect_nothing();
 }
 
 TEST_F(StaticRoutesTest, FailoverRecordsEveryDestination) {
   LBRule& rule = add_two_uplinks();
   rule.failover = 1;
   rule.targets["10.0.0.0/8"];
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_THAT(routes.failover_nexthops.at("1_ipv4"),
+  EXPECT_THAT(routes().failover_nexthops.at("1_ipv4"),
               ElementsAre(Pair("0.0.0.0/0", "198.51.100.1"), Pair("10.0.0.0/8", "198.51.100.1")));
 }
 
 TEST_F(StaticRoutesTest, NoRecordWithoutFailover) {
   add_two_uplinks();
-  EXPECT_THAT(build_static_routes(config_, false, "default").failover_nexthops, IsEmpty());
+  EXPECT_THAT(routes().failover_nexthops, IsEmpty());
 }
 
 TEST_F(StaticRoutesTest, FailoverWithWeightZeroGivesNothing) {
   LBRule& rule = add_two_uplinks();
   rule.failover = 1;
   for (auto& [name, member] : rule.members) member.weight = 0;
-  const StaticRoutes routes = build_static_routes(config_, false, "default");
-  EXPECT_EQ(routes.body, "");
-  EXPECT_THAT(routes.failover_nexthops, IsEmpty());
+  expect_nothing();
 }
 
 // --- the file's text ---
 
 TEST(StaticRoutesTextTest, OneBlockPerLine) {
-  EXPECT_EQ(protocol_static_text("route 0.0.0.0/0 via 192.0.2.1 weight 1;\n"
-                                 "route 203.0.113.0/24 via 198.51.100.1 weight 5;\n",
-                                 false),
-            "protocol static {\n"
-            "ipv4 {table master4;};\n"
-            "check link 1;\n"
-            "route 0.0.0.0/0 via 192.0.2.1 weight 1;\n"
-            "};\n"
-            "protocol static {\n"
-            "ipv4 {table master4;};\n"
-            "check link 1;\n"
-            "route 203.0.113.0/24 via 198.51.100.1 weight 5;\n"
-            "};\n");
-}
-
-TEST(StaticRoutesTextTest, Ipv6) {
+  EXPECT_EQ(protocol_static_text("route 0.0.0.0/0 a;\nroute 203.0.113.0/24 b;\n", false),
+            "protocol static {\nipv4 {table master4;};\ncheck link 1;\nroute 0.0.0.0/0 a;\n};\n"
+            "protocol static {\nipv4 {table master4;};\ncheck link 1;\n"
+            "route 203.0.113.0/24 b;\n};\n");
   EXPECT_EQ(protocol_static_text("route ::/0 via fe80::1 weight 1;\n", true),
-            "protocol static {\n"
-            "ipv6 {table master6;};\n"
-            "check link 1;\n"
-            "route ::/0 via fe80::1 weight 1;\n"
-            "};\n");
+            "protocol static {\nipv6 {table master6;};\ncheck link 1;\n"
+            "route ::/0 via fe80::1 weight 1;\n};\n");
 }
 
 TEST(StaticRoutesTextTest, EmptyBodyIsAnEmptyFile) {

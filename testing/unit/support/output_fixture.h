@@ -75,7 +75,7 @@ class OutputFixture : public TemporaryDirectoryTest {
 
   void set_nexthop(const std::string& rule, const std::string& prefix, const std::string& address) {
     MutexLock lock(config_.written_mutex);
-    config_.failover_nexthops[rule][prefix] = address;
+    config_.written.failover_nexthops[rule][prefix] = address;
   }
   void write(bool ipv6 = false) { output_.write(config_, worker_of(ipv6)); }
   std::string path(const std::string& name) const { return directory_.file("out/" + name); }

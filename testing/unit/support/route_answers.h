@@ -1,7 +1,6 @@
 // Messages that the kernel's route netlink sends, for tests.
 #pragma once
 
-#include <arpa/inet.h>
 #include <linux/neighbour.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
@@ -11,15 +10,9 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "packets/ethernet.h"
-
-using Bytes = std::vector<uint8_t>;
-
-inline void append(Bytes& bytes, const Bytes& more) {
-  bytes.insert(bytes.end(), more.begin(), more.end());
-}
+#include "support/packet_bytes.h"
 
 // Writes a field in host byte order.
 template <class T>
@@ -27,11 +20,7 @@ void set(Bytes& bytes, size_t offset, T value) {
   std::memcpy(bytes.data() + offset, &value, sizeof(value));
 }
 
-inline Bytes address_bytes(const std::string& text) {
-  Bytes bytes(16);
-  inet_pton(AF_INET6, text.c_str(), bytes.data());
-  return bytes;
-}
+inline Bytes address_bytes(const std::string& text) { return to_bytes(ipv6_address(text)); }
 
 // A message of `size` bytes of which only the header is filled in.
 inline Bytes netlink_message(uint16_t type, uint32_t size) {

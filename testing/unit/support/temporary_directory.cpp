@@ -20,7 +20,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 std::string TemporaryDirectory::file(std::string_view name) const {
-  return path_ + "/" + std::string(name);
+  return (std::filesystem::path(path_) / name).string();
 }
 
 std::string TemporaryDirectory::write(std::string_view name, std::string_view content) const {

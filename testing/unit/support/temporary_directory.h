@@ -16,7 +16,7 @@ class TemporaryDirectory {
   // Without a slash at its end.
   const std::string& path() const { return path_; }
 
-  // The path of `name` in the directory.
+  // The path of `name` in the directory; a name that is an absolute path stands for itself.
   std::string file(std::string_view name) const;
 
   // Writes a file in place of any old one; missing directories on the way are made. Its path.

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <linux/if_ether.h>
 
-#include "packets/error_text.h"
 #include "support/fake_kernel.h"
 #include "support/recorded_log.h"
 #include "tests/io/packet_socket.h"
@@ -115,10 +114,4 @@ TEST_F(LinkInfoTest, SendOnlySocketWithoutFilterStillSends) {
   Fault fault("setsockopt", EPERM);
   const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
   EXPECT_TRUE(fd.valid());
-}
-
-TEST(LinkInfoErrorTextTest, IsThatOfEveryValue) {
-  EXPECT_EQ(error_text(0), "Success");
-  EXPECT_EQ(error_text(ENODEV), "No such device");
-  EXPECT_EQ(error_text(-1), "Unknown error -1");
 }

@@ -1,4 +1,4 @@
-// Daemons of routing in a root directory of their own.
+// The routing daemon's files in a directory of the test's own, and what the daemon is sent.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,29 +11,32 @@
 #include <vector>
 
 #include "support/recorded_log.h"
-#include "support/temporary_directory.h"
+#include "support/redirected_places.h"
 #include "support/wrapped_calls.h"
-
-inline constexpr const char* kRouteFile = "usr/etc/routing-wlb.conf";
-inline constexpr const char* kRouteFile6 = "usr/etc/routing-wlb6.conf";
 
 // Signals are caught and the flush commands kept from the machine: "cat" is run as it is,
 // everything else is only noted. Debug messages are on.
-class RoutingRoot : public TemporaryDirectoryTest {
+class RoutingFixture : public RedirectedPlacesTest {
  protected:
-  RoutingRoot() {
+  RoutingFixture() {
     set_log_flag(3, true);
-    std::filesystem::create_directories(directory_.file("usr/etc"));
+    make_route_directory();
     use_pid_file("4711\n");
   }
 
-  void use_pid_file(const std::string& content) {
-    directory_.write("var/run/routing.pid", content);
+  void make_route_directory() { std::filesystem::create_directories(route_directory_); }
+  void use_pid_file(const std::string& content, const std::string& vrf = kDefaultNamespace) {
+    directory_.write(routing_pid_path(vrf), content);
   }
-  std::string pid_command(const std::string& path = "/var/run/routing.pid") const {
-    return "cat " + directory_.path() + path;
+  static std::string pid_command(const std::string& vrf = kDefaultNamespace) {
+    return "cat " + routing_pid_path(vrf);
   }
 
+  const std::string route_file_ = route_file_path(kDefaultNamespace, false);
+  const std::string route_file6_ = route_file_path(kDefaultNamespace, true);
+  const std::string pid_file_ = routing_pid_path(kDefaultNamespace);
+  // Of every VRF and family.
+  const std::filesystem::path route_directory_ = std::filesystem::path(route_file_).parent_path();
   std::vector<std::pair<std::string, std::string>> commands_;  // and the mode of each
   std::vector<std::pair<pid_t, int>> kills_;
   CallHook<FILE*(const char*, const char*)> popen_hook_{
