@@ -64,7 +64,7 @@ def test_these_are_enough(lab):
     waiting.wait_until(lambda: "fd00:1::1" in (lab.read("usr_etc/routing-wlb6.conf")
                                                if lab.exists("usr_etc/routing-wlb6.conf") else ""), 10)
     fake.wait_hups(1)
-    waiting.wait_until(lambda: {"route flush cache", "-6 route flush cache"} <= set(lab.ip_calls()), 10)
+    waiting.wait_until(lambda: {"route flush cache", "-6 route flush cache"} <= set(lab.ip_calls()))
     assert lab.conntrack() and lab.conntrack(ipv6=True) and lab.conntrack("blue")
     assert not scene.complaints()
 
@@ -142,5 +142,5 @@ def test_not_root_at_all(root_lab, monkeypatch):
     os.chmod(root_lab.write("ip.calls", ""), 0o666)
     scene = Scene(root_lab, NEEDED, as_nobody)
     scene.wait_all_active()
-    waiting.wait_until(lambda: root_lab.exists("usr_etc/routing-wlb.conf"), 10)
+    waiting.wait_until(lambda: root_lab.exists("usr_etc/routing-wlb.conf"))
     assert not scene.complaints()

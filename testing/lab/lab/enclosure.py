@@ -35,8 +35,8 @@ class Process:
         """Exit status, negative for a signal; None while it runs."""
         return self.enclosure.exits.get(self.pid)
 
-    def wait(self, timeout=10.0):
-        waiting.wait_until(lambda: self.status is not None, timeout, f"end of {self.argv}")
+    def wait(self, timeout=waiting.PATIENCE):
+        waiting.wait_until(lambda: self.status is not None, f"end of {self.argv}", timeout=timeout)
         return self.status
 
     def signal(self, number):
@@ -115,7 +115,7 @@ class Enclosure:
 
     def _next_answer(self, key):
         try:
-            message, descriptors = self._answers.get(timeout=waiting.scaled(20))
+            message, descriptors = self._answers.get(timeout=waiting.scaled(2 * waiting.PATIENCE))
         except queue.Empty:
             raise waiting.TimedOut("the lab's holder does not answer") from None
         if message is None:
@@ -143,7 +143,7 @@ class Enclosure:
                 [source.fileno(), out.fileno(), err.fileno()])
         return Process(self, pid, argv, stem + ".out", stem + ".err")
 
-    def run(self, argv, netns=None, stdin_text=None, check=True, timeout=20.0):
+    def run(self, argv, netns=None, stdin_text=None, check=True, timeout=waiting.PATIENCE):
         """Runs a program to its end and returns its Process."""
         stdin = None
         if stdin_text is not None:
@@ -187,7 +187,7 @@ class Enclosure:
         self._reader.join()
         self.control.close()
         try:
-            self._starter.wait(timeout=waiting.scaled(5))
+            self._starter.wait(timeout=waiting.scaled(waiting.PATIENCE))
         except subprocess.TimeoutExpired:
             self._starter.kill()
             self._starter.wait()

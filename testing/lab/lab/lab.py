@@ -82,14 +82,15 @@ class Lab:
             self.hide(name)
         self.write(f"etc/{name}", text)
 
-    def wait_text(self, name, text, timeout=15.0):
+    def wait_text(self, name, text, timeout=waiting.PATIENCE):
         """Waits until a file is exactly `text`."""
 
         def current():
             return self.read(name) if self.exists(name) else None
 
-        waiting.wait_until(lambda: current() == text, timeout,
-                           lambda: f"{name} to be:\n{text}\n--- it is:\n{current()}\n--- log:\n{self.log.text()}")
+        waiting.wait_until(lambda: current() == text,
+                           lambda: f"{name} to be:\n{text}\n--- it is:\n{current()}\n--- log:\n{self.log.text()}",
+                           timeout=timeout)
 
     # Commands
 
@@ -280,7 +281,7 @@ class FakeRoutingDaemon:
             [sys.executable, os.path.join(_FAKES, "routing_daemon.py"), self._events,
              lab.path(pid_file) if pid_file else "", *map(lab.path, watch)])
         self.pid = self._process.pid
-        waiting.wait_until(lambda: os.path.exists(self._events), 10, "the stand-in for the routing daemon")
+        waiting.wait_until(lambda: os.path.exists(self._events), "the stand-in for the routing daemon")
 
     @property
     def hups(self):
@@ -292,8 +293,8 @@ class FakeRoutingDaemon:
     def alive(self):
         return self._process.status is None
 
-    def wait_hups(self, count, timeout=15.0):
-        waiting.wait_until(lambda: len(self.hups) >= count, timeout, lambda: f"{count} SIGHUP, got {self.hups}")
+    def wait_hups(self, count, timeout=waiting.PATIENCE):
+        waiting.wait_until(lambda: len(self.hups) >= count, lambda: f"{count} SIGHUP, got {self.hups}", timeout=timeout)
         return self.hups
 
     def stop(self):

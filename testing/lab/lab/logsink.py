@@ -60,7 +60,7 @@ class DatagramSink:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.connect(self._path)
             sender.send(marker)
-        waiting.wait_until(lambda: marker in self._markers, 10, "the reader of " + self._path, 0.002)
+        waiting.wait_until(lambda: marker in self._markers, "the reader of " + self._path, interval=0.002)
 
     def mark(self):
         """A place in the records; give it to the operations below as `since` to look only behind it."""
@@ -76,10 +76,10 @@ class DatagramSink:
         expression = re.compile(pattern)
         return [record for record in self.records[since:] if expression.search(record.text)]
 
-    def wait_for(self, pattern, timeout=10.0, since=0, count=1):
+    def wait_for(self, pattern, timeout=waiting.PATIENCE, since=0, count=1):
         """Waits for `count` messages that match and returns the last of them."""
-        waiting.wait_until(lambda: len(self._matching(pattern, since)) >= count, timeout,
-                           lambda: f"{count} x {pattern!r} among:\n{self.text()}")
+        waiting.wait_until(lambda: len(self._matching(pattern, since)) >= count,
+                           lambda: f"{count} x {pattern!r} among:\n{self.text()}", timeout=timeout)
         return self._matching(pattern, since)[count - 1]
 
     def text(self):

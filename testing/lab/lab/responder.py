@@ -126,9 +126,23 @@ class EchoPolicy:
         self.echo = lambda request: (None if (request.number % of if of else request.number) in lost
                                      else request.reply())
 
-    def wait_requests(self, count, timeout=10.0, since=0):
-        waiting.wait_until(lambda: len(self.requests) - since >= count, timeout,
-                           lambda: f"{count} echo requests; seen {len(self.requests) - since}")
+    def wait_pace(self, at_least, below, since=0):
+        """Waits for two requests in a row that are less than `below` apart; none is closer than `at_least`.
+
+        A busy machine puts many of them further apart, but not all.
+        """
+
+        def gaps():
+            times = [request.when for request in self.requests[since:]]
+            return [later - earlier for earlier, later in zip(times, times[1:])]
+
+        waiting.wait_until(lambda: min(gaps(), default=below) < below,
+                           lambda: f"two requests less than {below} s apart; seen {gaps()}", timeout=60)
+        assert min(gaps()) >= at_least, gaps()
+
+    def wait_requests(self, count, timeout=waiting.PATIENCE, since=0):
+        waiting.wait_until(lambda: len(self.requests) - since >= count,
+                           lambda: f"{count} echo requests; seen {len(self.requests) - since}", timeout=timeout)
         return self.requests[since:]
 
 

@@ -74,7 +74,7 @@ class Sniffer:
         """Waits until every frame that has crossed the interface is recorded."""
         poller = select.poll()
         poller.register(self._socket, select.POLLIN)
-        waiting.wait_until(lambda: not poller.poll(0), 10, "the capture", 0.002)
+        waiting.wait_until(lambda: not poller.poll(0), "the capture", interval=0.002)
         with self._busy:
             pass
 
@@ -86,10 +86,10 @@ class Sniffer:
     def _select(self, condition, since):
         return [frame for frame in self.frames[since:] if condition(frame)]
 
-    def wait_for(self, condition, timeout=10.0, count=1, since=0, what="frame"):
+    def wait_for(self, condition, timeout=waiting.PATIENCE, count=1, since=0, what="frame"):
         """Waits for `count` frames that `condition` accepts and returns all that came."""
-        waiting.wait_until(lambda: len(self._select(condition, since)) >= count, timeout,
-                           lambda: f"{count} x {what}; seen: {self.frames[-20:]}")
+        waiting.wait_until(lambda: len(self._select(condition, since)) >= count,
+                           lambda: f"{count} x {what}; seen: {self.frames[-20:]}", timeout=timeout)
         return self._select(condition, since)
 
     def close(self):

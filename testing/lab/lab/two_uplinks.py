@@ -103,14 +103,15 @@ class TwoUplinks:
     def uses_only(self, number, family=4):
         return set(self.kernel_weights(family)) == set(self._gateways(family, (number,)))
 
-    def wait_both(self, families=(4, 6), timeout=20):
+    def wait_both(self, families=(4, 6), timeout=waiting.PATIENCE):
         for family in families:
-            waiting.wait_until(lambda f=family: self.uses_both(f), timeout, lambda f=family: self._seen(f), 0.05)
+            waiting.wait_until(lambda f=family: self.uses_both(f), lambda f=family: self._seen(f), timeout=timeout,
+                               interval=0.05)
 
-    def wait_only(self, number, families=(4, 6), timeout=20):
+    def wait_only(self, number, families=(4, 6), timeout=waiting.PATIENCE):
         for family in families:
-            waiting.wait_until(lambda f=family: self.uses_only(number, f), timeout,
-                               lambda f=family: self._seen(f), 0.05)
+            waiting.wait_until(lambda f=family: self.uses_only(number, f),
+                               lambda f=family: self._seen(f), timeout=timeout, interval=0.05)
 
     def _seen(self, family):
         return (f"the kernel's IPv{family} default route:\n{self.kernel_routes(family)}\nroute file:\n"
