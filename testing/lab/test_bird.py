@@ -69,7 +69,7 @@ def test_lab_can_be_left_running():
     top = lab.enclosure.top
     command = network.leave_running()
     pid = int(re.search(r"--target (\d+)", command)[1])
-    lab.enclosure.control.close()
+    lab.close()
     try:
         entered = command.split(" bash")[0].split()
         routes = subprocess.run([*entered, "ip", "route", "show", "default"], capture_output=True, text=True,

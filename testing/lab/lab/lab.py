@@ -23,8 +23,8 @@ PATH=/usr/sbin:/usr/bin:/sbin:/bin exec ip "$@"
 class Lab:
     """Use as a context manager. Paths: `lab.path("run/...")` is /run/... inside, and so on (rootview.PRIVATE)."""
 
-    def __init__(self, keep=False, user_namespace=True):
-        self.enclosure = Enclosure(keep or bool(os.environ.get("LB_LAB_KEEP")), user_namespace)
+    def __init__(self, user_namespace=True):
+        self.enclosure = Enclosure(user_namespace)
         self.path = self.enclosure.path
         self.daemons = []
         self._closers = []
@@ -223,7 +223,7 @@ class Lab:
     def run_lb(self, config_text, *args, **options):
         """Runs the daemon in a mode in which it ends by itself; returns its Process."""
         started = self.start_lb(config_text, *args, **options)
-        started.expect_end(20)
+        started.expect_end()
         return started.process
 
     def routing_daemon(self, pid_file="run/routing.pid", watch=("usr_etc/routing-wlb.conf",
@@ -265,6 +265,15 @@ class Lab:
                                         f"{started.process.stderr}")
         problems += [f"sanitizer report {text}" for text in self.sanitizer_reports()]
         return problems
+
+    def leave_running(self):
+        """The lab goes on after this process, but for its threads; returns the commands that enter and that end it."""
+        # The log's reader goes with this process: another one takes its place, inside.
+        self.discard(self.log)
+        os.unlink(self.path("dev/log"))
+        self.enclosure.spawn([sys.executable, os.path.join(_FAKES, "log_to_file.py"), "/dev/log", "/var/log/lb.log"])
+        waiting.wait_until(lambda: self.exists("dev/log"), "the log's new reader")
+        return self.enclosure.detach()
 
     def close(self):
         for close in reversed(self._closers):

@@ -16,13 +16,10 @@ Use:
 
 import os
 import re
-import sys
 
 from . import configtext, waiting
 from .bird import Bird
 from .lab import Lab
-
-_HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 class TwoUplinks:
@@ -119,17 +116,7 @@ class TwoUplinks:
 
     def leave_running(self):
         """Everything goes on after this process; returns the commands that enter and that end the lab."""
-        # The log's reader goes with this process: another one takes its place, inside.
-        self.lab.log.close()
-        os.unlink(self.lab.path("dev/log"))
-        self.lab.enclosure.spawn([sys.executable, os.path.join(_HERE, "fakes", "log_to_file.py"), "/dev/log",
-                                  "/var/log/lb.log"])
-        waiting.wait_until(lambda: self.lab.exists("dev/log"), 5, "the log's new reader")
-        pid = self.lab.enclosure.detach()
-        return (f"nsenter --target {pid} --user --preserve-credentials --mount --net --pid --root --wd "
-                "bash\n"
-                # As the first process of its namespace the holder takes no milder signal.
-                f"End it, and all that runs in it, with\n  kill -KILL {pid}; rm -r {self.lab.enclosure.top}")
+        return self.lab.leave_running()
 
     def close(self):
         if self._own:
