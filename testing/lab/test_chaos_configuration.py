@@ -61,8 +61,8 @@ def test_a_hundred_thousand_lines_of_noise(lab):
     text = (noise(50_000) + "health {\n" + noise(25_000).replace("section", "word")
             + "\n".join(health(links)) + "\n}\n" + noise(25_000)
             + rule("1_ipv4", weights, {"0.0.0.0/0": None}) + "\n")
-    lb, starting = start(lab, text, links, within=5)
-    cycle = work(lb, 4, 0.5)
+    lb, starting = start(lab, text, links, within=1)
+    cycle = work(lb, 4, 0.1)
     vias = [(link.gateway, link.number) for link in links]
     lab.wait_text(ROUTE_FILE, route_file(route_line("0.0.0.0/0", vias)))
     growth = Growth(lab, lb)
@@ -94,13 +94,13 @@ def test_thousands_of_rules_and_targets(lab):
                                          for prefix in sorted(targets(number))))
         return texts[active]
 
-    lb, starting = start(lab, config, links, within=10)
+    lb, starting = start(lab, config, links, within=2)
     everything, without_last = frozenset(weights), frozenset(list(weights)[:-1])
     lab.wait_text(ROUTE_FILE, explain(everything))
     growth = Growth(lab, lb)
     watch = RouteWatch(lab, ROUTE_FILE, explain, interval=0.05)
     requests = len(links[0].responder.requests)
-    cycle = work(lb, 5, 1.5)
+    cycle = work(lb, 5, 0.3)
     # A probe is judged in the cycle after its own, and the next one follows in the one after that.
     assert len(links[0].responder.requests) - requests >= 2
     links[-1].cut()
