@@ -9,13 +9,17 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from lab import daemon  # noqa: E402  pylint: disable=wrong-import-position
-from lab.lab import Lab  # noqa: E402  pylint: disable=wrong-import-position
+from lab import daemon, scenario, stalls  # noqa: E402  pylint: disable=wrong-import-position
 
 # The far ends are threads of the test; they are to answer at once even while it decodes packets.
 sys.setswitchinterval(0.0005)
 
 _NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird")
+
+
+def pytest_configure(config):
+    config.pluginmanager.register(stalls.Plugin())
+    config.pluginmanager.register(scenario.Plugin())
 
 
 def pytest_sessionstart(session):
@@ -35,20 +39,15 @@ def pytest_collection_modifyitems(items):
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield
-    setattr(item, "report_" + call.when, outcome.get_result())
+    if call.when == "setup":
+        item.has_failed = False
+    item.has_failed |= outcome.get_result().failed
 
 
 @pytest.fixture
 def lab(request):
-    with Lab() as made:
+    with scenario.lab_of(request.node) as made:
         yield made
-        problems = made.finish()
-        report = getattr(request.node, "report_call", None)
-        if problems or (report and report.failed):
-            print("--- log\n" + made.log.text())
-            for started in made.daemons:
-                print(f"--- standard error of {started.process.argv}\n{started.process.stderr}")
-        assert not problems, "\n".join(problems)
 
 
 @pytest.fixture

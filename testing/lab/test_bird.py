@@ -53,7 +53,7 @@ def test_failover_and_everything_down(lab):
     network.cut(1)
     network.wait_only(2, families=(4,))
     network.cut(2)
-    waiting.wait_until(lambda: network.kernel_weights() == {}, 15)
+    waiting.wait_until(lambda: network.kernel_weights() == {})
     network.restore(2)
     network.wait_only(2, families=(4,))
     network.restore(1)
@@ -69,7 +69,7 @@ def test_lab_can_be_left_running():
     top = lab.enclosure.top
     command = network.leave_running()
     pid = int(re.search(r"--target (\d+)", command)[1])
-    lab.enclosure.control.close()
+    lab.close()
     try:
         entered = command.split(" bash")[0].split()
         routes = subprocess.run([*entered, "ip", "route", "show", "default"], capture_output=True, text=True,
@@ -78,5 +78,5 @@ def test_lab_can_be_left_running():
         network.lb.wait_cycles(2)
     finally:
         os.kill(pid, 9)
-        waiting.wait_until(lambda: not os.path.exists(f"/proc/{pid}"), 5)
+        waiting.wait_until(lambda: not os.path.exists(f"/proc/{pid}"))
         shutil.rmtree(top)

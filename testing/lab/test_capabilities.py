@@ -13,10 +13,10 @@ import signal
 
 import pytest
 
-from lab import configtext, daemon, waiting
+from lab import configtext, daemon, scenario, waiting
 from lab.capabilities import NEEDED, NOBODY, as_nobody, only
 from lab.configtext import interface, ping, ping_ext, rule
-from lab.lab import Lab
+
 
 class Scene:
     """The network of this file, with the daemon started under some capabilities."""
@@ -62,9 +62,9 @@ def test_these_are_enough(lab):
     assert bin(scene.effective()).count("1") == len(NEEDED)
     # Both address families' routes, the signal, the flush command, the connection-tracking records.
     waiting.wait_until(lambda: "fd00:1::1" in (lab.read("usr_etc/routing-wlb6.conf")
-                                               if lab.exists("usr_etc/routing-wlb6.conf") else ""), 10)
+                                               if lab.exists("usr_etc/routing-wlb6.conf") else ""))
     fake.wait_hups(1)
-    waiting.wait_until(lambda: {"route flush cache", "-6 route flush cache"} <= set(lab.ip_calls()), 10)
+    waiting.wait_until(lambda: {"route flush cache", "-6 route flush cache"} <= set(lab.ip_calls()))
     assert lab.conntrack() and lab.conntrack(ipv6=True) and lab.conntrack("blue")
     assert not scene.complaints()
 
@@ -106,15 +106,13 @@ def test_sys_admin_is_needed_for_vrfs_only(lab):
 
 
 @pytest.fixture
-def root_lab(monkeypatch):
+def root_lab(request):
     """A lab without a user namespace, in which there is more than one user."""
     if os.geteuid() != 0:
         pytest.skip("a second user id needs root: an ordinary user's namespace has but one")
-    with Lab(user_namespace=False) as lab:
+    with scenario.lab_of(request.node, user_namespace=False) as lab:
         os.chmod(lab.enclosure.top, 0o711)
         yield lab
-        problems = lab.finish()
-        assert not problems, "\n".join(problems)
 
 
 @pytest.mark.parametrize("capabilities", [NEEDED, without("kill")])
@@ -142,5 +140,5 @@ def test_not_root_at_all(root_lab, monkeypatch):
     os.chmod(root_lab.write("ip.calls", ""), 0o666)
     scene = Scene(root_lab, NEEDED, as_nobody)
     scene.wait_all_active()
-    waiting.wait_until(lambda: root_lab.exists("usr_etc/routing-wlb.conf"), 10)
+    waiting.wait_until(lambda: root_lab.exists("usr_etc/routing-wlb.conf"))
     assert not scene.complaints()

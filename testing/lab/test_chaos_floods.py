@@ -20,7 +20,10 @@ from lab.route_watch import RouteWatch
 PLAIN = not daemon.has_sanitizer(daemon.program())
 # A sanitizer makes a frame some ten times as dear to the daemon.
 RATE = 10000 if PLAIN else 1500
-LEAST_RATE = (0.9 if PLAIN else 0.5) * RATE
+# A busy machine sends less, and that is a flood still: hundreds of frames for each probe.
+LEAST_RATE = 0.2 * RATE
+# Of these frames, as a busy machine may drop some before the interface counts them.
+LEAST_SHARE = 0.8
 
 
 class Flooded:
@@ -59,17 +62,17 @@ class Flooded:
         """Waits until nobody else floods; the turn lasts until `finish`."""
         fcntl.flock(self.turns, fcntl.LOCK_EX)
 
-    def flood(self, frames, seconds=3.0, rate=None):
+    def flood(self, frames, seconds=3.0, most=0):
         """Starts one when it is its turn; the frames come in by the first link. frames: a list, or what makes it."""
         self.take_turn()
         return flood.Flood(self.lab, self.links.far, self.first.far_name, frames() if callable(frames) else frames,
-                           rate or RATE, seconds)
+                           RATE, seconds, most)
 
     def finish(self, running):
-        """Waits for the end of a flood and returns its frames a second."""
+        """Ends a flood, which was one."""
         rate = running.finish()
         fcntl.flock(self.turns, fcntl.LOCK_UN)
-        return rate
+        assert rate > LEAST_RATE, f"only {rate:.0f} frames a second were sent"
 
     def arrived(self):
         """Frames that have come in by the first link."""
@@ -78,7 +81,7 @@ class Flooded:
     def arrive(self, running):
         """Waits until a flood that has just begun comes in."""
         before = self.arrived()
-        waiting.wait_until(lambda: self.arrived() - before > 100, 10, "the flood")
+        waiting.wait_until(lambda: self.arrived() - before > 100, "the flood")
         assert running.running
 
     def key(self, ipv6):
@@ -89,37 +92,49 @@ class Flooded:
         return sniffer.echo_key(request)
 
     def stand(self, frames, seconds=3.0, meanwhile=None):
-        """A flood that nothing comes of: every link is probed once a cycle and stays as it is.
+        """A flood that nothing comes of: every link is probed once a cycle, goes on to be, and stays as it is.
 
         meanwhile: called with the flood once it comes in.
         """
         self.take_turn()
+        probes = {4: sniffer.is_echo_request, 6: sniffer.is_echo6_request}
         captures = {strand: self.links.sniffer(strand) for strand in (self.first, self.control)}
+        watches = {family: self.lab.closing(daemon.CycleWatch(self.lb, family)) for family in probes}
         before = self.arrived()
         running = self.flood(frames, seconds)
+        self.arrive(running)
+        since = {strand: len(capture.frames) for strand, capture in captures.items()}
         if meanwhile:
-            self.arrive(running)
             meanwhile(running)
-        rate = self.finish(running)
-        assert self.arrived() - before >= 0.98 * running.sent
-        assert rate > LEAST_RATE, f"only {rate:.0f} frames a second were sent"
-        for family in (4, 6):
+        for strand, capture in captures.items():
+            for is_probe in probes.values():
+                capture.wait_for(is_probe, count=3, since=since[strand], what="probe in the flood")
+        assert running.running
+        self.finish(running)
+        assert self.arrived() - before >= LEAST_SHARE * running.sent
+        for family in probes:
             self.lb.wait_cycles(1, family=family)
         self.check()
-        for strand, capture in captures.items():
-            for request in (sniffer.is_echo_request, sniffer.is_echo6_request):
-                requests = capture.select(request)
-                self._once_a_cycle(requests, strand.name, seconds)
+        for family, is_probe in probes.items():
+            self.lab.discard(watches[family])
+            for strand, capture in captures.items():
+                requests = capture.select(is_probe)
+                self._once_a_cycle(requests, watches[family].stamps, f"IPv{family} {strand.name}")
                 assert max(map(sniffer.echo_key, requests)) < min(flood.UNUSED_KEYS)
+        for capture in captures.values():
             self.lab.discard(capture)
 
     @staticmethod
-    def _once_a_cycle(requests, name, seconds):
+    def _once_a_cycle(requests, cycles, name):
+        """The time between two probes is held against the cycles of the same time: a busy machine stretches both."""
         times = [frame.when for frame in requests]
         gaps = [after - before for before, after in zip(times, times[1:])]
-        assert len(times) >= seconds / waiting.scaled(1.5), f"{name} was probed {len(times)} times in {seconds} s"
-        assert max(gaps, default=0) < waiting.scaled(2.5), f"{name}: {gaps}"
-        assert min(gaps, default=1) > 0.9, f"{name}: {gaps}"
+        longest = max(after - before for before, after in zip(cycles, cycles[1:]))
+        # A reply that is late for the look at it is seen in the next cycle, and the next request leaves in the third.
+        assert max(gaps) < 2 * longest + 0.5, f"{name}: {gaps}, while cycles took {longest} s at most"
+        assert min(gaps) > 0.9, f"{name}: {gaps}"
+        between = [when for when in times if cycles[0] <= when <= cycles[-1]]
+        assert len(between) >= (len(cycles) - 1) / 2 - 1, f"{name}: {len(between)} probes in {len(cycles) - 1} cycles"
 
     def check(self):
         """Nothing has changed."""
@@ -167,7 +182,7 @@ def test_echo_replies_with_the_keys_of_probes(flooded):
         # As many as are used up meanwhile, and no more: the flood is to come round to each within milliseconds.
         for ipv6, a_second in ((False, 8), (True, 4)):
             first = flooded.key(ipv6)
-            keys[ipv6] = range(first, first + int(waiting.scaled(a_second * 6.0)))
+            keys[ipv6] = range(first, first + int(a_second * (6.0 + waiting.scaled(2.0))))
         return [frame for ipv6, wanted in keys.items()
                 for frame in flood.matching_echo_flood(flooded.target, ipv6, wanted)]
 
@@ -183,7 +198,7 @@ def test_echo_replies_with_the_keys_of_probes(flooded):
         flooded.links.undeafen(flooded.first)
         assert running.running
 
-    flooded.stand(frames, waiting.scaled(6.0), deaf_far_end)
+    flooded.stand(frames, meanwhile=deaf_far_end)
     flooded.settle()
 
 
@@ -203,14 +218,14 @@ def test_everything_at_once(flooded):
 def test_link_that_dies_in_a_flood(flooded):
     """The flood does not hide it: no frame of it answers a probe."""
     running = flooded.flood(flood.foreign_echo_flood(flooded.target, False)
-                            + flood.foreign_echo_flood(flooded.target, True),
-                            seconds=waiting.scaled(7.0))
+                            + flood.foreign_echo_flood(flooded.target, True))
+    flooded.arrive(running)
     flooded.links.silence(flooded.control)
     for family in (4, 6):
         flooded.lb.wait_status(flooded.control.name, "failed", family=family)
     assert running.running
     flooded.links.restore(flooded.control)
-    assert flooded.finish(running) > LEAST_RATE
+    flooded.finish(running)
     for family in (4, 6):
         flooded.lb.wait_status(flooded.control.name, "active", family=family)
         assert state_changes(flooded.lab, flooded.control.name, family == 6) == flapped(1)
@@ -222,8 +237,7 @@ def test_neighbours_resolved_in_a_flood(flooded):
     """The answer that counts comes among ten thousand a second that do not."""
     frames = flood.arp_flood(flooded.target) + flood.advertisement_flood(flooded.target)
     captures = [flooded.links.sniffer(strand) for strand in (flooded.first, flooded.control)]
-    running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]],
-                            seconds=waiting.scaled(8.0))
+    running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]])
     flooded.arrive(running)
     since = [len(capture.frames) for capture in captures]
     for _ in range(2):
@@ -235,9 +249,9 @@ def test_neighbours_resolved_in_a_flood(flooded):
     for ipv6 in (False, True):
         # Not each time: a request of the far end teaches the kernel too.
         waiting.wait_until(lambda: any(sniffer.answered_resolutions(capture.frames[start:], ipv6)
-                                       for capture, start in zip(captures, since)), 3, "an answer in the flood")
+                                       for capture, start in zip(captures, since)), "an answer in the flood")
     assert running.running
-    assert flooded.finish(running) > LEAST_RATE
+    flooded.finish(running)
     for family in (4, 6):
         flooded.lb.wait_cycles(2, family=family)
     flooded.settle()
@@ -249,10 +263,10 @@ def test_answers_of_very_many(flooded, frames):
     count = 50000 if PLAIN else 10000
     flooded.take_turn()
     before = flooded.arrived()
-    running = flooded.flood(frames(flooded.target, count), seconds=5.0, rate=count / 5)
-    assert flooded.finish(running) > 0.9 * LEAST_RATE
+    running = flooded.flood(frames(flooded.target, count), most=count)
+    flooded.finish(running)
     assert running.sent == count
-    assert flooded.arrived() - before >= 0.98 * count
+    assert flooded.arrived() - before >= LEAST_SHARE * count
     for family in (4, 6):
         flooded.lb.wait_cycles(2, family=family)
     flooded.settle()

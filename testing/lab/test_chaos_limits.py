@@ -55,7 +55,7 @@ def test_descriptors_run_out_and_come_back(lab):
 
     def wait_states():
         for family in route_files:
-            waiting.wait_until(lambda f=family: lb.statuses(f) == dict.fromkeys(weights, "active"), 20,
+            waiting.wait_until(lambda f=family: lb.statuses(f) == dict.fromkeys(weights, "active"),
                                lambda f=family: f"every link active, not {lb.statuses(f)}")
 
     def wait_routes(active):
@@ -70,7 +70,7 @@ def test_descriptors_run_out_and_come_back(lab):
         before = limit_descriptors(lab, lb, 3 if spare is None else limit_that_spares(lab, lb, spare))
         if spare is None:
             for version in ("", "v6"):
-                lab.log.wait_for(f"IP{version} interface .* {STATE} inactive", count=len(links), since=mark, timeout=20)
+                lab.log.wait_for(f"IP{version} interface .* {STATE} inactive", count=len(links), since=mark)
             lab.log.wait_for("socket.. failed", since=mark)
             lab.log.wait_for("error open file for writing", since=mark)
             lab.log.wait_for("error ordering output file", since=mark)
@@ -121,9 +121,9 @@ def test_wall_clock_jumps(lab, jumps):
     # Nearly always with a probe under way, which must not look too old or too young.
     slow.responder.delay(2.5)
     pair = WeightedPair(lab, env=clock.environment, sections=[
-        interface("wan3", [ping_ext(third.gateway, period=2, count=3, rtt=500, jitter=500, resp_time=500)],
+        interface("wan3", [ping_ext(third.gateway, period=2, count=3, rtt=5000, jitter=5000)],
                   success_ct=1, nexthop=third.gateway),
-        interface("wan4", [ping(slow.gateway, resp_time=5000)], success_ct=1, nexthop=slow.gateway)])
+        interface("wan4", [ping(slow.gateway, resp_time=20000)], success_ct=1, nexthop=slow.gateway)])
     pair.lb.wait_status("wan3", "active")
     pair.lb.wait_status("wan4", "active")
     pair.wait_settled()
@@ -138,15 +138,15 @@ def test_wall_clock_jumps(lab, jumps):
         assert not lab.log.matching(STATE, mark), jump
         # A change is dated by the clock of the moment.
         pair.change()
-        report = pair.lb.wait_report(lambda text: abs(changed(text) - clock.now()) < waiting.scaled(10))
+        report = pair.lb.wait_report(lambda text: abs(changed(text) - clock.now()) < 60)
         assert report.count("n/a") <= 4 and re.search(r"Last Interface Success:  \ds\t", report), report
         record = next(entry for entry in pair.lb.outbounds() if entry["name"] == "wan1")
-        assert 0 <= record["success_age"] <= waiting.scaled(3)
-        third.responder.wait_requests(bursts + 3, timeout=10)
+        assert 0 <= record["success_age"] <= 9
+        third.responder.wait_requests(bursts + 3)
         # Back to the right time: the next change and the next success are dated right.
         clock.shift_to(0)
         pair.change()
-        report = pair.lb.wait_report(lambda text: abs(changed(text) - time.time()) < waiting.scaled(10))
+        report = pair.lb.wait_report(lambda text: abs(changed(text) - time.time()) < 60)
         assert re.findall(r"Last Interface Success:  ([0-9]s)\t", report), report
         assert len(lab.log.matching(STATE, mark)) == 2, jump
     pair.check()

@@ -102,14 +102,14 @@ def test_interfaces_made_anew_under_a_probe(lab):
         links.silence(*touched)
         for strand, capture in captures.items():
             request = sniffer.is_echo6_request if strand.ipv6 else sniffer.is_echo_request
-            capture.wait_for(request, since=len(capture.frames), timeout=15)
+            capture.wait_for(request, since=len(capture.frames))
         links.remove(*touched)
         for capture in captures.values():
             lab.discard(capture)
         links.restore(*touched)
         links.create(*touched)
-        waiting.wait_until(lambda n=flaps: all(watched.changes(strand) == flapped(n) for strand in touched), 30,
-                           lambda: {strand.name: watched.changes(strand) for strand in touched}, 0.1)
+        waiting.wait_until(lambda n=flaps: all(watched.changes(strand) == flapped(n) for strand in touched),
+                           lambda: {strand.name: watched.changes(strand) for strand in touched}, interval=0.1)
     watched.finish(touched, 2)
 
 

@@ -33,7 +33,7 @@ def test_hardware_address_changes_and_is_announced(lab):
         for strand in touched:
             mac = f"02:00:00:{change:02x}:{strand.number:02x}:01"
             lab.ip(f"link set {strand.far_name} address {mac}", netns=links.far)
-            waiting.wait_until(lambda s=strand, m=mac: m in lab.neighbours(s.name, ipv6=s.ipv6).get(s.gateway, ""), 5)
+            waiting.wait_until(lambda s=strand, m=mac: m in lab.neighbours(s.name, ipv6=s.ipv6).get(s.gateway, ""))
         captures = {strand: links.sniffer(strand) for strand in touched}
         for strand, capture in captures.items():
             request = sniffer.is_echo6_request if strand.ipv6 else sniffer.is_echo_request
@@ -77,7 +77,7 @@ def test_hardware_address_changes_silently(lab):
             sender.sendto(b"x", (strand.gateway, 9))
             return watched.lb.statuses(strand.family)[strand.name] == "active"
 
-        waiting.wait_until(learnt, 20, lambda s=strand: lab.neighbours(s.name, ipv6=s.ipv6), 0.2)
+        waiting.wait_until(learnt, lambda s=strand: lab.neighbours(s.name, ipv6=s.ipv6), interval=0.2)
         sender.close()
     watched.finish(touched, 1)
 
@@ -113,7 +113,7 @@ def test_hardware_address_of_another_machine(lab):
             return min(asked.count(ipv6) for ipv6 in (False, True))
 
         # The second one tells that the first has had its result.
-        waiting.wait_until(lambda: reached() >= 2, 10, lambda: f"requests to the new address, not {reached()}")
+        waiting.wait_until(lambda: reached() >= 2, lambda: f"requests to the new address, not {reached()}")
         for family in (4, 6):
             lb.wait_status(link.name, "active", family=family)
             assert state_changes(lab, link.name, family == 6) == flapped(0)

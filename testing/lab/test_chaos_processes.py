@@ -109,7 +109,7 @@ def test_nonsense_for_the_pid_file(lab, faults):
         files.clear()
         files.write(f"{routing.pid}\n")
         pair.change()
-        waiting.wait_until(lambda: len(routing.hups) == hups + 1, 5, fault)
+        waiting.wait_until(lambda: len(routing.hups) == hups + 1, fault)
         assert routing.hups[-1][1]["routing-wlb.conf"] == pair.current_text()
     assert pair.lb.alive and bystander.alive and routing.alive and bystander.hups == []
     pair.check()
@@ -155,7 +155,7 @@ def test_bird_killed_and_started_again(lab):
     for family in (4, 6):
         network.lb.wait_status("wan1", "failed", family=family)
         waiting.wait_until(lambda f=family: "wan1" not in network.route_file(f) and network.links[1].gateway
-                           not in network.route_file(f) and network.links[1].gateway6 not in network.route_file(f), 10)
+                           not in network.route_file(f) and network.links[1].gateway6 not in network.route_file(f))
     assert network.uses_both(), "the dead daemon's routes are still the kernel's"
     os.unlink(lab.path(PID_FILE))
     network.bird = Bird(lab)

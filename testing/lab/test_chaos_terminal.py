@@ -85,16 +85,16 @@ def test_standard_error_that_nobody_reads(lab):
                                                   str(int(waiting.scaled(2.5) * 1e6))})
         settle(pair)
         manager.wait_for("WATCHDOG=1", count=4)
-        waiting.wait_until(lambda: CHATTER in read(reader), 10)
+        waiting.wait_until(lambda: CHATTER in read(reader))
         fill(reader)
         seen = [0]
 
         def silent():
             before, seen[0] = seen[0], len(manager.matching("WATCHDOG=1"))
-            pair.lb.wait_cycles(2, timeout=10)
+            pair.lb.wait_cycles(2)
             return before == seen[0]
 
-        waiting.wait_until(silent, 30, "the watchdog's silence")
+        waiting.wait_until(silent, "the watchdog's silence")
         pair.change()
         pair.change()
         while read(reader):
@@ -113,7 +113,7 @@ def test_standard_error_whose_reader_ends(lab):
     reader = os.open(fifo, os.O_RDONLY | os.O_NONBLOCK)
     pair = chatty_pair(lab, f"2>{fifo}")
     settle(pair)
-    waiting.wait_until(lambda: CHATTER in read(reader), 10)
+    waiting.wait_until(lambda: CHATTER in read(reader))
     os.close(reader)
     pair.lb.wait_cycles(3, family=6)
     pair.change()
@@ -126,7 +126,7 @@ def test_commands_get_the_usual_signals(lab):
     lab.routing_daemon()
     pair = WeightedPair(lab)
     pair.wait_settled()
-    waiting.wait_until(lambda: lab.exists("ignored") and lab.read("ignored"), 10)
+    waiting.wait_until(lambda: lab.exists("ignored") and lab.read("ignored"))
     ignored = int(lab.read("ignored").split()[1], 16)
     assert not ignored & 1 << (signal.SIGPIPE - 1)
 

@@ -48,7 +48,7 @@ class Hanging:
         reader = self._open_fifo(os.O_RDONLY)
         os.unlink(self.lab.path(self.pair.route_file))
         # It would be a broken pipe if this end went before the text is there.
-        waiting.wait_until(lambda: reader.read(1 << 16), 10, "the text")
+        waiting.wait_until(lambda: reader.read(1 << 16), "the text")
         reader.close()
 
     def begin_pid_file(self):
@@ -88,10 +88,10 @@ def wait_silence(manager, pair, family):
 
     def silent():
         before, seen[0] = seen[0], len(manager.matching("WATCHDOG=1"))
-        pair.lb.wait_cycles(2, family=family, timeout=10)
+        pair.lb.wait_cycles(2, family=family)
         return before == seen[0]
 
-    waiting.wait_until(silent, 30, "the watchdog's silence")
+    waiting.wait_until(silent, "the watchdog's silence")
 
 
 @pytest.mark.parametrize("way", ["flush", "route_file", "pid_file"])
@@ -107,7 +107,7 @@ def test_a_worker_hangs_in_the_outside_world(lab, world, way):
         assert lab.read(pair.route_file) == pair.current_text(), "written before the signal"
     mark, fed = lab.log.mark(), len(manager.matching("WATCHDOG=1"))
     getattr(hanging, f"end_{way}")()
-    manager.wait_for("WATCHDOG=1", count=fed + 3, timeout=15)
+    manager.wait_for("WATCHDOG=1", count=fed + 3)
     routing.wait_hups(hups + 1)
     pair.lb.wait_cycles(2)
     assert not lab.log.matching("changed state to inactive", mark), "no link is blamed for the pause"
@@ -132,12 +132,12 @@ def test_a_worker_is_stopped_in_its_tracks(lab, world):
                      if os.stat(pair.lb.report_path(family)).st_mtime_ns > stamps[family] + 3e9]
         return moving
 
-    waiting.wait_until(one_moves, 15, "one worker that goes on")
+    waiting.wait_until(one_moves, "one worker that goes on")
     assert len(moving) == 1, "both workers go on"
     wait_silence(manager, pair, family=moving[0])
     mark, fed = lab.log.mark(), len(manager.matching("WATCHDOG=1"))
     stopped.release()
-    manager.wait_for("WATCHDOG=1", count=fed + 3, timeout=15)
+    manager.wait_for("WATCHDOG=1", count=fed + 3)
     pair.lb.wait_cycles(2)
     assert not lab.log.matching("changed state", mark)
     pair.change()

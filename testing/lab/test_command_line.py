@@ -82,7 +82,7 @@ def test_detached(lab):
     link = lab.uplink(1)
     started = lab.start_lb(configtext.single(link, [ping(link.gateway)]), "-d", "-i", lab.path("run/lb.pid"))
     assert started.expect_end() == 0
-    waiting.wait_until(lambda: lab.exists("run/lb.pid") and lab.read("run/lb.pid"), 5)
+    waiting.wait_until(lambda: lab.exists("run/lb.pid") and lab.read("run/lb.pid"))
     child = lab.adopt_daemon(int(lab.read("run/lb.pid")), started.out)
     assert child.pid != started.pid
     child.wait_status("wan1", "active")

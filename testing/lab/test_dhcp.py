@@ -90,7 +90,7 @@ def check_leases(lab, leases, expected, family, name_of):
     def found():
         return {record["name"]: record["nexthop"] for record in lb.outbounds(family)}
 
-    waiting.wait_until(lambda: found() == expected, 6, lambda: f"{expected}\nbut it is {found()}")
+    waiting.wait_until(lambda: found() == expected, lambda: f"{expected}\nbut it is {found()}")
     mark = lab.log.mark()
     lb.wait_cycles(2, family)
     missing = {f"x{number}" for number, name in enumerate(leases) if not expected[name]}

@@ -73,7 +73,7 @@ def test_unwatched_replies_and_requests_change_nothing(lab, link):
     """The kernel adds nothing of this by itself, and the daemon, which waits for the gateway, neither."""
     link.responder.answer_arp = False
     lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
-    waiting.wait_until(lambda: link.responder.arp_requests, 10)
+    waiting.wait_until(lambda: link.responder.arp_requests)
     mac, far = bytes.fromhex(link.mac.replace(":", "")), link.responder.mac
     near = socket.inet_aton(link.address)
     link.responder.send_frame(responder.arp_reply(mac, near, far, socket.inet_aton("10.1.0.99")))
@@ -96,7 +96,7 @@ def test_new_hardware_address_is_taken_over(lab, link):
     link.responder.send_frame(responder.arp_reply(
         bytes.fromhex(link.mac.replace(":", "")), socket.inet_aton(link.address), bytes.fromhex("02000000ee01"),
         socket.inet_aton(link.gateway), link.responder.mac))
-    waiting.wait_until(lambda: "02:00:00:00:ee:01" in lab.neighbours("wan1")[link.gateway], 5,
+    waiting.wait_until(lambda: "02:00:00:00:ee:01" in lab.neighbours("wan1")[link.gateway],
                        lambda: lab.neighbours("wan1"))
 
 
@@ -123,10 +123,10 @@ def test_incomplete_entry_of_the_kernel_is_asked_for_again(lab, link):
     link.responder.answer_arp = False
     probe = lab.enclosure.socket(socket.AF_INET, socket.SOCK_DGRAM)
     probe.sendto(b"x", (link.gateway, 9))
-    waiting.wait_until(lambda: link.gateway in lab.neighbours("wan1"), 5)
+    waiting.wait_until(lambda: link.gateway in lab.neighbours("wan1"))
     asked = len(link.responder.arp_requests)
     lb = lab.start_lb(configtext.single(link, [ping(link.gateway, resp_time=900)]))
-    waiting.wait_until(lambda: len(link.responder.arp_requests) > asked, 5)
+    waiting.wait_until(lambda: len(link.responder.arp_requests) > asked)
     link.responder.answer_arp = True
     lb.wait_status("wan1", "active")
 

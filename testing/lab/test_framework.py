@@ -25,7 +25,7 @@ def ping(lab, target, *options, check=True):
         "s.settimeout(float(sys.argv[2]))\n"
         "s.sendto(bytes.fromhex('0800f7fe0001000000000000'), (sys.argv[1], 0))\n"
         "while s.recv(2000)[20] != 0: pass\n")
-    return lab.run([sys.executable, "-c", script, target, *(options or [str(waiting.scaled(2))])], check=check).status
+    return lab.run([sys.executable, "-c", script, target, *(options or [str(waiting.PATIENCE)])], check=check).status
 
 
 def test_fixed_paths_are_private(lab):
@@ -59,21 +59,23 @@ def test_responder_answers_fast_and_as_told(lab):
     assert ping(lab, link.gateway) == 0
     assert link.responder.arp_requests == [link.gateway]
     reply, = capture.wait_for(sniffer.is_echo_reply)
-    request, = capture.wait_for(sniffer.is_echo_request)
-    assert reply.when - request.when < waiting.scaled(0.05)
     packet = reply.decode()
     packet["IP"].chksum = packet["ICMP"].chksum = None
     assert type(packet)(bytes(packet)).build() == reply.data, "a checksum of the responder is wrong"
 
+    def last_took():
+        return capture.select(sniffer.is_echo_reply)[-1].when - capture.select(sniffer.is_echo_request)[-1].when
+
+    # On a busy machine not each time.
+    waiting.wait_until(lambda: ping(lab, link.gateway) == 0 and last_took() < 0.05, "an answer that comes at once")
     link.responder.delay(0.3)
     assert ping(lab, link.gateway) == 0
-    assert capture.wait_for(sniffer.is_echo_reply, count=2)[1].when - capture.wait_for(
-        sniffer.is_echo_request, count=2)[1].when >= 0.3
+    assert last_took() >= 0.3
     link.responder.drop(0, of=1)
     assert ping(lab, link.gateway, "0.2", check=False) != 0
     link.responder.echo = lambda echo: echo.reply(source="10.1.0.77")
     assert ping(lab, link.gateway) == 0
-    assert capture.wait_for(sniffer.is_echo_reply, count=3)[-1].decode()["IP"].src == "10.1.0.77"
+    assert capture.select(sniffer.is_echo_reply)[-1].decode()["IP"].src == "10.1.0.77"
     link.responder.echo = lambda echo: echo.reply(truncate=6)
     assert ping(lab, link.gateway, "0.2", check=False) != 0
     link.cut()
@@ -94,7 +96,7 @@ def test_responder_can_refuse_arp_and_lie(lab):
 def test_ipv6_responder_answers_solicitations(lab):
     link = lab.uplink(1, ipv6=True)
     script = ("import socket\n"
-              "s = socket.socket(socket.AF_INET6, socket.SOCK_RAW, 58); s.settimeout(3)\n"
+              "s = socket.socket(socket.AF_INET6, socket.SOCK_RAW, 58); s.settimeout(30)\n"
               "s.sendto(bytes.fromhex('8000000000010000' + '00000005'), ('fd00:1::1', 0))\n"
               "while s.recv(2000)[0] != 129: pass\n")
     lab.run([sys.executable, "-c", script])
@@ -124,7 +126,7 @@ def test_tun_peer(lab, tun_devices):
     assert ping(lab, "10.9.0.1") == 0
     assert peer.requests[0].target == "10.9.0.1"
     peer.close()
-    waiting.wait_until(lambda: "tun0" not in lab.ip_text("-br link"), 5)
+    waiting.wait_until(lambda: "tun0" not in lab.ip_text("-br link"))
 
 
 def test_firewall_drops_invalid(lab):
@@ -139,7 +141,7 @@ def test_firewall_drops_invalid(lab):
         socket.inet_aton(link.gateway), socket.inet_aton(link.address), message))
     with pytest.raises(TimeoutError):
         raw.recv(2000)
-    assert lab.dropped() == 1
+    waiting.wait_until(lambda: lab.dropped() == 1, lambda: f"dropped {lab.dropped()}")
 
 
 def test_vrf_is_a_named_namespace(lab):
@@ -183,7 +185,7 @@ def test_launcher(lab, fake_lb):
     fake_lb()
     started = lab.start_lb(configtext.build([], []))
     started.wait_report("hello")
-    waiting.wait_until(lambda: lab.ip_calls(lab.netns_inode()) == ["route flush cache"], 5)
+    waiting.wait_until(lambda: lab.ip_calls(lab.netns_inode()) == ["route flush cache"])
     assert lab.run_lb("", "-t").status == 0
     assert started.alive and lab.finish() == [] and not started.alive
 
@@ -200,8 +202,8 @@ def test_a_bad_end_is_noticed(lab, fake_lb, action, expected):
     started.wait_report("hello")
     if "exit 3" in action or "SEGV" in action:
         started.process.wait()
-    waiting.wait_until(lambda: "trap" not in action or os.path.exists(started.out + "/trapped"), 5)
-    waiting.wait_until(lambda: "TSAN" not in action or "data race" in "".join(lab.sanitizer_reports()), 5)
+    waiting.wait_until(lambda: "trap" not in action or os.path.exists(started.out + "/trapped"))
+    waiting.wait_until(lambda: "TSAN" not in action or "data race" in "".join(lab.sanitizer_reports()))
     problems = lab.finish()
     assert len(problems) == 1 and expected in problems[0]
     started.end_expected = True
@@ -222,30 +224,30 @@ def test_nothing_is_left_over():
 def test_deadlines():
     started = time.monotonic()
     with pytest.raises(waiting.TimedOut, match="the moon"):
-        waiting.wait_until(lambda: False, 0.05, "the moon")
-    assert time.monotonic() - started < 1 * waiting.SLOW
+        waiting.wait_until(lambda: False, "the moon", timeout=0.05)
+    assert 0.05 <= time.monotonic() - started < waiting.PATIENCE
     with pytest.raises(AssertionError):
         waiting.never(lambda: True, 0.1)
 
 
-def test_routing_daemon_takes_our_files():
+def test_routing_daemon_takes_our_files(lab):
     """Files as our daemon writes them, by hand: the routing daemon puts them into the kernel's tables."""
-    with TwoUplinks() as network:
-        network.bird = Bird(network.lab)
-        assert network.kernel_weights() == {}
-        bird_pid = network.lab.read("run/routing.pid").strip()
+    network = TwoUplinks(lab)
+    network.bird = Bird(network.lab)
+    assert network.kernel_weights() == {}
+    bird_pid = network.lab.read("run/routing.pid").strip()
 
-        def routes(*numbers):
-            for family, prefix, name in ((4, "0.0.0.0/0", "routing-wlb.conf"), (6, "::/0", "routing-wlb6.conf")):
-                vias = "".join(
-                    f" via {network.links[number].gateway6 if family == 6 else network.links[number].gateway}"
-                    f" weight {network.WEIGHTS[number]}" for number in numbers)
-                network.lab.write("usr_etc/" + name, f"protocol static {{\nipv{family} {{table master{family};}};\n"
-                                  f"check link 1;\nroute {prefix}{vias};\n}};\n")
-            network.lab.run(["kill", "-HUP", bird_pid])
+    def routes(*numbers):
+        for family, prefix, name in ((4, "0.0.0.0/0", "routing-wlb.conf"), (6, "::/0", "routing-wlb6.conf")):
+            vias = "".join(
+                f" via {network.links[number].gateway6 if family == 6 else network.links[number].gateway}"
+                f" weight {network.WEIGHTS[number]}" for number in numbers)
+            network.lab.write("usr_etc/" + name, f"protocol static {{\nipv{family} {{table master{family};}};\n"
+                              f"check link 1;\nroute {prefix}{vias};\n}};\n")
+        network.lab.run(["kill", "-HUP", bird_pid])
 
-        routes(1, 2)
-        network.wait_both()
-        routes(2)
-        network.wait_only(2)
-        assert network.bird.reconfigured() == 2
+    routes(1, 2)
+    network.wait_both()
+    routes(2)
+    network.wait_only(2)
+    assert network.bird.reconfigured() == 2

@@ -27,7 +27,7 @@ def test_request_byte_for_byte_and_time_out(lab, link):
         assert len(frame.data) == 94
         assert message[0:2] == b"\x80\0" and message[4:8] == (lb.pid & 0xFFFF).to_bytes(2, "big") + b"\0\1"
         seconds, microseconds = int.from_bytes(message[8:12], "big"), int.from_bytes(message[12:16], "big")
-        assert abs(seconds + microseconds / 1e6 - frame.when) < 1 and microseconds < 1000000
+        assert abs(seconds + microseconds / 1e6 - frame.when) < 10 and microseconds < 1000000
         assert message[16:20] == number.to_bytes(4, "big") and message[20:] == bytes(20)
         again = frame.decode()
         again["ICMPv6EchoRequest"].cksum = None
@@ -80,6 +80,6 @@ def test_probes_of_both_families_have_their_own_keys(lab, link):
         [configtext.rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None}),
          configtext.rule("1_ipv6", {"wan1": 1}, {"::/0": None})])
     lab.start_lb(config)
-    waiting.wait_until(lambda: {request.ipv6 for request in link.responder.requests} == {True, False}, 10)
+    waiting.wait_until(lambda: {request.ipv6 for request in link.responder.requests} == {True, False})
     assert {request.ipv6: int.from_bytes(request.payload[8:12] if request.ipv6 else request.payload[:4], "big")
             for request in link.responder.requests[:2]} == {False: 1, True: 1}

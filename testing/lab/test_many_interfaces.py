@@ -73,8 +73,9 @@ def wait_states(lb, failed):
     for family in FAMILIES:
         wanted = {f"wan{number}": "failed" if number in failed else "active"
                   for numbers in VRFS.values() for number in numbers if has(number, family)}
-        waiting.wait_until(lambda w=wanted, f=family: lb.statuses(f) == w, 40,
-                           lambda w=wanted, f=family: f"IPv{f}, not as wanted: {w.items() ^ lb.statuses(f).items()}")
+        waiting.wait_until(lambda w=wanted, f=family: lb.statuses(f) == w,
+                           lambda w=wanted, f=family: f"IPv{f}, not as wanted: {w.items() ^ lb.statuses(f).items()}",
+                           timeout=90)
 
 
 def test_32_interfaces_in_three_vrfs(lab):

@@ -70,7 +70,7 @@ def test_kernel_learns_the_neighbour_from_the_daemon(lab, link):
     waiting.never(lambda: lab.neighbours("wan1", ipv6=True), 0.3)
     capture = link.sniff()
     lb = start(lab, link, target=link.gateway6)
-    entry = waiting.wait_until(lambda: lab.neighbours("wan1", ipv6=True).get(link.gateway6), 10)
+    entry = waiting.wait_until(lambda: lab.neighbours("wan1", ipv6=True).get(link.gateway6))
     assert f"lladdr {link.far_mac}" in entry and "REACHABLE" in entry
     lb.wait_status("wan1", "active", family=6)
     solicitations = capture.select(sniffer.is_solicitation)
@@ -127,7 +127,7 @@ def test_unwatched_advertisements_change_nothing(lab, link):
 def test_other_spelling_of_the_next_hop_never_matches(lab, link):
     """The kernel's text of an address is compared: written otherwise it is asked for again and again."""
     lb = start(lab, link, nexthop="FD00:1::0001", resp_time=900)
-    waiting.wait_until(lambda: len(link.responder.solicitations) >= 3, 15)
+    waiting.wait_until(lambda: len(link.responder.solicitations) >= 3)
     assert set(link.responder.solicitations) == {"fd00:1::1"} and not link.responder.requests
     assert lb.statuses(6) == {"wan1": "failed"}
 
@@ -153,7 +153,7 @@ def test_replies_that_count_and_those_that_do_not(lab, link):
              lambda request: None]
     link.responder.echo = lambda request: wrong[request.number % len(wrong)](request)
     lb = start(lab, link, resp_time=50)
-    link.responder.wait_requests(len(wrong) + 1, timeout=30)
+    link.responder.wait_requests(len(wrong) + 1)
     assert not lab.log.matching("changed state to active")
     link.responder.echo = lambda request: request.reply(source="2001:db8::99", identifier=1, sequence=9)
     lb.wait_status("wan1", "active", family=6)
@@ -170,7 +170,7 @@ def test_source_is_taken_from_a_namesake(lab, link):
     """
     lab.ip("addr flush dev wan1", "link add wan1x type veth peer name other")
     lab.ip("link set other up", "link set wan1x address 02:00:00:00:77:77 up")
-    waiting.wait_until(lambda: "fe80::ff:fe00:7777" in lab.ip_text("-6 addr show dev wan1x"), 5)
+    waiting.wait_until(lambda: "fe80::ff:fe00:7777" in lab.ip_text("-6 addr show dev wan1x"))
     start(lab, link)
     assert {request.source for request in link.responder.wait_requests(1)} == {"fe80::ff:fe00:7777"}
 
@@ -202,9 +202,9 @@ def test_failed_sending_costs_the_vrf_its_socket(lab, link):
                               source_address=found.address6) for found in (link, other)],
         [configtext.rule("1_ipv6", {"wan1": 1, "wan2": 1}, {"::/0": None})]))
     lb.wait_status("wan2", "active", family=6)
-    waiting.wait_until(lambda: "sendto() failed: Network is down\n" in lb.process.stderr, 10, lambda: lb.process.stderr)
+    waiting.wait_until(lambda: "sendto() failed: Network is down\n" in lb.process.stderr, lambda: lb.process.stderr)
     lab.ip("link set wan1 up", f"addr replace {link.address6}/64 dev wan1 nodad")
-    waiting.wait_until(lambda: "sendto() failed: Bad file descriptor\n" in lb.process.stderr, 10,
+    waiting.wait_until(lambda: "sendto() failed: Bad file descriptor\n" in lb.process.stderr,
                        lambda: lb.process.stderr)
     lb.wait_cycles(2, family=6)
     assert not link.responder.solicitations

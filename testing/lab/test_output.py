@@ -46,10 +46,11 @@ def test_report_text(lab, link):
     changed = re.search(f"wan1\n.*\n  Last Status Change:  ({stamp})", text)[1]
     # The daemon's processes run in UTC here.
     then = time.mktime(time.strptime(changed + " UTC", "%a %b %d %H:%M:%S %Y %Z")) - time.timezone
-    assert abs(time.time() - then) < waiting.scaled(15)
+    assert abs(time.time() - then) < 120
 
 
 def test_reports_of_both_families(lab, link):
+    begun = time.monotonic()
     lb = lab.start_lb(configtext.build(
         [interface("wan1", [ping()], success_ct=1, nexthop=link.gateway),
          interface("wan1", [ping()], ipv6=True, success_ct=1, nexthop=link.gateway6)],
@@ -59,25 +60,26 @@ def test_reports_of_both_families(lab, link):
     assert "  +Test:  ping\tTarget: fd00:1::1\n" in lb.wait_report("+Test", family=6)
     assert "  +Test:  ping\tTarget: 10.1.0.1\n" in lb.wait_report("+Test", family=4)
 
-    record, = lb.outbounds(6)
-    assert record == {
+    # The age of the last success starts anew in each cycle.
+    record = waiting.wait_until(lambda: (found := lb.outbounds(6))[0]["success_age"] <= 3 and found[0])
+    assert len(lb.outbounds(6)) == 1 and record == {
         "name": "wan1", "namespace": "default", "nexthop": "fd00:1::1", "source_address": "",
         "tests": [{"target": "fd00:1::1", "successes": 1, "failures": 0, "result": 1, "measured": 0,
                    "resp_time": 5000 & 0xFF, "ipv6": 1, "measurement": (0,) * 6}],
         "success_age": record["success_age"], "failure_age": record["failure_age"],
         "change_age": record["change_age"], "success_ct": 1, "failure_ct": 1, "dhcp": 0, "tunnel": 0, "active": 1}
-    assert 0 <= record["success_age"] <= waiting.scaled(3) and 0 <= record["change_age"] <= waiting.scaled(20)
+    assert 0 <= record["success_age"] and 0 <= record["change_age"] <= time.monotonic() - begun + 1
     assert lb.outbounds(4)[0]["tests"][0]["ipv6"] == 0
 
     def settled():
         found = lb.routes()
         return len(found) == 2 and found[1]["nexthop"] == "fd00:1::1" and found
 
-    routes = waiting.wait_until(settled, 10)
+    routes = waiting.wait_until(settled)
     assert routes == [
         {"destination": "0.0.0.0/0", "nexthop": "", "metric": 5, "index": 1, "number": 1, "ipv6": 0},
         {"destination": "::/0", "nexthop": "fd00:1::1", "metric": -1, "index": 1, "number": 2, "ipv6": 1}]
-    assert waiting.wait_until(lambda: len(lb.rules()) == 2 and lb.rules(), 5) == [
+    assert waiting.wait_until(lambda: len(lb.rules()) == 2 and lb.rules()) == [
         {"members": [{"name": "wan1", "weight": 1, "ipv6": 0}], "namespace": "default", "zero": 0, "number": 1,
          "failover": 0, "ipv6": 0},
         {"members": [{"name": "wan1", "weight": 200, "ipv6": 1}], "namespace": "default", "zero": 0, "number": 2,
@@ -86,16 +88,21 @@ def test_reports_of_both_families(lab, link):
 
 def test_record_of_an_extended_test(lab, link):
     lb = lab.start_lb(configtext.build(
-        [interface("wan1", [ping_ext(count=3, loss=11, rtt=2222, jitter=3333, resp_time=77)], success_ct=1,
+        [interface("wan1", [ping_ext(count=3, period=1, loss=11, rtt=2222, jitter=3333, resp_time=77)], success_ct=1,
                    nexthop=link.gateway, source_address=link.address)],
         [rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]))
     lb.wait_status("wan1", "active")
-    record, = lb.outbounds()
+
+    def quick():
+        """Of one burst; a busy machine may delay the replies of some."""
+        record, = lb.outbounds()
+        jitter, loss, rtt = record["tests"][0]["measurement"][:3]
+        return loss == 0 and 0 <= rtt < waiting.scaled(100) and 0 <= jitter < waiting.scaled(200) and record
+
+    record = waiting.wait_until(quick, lambda: f"figures of replies that come at once, not {lb.outbounds()}")
     test, = record["tests"]
     assert record["source_address"] == link.address
     assert (test["target"], test["result"], test["measured"], test["resp_time"]) == (link.gateway, 1, 1, 77)
-    jitter, loss, rtt = test["measurement"][:3]
-    assert loss == 0 and 0 <= rtt < waiting.scaled(100) and 0 <= jitter < waiting.scaled(200)
     assert test["measurement"][3:] == (3333, 11, 2222)
 
 
@@ -122,12 +129,12 @@ def test_long_texts_are_cut(lab):
          interface(name, [ping("4" * 70)], ipv6=True, nexthop=address, source_address="5" * 60)],
         [rule("1_ipv4", {name: 1}, {"6" * 60: None}), rule("1_ipv6", {name: 1}, {"7" * 60: None})]))
     record4, = lb.outbounds()
-    record6, = waiting.wait_until(lambda: os.path.exists(lb.report_path(6)) and lb.outbounds(6), 10)
+    record6, = waiting.wait_until(lambda: os.path.exists(lb.report_path(6)) and lb.outbounds(6))
     assert record4["name"] == record6["name"] == "n" * 63
     assert (record4["nexthop"], record6["nexthop"]) == ("1" * 15, "1" * 45)
     assert (record4["source_address"], record6["source_address"]) == ("3" * 15, "5" * 45)
     assert record6["tests"][0]["target"] == "4" * 45 and record4["tests"][0]["target"] in ("2" * 45, "2" * 15)
-    routes = waiting.wait_until(lambda: len(lb.routes()) == 2 and lb.routes(), 5)
+    routes = waiting.wait_until(lambda: len(lb.routes()) == 2 and lb.routes())
     assert (routes[0]["destination"], routes[1]["destination"]) == ("6" * 18, "7" * 49)
 
 

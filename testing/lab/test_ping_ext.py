@@ -31,13 +31,19 @@ def wait_burst(link, size, number=1):
     """The `number`th whole burst."""
     waiting.wait_until(lambda: len(bursts(link.responder.requests)) > number
                        or len(bursts(link.responder.requests)) == number
-                       and len(bursts(link.responder.requests)[-1]) >= size, 15)
+                       and len(bursts(link.responder.requests)[-1]) >= size)
     return bursts(link.responder.requests)[number - 1]
 
 
 def measurement(lb):
     names = ("jitter", "loss", "rtt", "jitter_limit", "loss_limit", "rtt_limit")
     return dict(zip(names, lb.outbounds()[0]["tests"][0]["measurement"]))
+
+
+def wait_measured(lb, condition):
+    """Figures of a burst without loss. One follows the other; a busy machine delays the replies of some."""
+    return waiting.wait_until(lambda: (figures := measurement(lb))["loss"] == 0 and condition(figures) and figures,
+                              lambda: f"the figures; they are {measurement(lb)}")
 
 
 def test_a_good_burst(lab, link):
@@ -50,8 +56,7 @@ def test_a_good_burst(lab, link):
     lb.wait_report("  +Test:  ping extended\tTarget: 10.1.0.1\n")
     record = lb.outbounds()[0]["tests"][0]
     assert (record["result"], record["measured"], record["successes"]) == (1, 1, 1)
-    figures = measurement(lb)
-    assert figures["loss"] == 0 and figures["rtt"] < waiting.scaled(100)
+    figures = wait_measured(lb, lambda figures: figures["rtt"] < waiting.scaled(100))
     assert (figures["jitter_limit"], figures["loss_limit"], figures["rtt_limit"]) == (5000, 1, 5000)
 
 
@@ -75,7 +80,7 @@ def test_packets_of_a_burst(lab, link):
 def test_loss_is_reached_at_equality(lab, link, limit, outcome):
     link.responder.drop(2, of=5)
     lb = start(lab, link, loss=limit)
-    waiting.wait_until(lambda: measurement(lb)["loss"] == 20, 15)
+    waiting.wait_until(lambda: measurement(lb)["loss"] == 20)
     lb.wait_report("  +Test" if outcome == "active" else "  -Test")
     lb.wait_status("wan1", outcome)
 
@@ -86,16 +91,15 @@ def test_loss_is_reached_at_equality(lab, link, limit, outcome):
         return figures["rtt"] < 260
 
     # One burst after the other is measured; a busy machine may delay the replies of some.
-    waiting.wait_until(measured, 20, "a mean of 200 ms and little more")
+    waiting.wait_until(measured, "a mean of 200 ms and little more")
 
 
 @pytest.mark.parametrize("limit,outcome", [(100, "failed"), (400, "active")])
 def test_round_trip_time(lab, link, limit, outcome):
     link.responder.delay(0.15)
     lb = start(lab, link, count=3, rtt=limit)
-    lb.wait_report("  +Test" if outcome == "active" else "  -Test", timeout=15)
-    figures = measurement(lb)
-    assert figures["loss"] == 0 and 140 <= figures["rtt"] < 400
+    lb.wait_report("  +Test" if outcome == "active" else "  -Test")
+    wait_measured(lb, lambda figures: 140 <= figures["rtt"] < 400)
     lb.wait_status("wan1", outcome)
 
 
@@ -104,9 +108,8 @@ def test_jitter(lab, link, limit, outcome):
     """One reply of five takes 250 ms longer: mean 50 and more, worst 250 and more, jitter 200."""
     link.responder.echo = lambda request: [(0.25 if request.sequence == 3 else 0, request.reply())]
     lb = start(lab, link, jitter=limit)
-    lb.wait_report("  +Test" if outcome == "active" else "  -Test", timeout=15)
-    figures = measurement(lb)
-    assert figures["loss"] == 0 and 120 < figures["jitter"] < 400
+    lb.wait_report("  +Test" if outcome == "active" else "  -Test")
+    wait_measured(lb, lambda figures: 120 < figures["jitter"] < 400)
     lb.wait_status("wan1", outcome)
 
 
@@ -125,9 +128,14 @@ def test_period_counts_from_the_start_of_a_burst(lab, link):
     """Bursts of about 1.2 s with a period of 3 s start 3 to 4.x s apart (a cycle is a second and the burst)."""
     link.responder.delay(0.4)
     start(lab, link, count=3, period=3)
-    first = wait_burst(link, 3)[0]
-    second = wait_burst(link, 3, 2)[0]
-    assert 2.95 <= second.when - first.when < 3 + waiting.scaled(1.5)
+
+    def gaps():
+        starts = [burst[0].when for burst in bursts(list(link.responder.requests))]
+        return [later - earlier for earlier, later in zip(starts, starts[1:])]
+
+    # A busy machine stretches many of them, but not all.
+    waiting.wait_until(lambda: min(gaps(), default=9) < 4.5, gaps)
+    assert min(gaps()) >= 2.95
 
 
 @pytest.mark.parametrize("timeout", [1500, 999, 1])
@@ -136,7 +144,8 @@ def test_wait_pairs(lab, link, timeout):
     lb = start(lab, link, timeout=timeout, period=1)
     requests = link.responder.wait_requests(3)
     assert [request.sequence for request in requests[:3]] == [0, 0, 0]
-    assert requests[1].when - requests[0].when < waiting.scaled(2.5), "the wait is over at once"
+    # Else the wait and the second between two cycles would lie between any two.
+    link.responder.wait_pace(0, 2.5)
     lb.wait_report("  -Test:")
     assert lb.statuses() == {"wan1": "failed"}
 
@@ -200,10 +209,10 @@ def test_both_kinds_on_one_interface_do_not_hang_each_other(lab, link):
                             ping_ext("198.51.100.2", count=5, timeout=1000, period=1, rtt=5000, jitter=5000)],
                    success_ct=1, nexthop=link.gateway)],
         [rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]))
-    lb.wait_cycles(4, timeout=45)
+    lb.wait_cycles(4, timeout=90)
 
     def enough():
         seen = [request.target for request in link.responder.requests]
         return min(seen.count("198.51.100.1"), seen.count("198.51.100.2")) >= 3
 
-    waiting.wait_until(enough, 45)
+    waiting.wait_until(enough, timeout=90)

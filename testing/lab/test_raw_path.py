@@ -88,7 +88,7 @@ def test_interface_goes_away(lab, link, kind, message):
     lb = lab.start_lb(configtext.single(link, [kind(link.gateway, **settings)]))
     lb.wait_status("wan1", "active")
     lab.ip("link del wan1")
-    lab.log.wait_for(message, timeout=15)
+    lab.log.wait_for(message)
     lb.wait_status("wan1", "failed")
 
 

@@ -55,7 +55,7 @@ def test_weighted_rule_through_all_changes(lab, links):
     # One signal for each change, each after the file was whole, and one flush after each.
     hups = fake.wait_hups(4)
     assert [files["routing-wlb.conf"] for _, files in hups] == [second, both, second, ""]
-    waiting.wait_until(lambda: len(lab.ip_calls()) == 4, 5)
+    waiting.wait_until(lambda: len(lab.ip_calls()) == 4)
     assert lab.ip_calls() == ["route flush cache"] * 4
 
 
@@ -75,13 +75,13 @@ def test_failover_takes_the_heaviest_then_the_first_name(lab, links):
         rule("1_ipv4", {"wan1": 1, "wan2": 7, "wan3": 7}, {"0.0.0.0/0": 10}, failover=True)]))
     lb.wait_report(lambda text: text.count("Status:  active") == 3)
     lab.wait_text(FILE, route_file("route 0.0.0.0/0 via 10.2.0.1 weight 7 metric 10;"))
-    waiting.wait_until(lambda: lb.routes()[0]["nexthop"] == "10.2.0.1", 5)
+    waiting.wait_until(lambda: lb.routes()[0]["nexthop"] == "10.2.0.1")
     assert lb.rules()[0]["failover"] == 1
     links[1].cut()
     lab.wait_text(FILE, route_file("route 0.0.0.0/0 via 10.3.0.1 weight 7 metric 10;"))
     links[2].cut()
     lab.wait_text(FILE, route_file("route 0.0.0.0/0 via 10.1.0.1 weight 1 metric 10;"))
-    waiting.wait_until(lambda: lb.routes()[0]["nexthop"] == "10.1.0.1", 5)
+    waiting.wait_until(lambda: lb.routes()[0]["nexthop"] == "10.1.0.1")
     links[1].restore()
     lab.wait_text(FILE, route_file("route 0.0.0.0/0 via 10.2.0.1 weight 7 metric 10;"))
 
@@ -110,7 +110,7 @@ def test_routing_daemon_absent_then_present(lab, links):
     links[0].cut()
     lb.wait_status("wan1", "failed")
     fake.wait_hups(1)
-    waiting.wait_until(lambda: lab.ip_calls() == ["route flush cache"], 5)
+    waiting.wait_until(lambda: lab.ip_calls() == ["route flush cache"])
 
 
 @pytest.mark.parametrize("content", ["bird\n", "0\n", "-1\n", "-{pid}\n", "x{pid}\n", "\n"])
@@ -120,7 +120,7 @@ def test_pid_file_without_a_process_number(lab, links, content):
     lab.write("run/routing.pid", content.format(pid=canary.pid))
     lb = lab.start_lb(configtext.build(health(links[:1]), [rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]))
     lab.wait_text(FILE, route_file("route 0.0.0.0/0 via 10.1.0.1 weight 1;"))
-    waiting.wait_until(lambda: lab.ip_calls() == ["route flush cache"], 5)
+    waiting.wait_until(lambda: lab.ip_calls() == ["route flush cache"])
     assert lab.log.wait_for("^%WAN-W-ERR: wan_lb: 'cat /var/run/routing.pid' gives no process id").level == 4
     lb.wait_cycles(2)
     assert canary.hups == [] and canary.alive and lb.alive
@@ -160,7 +160,7 @@ def test_directory_of_a_vrf_is_missing(lab):
     link.cut()
     lab.wait_text("var_vrfs/red/usr/etc/routing-wlb.conf", "")
     fake.wait_hups(2)
-    waiting.wait_until(lambda: len(lab.ip_calls(lab.netns_inode("red"))) == 2, 5)
+    waiting.wait_until(lambda: len(lab.ip_calls(lab.netns_inode("red"))) == 2)
 
 
 def test_rule_of_another_family_is_not_served(lab, links):

@@ -24,14 +24,14 @@ def test_peer_comes_and_goes(lab):
     peer = lab.tun_peer("tun0", "10.9.0.2", "10.9.0.1")
     lab.wait_text("usr_etc/routing-wlb.conf", both)
     assert {request.target for request in peer.requests} == {"10.9.0.1"}
-    waiting.wait_until(lambda: lb.outbounds()[0]["nexthop"] == "10.9.0.1", 5)
+    waiting.wait_until(lambda: lb.outbounds()[0]["nexthop"] == "10.9.0.1")
     assert lb.outbounds()[0]["tunnel"] == 1
 
     # The tunnel is gone: its next hop too, and without a word.
     mark = lab.log.mark()
     peer.close()
     lab.wait_text("usr_etc/routing-wlb.conf", only_link)
-    waiting.wait_until(lambda: lb.outbounds()[0]["nexthop"] == "", 5)
+    waiting.wait_until(lambda: lb.outbounds()[0]["nexthop"] == "")
     assert not lab.log.matching("WAN-W-WARN", mark)
 
     again = lab.tun_peer("tun0", "10.9.0.2", "10.9.0.77")
@@ -57,11 +57,11 @@ def test_ipv6_peer(lab):
     lb = lab.start_lb(configtext.build(
         [interface("tun0", [ping(resp_time=900)], ipv6=True, success_ct=1, nexthop="tunnel")],
         [rule("1_ipv6", {"tun0": 2}, {"::/0": None})]))
-    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "", 5)
+    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "")
     peer = lab.tun_peer("tun0", "fd00:9::2", "fd00:9::1")
-    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "fd00:9::1", 5)
+    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "fd00:9::1")
     peer.wait_requests(2)
     assert {request.target for request in peer.requests} == {"fd00:9::1"}
     assert lb.statuses(6) == {"tun0": "failed"}
     peer.close()
-    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "", 5)
+    waiting.wait_until(lambda: lb.outbounds(6)[0]["nexthop"] == "")

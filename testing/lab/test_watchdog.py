@@ -23,12 +23,14 @@ def test_ready_then_once_a_cycle(lab, manager):
     lb = lab.start_lb(configtext.single(link, [ping(link.gateway)]), env=environment(lab))
     ready = manager.wait_for("READY=1")
     assert f"MAINPID={lb.pid}" in ready.text.splitlines()
-    manager.wait_for("WATCHDOG=1", count=7, timeout=20)
+    manager.wait_for("WATCHDOG=1", count=7)
     assert manager.records.index(ready) == 0
+    mark = manager.mark()
+    lb.wait_cycles(4)
+    assert len(manager.matching("WATCHDOG=1", mark)) >= 3
     times = [record.when for record in manager.matching("WATCHDOG=1")]
     gaps = sorted(later - earlier for earlier, later in zip(times, times[1:]))
-    assert sum(gaps) / len(gaps) >= 0.95 and gaps[0] > 0.5, "once in each cycle of a second"
-    assert gaps[len(gaps) // 2] < 1 + waiting.scaled(0.6), "once in each cycle of a second"
+    assert sum(gaps) / len(gaps) >= 0.95 and 0.5 < gaps[0] < 1.6, f"once in each cycle of a second: {gaps}"
 
 
 def test_detached_daemon_names_its_child(lab, manager):
@@ -71,5 +73,5 @@ def test_a_hanging_worker_is_not_covered_up(lab, manager):
         records = manager.matching("WATCHDOG=1")
         return max(later.when - earlier.when for earlier, later in zip(records, records[1:])) > 4
 
-    waiting.wait_until(silence, 40)
+    waiting.wait_until(silence, timeout=90)
     assert lb.alive

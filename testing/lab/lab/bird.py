@@ -35,7 +35,7 @@ class Bird:
         lab.write("etc/bird.conf", CONFIG.format(log=lab.path("bird.log")))
         self.process = lab.enclosure.spawn(
             ["bird", "-f", "-c", "/etc/bird.conf", "-P", "/var/run/routing.pid", "-s", "/run/bird.ctl"])
-        waiting.wait_until(lambda: lab.exists("run/routing.pid") or self.process.status is not None, 10,
+        waiting.wait_until(lambda: lab.exists("run/routing.pid") or self.process.status is not None,
                            "the routing daemon's pid file")
         assert self.process.status is None, self.process.stderr
 

@@ -3,6 +3,7 @@
 import mmap
 import os
 import signal
+import threading
 
 from . import dumps, waiting
 
@@ -46,6 +47,25 @@ def sanitizer_environment(directory):
     }
 
 
+class CycleWatch:
+    """Notes when a daemon's cycles write their report, from its construction to `close`."""
+
+    def __init__(self, lb, family=4):
+        self.stamps = []  # seconds of the wall clock, by the file's own stamp
+        self._count = lb.cycles(family, self.stamps)
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._stop.wait(0.05):
+            self._count()
+
+    def close(self):
+        self._stop.set()
+        self._thread.join()
+
+
 class Daemon:
     """One running daemon. `pid` is its number inside the lab; `out` its output directory."""
 
@@ -61,7 +81,7 @@ class Daemon:
     def alive(self):
         return self.process.status is None
 
-    def expect_end(self, timeout=10.0):
+    def expect_end(self, timeout=waiting.PATIENCE):
         """The daemon is to end by itself; returns its exit status."""
         self.end_expected = True
         return self.process.wait(timeout)
@@ -80,9 +100,9 @@ class Daemon:
                 return None
             return text if text.endswith("\n\n") else None
 
-        return waiting.wait_until(whole, 10, f"a whole {self.report_path(family)}")
+        return waiting.wait_until(whole, f"a whole {self.report_path(family)}")
 
-    def wait_report(self, pattern_or_condition, timeout=10.0, family=4):
+    def wait_report(self, pattern_or_condition, timeout=waiting.PATIENCE, family=4):
         """Waits until the report contains a text, or a function of it is true; returns the report."""
         condition = (pattern_or_condition if callable(pattern_or_condition)
                      else lambda text: pattern_or_condition in text)
@@ -92,19 +112,36 @@ class Daemon:
             last[0] = self.report(family)
             return condition(last[0])
 
-        waiting.wait_until(check, timeout, lambda: f"{pattern_or_condition!r} in the report:\n{last[0]}")
+        waiting.wait_until(check, lambda: f"{pattern_or_condition!r} in the report:\n{last[0]}", timeout=timeout)
         return last[0]
 
-    def wait_cycles(self, count=1, family=4, timeout=15.0):
-        """Waits until the report has been written `count` times from now on: so many cycles have come that far."""
-        stamps = set()
+    def cycles(self, family=4, stamps=None):
+        """A function that, called all the time, tells how many cycles have come since the first call.
 
-        def seen():
+        stamps: a list that gets the times of the reports, of the wall clock.
+        """
+        stamps = [] if stamps is None else stamps
+
+        def count():
             if os.path.exists(self.report_path(family)):
-                stamps.add(os.stat(self.report_path(family)).st_mtime_ns)
-            return len(stamps) > count
+                stamp = os.stat(self.report_path(family)).st_mtime
+                # The report is emptied, then written: two stamps of one cycle. Between cycles there is a second.
+                if not stamps or abs(stamp - stamps[-1]) > 0.5:
+                    stamps.append(stamp)
+            return len(stamps) - 1
 
-        waiting.wait_until(seen, timeout, f"{count} more cycles of IPv{family}")
+        return count
+
+    def wait_cycles(self, count=1, family=4, timeout=waiting.PATIENCE):
+        """Waits until the report has been written `count` times from now on: so many cycles have come that far."""
+        seen = self.cycles(family)
+        waiting.wait_until(lambda: seen() >= count, f"{count} more cycles of IPv{family}", timeout=timeout)
+
+    def processor_seconds(self):
+        """What it has used so far: unlike time, other programs' work adds nothing to it."""
+        text = self.process.enclosure.run(["cat", f"/proc/{self.pid}/stat"]).stdout
+        user, system = text.rsplit(")", 1)[1].split()[11:13]
+        return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
 
     def statuses(self, family=4):
         """{interface: "active" or "failed"} of the current report."""
@@ -116,9 +153,9 @@ class Daemon:
                 result[name] = line.removeprefix("  Status:  ")
         return result
 
-    def wait_status(self, name, status, timeout=15.0, family=4):
-        waiting.wait_until(lambda: self.statuses(family).get(name) == status, timeout,
-                           lambda: f"{name} {status}; now {self.statuses(family)}")
+    def wait_status(self, name, status, timeout=waiting.PATIENCE, family=4):
+        waiting.wait_until(lambda: self.statuses(family).get(name) == status,
+                           lambda: f"{name} {status}; now {self.statuses(family)}", timeout=timeout)
 
     def dump(self, name):
         """Bytes of a file in the dump directory."""
@@ -137,7 +174,7 @@ class Daemon:
             before, last[0] = last[0], data
             return data if data and len(data) % size == 0 and data == before else None
 
-        data = waiting.wait_until(whole, 10, f"whole records in {name}", 0.03)
+        data = waiting.wait_until(whole, f"whole records in {name}", interval=0.03)
         return [decode(data[at:at + size]) for at in range(0, len(data), size)]
 
     def outbounds(self, family=4):
@@ -154,4 +191,4 @@ class Daemon:
         self.end_expected = True
         if self.process.status is None:
             self.process.signal(signal.SIGTERM)
-        return self.process.wait(20)
+        return self.process.wait()

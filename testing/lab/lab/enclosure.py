@@ -35,8 +35,8 @@ class Process:
         """Exit status, negative for a signal; None while it runs."""
         return self.enclosure.exits.get(self.pid)
 
-    def wait(self, timeout=10.0):
-        waiting.wait_until(lambda: self.status is not None, timeout, f"end of {self.argv}")
+    def wait(self, timeout=waiting.PATIENCE):
+        waiting.wait_until(lambda: self.status is not None, f"end of {self.argv}", timeout=timeout)
         return self.status
 
     def signal(self, number):
@@ -60,11 +60,11 @@ class Process:
 class Enclosure:
     """Private user, mount, network and pid namespaces with a private root view."""
 
-    def __init__(self, keep=False, user_namespace=True):
+    def __init__(self, user_namespace=True):
         """Root alone may do without the user namespace, which knows but one user."""
         # A short path: it holds a socket whose path may have 107 characters at most.
         self.top = tempfile.mkdtemp(prefix="lblab-")
-        self.keep = keep
+        self._left_running = False
         rootview.make_directories(self.top)
         self.exits = {}
         self._answers = queue.Queue()
@@ -72,7 +72,10 @@ class Enclosure:
         self._counter = 0
         self.control, inside = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self._reader = threading.Thread(target=self._read, daemon=True)
-        self._starter = self._start(inside, user_namespace)
+        # Root alone may do without.
+        self._has_user_namespace = os.geteuid() != 0 or (
+            user_namespace and os.environ.get("LB_LAB_USERNS", "1") != "0")
+        self._starter = self._start(inside)
         inside.close()
         self._reader.start()
         try:
@@ -83,9 +86,9 @@ class Enclosure:
             self.close()
             raise CommandFailed(f"the lab's namespaces could not be made: {text}") from None
 
-    def _start(self, inside, user_namespace):
+    def _start(self, inside):
         namespaces = ["--net", "--mount", "--pid"]
-        if os.geteuid() != 0 or (user_namespace and os.environ.get("LB_LAB_USERNS", "1") != "0"):
+        if self._has_user_namespace:
             namespaces += ["--user", "--map-root-user"]
         with open(self.path("holder.log"), "w", encoding="utf-8") as log:
             return subprocess.Popen(
@@ -115,7 +118,7 @@ class Enclosure:
 
     def _next_answer(self, key):
         try:
-            message, descriptors = self._answers.get(timeout=waiting.scaled(20))
+            message, descriptors = self._answers.get(timeout=waiting.scaled(2 * waiting.PATIENCE))
         except queue.Empty:
             raise waiting.TimedOut("the lab's holder does not answer") from None
         if message is None:
@@ -143,7 +146,7 @@ class Enclosure:
                 [source.fileno(), out.fileno(), err.fileno()])
         return Process(self, pid, argv, stem + ".out", stem + ".err")
 
-    def run(self, argv, netns=None, stdin_text=None, check=True, timeout=20.0):
+    def run(self, argv, netns=None, stdin_text=None, check=True, timeout=waiting.PATIENCE):
         """Runs a program to its end and returns its Process."""
         stdin = None
         if stdin_text is not None:
@@ -174,20 +177,23 @@ class Enclosure:
             return int(file.read().split()[0])
 
     def detach(self):
-        """Leaves the lab running after this process has gone. Returns the pid to enter it."""
-        self.keep = True
+        """Leaves the lab running after this process has gone. Returns the commands that enter and that end it."""
+        self._left_running = True
         pid = self.holder_pid()
         self.request({"op": "detach"})
-        return pid
+        user = "--user --preserve-credentials " if self._has_user_namespace else ""
+        return (f"nsenter --target {pid} {user}--mount --net --pid --root --wd bash\n"
+                # As the first process of its namespace the holder takes no milder signal.
+                f"End it, and all that runs in it, with\n  kill -KILL {pid}; rm -r {self.top}")
 
     def close(self):
-        if self.keep:
-            return
         self.control.shutdown(socket.SHUT_RDWR)
         self._reader.join()
         self.control.close()
+        if self._left_running:
+            return
         try:
-            self._starter.wait(timeout=waiting.scaled(5))
+            self._starter.wait(timeout=waiting.scaled(waiting.PATIENCE))
         except subprocess.TimeoutExpired:
             self._starter.kill()
             self._starter.wait()

@@ -8,6 +8,7 @@ import itertools
 import json
 import os
 import random
+import signal
 import socket
 import struct
 import sys
@@ -31,14 +32,15 @@ class Target:
 
 
 class Flood:
-    """Runs from its construction on; `finish` waits for the end and returns frames a second."""
+    """Runs from its construction until `finish`, so many seconds at least, or until `most` frames are sent."""
 
-    def __init__(self, lab, netns, interface, frames, rate, seconds):
-        self._seconds = seconds
+    def __init__(self, lab, netns, interface, frames, rate, seconds, most=0):
+        self._most = most
         path = lab.path(f"flood.{interface}.{id(self)}")
         with open(path, "wb") as file:
             file.write(b"".join(struct.pack("!H", len(frame)) + frame for frame in frames))
-        self._process = lab.enclosure.spawn([sys.executable, _SENDER, interface, path, str(rate), str(seconds)], netns)
+        self._process = lab.enclosure.spawn([sys.executable, _SENDER, interface, path, str(rate), str(seconds),
+                                            str(most)], netns)
         self.sent = 0
 
     @property
@@ -46,7 +48,10 @@ class Flood:
         return self._process.status is None
 
     def finish(self):
-        assert self._process.wait(self._seconds * 10 + 10) == 0, self._process.stderr
+        """Returns frames a second."""
+        if not self._most:
+            self._process.signal(signal.SIGTERM)
+        assert self._process.wait(120) == 0, self._process.stderr
         self.sent, refused, seconds = json.loads(self._process.stdout)
         assert refused == 0, f"{refused} of {self.sent} frames could not be sent"
         return self.sent / seconds

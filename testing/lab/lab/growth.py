@@ -1,7 +1,7 @@
 """What a daemon holds: threads, descriptors, children and memory; faults must not make it hold more for good."""
 
+import os
 import re
-import time
 
 from . import daemon, waiting
 
@@ -41,12 +41,14 @@ class Growth:
         # A sanitizer keeps freed memory to itself and grows with what it has seen.
         self.measures_memory = not daemon.has_sanitizer(daemon.program())
         self.before = self._calm()
-        waiting.wait_until(self._has_settled, 20, "all threads and sockets that the daemon starts with")
+        waiting.wait_until(self._has_settled, "all threads and sockets that the daemon starts with")
 
     def _has_settled(self):
-        """A whole cycle has brought no thread and no descriptor."""
+        """A whole cycle of each family has brought no thread and no descriptor."""
         earlier = self.before
-        time.sleep(1.2)
+        for family in (4, 6):
+            if os.path.exists(self.lb.report_path(family)):
+                self.lb.wait_cycles(2, family)
         self.before = self._calm()
         return (self.before.threads, self.before.descriptors) == (earlier.threads, earlier.descriptors)
 
@@ -55,7 +57,7 @@ class Growth:
         return Holdings(*(min(getattr(look, name) for look in looks)
                           for name in ("threads", "descriptors", "children", "memory_kib")))
 
-    def check(self, allowed_kib=ALLOWED_KIB, timeout=20.0):
+    def check(self, allowed_kib=ALLOWED_KIB, timeout=waiting.PATIENCE):
         """Waits until the daemon holds no more than before; returns what it then holds."""
         last = [None]
 
@@ -65,6 +67,7 @@ class Growth:
                     and now.children <= self.before.children
                     and (not self.measures_memory or now.memory_kib <= self.before.memory_kib + allowed_kib))
 
-        waiting.wait_until(small_enough, timeout,
-                           lambda: f"no growth (memory: {allowed_kib} KiB); before: {self.before}; now: {last[0]}", 0.2)
+        waiting.wait_until(small_enough,
+                           lambda: f"no growth (memory: {allowed_kib} KiB); before: {self.before}; now: {last[0]}",
+                           timeout=timeout, interval=0.2)
         return last[0]

@@ -29,7 +29,7 @@ class SmallDisk:
             return os.statvfs(self.path).f_bavail == 0 and not self.lab.run(
                 ["find", self.directory, "-type", "f", "!", "-name", "filler", "-size", "+0"]).stdout
 
-        waiting.wait_until(full, 10, "a full disk")
+        waiting.wait_until(full, "a full disk")
 
     def free(self):
         self.lab.run(["rm", f"{self.directory}/filler"])
@@ -38,5 +38,5 @@ class SmallDisk:
         # The mount, not the file system: its options name users that a user namespace does not know. A file that is
         # being written makes the mount busy.
         options = f"remount,bind,{'ro' if on else 'rw'}"
-        waiting.wait_until(lambda: self.lab.run(["mount", "-o", options, self.directory], check=False).status == 0, 5,
+        waiting.wait_until(lambda: self.lab.run(["mount", "-o", options, self.directory], check=False).status == 0,
                            "another mode of the mount")

@@ -23,8 +23,8 @@ PATH=/usr/sbin:/usr/bin:/sbin:/bin exec ip "$@"
 class Lab:
     """Use as a context manager. Paths: `lab.path("run/...")` is /run/... inside, and so on (rootview.PRIVATE)."""
 
-    def __init__(self, keep=False, user_namespace=True):
-        self.enclosure = Enclosure(keep or bool(os.environ.get("LB_LAB_KEEP")), user_namespace)
+    def __init__(self, user_namespace=True):
+        self.enclosure = Enclosure(user_namespace)
         self.path = self.enclosure.path
         self.daemons = []
         self._closers = []
@@ -82,14 +82,15 @@ class Lab:
             self.hide(name)
         self.write(f"etc/{name}", text)
 
-    def wait_text(self, name, text, timeout=15.0):
+    def wait_text(self, name, text, timeout=waiting.PATIENCE):
         """Waits until a file is exactly `text`."""
 
         def current():
             return self.read(name) if self.exists(name) else None
 
-        waiting.wait_until(lambda: current() == text, timeout,
-                           lambda: f"{name} to be:\n{text}\n--- it is:\n{current()}\n--- log:\n{self.log.text()}")
+        waiting.wait_until(lambda: current() == text,
+                           lambda: f"{name} to be:\n{text}\n--- it is:\n{current()}\n--- log:\n{self.log.text()}",
+                           timeout=timeout)
 
     # Commands
 
@@ -222,7 +223,7 @@ class Lab:
     def run_lb(self, config_text, *args, **options):
         """Runs the daemon in a mode in which it ends by itself; returns its Process."""
         started = self.start_lb(config_text, *args, **options)
-        started.expect_end(20)
+        started.expect_end()
         return started.process
 
     def routing_daemon(self, pid_file="run/routing.pid", watch=("usr_etc/routing-wlb.conf",
@@ -265,6 +266,15 @@ class Lab:
         problems += [f"sanitizer report {text}" for text in self.sanitizer_reports()]
         return problems
 
+    def leave_running(self):
+        """The lab goes on after this process, but for its threads; returns the commands that enter and that end it."""
+        # The log's reader goes with this process: another one takes its place, inside.
+        self.discard(self.log)
+        os.unlink(self.path("dev/log"))
+        self.enclosure.spawn([sys.executable, os.path.join(_FAKES, "log_to_file.py"), "/dev/log", "/var/log/lb.log"])
+        waiting.wait_until(lambda: self.exists("dev/log"), "the log's new reader")
+        return self.enclosure.detach()
+
     def close(self):
         for close in reversed(self._closers):
             close()
@@ -280,7 +290,7 @@ class FakeRoutingDaemon:
             [sys.executable, os.path.join(_FAKES, "routing_daemon.py"), self._events,
              lab.path(pid_file) if pid_file else "", *map(lab.path, watch)])
         self.pid = self._process.pid
-        waiting.wait_until(lambda: os.path.exists(self._events), 10, "the stand-in for the routing daemon")
+        waiting.wait_until(lambda: os.path.exists(self._events), "the stand-in for the routing daemon")
 
     @property
     def hups(self):
@@ -292,8 +302,8 @@ class FakeRoutingDaemon:
     def alive(self):
         return self._process.status is None
 
-    def wait_hups(self, count, timeout=15.0):
-        waiting.wait_until(lambda: len(self.hups) >= count, timeout, lambda: f"{count} SIGHUP, got {self.hups}")
+    def wait_hups(self, count, timeout=waiting.PATIENCE):
+        waiting.wait_until(lambda: len(self.hups) >= count, lambda: f"{count} SIGHUP, got {self.hups}", timeout=timeout)
         return self.hups
 
     def stop(self):

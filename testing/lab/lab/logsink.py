@@ -6,7 +6,7 @@ import socket
 import threading
 import time
 
-from . import waiting
+from . import stamps, waiting
 
 _LINE = re.compile(r"<(?P<priority>\d+)>(?P<stamp>.{15}) (?P<tag>[^:\[]+)(\[(?P<pid>\d+)\])?: (?P<text>.*)",
                    re.S)
@@ -15,7 +15,7 @@ _MARKER = b"lab marker "
 
 
 class Record:
-    """One message: `when` on the monotonic clock, `level` 0 to 7, `facility`, `tag`, `pid`, `text`."""
+    """One message: `when` it was sent, on the monotonic clock, `level` 0 to 7, `facility`, `tag`, `pid`, `text`."""
 
     def __init__(self, when, raw):
         self.when, self.raw = when, raw
@@ -38,6 +38,7 @@ class DatagramSink:
         self._markers = []
         self._path, self._parse = path, parse
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        stamps.enable(self._socket)  # by the sender's system call: a reader that is late changes nothing
         self._socket.bind(path)
         os.chmod(path, 0o666)
         self._thread = threading.Thread(target=self._read, daemon=True)
@@ -45,14 +46,14 @@ class DatagramSink:
 
     def _read(self):
         while True:
-            data = self._socket.recv(65536)
+            data, _, sent = stamps.receive(self._socket)
             if not data:
                 return
             if data.startswith(_MARKER):
                 self._markers.append(data)
                 continue
             text = data.decode(errors="replace").rstrip("\0\n")
-            self.records.append(self._parse(time.monotonic(), text))
+            self.records.append(self._parse(stamps.monotonic_of(sent), text))
 
     def settle(self):
         """Waits until everything that was sent before this call is in the records."""
@@ -60,7 +61,7 @@ class DatagramSink:
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.connect(self._path)
             sender.send(marker)
-        waiting.wait_until(lambda: marker in self._markers, 10, "the reader of " + self._path, 0.002)
+        waiting.wait_until(lambda: marker in self._markers, "the reader of " + self._path, interval=0.002)
 
     def mark(self):
         """A place in the records; give it to the operations below as `since` to look only behind it."""
@@ -76,10 +77,10 @@ class DatagramSink:
         expression = re.compile(pattern)
         return [record for record in self.records[since:] if expression.search(record.text)]
 
-    def wait_for(self, pattern, timeout=10.0, since=0, count=1):
+    def wait_for(self, pattern, timeout=waiting.PATIENCE, since=0, count=1):
         """Waits for `count` messages that match and returns the last of them."""
-        waiting.wait_until(lambda: len(self._matching(pattern, since)) >= count, timeout,
-                           lambda: f"{count} x {pattern!r} among:\n{self.text()}")
+        waiting.wait_until(lambda: len(self._matching(pattern, since)) >= count,
+                           lambda: f"{count} x {pattern!r} among:\n{self.text()}", timeout=timeout)
         return self._matching(pattern, since)[count - 1]
 
     def text(self):

@@ -1,6 +1,7 @@
 """Links of a lab: uplinks to far ends, tunnels, and the settings of its network namespaces."""
 
 import os
+import time
 
 from . import responder
 
@@ -56,7 +57,7 @@ class TunPeer(responder.EchoPolicy):
         except OSError:
             return []
         self.packets.append(packet)
-        return self.decide(packet)
+        return self.decide(packet, time.monotonic())
 
     def _send(self, packet):
         try:

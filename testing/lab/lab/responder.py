@@ -13,7 +13,7 @@ import struct
 import threading
 import time
 
-from . import waiting
+from . import stamps, waiting
 
 ETH_P_ALL = 0x0003
 PACKET_OUTGOING = 4
@@ -35,14 +35,17 @@ def icmp6_checksum(source, target, message):
 
 
 class Echo:
-    """One echo request on its way to a decision. Reply with `reply(...)`, any number of times."""
+    """One echo request on its way to a decision. Reply with `reply(...)`, any number of times.
 
-    def __init__(self, ipv6, source, target, identifier, sequence, payload, number):
+    `when` it came in, on the monotonic clock.
+    """
+
+    def __init__(self, ipv6, source, target, identifier, sequence, payload, number, when):
         self.ipv6, self.source, self.target = ipv6, source, target
         self.identifier, self.sequence, self.payload = identifier, sequence, payload
         self.number = number  # 0 for the first request that the responder saw
         self.key = int.from_bytes(payload[:4], "big")
-        self.when = time.monotonic()
+        self.when = when
 
     def message(self, **changes):
         """The ICMP message of the reply. Changes: type, code, identifier, sequence, payload, source, checksum."""
@@ -78,7 +81,7 @@ def ip_packet(source, target, message):
     return head[:10] + struct.pack("!H", inet_checksum(head)) + head[12:] + message
 
 
-def parse_echo(packet, number):
+def parse_echo(packet, number, when):
     """An Echo for the bytes of an IP packet, or None when it is no echo request."""
     if packet[0] >> 4 == 4 and packet[9] == 1 and packet[20] == 8:
         length = int.from_bytes(packet[2:4], "big")
@@ -92,7 +95,7 @@ def parse_echo(packet, number):
         return None
     identifier, sequence = struct.unpack("!HH", message[4:8])
     return Echo(family == socket.AF_INET6, socket.inet_ntop(family, source), socket.inet_ntop(family, target),
-                identifier, sequence, message[8:], number)
+                identifier, sequence, message[8:], number, when)
 
 
 class EchoPolicy:
@@ -106,8 +109,8 @@ class EchoPolicy:
         self.echo = lambda request: request.reply()
         self.requests = []  # every Echo seen, in order
 
-    def decide(self, packet):
-        request = parse_echo(packet, len(self.requests))
+    def decide(self, packet, when):
+        request = parse_echo(packet, len(self.requests), when)
         if request is None:
             return []
         self.requests.append(request)
@@ -126,9 +129,23 @@ class EchoPolicy:
         self.echo = lambda request: (None if (request.number % of if of else request.number) in lost
                                      else request.reply())
 
-    def wait_requests(self, count, timeout=10.0, since=0):
-        waiting.wait_until(lambda: len(self.requests) - since >= count, timeout,
-                           lambda: f"{count} echo requests; seen {len(self.requests) - since}")
+    def wait_pace(self, at_least, below, since=0):
+        """Waits for two requests in a row that are less than `below` apart; none is closer than `at_least`.
+
+        A busy machine puts many of them further apart, but not all.
+        """
+
+        def gaps():
+            times = [request.when for request in self.requests[since:]]
+            return [later - earlier for earlier, later in zip(times, times[1:])]
+
+        waiting.wait_until(lambda: min(gaps(), default=below) < below,
+                           lambda: f"two requests less than {below} s apart; seen {gaps()}", timeout=60)
+        assert min(gaps()) >= at_least, gaps()
+
+    def wait_requests(self, count, timeout=waiting.PATIENCE, since=0):
+        waiting.wait_until(lambda: len(self.requests) - since >= count,
+                           lambda: f"{count} echo requests; seen {len(self.requests) - since}", timeout=timeout)
         return self.requests[since:]
 
 
@@ -180,6 +197,7 @@ class Responder(EchoPolicy):
         self.answer_arp, self.answer_nd = True, True
         self.arp_requests, self.solicitations = [], []
         self._socket = enclosure.socket(socket.AF_PACKET, socket.SOCK_RAW, ETH_P_ALL, netns, interface)
+        stamps.enable(self._socket)
         request = fcntl.ioctl(self._in_netns_socket(enclosure, netns), SIOCGIFHWADDR,
                               struct.pack("16s16x8x", interface.encode()))
         self.mac = request[18:24]
@@ -202,7 +220,7 @@ class Responder(EchoPolicy):
 
     def _handle(self):
         try:
-            frame, address = self._socket.recvfrom(65536)
+            frame, address, when = stamps.receive(self._socket)
         except OSError:
             return []
         if address[2] == PACKET_OUTGOING or self.silent:
@@ -215,7 +233,7 @@ class Responder(EchoPolicy):
         # A link without ARP carries the sender's own address as the destination.
         if kind in (b"\x08\x00", b"\x86\xdd") and frame[:6] in (self.mac, frame[6:12]):
             head = frame[6:12] + self.mac + kind
-            return [(delay, head + packet) for delay, packet in self.decide(frame[14:])]
+            return [(delay, head + packet) for delay, packet in self.decide(frame[14:], stamps.monotonic_of(when))]
         return []
 
     @staticmethod

@@ -6,18 +6,21 @@ state of the moment asks for.
 """
 
 import difflib
+import os
 import re
 import threading
 import time
 
-from . import waiting
+from . import stamps, waiting
 
 STATE_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
 
-# From the log of a state change to the file: the rest of the cycle's results come first.
-_LAG = 3.0
+# From the log of a state change to the file: the rest of the cycle's results come first, on a busy machine too.
+_LAG = 6.0
 # From the truncation to the whole text; a loaded machine may stop the writer in between.
-_INSTANT = 1.0
+_INSTANT = 3.0
+# The clock of the files goes by ticks and may be behind the one of the log by as much.
+_TICK = 0.02
 
 
 def _shortly(text, wanted):
@@ -36,24 +39,36 @@ class RouteWatch:
     def __init__(self, lab, name, explain, family=4, interval=0.002):
         self._path, self._explain, self._family, self._interval = lab.path(name), explain, family, interval
         self._log = lab.log
-        self.contents = []  # (since when, text), each different from the one before
+        self.contents = []  # (since when, by the file's own stamp, text), each different from the one before
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
         lab.closing(self)
 
     def _read(self):
+        """(text, the file's stamp: when it was written, by the wall clock); no stamp where there is no file."""
         try:
-            with open(self._path, encoding="utf-8") as file:
-                return file.read()
+            while True:
+                with open(self._path, encoding="utf-8") as file:
+                    written = os.fstat(file.fileno()).st_mtime
+                    text = file.read()
+                    if os.fstat(file.fileno()).st_mtime == written:
+                        return text, written
         except FileNotFoundError:
-            return ""
+            return "", None
 
     def _run(self):
+        last_written = None
         while not self._stop.wait(self._interval):
-            text = self._read()
-            if not self.contents or self.contents[-1][1] != text:
+            text, written = self._read()
+            if not self.contents:
                 self.contents.append((time.monotonic(), text))
+            elif self.contents[-1][1] != text:
+                # A file is empty before it gets the stamp of that.
+                known = written is not None and written != last_written
+                since = stamps.monotonic_of(written) if known else time.monotonic()
+                self.contents.append((max(since, self.contents[-1][0]), text))
+            last_written = written
 
     def _wanted(self):
         """[(since when, text)]: what the states that the daemon logged ask for, one after the other."""
@@ -75,11 +90,14 @@ class RouteWatch:
         Returns how many texts the file has had.
         """
         assert self._thread.is_alive() and self.contents, "nothing was watched"
+        waiting.wait_until(lambda: self.contents[-1][1] == self._wanted()[-1][1], lambda: (
+            f"the route file does not follow:\n{_shortly(self.contents[-1][1], self._wanted()[-1][1])}"))
         now, lag = time.monotonic(), waiting.scaled(_LAG)
         contents, wanted = list(self.contents), self._wanted()
         ends = [since for since, _ in wanted[1:]] + [now]
         for (since, text), until in zip(contents, [when for when, _ in contents[1:]] + [now]):
-            near = [asked for (when, asked), end in zip(wanted, ends) if when <= until and end >= since - lag]
+            near = [asked for (when, asked), end in zip(wanted, ends)
+                    if when <= until + _TICK and end >= since - lag]
             if until - since < waiting.scaled(_INSTANT) and any(asked.startswith(text) for asked in near):
                 continue
             assert text in near, (f"for {until - since:.3f} s the route file was none of {len(near)} texts that were "

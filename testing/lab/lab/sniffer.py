@@ -5,14 +5,12 @@ Frames are recorded raw; `decode` hands them to scapy, which knows nothing of th
 
 import select
 import socket
-import struct
 import threading
 
-from . import waiting
+from . import stamps, waiting
 
 ETH_P_ALL = 0x0003
 PACKET_OUTGOING = 4
-SO_TIMESTAMPNS = 35
 
 
 class Frame:
@@ -40,7 +38,7 @@ class Sniffer:
         self.frames = []
         self._ethernet = ethernet
         self._socket = enclosure.socket(socket.AF_PACKET, socket.SOCK_RAW, ETH_P_ALL, netns, interface)
-        self._socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+        stamps.enable(self._socket)
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         self._busy = threading.Lock()
         self._stop_read, self._stop_write = socket.socketpair()
@@ -60,21 +58,16 @@ class Sniffer:
 
     def _read_one(self):
         try:
-            data, control, _, address = self._socket.recvmsg(65536, 256)
+            data, address, when = stamps.receive(self._socket)
         except OSError:  # The interface went down or away; there may be more later.
             return
-        when = 0.0
-        for level, kind, value in control:
-            if level == socket.SOL_SOCKET and kind == SO_TIMESTAMPNS:
-                seconds, nanoseconds = struct.unpack("qq", value[:16])
-                when = seconds + nanoseconds / 1e9
         self.frames.append(Frame(when, address[2] == PACKET_OUTGOING, data, self._ethernet))
 
     def settle(self):
         """Waits until every frame that has crossed the interface is recorded."""
         poller = select.poll()
         poller.register(self._socket, select.POLLIN)
-        waiting.wait_until(lambda: not poller.poll(0), 10, "the capture", 0.002)
+        waiting.wait_until(lambda: not poller.poll(0), "the capture", interval=0.002)
         with self._busy:
             pass
 
@@ -86,10 +79,10 @@ class Sniffer:
     def _select(self, condition, since):
         return [frame for frame in self.frames[since:] if condition(frame)]
 
-    def wait_for(self, condition, timeout=10.0, count=1, since=0, what="frame"):
+    def wait_for(self, condition, timeout=waiting.PATIENCE, count=1, since=0, what="frame"):
         """Waits for `count` frames that `condition` accepts and returns all that came."""
-        waiting.wait_until(lambda: len(self._select(condition, since)) >= count, timeout,
-                           lambda: f"{count} x {what}; seen: {self.frames[-20:]}")
+        waiting.wait_until(lambda: len(self._select(condition, since)) >= count,
+                           lambda: f"{count} x {what}; seen: {self.frames[-20:]}", timeout=timeout)
         return self._select(condition, since)
 
     def close(self):

@@ -12,7 +12,7 @@ _STOPPER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes", "th
 class StoppedThread:
     def __init__(self, lab, lb):
         self._debugger = lab.enclosure.spawn([sys.executable, _STOPPER, str(lb.pid)])
-        waiting.wait_until(lambda: self._debugger.stdout or self._debugger.status is not None, 10, "a stopped thread")
+        waiting.wait_until(lambda: self._debugger.stdout or self._debugger.status is not None, "a stopped thread")
         assert self._debugger.status is None, self._debugger.stderr
 
     def release(self):

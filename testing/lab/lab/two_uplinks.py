@@ -16,13 +16,10 @@ Use:
 
 import os
 import re
-import sys
 
 from . import configtext, waiting
 from .bird import Bird
 from .lab import Lab
-
-_HERE = os.path.dirname(os.path.abspath(__file__))
 
 
 class TwoUplinks:
@@ -103,14 +100,15 @@ class TwoUplinks:
     def uses_only(self, number, family=4):
         return set(self.kernel_weights(family)) == set(self._gateways(family, (number,)))
 
-    def wait_both(self, families=(4, 6), timeout=20):
+    def wait_both(self, families=(4, 6), timeout=waiting.PATIENCE):
         for family in families:
-            waiting.wait_until(lambda f=family: self.uses_both(f), timeout, lambda f=family: self._seen(f), 0.05)
+            waiting.wait_until(lambda f=family: self.uses_both(f), lambda f=family: self._seen(f), timeout=timeout,
+                               interval=0.05)
 
-    def wait_only(self, number, families=(4, 6), timeout=20):
+    def wait_only(self, number, families=(4, 6), timeout=waiting.PATIENCE):
         for family in families:
-            waiting.wait_until(lambda f=family: self.uses_only(number, f), timeout,
-                               lambda f=family: self._seen(f), 0.05)
+            waiting.wait_until(lambda f=family: self.uses_only(number, f),
+                               lambda f=family: self._seen(f), timeout=timeout, interval=0.05)
 
     def _seen(self, family):
         return (f"the kernel's IPv{family} default route:\n{self.kernel_routes(family)}\nroute file:\n"
@@ -118,17 +116,7 @@ class TwoUplinks:
 
     def leave_running(self):
         """Everything goes on after this process; returns the commands that enter and that end the lab."""
-        # The log's reader goes with this process: another one takes its place, inside.
-        self.lab.log.close()
-        os.unlink(self.lab.path("dev/log"))
-        self.lab.enclosure.spawn([sys.executable, os.path.join(_HERE, "fakes", "log_to_file.py"), "/dev/log",
-                                  "/var/log/lb.log"])
-        waiting.wait_until(lambda: self.lab.exists("dev/log"), 5, "the log's new reader")
-        pid = self.lab.enclosure.detach()
-        return (f"nsenter --target {pid} --user --preserve-credentials --mount --net --pid --root --wd "
-                "bash\n"
-                # As the first process of its namespace the holder takes no milder signal.
-                f"End it, and all that runs in it, with\n  kill -KILL {pid}; rm -r {self.lab.enclosure.top}")
+        return self.lab.leave_running()
 
     def close(self):
         if self._own:

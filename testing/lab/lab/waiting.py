@@ -1,12 +1,16 @@
 """Waiting for events with deadlines. Nothing in the lab sleeps for a fixed time and hopes.
 
-LB_LAB_SLOW stretches every deadline, for builds with sanitizers and for loaded machines.
+A deadline ends a scenario in which something never happens; it is no bound on how fast things happen, and a scenario
+that passes does not pay for it. So it is generous. LB_LAB_SLOW stretches every deadline, for builds with sanitizers.
 """
 
 import os
 import time
 
 SLOW = float(os.environ.get("LB_LAB_SLOW", "1"))
+
+# Seconds until an event is given up, where nothing else is said.
+PATIENCE = 30.0
 
 
 class TimedOut(AssertionError):
@@ -22,7 +26,7 @@ def milliseconds(number):
     return int(scaled(number))
 
 
-def wait_until(condition, timeout=10.0, what="", interval=0.01):
+def wait_until(condition, what="", timeout=PATIENCE, interval=0.01):
     """Calls `condition` until it returns something true, and returns that; raises TimedOut.
 
     `what` says what was waited for: a text, or a function that is called when time is up.

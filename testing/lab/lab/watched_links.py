@@ -38,13 +38,14 @@ class Watched:
         self.wait("active", *strands)
         self.growth = Growth(lab, self.lb)
 
-    def wait(self, status, *strands, timeout=30):
+    def wait(self, status, *strands, timeout=waiting.PATIENCE):
         for family in (4, 6):
             names = {strand.name for strand in strands if strand.family == family}
             if names:
                 waiting.wait_until(
-                    lambda f=family, n=names: {self.lb.statuses(f).get(name) for name in n} == {status}, timeout,
-                    lambda f=family, n=names: f"{sorted(n)} {status}; now {self.lb.statuses(f)}", 0.05)
+                    lambda f=family, n=names: {self.lb.statuses(f).get(name) for name in n} == {status},
+                    lambda f=family, n=names: f"{sorted(n)} {status}; now {self.lb.statuses(f)}",
+                    timeout=timeout, interval=0.05)
 
     def changes(self, strand):
         return state_changes(self.lab, strand.name, strand.ipv6)

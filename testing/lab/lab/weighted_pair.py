@@ -54,7 +54,7 @@ class WeightedPair:
         self.wait_routes()
         self.growth = Growth(self.lab, self.lb)
 
-    def wait_routes(self, timeout=15.0):
+    def wait_routes(self, timeout=waiting.PATIENCE):
         self.lab.wait_text(self.route_file, self.current_text(), timeout)
 
     def change(self, wait=True):
@@ -74,5 +74,5 @@ class WeightedPair:
         """At the end: nothing has grown, and the route file was right all the time."""
         self.growth.check()
         if self.watch:
-            waiting.wait_until(lambda: self.watch.contents, 5)
+            waiting.wait_until(lambda: self.watch.contents)
             self.watch.verify()

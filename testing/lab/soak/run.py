@@ -179,7 +179,7 @@ class Soak:
         self._calm()
         for family in (4, 6):
             wanted = {number for number in (1, 2, 3, 4, 5) if family in self.router.families(number)}
-            waiting.wait_until(lambda f=family, w=wanted: self.router.kernel_next_hops(f) == w, 15,
+            waiting.wait_until(lambda f=family, w=wanted: self.router.kernel_next_hops(f) == w,
                                lambda f=family: f"next hops of IPv{f}: {self.router.kernel_next_hops(f)}")
 
     def _report(self, growth):

@@ -1,10 +1,12 @@
-"""Sends prepared frames from one interface at a steady rate, over and over until the time is up.
+"""Sends prepared frames from one interface at a steady rate, over and over.
 
-Arguments: interface, file of frames (each a 16-bit length and its bytes), frames a second, seconds. The last line of
-the output is a JSON array: frames sent, frames that the device refused, seconds that it took.
+Arguments: interface, file of frames (each a 16-bit length and its bytes), frames a second, seconds at least, frames at
+most (0: any number). It goes on until that number is reached or, after those seconds, SIGTERM has come. The last line
+of the output is a JSON array: frames sent, frames that the device refused, seconds that it took.
 """
 
 import json
+import signal
 import socket
 import struct
 import sys
@@ -28,6 +30,9 @@ def load(path):
 
 def main():
     interface, path, rate, seconds = sys.argv[1], sys.argv[2], float(sys.argv[3]), float(sys.argv[4])
+    most = int(sys.argv[5]) or float("inf")
+    told_to_end = []
+    signal.signal(signal.SIGTERM, lambda *_: told_to_end.append(True))
     frames = load(path)
     # Without a protocol nothing is received, and past the queue no capture of this side sees the flood.
     sender = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
@@ -35,8 +40,8 @@ def main():
     sender.bind((interface, 0))
     sent = refused = 0
     start = time.monotonic()
-    while sent < rate * seconds:
-        due = min(int((time.monotonic() - start) * rate), int(rate * seconds)) - sent
+    while sent < most and not (told_to_end and time.monotonic() - start >= seconds):
+        due = min(int((time.monotonic() - start) * rate), most) - sent
         for _ in range(min(due, LARGEST_BURST)):
             try:
                 sender.send(frames[sent % len(frames)])
@@ -45,8 +50,6 @@ def main():
             sent += 1
         if due < LARGEST_BURST:
             time.sleep(PAUSE)
-        if time.monotonic() - start > 10 * seconds:
-            break
     print(json.dumps([sent, refused, time.monotonic() - start]))
 
 

@@ -1,0 +1,107 @@
+"""A scenario that failed while the machine stood still is run again, and the summary says so.
+
+The lab's programs have to answer each other within a second or so. A machine that gives them no processor for a good
+part of it makes a scenario fail that is right: a suspended guest, or far too much other work. A thread beside each
+scenario sleeps for moments and notes every one that lasted too long. Only a failure with such a note inside its
+duration is tried again, in namespaces of its own; whatever the last run says counts. Where the lab of a failed
+scenario is to be kept (LB_LAB_KEEP), the first failure is what is looked into, and nothing is run again.
+"""
+
+import os
+import threading
+import time
+
+import pytest
+from _pytest.runner import runtestprotocol
+
+MOMENT = 0.02
+# Oversleeping that long is a stall. Where the processors are merely busy, one who has slept is let in sooner.
+STALL = 0.25
+MOST_RUNS = 3
+# The property of a report, and of its test case in a JUnit file.
+RUN_AGAIN = "run again"
+
+
+class Watcher:
+    """Notes stalls from its construction to `stop`."""
+
+    def __init__(self):
+        self.noted = []  # seconds of each
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, name="stalls", daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        before = time.monotonic()
+        while not self._stop.wait(MOMENT):
+            before = self._note(before)
+        self._note(before)
+
+    def _note(self, before):
+        now = time.monotonic()
+        if now - before - MOMENT > STALL:
+            self.noted.append(now - before - MOMENT)
+        return now
+
+    def stop(self):
+        """Returns the seconds of the longest stall, 0 if there was none."""
+        self._stop.set()
+        self._thread.join()
+        return max(self.noted, default=0.0)
+
+
+class Plugin:
+    """Runs the scenarios; in the process that reports, with or without workers, collects what was run again."""
+
+    def __init__(self):
+        self._run_again = {}  # test: (what was said of each run that was thrown away, what counts)
+
+    @pytest.hookimpl(tryfirst=True)
+    def pytest_runtest_protocol(self, item, nextitem):
+        item.ihook.pytest_runtest_logstart(nodeid=item.nodeid, location=item.location)
+        for report in self._last_run(item, nextitem):
+            item.ihook.pytest_runtest_logreport(report=report)
+        item.ihook.pytest_runtest_logfinish(nodeid=item.nodeid, location=item.location)
+        return True
+
+    @staticmethod
+    def _last_run(item, nextitem):
+        properties, earlier = list(item.user_properties), []
+        for run in range(1, MOST_RUNS + 1):
+            # Reports take what is there: of a run that is thrown away only its note stays.
+            item.user_properties[:] = properties + earlier
+            item._report_sections.clear()
+            watcher = Watcher()
+            try:
+                reports = runtestprotocol(item, nextitem=nextitem, log=False)
+            finally:
+                stall = watcher.stop()
+            failed = [report for report in reports if report.failed]
+            if not failed or not stall or run == MOST_RUNS or os.environ.get("LB_LAB_KEEP"):
+                return reports
+            earlier.append((RUN_AGAIN, f"the machine stood still for {stall:.2f} s in run {run}, which failed: "
+                                       f"{_reason(failed[0])}"))
+        return reports
+
+    def pytest_runtest_logreport(self, report):
+        notes = [text for name, text in report.user_properties if name == RUN_AGAIN]
+        if notes:
+            failed = self._run_again.get(report.nodeid, (None, False))[1] or report.failed
+            self._run_again[report.nodeid] = notes, failed
+
+    def pytest_terminal_summary(self, terminalreporter):
+        if not self._run_again:
+            return
+        terminalreporter.section("scenarios that were run again")
+        for name, (notes, failed) in self._run_again.items():
+            for note in notes:
+                terminalreporter.write_line(f"{name}: {note}")
+            terminalreporter.write_line(f"{name}: run {len(notes) + 1} {'failed' if failed else 'did not fail'}")
+        terminalreporter.write_line(f"run again: {len(self._run_again)}")
+
+
+def _reason(report):
+    """The error in one line."""
+    crash = getattr(report.longrepr, "reprcrash", None)
+    text = (crash.message if crash else str(report.longrepr)).strip()
+    return (text.splitlines() or [""])[0][:200]
