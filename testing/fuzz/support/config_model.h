@@ -148,9 +148,9 @@ inline bool is_writable(const LBConfig& config) {
     for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
       bool all_fit = fits(name) && fits(interface.nexthop) && fits(interface.source_address) &&
                      fits(interface.vrf) && fits(interface.origin);
-      for_each_test(interface, [&](const HealthTest& test) {
-        all_fit = all_fit && fits(test.report().target);
-      });
+      for (const auto& [index, test] : interface.tests) {
+        all_fit = all_fit && fits(test->report().target);
+      }
       if (!all_fit) return false;
     }
   }
