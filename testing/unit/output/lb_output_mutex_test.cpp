@@ -157,3 +157,35 @@ TEST_F(LBOutputMutexTest, WritersOfAFamilyTakeTurns) {
   for (std::thread& worker : workers) worker.join();
   EXPECT_EQ(most, 1);
 }
+
+// The same for the report: the next writer opens it, and so empties it, after the last one closed
+// it.
+TEST_F(LBOutputMutexTest, WritersOfAReportTakeTurns) {
+  std::atomic<FILE*> report{nullptr};
+  std::atomic<int> opened{0};
+  std::atomic<bool> overlap{false};
+  const std::string report_path = path("wlb_ipv4.out");
+  CallHook open_hook(wrapped::fopen, [&](const char* file_path, const char* mode) {
+    FILE* const file = wrapped::fopen.real(file_path, mode);
+    if (file_path == report_path) {
+      ++opened;
+      if (report.exchange(file) != nullptr) overlap = true;
+      sched_yield();
+    }
+    return file;
+  });
+  CallHook close_hook(wrapped::fclose, [&](FILE* file) {
+    FILE* open_report = file;
+    report.compare_exchange_strong(open_report, nullptr);
+    return wrapped::fclose.real(file);
+  });
+  std::vector<std::thread> workers;
+  for (int i = 0; i < 4; ++i) {
+    workers.emplace_back([this] {
+      for (int round = 0; round < 20; ++round) write();
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  EXPECT_EQ(opened, 80);
+  EXPECT_FALSE(overlap);
+}
