@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "support/broken_mutex.h"
 #include "support/fake_network.h"
 #include "support/recorded_log.h"
 #include "support/virtual_clock/virtual_clock.h"
@@ -124,14 +125,11 @@ class EchoFixture : public testing::Test {
 
   // The mutex of the interface's sockets, made by the first acquire.
   pthread_mutex_t* acquire_mutex() {
-    pthread_mutex_t* made = nullptr;
-    CallHook hook(wrapped::pthread_mutex_init,
-                  [&](pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-                    made = mutex;
-                    return wrapped::pthread_mutex_init.real(mutex, attributes);
-                  });
-    sockets();
-    return made;
+    return mutex_made_by([this] { sockets(); });
+  }
+
+  static auto logged_mutex_failure(const char* operation, const char* call, int rc) {
+    return LoggedError(mutex_failure(operation, call, IpVersion::kFamily.name, rc));
   }
 
   std::optional<ProbesInFlight::Entry> probe_to(const std::string& target) {

@@ -258,44 +258,27 @@ TYPED_TEST(EchoProbeTest, OtherWordsAreGatewaysAsTheyStand) {
 // The interface's mutex.
 
 TYPED_TEST(EchoProbeTest, NothingIsSentWithoutTheMutex) {
-  const std::string family = TypeParam::kFamily.name;
-  pthread_mutex_t* const broken = this->acquire_mutex();
+  pthread_mutex_t* const mutex = this->acquire_mutex();
   const auto test = this->make_test();
   {
-    CallHook hook(wrapped::pthread_mutex_lock, [broken](pthread_mutex_t* mutex) {
-      if (mutex != broken) return wrapped::pthread_mutex_lock.real(mutex);
-      errno = EAGAIN;
-      return EINVAL;
-    });
+    BrokenLock broken(mutex, EINVAL);
     this->send(*test);
   }
   EXPECT_THAT(this->network_.sent, IsEmpty());
   EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<send> pthread_mutex_lock for " + family +
-                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("send", "lock", EINVAL)));
 }
 
 TYPED_TEST(EchoProbeTest, ProbeIsTakenBackWhenTheMutexStaysLocked) {
-  const std::string family = TypeParam::kFamily.name;
-  pthread_mutex_t* const broken = this->acquire_mutex();
+  pthread_mutex_t* const mutex = this->acquire_mutex();
   const auto test = this->make_test();
   {
-    CallHook hook(wrapped::pthread_mutex_unlock, [broken](pthread_mutex_t* mutex) {
-      const int result = wrapped::pthread_mutex_unlock.real(mutex);
-      if (mutex != broken) return result;
-      errno = EAGAIN;
-      return EPERM;
-    });
+    BrokenUnlock broken(mutex, EPERM);
     this->send(*test);
   }
   EXPECT_THAT(this->network_.sent, IsEmpty());
   EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<send> pthread_mutex_unlock for " + family +
-                                      " failed!!!!! rc = 1, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("send", "unlock", EPERM)));
   this->send(*test);  // the next cycle works again
   EXPECT_EQ(this->network_.sent.size(), 1u);
 }

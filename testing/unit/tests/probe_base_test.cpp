@@ -196,15 +196,10 @@ TYPED_TEST(ProbeBaseTest, WorkerOfTheOtherFamilyDoesNothing) {
 }
 
 TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
-  const std::string family = TypeParam::kFamily.name;
   virtual_clock::advance(5001ms);
   int unlocks = 0;
   {
-    CallHook lock(wrapped::pthread_mutex_lock, [this](pthread_mutex_t* mutex) {
-      if (mutex != this->mutex_) return wrapped::pthread_mutex_lock.real(mutex);
-      errno = EAGAIN;
-      return EINVAL;
-    });
+    BrokenLock broken(this->mutex_, EINVAL);
     CallHook unlock(wrapped::pthread_mutex_unlock, [&](pthread_mutex_t* mutex) {
       if (mutex == this->mutex_) ++unlocks;
       return wrapped::pthread_mutex_unlock.real(mutex);
@@ -213,29 +208,17 @@ TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
   }
   this->expect_failed();
   EXPECT_EQ(unlocks, 0);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<recv> pthread_mutex_lock for " + family +
-                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("recv", "lock", EINVAL)));
 }
 
 TYPED_TEST(ProbeBaseTest, UnlockFailureIsLogged) {
-  const std::string family = TypeParam::kFamily.name;
   this->probes().mark_answered(this->key_);
   {
-    CallHook unlock(wrapped::pthread_mutex_unlock, [this](pthread_mutex_t* mutex) {
-      const int result = wrapped::pthread_mutex_unlock.real(mutex);
-      if (mutex != this->mutex_) return result;
-      errno = EAGAIN;
-      return EPERM;
-    });
+    BrokenUnlock broken(this->mutex_, EPERM);
     this->recv();
   }
   this->expect_succeeded();
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<recv> pthread_mutex_unlock for " + family +
-                                      " failed!!!!! rc = 1, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("recv", "unlock", EPERM)));
 }
 
 // The outcome is reported and the probe removed in one step towards the receiver.
