@@ -111,6 +111,12 @@ class EchoFixture : public testing::Test {
     network_.options.clear();
   }
 
+  // Tests by the thousand would use up the descriptors.
+  ~EchoFixture() override {
+    network_.end_threads();
+    for (const Family* family : {&kIpv4, &kIpv6}) close_sockets(*family, ifname_);
+  }
+
   // A test of this family's type, bound to the interface.
   std::unique_ptr<typename EchoKit<IpVersion>::Test> make_test(
       const std::string& target = EchoKit<IpVersion>::kTarget) {

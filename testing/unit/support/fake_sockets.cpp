@@ -52,7 +52,7 @@ FakeSockets::FakeSockets() {
 FakeSockets::~FakeSockets() {
   end_threads();
   remove_hooks();
-  for (const Socket& socket : sockets) wrapped::close.real(socket.peer);
+  for (const int peer : peers_) wrapped::close.real(peer);
 }
 
 void FakeSockets::end_threads() {
@@ -79,6 +79,7 @@ int FakeSockets::open_socket(int domain, int type, int protocol) {
   SpinLockHolder holder(lock_);
   sockets.push_back(
       {pair[0], pair[1], domain, type & ~flags, protocol, (type & SOCK_CLOEXEC) != 0});
+  peers_.push_back(pair[1]);
   if (ending_) end_reading(sockets.back());
   return pair[0];
 }

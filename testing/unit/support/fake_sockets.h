@@ -102,6 +102,7 @@ class FakeSockets {
   int wait(pollfd* fds, nfds_t count, int timeout) const;
   int start_thread(pthread_t* thread, WrappedThreadStart body, void* argument);
 
+  std::vector<int> peers_;  // of all sockets, also of those that a test has struck off its list
   std::atomic<bool> ending_{false};
   std::shared_ptr<std::atomic<int>> live_threads_ = std::make_shared<std::atomic<int>>(0);
   std::vector<std::shared_ptr<void>> hooks_;
