@@ -388,6 +388,29 @@ TEST_F(BurstProbeTest, FloodDoesNotHoldItsStart) {
   expect_succeeded();
 }
 
+// The bound on packets that come after the wait must not count those that come within it.
+TEST_F(BurstProbeTest, ReplyBehindAFloodWithinTheWaitCounts) {
+  test_.set_number(TestKeyword::kCount, 1);
+  answer_ = [this](size_t, const Bytes& request) {
+    for (int i = 0; i < 10001; ++i) arrive(10ms, Bytes{1, 2, 3});
+    arrive(20ms, reply_to(request));
+  };
+  send();
+  expect_succeeded();
+  expect_measured(0, 20, 0);
+}
+
+TEST_F(BurstProbeTest, FloodDoesNotHoldAWaitThatIsOver) {
+  test_.set_number(TestKeyword::kCount, 1);
+  answer_ = [this](size_t, const Bytes& request) {
+    for (int i = 0; i < 10001; ++i) arrive(1000ms, Bytes{1, 2, 3});
+    arrive(1000ms, reply_to(request));
+  };
+  send();
+  expect_failed();
+  EXPECT_THAT(arrivals_, Not(IsEmpty()));
+}
+
 TEST_F(BurstProbeTest, OutcomeIsReportedOncePerBurst) {
   answer_all(20ms);
   test_.set_number(TestKeyword::kPeriod, 1);
