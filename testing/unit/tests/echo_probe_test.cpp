@@ -329,39 +329,6 @@ TYPED_TEST(EchoProbeTest, FlagThatCouldNotBeReadIsAskedForAgain) {
 
 // Failures.
 
-TYPED_TEST(EchoProbeTest, FailedSendingIsDebugNews) {
-  const std::string packet = EchoKit<TypeParam>::kPacket;
-  const auto test = this->make_test();
-  Fault fault("sendto", EPERM);
-  this->send(*test);
-  EXPECT_THAT(log_records(), IsEmpty());  // the flag of level 3 is off
-
-  set_log_flag(3, true);
-  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
-  this->send(*test);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 1")));
-}
-
-TYPED_TEST(EchoProbeTest, FailedFramesAreDebugNewsToo) {
-  const std::string packet = EchoKit<TypeParam>::kPacket;
-  this->network_.no_arp = false;
-  set_log_flag(3, true);
-  const auto test = this->make_test();
-  Fault fault("sendto", ENOBUFS);
-  this->send(*test);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 105")));
-}
-
-TYPED_TEST(EchoProbeTest, UnreachableNetworkIsNoNews) {
-  set_log_flag(3, true);
-  const auto test = this->make_test();
-  Fault fault("sendto", ENETUNREACH);
-  this->send(*test);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
 TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   using Kit = EchoKit<TypeParam>;
   const auto test = this->make_test();
@@ -380,20 +347,4 @@ TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(test->report().result, 2);
   EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(Kit::kTarget, 1)));
-}
-
-TYPED_TEST(EchoProbeTest, WorkerOfTheOtherFamilySendsNothing) {
-  this->worker_.ipv6 = !TypeParam::kFamily.ipv6;
-  for (const bool no_arp : {true, false}) {
-    {
-      MutexLock lock(this->interface_.mutex);
-      this->interface_.state.no_arp = no_arp;
-    }
-    const auto test = this->make_test(no_arp ? "raw" : "framed");
-    this->send(*test);
-    EXPECT_TRUE(this->probe_to(test->report().target).has_value());
-  }
-  EXPECT_THAT(this->network_.sent, IsEmpty());
-  EXPECT_THAT(this->network_.resolved, IsEmpty());
-  EXPECT_THAT(log_records(), IsEmpty());
 }
