@@ -1,11 +1,11 @@
-// The request to the connection tracker, byte for byte, and every way that it can fail.
+// The request to the connection tracker, byte for byte, and the socket that it goes through.
 #include "routing/conntrack_record.h"
 
 #include <linux/netfilter/nfnetlink_conntrack.h>
 #include <linux/netlink.h>
 #include <unistd.h>
 
-#include "support/echo_fixture.h"
+#include "support/conntrack_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -15,33 +15,7 @@ using testing::SizeIs;
 namespace {
 
 using Bytes = FakeNetwork::Bytes;
-
-class ConntrackRecordTest : public testing::Test {
- protected:
-  ConntrackRecordTest() { context_.vrf = unused_name("vrf"); }
-
-  // Leaves no socket of this network behind: it ends with a failure.
-  ~ConntrackRecordTest() override {
-    Fault fault("nfct_new", ENOMEM);
-    create_conntrack_record("192.0.2.1", "198.51.100.7", context_);
-  }
-
-  int create() { return create_conntrack_record("192.0.2.1", "198.51.100.7", context_); }
-  int create6() {
-    context_.ipv6 = 1;
-    return create_conntrack_record("2001:db8::1", "2001:db8:7::7", context_);
-  }
-
-  FakeNetwork network_;
-  LBWorkerContext context_;
-};
-
-nlmsghdr header_of(const Bytes& request) {
-  nlmsghdr header{};
-  EXPECT_GE(request.size(), sizeof(header));
-  std::memcpy(&header, request.data(), sizeof(header));
-  return header;
-}
+using ConntrackRecordTest = ConntrackFixture;
 
 // The attributes of a request by their path of types: "1.2.4" is the fourth of the second of the
 // first.
@@ -208,158 +182,4 @@ TEST_F(ConntrackRecordTest, SocketThatCannotBeBound) {
   EXPECT_THAT(network_.conntrack_requests, IsEmpty());
   EXPECT_EQ(create(), 0);
   EXPECT_EQ(call_count("mnl_socket_open2"), 2);
-}
-
-// What fails afterwards closes the socket; the next call opens another.
-
-TEST_F(ConntrackRecordTest, RecordThatCannotBeMade) {
-  {
-    Fault fault("nfct_new", ENOMEM);
-    EXPECT_EQ(create(), -1);
-  }
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
-                                                     "mnl_nlmsg_put_extra_header: Cannot allocate "
-                                                     "memory")));
-  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
-  EXPECT_EQ(call_count("mnl_socket_close"), 1);
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
-}
-
-TEST_F(ConntrackRecordTest, RequestThatCannotBeSent) {
-  {
-    Fault fault("mnl_socket_sendto", ENOBUFS);
-    EXPECT_EQ(create(), -1);
-  }
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_sendto: "
-                                                     "No buffer space available")));
-  EXPECT_EQ(call_count("mnl_socket_recvfrom"), 0);
-  EXPECT_EQ(call_count("mnl_socket_close"), 1);
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
-}
-
-TEST_F(ConntrackRecordTest, AnswerThatCannotBeRead) {
-  {
-    Fault fault("mnl_socket_recvfrom", ENOBUFS);
-    EXPECT_EQ(create(), -1);
-    EXPECT_EQ(create6(), -1);
-  }
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "4: No buffer space available"),
-                  LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "6: No buffer space available")));
-  EXPECT_EQ(call_count("mnl_socket_close"), 2);
-}
-
-TEST_F(ConntrackRecordTest, RefusalOfTheKernel) {
-  network_.conntrack_answer = EEXIST;
-  EXPECT_EQ(create(), -1);
-  EXPECT_EQ(create6(), -1);
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "4: File exists"),
-                  LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "6: File exists")));
-  EXPECT_EQ(call_count("mnl_socket_close"), 2);
-  network_.conntrack_answer = 0;
-  EXPECT_EQ(create6(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 3);
-}
-
-// The answer of an earlier request does not count for this one.
-TEST_F(ConntrackRecordTest, AnswerToAnotherRequest) {
-  CallHook hook(wrapped::mnl_socket_recvfrom, [](const mnl_socket*, void* data, size_t) {
-    nlmsghdr header{NLMSG_LENGTH(sizeof(nlmsgerr)), NLMSG_ERROR, 0, 1, 4711};
-    std::memset(data, 0, header.nlmsg_len);
-    std::memcpy(data, &header, sizeof(header));
-    return static_cast<ssize_t>(header.nlmsg_len);
-  });
-  EXPECT_EQ(create(), -1);
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
-                                                     "mnl_socket_recvfrom for ip version 4: "
-                                                     "Protocol error")));
-}
-
-TEST_F(ConntrackRecordTest, ReadsOnUntilTheAnswerEnds) {
-  int reads = 0;
-  CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t size) {
-    EXPECT_GE(size, 4096u);
-    const bool last = ++reads == 3;
-    // Notices first, then the acknowledgement.
-    const nlmsghdr sent = header_of(network_.conntrack_requests.back());
-    nlmsghdr header{last ? static_cast<uint32_t>(NLMSG_LENGTH(sizeof(nlmsgerr))) : NLMSG_HDRLEN,
-                    static_cast<uint16_t>(last ? NLMSG_ERROR : NLMSG_NOOP), 0, sent.nlmsg_seq,
-                    4711};
-    std::memset(data, 0, header.nlmsg_len);
-    std::memcpy(data, &header, sizeof(header));
-    return static_cast<ssize_t>(header.nlmsg_len);
-  });
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(reads, 3);
-}
-
-TEST_F(ConntrackRecordTest, EndOfTheSocketIsNoError) {
-  CallHook hook(wrapped::mnl_socket_recvfrom,
-                [](const mnl_socket*, void*, size_t) { return ssize_t{0}; });
-  EXPECT_EQ(create(), 0);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
-TEST_F(ConntrackRecordTest, UnparsableIpv6AddressSendsNothing) {
-  context_.ipv6 = 1;
-  const auto message = LoggedError("inet_pton() failed.\nError message: Success");
-  EXPECT_EQ(create_conntrack_record("nonsense", "2001:db8:7::7", context_), -1);
-  EXPECT_THAT(log_records(), ElementsAre(message));
-  EXPECT_EQ(create_conntrack_record("2001:db8::1", "probe.example", context_), -1);
-  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", context_), -1);
-  EXPECT_THAT(log_records(), ElementsAre(message, message, message));
-  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
-  EXPECT_EQ(call_count("mnl_socket_close"), 3);
-  EXPECT_EQ(create6(), 0);
-}
-
-TEST_F(ConntrackRecordTest, SourceIsParsedFirst) {
-  context_.ipv6 = 1;
-  EXPECT_EQ(create_conntrack_record("nonsense", "more nonsense", context_), -1);
-  EXPECT_THAT(log_records(), SizeIs(1));
-}
-
-TEST_F(ConntrackRecordTest, FailuresAreSilentWithoutTheFlag) {
-  set_log_flag(1, false);
-  network_.conntrack_answer = EEXIST;
-  EXPECT_EQ(create(), -1);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
-// One exchange at a time: an answer is read by the thread that asked.
-TEST_F(ConntrackRecordTest, ExchangesOfTwoThreadsDoNotMix) {
-  std::atomic<int> under_way{0};
-  std::atomic<int> most{0};
-  CallHook send(wrapped::mnl_socket_sendto, [&](const mnl_socket*, const void* data, size_t size) {
-    most = std::max(most.load(), ++under_way);
-    network_.conntrack_requests.push_back(
-        Bytes(static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + size));
-    sched_yield();
-    return static_cast<ssize_t>(size);
-  });
-  CallHook receive(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void*, size_t) {
-    --under_way;
-    return ssize_t{0};
-  });
-  const auto work = [](void* context) -> void* {
-    for (int i = 0; i < 200; ++i) {
-      create_conntrack_record("192.0.2.1", "198.51.100.7", *static_cast<LBWorkerContext*>(context));
-    }
-    return nullptr;
-  };
-  LBWorkerContext other = context_;
-  pthread_t threads[2];
-  ASSERT_EQ(pthread_create(&threads[0], nullptr, work, &context_), 0);
-  ASSERT_EQ(pthread_create(&threads[1], nullptr, work, &other), 0);
-  for (const pthread_t thread : threads) pthread_join(thread, nullptr);
-  EXPECT_EQ(most, 1);
 }

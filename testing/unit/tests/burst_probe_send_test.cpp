@@ -1,8 +1,7 @@
-// When a burst is due, where it goes, and how it fails before its first reply.
+// When a burst is due, and where it goes.
 #include <algorithm>
 
 #include "support/burst_fixture.h"
-#include "support/recorded_device.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -17,10 +16,6 @@ class BurstProbeSendTest : public BurstFixture {
   BurstProbeSendTest() {
     set_log_flag(3, true);
     answer_all(1ms);
-  }
-
-  static auto send_error(int error) {
-    return LoggedDebug("wan_lb: error on sending icmp packet: " + std::to_string(error));
   }
 };
 
@@ -166,7 +161,7 @@ TEST_F(BurstProbeSendTest, LaterRequestThatCannotBeSentFailsTheBurst) {
   send();
   expect_failed();
   EXPECT_THAT(network_.sent, SizeIs(4));
-  EXPECT_THAT(log_records(), ElementsAre(send_error(ENOBUFS)));
+  EXPECT_THAT(log_records(), ElementsAre(LoggedDebug("wan_lb: error on sending icmp packet: 105")));
   expect_measured(0, 0, 0);
 }
 

@@ -1,9 +1,8 @@
-// The raw path: what goes through the ICMP socket, and its failures.
+// The raw path: what goes through the ICMP socket, and how names are resolved.
 #include <unistd.h>
 
 #include "packets/icmp_echo.h"
-#include "support/echo_fixture.h"
-#include "support/recorded_device.h"
+#include "support/echo_path_fixture.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -12,28 +11,9 @@ using testing::IsEmpty;
 namespace {
 
 template <class IpVersion>
-class EchoPathRawTest : public EchoFixture<IpVersion> {
+class EchoPathRawTest : public EchoPathFixture<IpVersion> {
  protected:
   EchoPathRawTest() { this->network_.no_arp = true; }
-
-  // Sends one probe to `target`; true when something went out. Its key is in `key_`.
-  bool send(const std::string& target = EchoKit<IpVersion>::kTarget) {
-    const size_t before = this->network_.sent.size();
-    if (test_ == nullptr) test_ = this->make_test(target);
-    test_->set_target(target);
-    test_->send(this->interface_, this->worker_);
-    const auto entry = this->probe_to(target);
-    EXPECT_TRUE(entry.has_value());
-    if (!entry) return false;
-    key_ = static_cast<uint32_t>(entry->key);
-    this->probes().erase(entry->key);
-    return this->network_.sent.size() > before;
-  }
-
-  const FakeNetwork::Datagram& sent() { return this->network_.sent.back(); }
-
-  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
-  uint32_t key_ = 0;
 };
 
 using EchoPathRaw4Test = EchoPathRawTest<Ipv4>;
