@@ -17,6 +17,11 @@ class BurstProbeSendTest : public BurstFixture {
     set_log_flag(3, true);
     answer_all(1ms);
   }
+
+  void learn_next_hop(const char* address) {
+    MutexLock lock(interface_.mutex);
+    interface_.state.nexthop_address = address;
+  }
 };
 
 class BurstProbeSendFrameTest : public BurstProbeSendTest {
@@ -77,10 +82,7 @@ TEST_F(BurstProbeSendTest, PeriodRunsAlsoWhereThereWasNoTarget) {
   interface_.nexthop = "dhcp";
   test_.set_target("");
   send();
-  {
-    MutexLock lock(interface_.mutex);
-    interface_.state.nexthop_address = kTarget;
-  }
+  learn_next_hop(kTarget);
   virtual_clock::advance(239s);
   send();
   EXPECT_THAT(network_.sent, IsEmpty());
@@ -243,10 +245,7 @@ TEST_F(BurstProbeSendFrameTest, ResolvesTheGatewayForAFarTarget) {
 
 TEST_F(BurstProbeSendFrameTest, GatewayLearntFromALeaseIsResolved) {
   interface_.nexthop = "dhcp";
-  {
-    MutexLock lock(interface_.mutex);
-    interface_.state.nexthop_address = EchoKit<Ipv4>::kOtherGateway;
-  }
+  learn_next_hop(EchoKit<Ipv4>::kOtherGateway);
   send();
   expect_succeeded();
   EXPECT_THAT(prober_->targets().snapshot(),
