@@ -1,10 +1,9 @@
-// The exchange with the connection tracker: its socket, every way that it can fail, and whose
-// answer counts.
-#include <sched.h>
+// The exchange with the connection tracker: every way that it can fail, room for its answer, and
+// whose answer counts.
+#include <linux/netlink.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 
 #include "support/conntrack_fixture.h"
 
@@ -14,123 +13,43 @@ using testing::SizeIs;
 
 namespace {
 
-constexpr uint32_t kPort = 4711;  // of the fake network's socket
-
-class ConntrackRecordExchangeTest : public ConntrackFixture {};
-
-struct FailingCall {
-  const char* call;
-  int error;
-  bool ipv6;
-  bool sent;  // the request
-  const char* message;
+class ConntrackRecordExchangeTest : public ConntrackFixture {
+ protected:
+  // An acknowledgement of the last request, for the socket with that port.
+  ssize_t acknowledge(void* data, uint32_t port) const {
+    nlmsghdr request{};
+    std::memcpy(&request, network_.conntrack_requests.back().data(), sizeof(request));
+    const nlmsghdr header{NLMSG_LENGTH(sizeof(nlmsgerr)), NLMSG_ERROR, 0, request.nlmsg_seq, port};
+    std::memset(data, 0, header.nlmsg_len);
+    std::memcpy(data, &header, sizeof(header));
+    return static_cast<ssize_t>(header.nlmsg_len);
+  }
 };
-
-class ConntrackRecordExchangeFailureTest : public ConntrackRecordExchangeTest,
-                                           public testing::WithParamInterface<FailingCall> {};
 
 }  // namespace
 
-// --- the socket ---
-
-TEST_F(ConntrackRecordExchangeTest, SocketIsOpenedOnceAndKept) {
-  int bus = -1;
-  int flags = 0;
-  CallHook open(wrapped::mnl_socket_open2, [&](int of_bus, int with_flags) {
-    bus = of_bus;
-    flags = with_flags;
-    static char socket[64];
-    return reinterpret_cast<mnl_socket*>(socket);
-  });
-  unsigned groups = 1;
-  pid_t port = -1;
-  CallHook bind(wrapped::mnl_socket_bind, [&](mnl_socket*, unsigned to_groups, pid_t pid) {
-    groups = to_groups;
-    port = pid;
-    return 0;
-  });
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(create6(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 1);
-  EXPECT_EQ(call_count("mnl_socket_bind"), 1);
-  EXPECT_EQ(call_count("mnl_socket_close"), 0);
-  EXPECT_EQ(bus, NETLINK_NETFILTER);
-  EXPECT_EQ(flags, SOCK_CLOEXEC);
-  EXPECT_EQ(groups, 0u);
-  EXPECT_EQ(port, MNL_SOCKET_AUTOPID);
-}
-
-TEST_F(ConntrackRecordExchangeTest, EachVrfHasItsOwn) {
-  EXPECT_EQ(create(), 0);
-  LBWorkerContext other;
-  other.vrf = unused_name("vrf");
-  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", other), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
-  Fault fault("nfct_new", ENOMEM);
-  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", other), -1);
-}
-
-TEST_F(ConntrackRecordExchangeTest, SocketThatCannotBeOpened) {
-  {
-    Fault fault("mnl_socket_open2", EPROTONOSUPPORT);
-    EXPECT_EQ(create(), -1);
-    EXPECT_EQ(create(), -1);
-  }
-  const auto message =
-      LoggedError("<create_conntrack_record> mnl_socket_open: Protocol not supported");
-  EXPECT_THAT(log_records(), ElementsAre(message, message));
-  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
-  EXPECT_EQ(call_count("mnl_socket_close"), 0);
-  EXPECT_EQ(create(), 0);
-}
-
-// --- what fails closes the socket; the next call opens another ---
-
-TEST_P(ConntrackRecordExchangeFailureTest, IsLoggedAndOvercome) {
-  const FailingCall& failing = GetParam();
-  const auto create_one = [&] { return failing.ipv6 ? create6() : create(); };
-  {
-    Fault fault(failing.call, failing.error);
-    EXPECT_EQ(create_one(), -1);
-  }
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> " +
-                                                     std::string(failing.message))));
-  EXPECT_THAT(network_.conntrack_requests, SizeIs(failing.sent ? 1 : 0));
-  EXPECT_EQ(call_count("mnl_socket_recvfrom"), failing.sent ? 1 : 0);
-  EXPECT_EQ(call_count("mnl_socket_close"), 1);
-  EXPECT_EQ(create_one(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, ConntrackRecordExchangeFailureTest,
-    testing::Values(FailingCall{"mnl_socket_bind", EADDRINUSE, false, false,
-                                "mnl_socket_bind: Address already in use"},
-                    FailingCall{"nfct_new", ENOMEM, false, false,
-                                "mnl_nlmsg_put_extra_header: Cannot allocate memory"},
-                    FailingCall{"mnl_socket_sendto", ENOBUFS, false, false,
-                                "mnl_socket_sendto: No buffer space available"},
-                    FailingCall{"mnl_socket_recvfrom", ENOBUFS, false, true,
-                                "mnl_socket_recvfrom for ip version 4: No buffer space available"},
-                    FailingCall{
-                        "mnl_socket_recvfrom", ENOBUFS, true, true,
-                        "mnl_socket_recvfrom for ip version 6: No buffer space available"}));
-
-TEST_F(ConntrackRecordExchangeTest, RefusalOfTheKernel) {
-  network_.conntrack_answer = EEXIST;
+TEST_F(ConntrackRecordExchangeTest, AnswerToAnotherSocket) {
+  uint32_t port = 4712;  // the socket's is 4711
+  CallHook hook(wrapped::mnl_socket_recvfrom,
+                [&](const mnl_socket*, void* data, size_t) { return acknowledge(data, port); });
   EXPECT_EQ(create(), -1);
-  EXPECT_EQ(create6(), -1);
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "4: File exists"),
-                  LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "6: File exists")));
-  EXPECT_EQ(call_count("mnl_socket_close"), 2);
-  network_.conntrack_answer = 0;
-  EXPECT_EQ(create6(), 0);
-  EXPECT_EQ(call_count("mnl_socket_open2"), 3);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
+                                                     "mnl_socket_recvfrom for ip version 4: No "
+                                                     "such process")));
+  clear_log();
+  port = 4711;
+  EXPECT_EQ(create(), 0);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(ConntrackRecordExchangeTest, AnswerHasAPageOrEightKilobytes) {
+  size_t room = 0;
+  CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t size) {
+    room = size;
+    return acknowledge(data, 4711);
+  });
+  EXPECT_EQ(create(), 0);
+  EXPECT_EQ(room, static_cast<size_t>(std::min(sysconf(_SC_PAGESIZE), 8192L)));
 }
 
 // An answer that comes late must not be read by the next call.
@@ -157,34 +76,73 @@ TEST_F(ConntrackRecordExchangeTest, EveryFailureOpensAnotherSocket) {
   }
 }
 
-TEST_F(ConntrackRecordExchangeTest, FailuresAreSilentWithoutTheFlag) {
-  set_log_flag(1, false);
-  network_.conntrack_answer = EEXIST;
-  EXPECT_EQ(create(), -1);
-  EXPECT_THAT(log_records(), IsEmpty());
+// What fails afterwards closes the socket; the next call opens another.
+
+TEST_F(ConntrackRecordExchangeTest, RecordThatCannotBeMade) {
+  {
+    Fault fault("nfct_new", ENOMEM);
+    EXPECT_EQ(create(), -1);
+  }
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
+                                                     "mnl_nlmsg_put_extra_header: Cannot allocate "
+                                                     "memory")));
+  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
+  EXPECT_EQ(call_count("mnl_socket_close"), 1);
+  EXPECT_EQ(create(), 0);
+  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
 }
 
-// --- the answer ---
-
-TEST_F(ConntrackRecordExchangeTest, AnswerToAnotherSocket) {
-  uint32_t port = kPort + 1;
-  CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t) {
-    return write_answer(data, NLMSG_ERROR, last_sequence(), port);
-  });
-  EXPECT_EQ(create(), -1);
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
-                                                     "mnl_socket_recvfrom for ip version 4: No "
-                                                     "such process")));
-  clear_log();
-  port = kPort;
+TEST_F(ConntrackRecordExchangeTest, RequestThatCannotBeSent) {
+  {
+    Fault fault("mnl_socket_sendto", ENOBUFS);
+    EXPECT_EQ(create(), -1);
+  }
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_sendto: "
+                                                     "No buffer space available")));
+  EXPECT_EQ(call_count("mnl_socket_recvfrom"), 0);
+  EXPECT_EQ(call_count("mnl_socket_close"), 1);
   EXPECT_EQ(create(), 0);
-  EXPECT_THAT(log_records(), IsEmpty());
+  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
+}
+
+TEST_F(ConntrackRecordExchangeTest, AnswerThatCannotBeRead) {
+  {
+    Fault fault("mnl_socket_recvfrom", ENOBUFS);
+    EXPECT_EQ(create(), -1);
+    EXPECT_EQ(create6(), -1);
+  }
+  EXPECT_THAT(
+      log_records(),
+      ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
+                              "4: No buffer space available"),
+                  LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
+                              "6: No buffer space available")));
+  EXPECT_EQ(call_count("mnl_socket_close"), 2);
+}
+
+TEST_F(ConntrackRecordExchangeTest, RefusalOfTheKernel) {
+  network_.conntrack_answer = EEXIST;
+  EXPECT_EQ(create(), -1);
+  EXPECT_EQ(create6(), -1);
+  EXPECT_THAT(
+      log_records(),
+      ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
+                              "4: File exists"),
+                  LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
+                              "6: File exists")));
+  EXPECT_EQ(call_count("mnl_socket_close"), 2);
+  network_.conntrack_answer = 0;
+  EXPECT_EQ(create6(), 0);
+  EXPECT_EQ(call_count("mnl_socket_open2"), 3);
 }
 
 // The answer of an earlier request does not count for this one.
 TEST_F(ConntrackRecordExchangeTest, AnswerToAnotherRequest) {
   CallHook hook(wrapped::mnl_socket_recvfrom, [](const mnl_socket*, void* data, size_t) {
-    return write_answer(data, NLMSG_ERROR, 1, kPort);
+    nlmsghdr header{NLMSG_LENGTH(sizeof(nlmsgerr)), NLMSG_ERROR, 0, 1, 4711};
+    std::memset(data, 0, header.nlmsg_len);
+    std::memcpy(data, &header, sizeof(header));
+    return static_cast<ssize_t>(header.nlmsg_len);
   });
   EXPECT_EQ(create(), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
@@ -192,22 +150,19 @@ TEST_F(ConntrackRecordExchangeTest, AnswerToAnotherRequest) {
                                                      "Protocol error")));
 }
 
-TEST_F(ConntrackRecordExchangeTest, AnswerHasAPageOrEightKilobytes) {
-  size_t room = 0;
-  CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t size) {
-    room = size;
-    return write_answer(data, NLMSG_ERROR, last_sequence(), kPort);
-  });
-  EXPECT_EQ(create(), 0);
-  EXPECT_EQ(room, static_cast<size_t>(std::min(sysconf(_SC_PAGESIZE), 8192L)));
-}
-
 TEST_F(ConntrackRecordExchangeTest, ReadsOnUntilTheAnswerEnds) {
   int reads = 0;
   CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t size) {
     EXPECT_GE(size, 4096u);
+    const bool last = ++reads == 3;
     // Notices first, then the acknowledgement.
-    return write_answer(data, ++reads == 3 ? NLMSG_ERROR : NLMSG_NOOP, last_sequence(), kPort);
+    const nlmsghdr sent = header_of(network_.conntrack_requests.back());
+    nlmsghdr header{last ? static_cast<uint32_t>(NLMSG_LENGTH(sizeof(nlmsgerr))) : NLMSG_HDRLEN,
+                    static_cast<uint16_t>(last ? NLMSG_ERROR : NLMSG_NOOP), 0, sent.nlmsg_seq,
+                    4711};
+    std::memset(data, 0, header.nlmsg_len);
+    std::memcpy(data, &header, sizeof(header));
+    return static_cast<ssize_t>(header.nlmsg_len);
   });
   EXPECT_EQ(create(), 0);
   EXPECT_EQ(reads, 3);
@@ -217,6 +172,32 @@ TEST_F(ConntrackRecordExchangeTest, EndOfTheSocketIsNoError) {
   CallHook hook(wrapped::mnl_socket_recvfrom,
                 [](const mnl_socket*, void*, size_t) { return ssize_t{0}; });
   EXPECT_EQ(create(), 0);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(ConntrackRecordExchangeTest, UnparsableIpv6AddressSendsNothing) {
+  context_.ipv6 = 1;
+  const auto message = LoggedError("inet_pton() failed.\nError message: Success");
+  EXPECT_EQ(create_conntrack_record("nonsense", "2001:db8:7::7", context_), -1);
+  EXPECT_THAT(log_records(), ElementsAre(message));
+  EXPECT_EQ(create_conntrack_record("2001:db8::1", "probe.example", context_), -1);
+  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", context_), -1);
+  EXPECT_THAT(log_records(), ElementsAre(message, message, message));
+  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
+  EXPECT_EQ(call_count("mnl_socket_close"), 3);
+  EXPECT_EQ(create6(), 0);
+}
+
+TEST_F(ConntrackRecordExchangeTest, SourceIsParsedFirst) {
+  context_.ipv6 = 1;
+  EXPECT_EQ(create_conntrack_record("nonsense", "more nonsense", context_), -1);
+  EXPECT_THAT(log_records(), SizeIs(1));
+}
+
+TEST_F(ConntrackRecordExchangeTest, FailuresAreSilentWithoutTheFlag) {
+  set_log_flag(1, false);
+  network_.conntrack_answer = EEXIST;
+  EXPECT_EQ(create(), -1);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 

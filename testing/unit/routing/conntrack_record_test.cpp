@@ -1,10 +1,9 @@
-// The request to the connection tracker, byte for byte.
+// The request to the connection tracker, byte for byte, and the socket that it goes through.
 #include "routing/conntrack_record.h"
 
 #include <linux/netfilter/nfnetlink_conntrack.h>
+#include <linux/netlink.h>
 #include <unistd.h>
-
-#include <map>
 
 #include "support/conntrack_fixture.h"
 
@@ -16,8 +15,7 @@ using testing::SizeIs;
 namespace {
 
 using Bytes = FakeNetwork::Bytes;
-
-class ConntrackRecordTest : public ConntrackFixture {};
+using ConntrackRecordTest = ConntrackFixture;
 
 // The attributes of a request by their path of types: "1.2.4" is the fourth of the second of the
 // first.
@@ -118,21 +116,70 @@ TEST_F(ConntrackRecordTest, AddressIsNotCheckedForIpv4) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
-TEST_F(ConntrackRecordTest, UnparsableIpv6AddressSendsNothing) {
-  context_.ipv6 = 1;
-  const auto message = LoggedError("inet_pton() failed.\nError message: Success");
-  EXPECT_EQ(create_conntrack_record("nonsense", "2001:db8:7::7", context_), -1);
-  EXPECT_THAT(log_records(), ElementsAre(message));
-  EXPECT_EQ(create_conntrack_record("2001:db8::1", "probe.example", context_), -1);
-  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", context_), -1);
-  EXPECT_THAT(log_records(), ElementsAre(message, message, message));
-  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
-  EXPECT_EQ(call_count("mnl_socket_close"), 3);
+// The socket.
+
+TEST_F(ConntrackRecordTest, SocketIsOpenedOnceAndKept) {
+  int bus = -1;
+  int flags = 0;
+  CallHook open(wrapped::mnl_socket_open2, [&](int of_bus, int with_flags) {
+    bus = of_bus;
+    flags = with_flags;
+    static char socket[64];
+    return reinterpret_cast<mnl_socket*>(socket);
+  });
+  unsigned groups = 1;
+  pid_t port = -1;
+  CallHook bind(wrapped::mnl_socket_bind, [&](mnl_socket*, unsigned to_groups, pid_t pid) {
+    groups = to_groups;
+    port = pid;
+    return 0;
+  });
+  EXPECT_EQ(create(), 0);
+  EXPECT_EQ(create(), 0);
   EXPECT_EQ(create6(), 0);
+  EXPECT_EQ(call_count("mnl_socket_open2"), 1);
+  EXPECT_EQ(call_count("mnl_socket_bind"), 1);
+  EXPECT_EQ(call_count("mnl_socket_close"), 0);
+  EXPECT_EQ(bus, NETLINK_NETFILTER);
+  EXPECT_EQ(flags, SOCK_CLOEXEC);
+  EXPECT_EQ(groups, 0u);
+  EXPECT_EQ(port, MNL_SOCKET_AUTOPID);
 }
 
-TEST_F(ConntrackRecordTest, SourceIsParsedFirst) {
-  context_.ipv6 = 1;
-  EXPECT_EQ(create_conntrack_record("nonsense", "more nonsense", context_), -1);
-  EXPECT_THAT(log_records(), SizeIs(1));
+TEST_F(ConntrackRecordTest, EachVrfHasItsOwn) {
+  EXPECT_EQ(create(), 0);
+  LBWorkerContext other;
+  other.vrf = unused_name("vrf");
+  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", other), 0);
+  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
+  Fault fault("nfct_new", ENOMEM);
+  EXPECT_EQ(create_conntrack_record("192.0.2.1", "198.51.100.7", other), -1);
+}
+
+TEST_F(ConntrackRecordTest, SocketThatCannotBeOpened) {
+  {
+    Fault fault("mnl_socket_open2", EPROTONOSUPPORT);
+    EXPECT_EQ(create(), -1);
+    EXPECT_EQ(create(), -1);
+  }
+  const auto message = LoggedError(
+      "<create_conntrack_record> mnl_socket_open: Protocol not "
+      "supported");
+  EXPECT_THAT(log_records(), ElementsAre(message, message));
+  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
+  EXPECT_EQ(call_count("mnl_socket_close"), 0);
+  EXPECT_EQ(create(), 0);
+}
+
+TEST_F(ConntrackRecordTest, SocketThatCannotBeBound) {
+  {
+    Fault fault("mnl_socket_bind", EADDRINUSE);
+    EXPECT_EQ(create(), -1);
+  }
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_bind: "
+                                                     "Address already in use")));
+  EXPECT_EQ(call_count("mnl_socket_close"), 1);
+  EXPECT_THAT(network_.conntrack_requests, IsEmpty());
+  EXPECT_EQ(create(), 0);
+  EXPECT_EQ(call_count("mnl_socket_open2"), 2);
 }

@@ -1,10 +1,7 @@
-// The connection tracker's end of a netlink socket.
+// Records of the connection tracker, made for a VRF of the test's own in a fake network.
 #pragma once
 
-#include <linux/netlink.h>
-
-#include <cerrno>
-#include <cstring>
+#include <gmock/gmock.h>
 
 #include "routing/conntrack_record.h"
 #include "support/echo_fixture.h"
@@ -33,16 +30,6 @@ class ConntrackFixture : public testing::Test {
     EXPECT_GE(request.size(), sizeof(header));
     std::memcpy(&header, request.data(), sizeof(header));
     return header;
-  }
-  uint32_t last_sequence() const { return header_of(network_.conntrack_requests.back()).nlmsg_seq; }
-
-  // Writes an answer without an error code, or of no payload; its size.
-  static ssize_t write_answer(void* data, uint16_t type, uint32_t sequence, uint32_t port) {
-    const size_t payload = type == NLMSG_ERROR ? sizeof(nlmsgerr) : 0;
-    const nlmsghdr header{static_cast<uint32_t>(NLMSG_LENGTH(payload)), type, 0, sequence, port};
-    std::memset(data, 0, header.nlmsg_len);
-    std::memcpy(data, &header, sizeof(header));
-    return static_cast<ssize_t>(header.nlmsg_len);
   }
 
   FakeNetwork network_;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "support/broken_mutex.h"
 #include "support/fake_network.h"
 #include "support/recorded_log.h"
 #include "support/virtual_clock/virtual_clock.h"
@@ -110,6 +111,12 @@ class EchoFixture : public testing::Test {
     network_.options.clear();
   }
 
+  // Tests by the thousand would use up the descriptors.
+  ~EchoFixture() override {
+    network_.end_threads();
+    for (const Family* family : {&kIpv4, &kIpv6}) close_sockets(*family, ifname_);
+  }
+
   // A test of this family's type, bound to the interface.
   std::unique_ptr<typename EchoKit<IpVersion>::Test> make_test(
       const std::string& target = EchoKit<IpVersion>::kTarget) {
@@ -124,14 +131,11 @@ class EchoFixture : public testing::Test {
 
   // The mutex of the interface's sockets, made by the first acquire.
   pthread_mutex_t* acquire_mutex() {
-    pthread_mutex_t* made = nullptr;
-    CallHook hook(wrapped::pthread_mutex_init,
-                  [&](pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
-                    made = mutex;
-                    return wrapped::pthread_mutex_init.real(mutex, attributes);
-                  });
-    sockets();
-    return made;
+    return mutex_made_by([this] { sockets(); });
+  }
+
+  static auto logged_mutex_failure(const char* operation, const char* call, int rc) {
+    return LoggedError(mutex_failure(operation, call, IpVersion::kFamily.name, rc));
   }
 
   std::optional<ProbesInFlight::Entry> probe_to(const std::string& target) {

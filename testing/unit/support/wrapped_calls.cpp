@@ -1,5 +1,6 @@
 #include "support/wrapped_calls.h"
 
+#include <chrono>
 #include <cstdlib>
 
 #include "support/test_start.h"
@@ -92,6 +93,17 @@ void WrappedCallBase::set_fault(int error, int skip, int times) {
 void WrappedCallBase::clear_fault() {
   SpinLockHolder holder(lock_);
   faulty_.store(false, std::memory_order_release);
+}
+
+void WrappedCallBase::wait_for_callers(const std::atomic<int>& callers) const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (callers.load() > 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      std::fprintf(stderr, "a thread stays inside the hook of %s\n", name_);
+      std::abort();
+    }
+    sched_yield();
+  }
 }
 
 WrappedCallBase& wrapped_call(std::string_view name) {

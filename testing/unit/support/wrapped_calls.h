@@ -6,13 +6,13 @@
 //
 //   Fault fault("socket", EMFILE);                      // every call, as long as `fault` lives
 //   Fault fault("bind", EACCES, /*skip=*/1, /*times=*/1);  // the second call only
-//   CallHook hook(wrapped::sendto, [&](int fd, const void* data, ...) { ...; return
-//   wrapped::sendto.real(...); }); EXPECT_EQ(call_count("close"), 1);                  // since the
-//   test started
+//   CallHook hook(wrapped::sendto, [&](int fd, ...) { ...; return wrapped::sendto.real(...); });
+//   EXPECT_EQ(call_count("close"), 1);                     // since the test started
 //
-// A fault comes before a hook. Both apply to all threads. googletest itself goes through the wraps
-// as well: while a fault of a pthread_mutex call lives, use no mock and expect a failing assertion
-// to abort. Calls made inside shared libraries (libc's own, say) are not seen.
+// A fault comes before a hook. Both apply to all threads. A hook inside another one's life takes
+// its place until it goes. googletest itself goes through the wraps as well: while a fault of a
+// pthread_mutex call lives, use no mock and expect a failing assertion to abort. Calls made inside
+// shared libraries (libc's own, say) are not seen.
 #pragma once
 
 #include <arpa/inet.h>
@@ -36,7 +36,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -64,6 +63,9 @@ class WrappedCallBase {
  protected:
   // Notes a call; true when it has to fail, with the error in `*error`.
   bool take_fault(int* error);
+
+  // Ends the program when they stay inside for 20 s: a thread waits there that nobody ends.
+  void wait_for_callers(const std::atomic<int>& callers) const;
 
   std::atomic<bool> hooked_{false};
   SpinLock lock_;
@@ -96,19 +98,37 @@ class WrappedCall<Result(Arguments...)> : public WrappedCallBase {
     int error = 0;
     if (take_fault(&error)) return failure(error);
     if (!hooked_.load(std::memory_order_acquire)) return real_(arguments...);
-    std::shared_ptr<const Function> hook;
-    {
-      SpinLockHolder holder(lock_);
-      hook = hook_;
-    }
-    return hook == nullptr ? real_(arguments...) : (*hook)(arguments...);
+    const Visit visit(*this);
+    return visit.hook == nullptr ? real_(arguments...) : visit.hook->function(arguments...);
   }
 
-  void set_hook(Function function) {
-    auto hook = function ? std::make_shared<const Function>(std::move(function)) : nullptr;
+  // A function in the call's place, and how many threads are inside it.
+  struct Hook {
+    Function function;
+    std::atomic<int> callers{0};
+    Hook* outer = nullptr;  // whose place it has taken
+  };
+
+  void add_hook(Hook& hook) {
     SpinLockHolder holder(lock_);
-    hooked_.store(hook != nullptr, std::memory_order_release);
-    hook_.swap(hook);
+    hook.outer = std::exchange(innermost_, &hook);
+    hooked_.store(true, std::memory_order_release);
+  }
+
+  // A hook for the rest of the process, which is about to end.
+  void set_hook(Function function) { add_hook(*new Hook{std::move(function)}); }
+
+  // The hook that was there before takes its place again. Waits until no thread is inside `hook`,
+  // whose owner may then let go what it refers to.
+  void remove_hook(Hook& hook) {
+    {
+      SpinLockHolder holder(lock_);
+      Hook** place = &innermost_;
+      while (*place != &hook) place = &(*place)->outer;
+      *place = hook.outer;
+      hooked_.store(innermost_ != nullptr, std::memory_order_release);
+    }
+    wait_for_callers(hook.callers);
   }
 
  private:
@@ -123,9 +143,25 @@ class WrappedCall<Result(Arguments...)> : public WrappedCallBase {
     return Result();
   }
 
+  // A thread's way through the innermost hook, if there is one still.
+  struct Visit {
+    explicit Visit(WrappedCall& call) {
+      SpinLockHolder holder(call.lock_);
+      hook = call.innermost_;
+      if (hook != nullptr) ++hook->callers;
+    }
+    ~Visit() {
+      if (hook != nullptr) --hook->callers;
+    }
+    Visit(const Visit&) = delete;
+    Visit& operator=(const Visit&) = delete;
+
+    Hook* hook = nullptr;
+  };
+
   Pointer real_;
   FailureForm form_;
-  std::shared_ptr<const Function> hook_;
+  Hook* innermost_ = nullptr;
 };
 
 namespace wrapped {
@@ -154,19 +190,22 @@ class Fault {
   WrappedCallBase& call_;
 };
 
-// Puts a function in the place of a call while it lives. A call that is under way in another thread
-// when the hook goes still finishes in the hook: join such threads first.
+// Puts a function in the place of a call while it lives, and its end waits for the threads that are
+// inside the function: what it refers to must live longer than the hook, and no longer. A thread
+// that waits inside without end has to be ended first.
 template <typename Signature>
 class CallHook {
  public:
   template <typename Function>
-  CallHook(WrappedCall<Signature>& call, Function function) : call_(call) {
-    call_.set_hook(std::move(function));
+  CallHook(WrappedCall<Signature>& call, Function function)
+      : call_(call), hook_{std::move(function)} {
+    call_.add_hook(hook_);
   }
-  ~CallHook() { call_.set_hook(nullptr); }
+  ~CallHook() { call_.remove_hook(hook_); }
   CallHook(const CallHook&) = delete;
   CallHook& operator=(const CallHook&) = delete;
 
  private:
   WrappedCall<Signature>& call_;
+  typename WrappedCall<Signature>::Hook hook_;
 };

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <thread>
 
 #include "platform/clock.h"
@@ -71,6 +72,41 @@ TEST(WrappedCallsTest, HookReplacesTheCall) {
   EXPECT_EQ(sent, "abc");
 }
 
+TEST(WrappedCallsTest, HookGivesItsPlaceBack) {
+  CallHook outer(wrapped::if_nametoindex, [](const char*) { return 1u; });
+  {
+    CallHook inner(wrapped::if_nametoindex, [](const char*) { return 2u; });
+    EXPECT_EQ(if_nametoindex("lo"), 2u);
+  }
+  EXPECT_EQ(if_nametoindex("lo"), 1u);
+}
+
+TEST(WrappedCallsTest, HookEndsAfterTheThreadsInsideIt) {
+  std::atomic<bool> inside{false};
+  std::atomic<bool> left{false};
+  std::thread caller;
+  {
+    CallHook hook(wrapped::if_nametoindex, [&](const char*) {
+      inside = true;
+      std::this_thread::sleep_for(50ms);
+      left = true;
+      return 1u;
+    });
+    caller = std::thread([] { if_nametoindex("lo"); });
+    while (!inside) std::this_thread::yield();
+  }
+  EXPECT_TRUE(left);
+  caller.join();
+}
+
+TEST(WrappedCallsTest, HookThatThrowsIsLeft) {
+  const auto call = [] {
+    CallHook hook(wrapped::if_nametoindex, [](const char*) -> unsigned { throw 1; });
+    if_nametoindex("lo");
+  };
+  EXPECT_THROW(call(), int);
+}
+
 TEST(WrappedCallsTest, ReachTheCallsOfOtherThreads) {
   Fault fault("socket", EMFILE);
   int result = 0;
@@ -101,6 +137,26 @@ TEST(VirtualClockTest, MovesOnlyWhenTold) {
   sleep_for({2, 0});
   EXPECT_EQ(monotonic_now().tv_sec, before.tv_sec + 3);
   EXPECT_THAT(virtual_clock::sleeps(), ElementsAre(2s));
+}
+
+TEST(VirtualClockTest, ActionEndsAfterTheThreadsInsideIt) {
+  std::atomic<bool> inside{false};
+  std::atomic<bool> left{false};
+  std::thread sleeper;
+  {
+    const virtual_clock::SleepHook hook([&](std::chrono::nanoseconds) {
+      inside = true;
+      std::this_thread::sleep_for(50ms);
+      left = true;
+    });
+    sleeper = std::thread([] { sleep_for({1, 0}); });
+    while (!inside) std::this_thread::yield();
+  }
+  EXPECT_TRUE(left);
+  sleeper.join();
+  left = false;
+  sleep_for({1, 0});
+  EXPECT_FALSE(left);
 }
 
 TEST_F(TemporaryDirectoryTest, HoldsFiles) {

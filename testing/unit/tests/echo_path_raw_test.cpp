@@ -1,9 +1,8 @@
-// The raw path: what goes through the ICMP socket, and its failures.
+// The raw path: what goes through the ICMP socket, and how names are resolved.
 #include <unistd.h>
 
 #include "packets/icmp_echo.h"
-#include "support/echo_fixture.h"
-#include "support/recorded_device.h"
+#include "support/echo_path_fixture.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -12,28 +11,9 @@ using testing::IsEmpty;
 namespace {
 
 template <class IpVersion>
-class EchoPathRawTest : public EchoFixture<IpVersion> {
+class EchoPathRawTest : public EchoPathFixture<IpVersion> {
  protected:
   EchoPathRawTest() { this->network_.no_arp = true; }
-
-  // Sends one probe to `target`; true when something went out. Its key is in `key_`.
-  bool send(const std::string& target = EchoKit<IpVersion>::kTarget) {
-    const size_t before = this->network_.sent.size();
-    if (test_ == nullptr) test_ = this->make_test(target);
-    test_->set_target(target);
-    test_->send(this->interface_, this->worker_);
-    const auto entry = this->probe_to(target);
-    EXPECT_TRUE(entry.has_value());
-    if (!entry) return false;
-    key_ = static_cast<uint32_t>(entry->key);
-    this->probes().erase(entry->key);
-    return this->network_.sent.size() > before;
-  }
-
-  const FakeNetwork::Datagram& sent() { return this->network_.sent.back(); }
-
-  std::unique_ptr<typename EchoKit<IpVersion>::Test> test_;
-  uint32_t key_ = 0;
 };
 
 using EchoPathRaw4Test = EchoPathRawTest<Ipv4>;
@@ -141,75 +121,6 @@ TYPED_TEST(EchoPathRawTest, NeedsNoNeighbourAndNoTrackingRecord) {
   EXPECT_THAT(this->network_.conntrack_requests, IsEmpty());
 }
 
-TYPED_TEST(EchoPathRawTest, NameThatCannotBeResolved) {
-  EXPECT_FALSE(this->send("nowhere.example"));
-  EXPECT_THAT(this->network_.resolved, ElementsAre("nowhere.example"));
-  if (TypeParam::kFamily.ipv6) {
-    EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("Error in resolving configured hostname: "
-                                                         "nowhere.example")));
-  } else {
-    EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error in resolving configured "
-                                                       "hostname: nowhere.example")));
-  }
-}
-
-TYPED_TEST(EchoPathRawTest, ResolvingFailureHasAFlagOfItsOwn) {
-  set_log_flag(TypeParam::kFamily.ipv6 ? 2 : 1, false);
-  EXPECT_FALSE(this->send("nowhere.example"));
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
-TYPED_TEST(EchoPathRawTest, AddressOfTheOtherFamilyIsNotResolved) {
-  EXPECT_FALSE(this->send(TypeParam::kFamily.ipv6 ? "192.0.2.7" : "2001:db8::7"));
-  EXPECT_EQ(log_records().size(), 1u);
-}
-
-TYPED_TEST(EchoPathRawTest, NameIsResolvedBeforeTheSocketIsBound) {
-  EXPECT_FALSE(this->send("nowhere.example"));
-  const auto names = this->network_.option_names(this->sockets()->send_socket.get());
-  EXPECT_THAT(names, testing::Not(testing::Contains(SO_BINDTODEVICE)));
-}
-
-TYPED_TEST(EchoPathRawTest, InterfaceThatTheSocketCannotBeBoundTo) {
-  recorded_device::name_interface(this->ifname_, "ge1/2");
-  const auto test = this->make_test("warm-up");  // makes the sockets
-  clear_log();
-  {
-    Fault fault("setsockopt", ENODEV);
-    EXPECT_FALSE(this->send());
-  }
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError(TypeParam::kFamily.ipv6
-                                          ? "wan_lb: failure to bind to interface (ipv6): ge1/2"
-                                          : "wan_lb: failure to bind to interface: ge1/2")));
-}
-
-TYPED_TEST(EchoPathRawTest, InterfaceWithoutADeviceName) {
-  recorded_device::name_interface(this->ifname_, "");
-  const auto test = this->make_test("warm-up");
-  clear_log();
-  {
-    Fault fault("setsockopt", ENODEV);
-    EXPECT_FALSE(this->send());
-  }
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError(TypeParam::kFamily.ipv6
-                                  ? "wan_lb: failure to bind to interface (ipv6): unknown interface"
-                                  : "wan_lb: failure to bind to interface: unknown interface")));
-}
-
-TYPED_TEST(EchoPathRawTest, FailuresAreDebugNewsToo) {
-  const std::string packet = EchoKit<TypeParam>::kPacket;
-  set_log_flag(1, false);
-  set_log_flag(3, true);
-  const auto test = this->make_test("warm-up");
-  Fault fault("setsockopt", ENODEV);
-  EXPECT_FALSE(this->send());
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 19")));
-}
-
 TYPED_TEST(EchoPathRawTest, LongAnswersOfTheResolverFit) {
   std::vector<size_t> sizes;
   CallHook hook(wrapped::gethostbyname2_r, [&](const char*, int family, hostent* entry,
@@ -246,15 +157,6 @@ TYPED_TEST(EchoPathRawTest, EndlessAnswersOfTheResolverAreGivenUp) {
   EXPECT_EQ(log_records().size(), 1u);
 }
 
-TEST_F(EchoPathRaw4Test, NameIsResolvedAndThenRefused) {
-  network_.known_hosts["probe.example"] = {"192.0.2.77"};
-  EXPECT_FALSE(send("probe.example"));
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("inet_aton() failed: Invalid argument")));
-  // The socket was bound first.
-  EXPECT_THAT(network_.option_names(sockets()->send_socket.get()),
-              testing::Contains(SO_BINDTODEVICE));
-}
-
 TEST_F(EchoPathRaw4Test, NameFailsEachTimeByTimeOut) {
   network_.known_hosts["probe.example"] = {"192.0.2.77"};
   const auto test = make_test("probe.example");
@@ -279,14 +181,4 @@ TEST_F(EchoPathRaw6Test, NameIsProbedAtItsFirstAddress) {
   inet_pton(AF_INET6, "2001:db8::77", &first);
   EXPECT_EQ(std::memcmp(&destination.sin6_addr, &first, sizeof(first)), 0);
   EXPECT_THAT(log_records(), IsEmpty());
-}
-
-TYPED_TEST(EchoPathRawTest, NeedsAnInterfaceName) {
-  this->interface_.origin.clear();
-  const auto test = this->make_test();
-  test->send(this->interface_, this->worker_);
-  EXPECT_THAT(this->network_.sent, IsEmpty());
-  EXPECT_THAT(this->network_.resolved, IsEmpty());
-  EXPECT_THAT(log_records(), IsEmpty());
-  this->probes().erase(this->probes().find("", EchoKit<TypeParam>::kTarget)->key);
 }

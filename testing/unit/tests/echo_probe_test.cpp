@@ -1,6 +1,5 @@
-// Starting a probe: target and gateway, one at a time, its key and its record, the way out.
-#include "support/echo_fixture.h"
-#include "support/recorded_device.h"
+// Starting a probe: one at a time, its key and its record, the way out.
+#include "support/echo_send_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -9,23 +8,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Sends by the raw path, unless a test says otherwise.
 template <class IpVersion>
-class EchoProbeTest : public EchoFixture<IpVersion> {
+class EchoProbeTest : public EchoSendFixture<IpVersion> {
  protected:
-  EchoProbeTest() { this->network_.no_arp = true; }
-
-  ~EchoProbeTest() override {
-    for (const std::string& target : targets_) {
-      while (const auto left = this->probe_to(target)) this->probes().erase(left->key);
-    }
-  }
-
-  void send(typename EchoKit<IpVersion>::Test& test) {
-    test.send(this->interface_, this->worker_);
-    targets_.push_back(test.report().target);
-  }
-
   uint32_t sent_key(size_t index) const {
     const auto& bytes = this->network_.sent.at(index).bytes;
     const bool framed = bytes.size() > 40;
@@ -40,14 +25,13 @@ class EchoProbeTest : public EchoFixture<IpVersion> {
     this->network_.on_frame = [&left](const FakeNetwork::Bytes&) { left = monotonic_now(); };
     const auto test = this->make_test();
     const timespec entered = monotonic_now();
-    send(*test);
+    this->send(*test);
+    this->network_.on_frame = nullptr;
     const auto entry = this->probe_to(EchoKit<IpVersion>::kTarget);
     ASSERT_TRUE(entry.has_value());
     EXPECT_GE(elapsed_milliseconds(entered, left), 700);
     EXPECT_EQ(elapsed_milliseconds(entry->probe.sent_at, left), 0);
   }
-
-  std::vector<std::string> targets_;
 };
 
 }  // namespace
@@ -164,138 +148,30 @@ TYPED_TEST(EchoProbeTest, RecordUnderTheSameKeyIsKept) {
   this->probes().erase(100);
 }
 
-// Target and gateway.
-
-TYPED_TEST(EchoProbeTest, GatewayIsTheTargetWhereNoneIsConfigured) {
-  using Kit = EchoKit<TypeParam>;
-  const auto test = this->make_test("");
-  this->send(*test);
-  EXPECT_TRUE(this->probe_to(Kit::kGateway).has_value());
-  EXPECT_EQ(test->get_description(), std::string("ping\tTarget: ") + Kit::kGateway);
-  EXPECT_EQ(test->report().target, Kit::kGateway);
-  EXPECT_EQ(test->describe(), std::string("target: ") + Kit::kGateway + ", resp_time: 5000");
-}
-
-TYPED_TEST(EchoProbeTest, GatewayAsTargetStartsAsFailed) {
-  const auto test = this->make_test("");
-  EXPECT_THAT(this->state().target_results, IsEmpty());
-  this->send(*test);
-  EXPECT_THAT(this->state().target_results, ElementsAre(Pair(EchoKit<TypeParam>::kGateway, -1)));
-}
-
-TYPED_TEST(EchoProbeTest, GatewayAsTargetAddsNothingToOtherResults) {
-  {
-    MutexLock lock(this->interface_.mutex);
-    this->interface_.state.target_results["other"] = 0;
-  }
-  const auto test = this->make_test("");
-  this->send(*test);
-  EXPECT_THAT(this->state().target_results, ElementsAre(Pair("other", 0)));
-}
-
-TYPED_TEST(EchoProbeTest, ConfiguredTargetStartsWithoutAResult) {
-  const auto test = this->make_test();
-  this->send(*test);
-  EXPECT_THAT(this->state().target_results, IsEmpty());
-}
-
-TYPED_TEST(EchoProbeTest, NoTargetAndNoGatewaySendNothing) {
-  this->interface_.nexthop.clear();
-  const auto test = this->make_test("");
-  const int32_t key = this->probes().next_key();
-  this->send(*test);
-  EXPECT_THAT(this->network_.sent, IsEmpty());
-  EXPECT_EQ(test->get_description(), "ping\tTarget: ");
-  EXPECT_EQ(test->report().target, "");
-  EXPECT_THAT(this->state().target_results, IsEmpty());
-  EXPECT_EQ(this->probes().next_key(), (key + 1) % 32767);
-}
-
-TYPED_TEST(EchoProbeTest, LearntNextHopIsKeptAsTargetForGood) {
-  using Kit = EchoKit<TypeParam>;
-  for (const char* word : {"dhcp", "tunnel"}) {
-    LBInterface interface(unused_name("lb"), TypeParam::kFamily.ipv6);
-    interface.nexthop = word;
-    const auto test = std::make_unique<typename Kit::Test>();
-    test->init(interface);
-    const auto set_next_hop = [&](const char* address) {
-      MutexLock lock(interface.mutex);
-      interface.state.nexthop_address = address;
-    };
-
-    test->send(interface, this->worker_);  // nothing learnt yet
-    EXPECT_EQ(test->report().target, "") << word;
-
-    set_next_hop(Kit::kGateway);
-    test->send(interface, this->worker_);
-    const auto entry = this->probes().find(interface.origin, Kit::kGateway);
-    ASSERT_TRUE(entry.has_value()) << word;
-    this->probes().erase(entry->key);
-
-    set_next_hop(Kit::kOtherGateway);
-    test->send(interface, this->worker_);
-    EXPECT_EQ(test->report().target, Kit::kGateway) << word;
-    EXPECT_FALSE(this->probes().find(interface.origin, Kit::kOtherGateway).has_value()) << word;
-    const auto again = this->probes().find(interface.origin, Kit::kGateway);
-    ASSERT_TRUE(again.has_value()) << word;
-    this->probes().erase(again->key);
-
-    set_next_hop("");
-    test->send(interface, this->worker_);
-    this->probes().erase(this->probes().find(interface.origin, Kit::kGateway)->key);
-  }
-}
-
-TYPED_TEST(EchoProbeTest, OtherWordsAreGatewaysAsTheyStand) {
-  for (const char* word : {"DHCP", "dhcp ", "tunnel0"}) {
-    this->interface_.nexthop = word;
-    const auto test = this->make_test("");
-    this->send(*test);
-    EXPECT_EQ(test->report().target, word);
-  }
-}
-
 // The interface's mutex.
 
 TYPED_TEST(EchoProbeTest, NothingIsSentWithoutTheMutex) {
-  const std::string family = TypeParam::kFamily.name;
-  pthread_mutex_t* const broken = this->acquire_mutex();
+  pthread_mutex_t* const mutex = this->acquire_mutex();
   const auto test = this->make_test();
   {
-    CallHook hook(wrapped::pthread_mutex_lock, [broken](pthread_mutex_t* mutex) {
-      if (mutex != broken) return wrapped::pthread_mutex_lock.real(mutex);
-      errno = EAGAIN;
-      return EINVAL;
-    });
+    BrokenLock broken(mutex, EINVAL);
     this->send(*test);
   }
   EXPECT_THAT(this->network_.sent, IsEmpty());
   EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<send> pthread_mutex_lock for " + family +
-                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("send", "lock", EINVAL)));
 }
 
 TYPED_TEST(EchoProbeTest, ProbeIsTakenBackWhenTheMutexStaysLocked) {
-  const std::string family = TypeParam::kFamily.name;
-  pthread_mutex_t* const broken = this->acquire_mutex();
+  pthread_mutex_t* const mutex = this->acquire_mutex();
   const auto test = this->make_test();
   {
-    CallHook hook(wrapped::pthread_mutex_unlock, [broken](pthread_mutex_t* mutex) {
-      const int result = wrapped::pthread_mutex_unlock.real(mutex);
-      if (mutex != broken) return result;
-      errno = EAGAIN;
-      return EPERM;
-    });
+    BrokenUnlock broken(mutex, EPERM);
     this->send(*test);
   }
   EXPECT_THAT(this->network_.sent, IsEmpty());
   EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<send> pthread_mutex_unlock for " + family +
-                                      " failed!!!!! rc = 1, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("send", "unlock", EPERM)));
   this->send(*test);  // the next cycle works again
   EXPECT_EQ(this->network_.sent.size(), 1u);
 }
@@ -346,39 +222,6 @@ TYPED_TEST(EchoProbeTest, FlagThatCouldNotBeReadIsAskedForAgain) {
 
 // Failures.
 
-TYPED_TEST(EchoProbeTest, FailedSendingIsDebugNews) {
-  const std::string packet = EchoKit<TypeParam>::kPacket;
-  const auto test = this->make_test();
-  Fault fault("sendto", EPERM);
-  this->send(*test);
-  EXPECT_THAT(log_records(), IsEmpty());  // the flag of level 3 is off
-
-  set_log_flag(3, true);
-  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
-  this->send(*test);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 1")));
-}
-
-TYPED_TEST(EchoProbeTest, FailedFramesAreDebugNewsToo) {
-  const std::string packet = EchoKit<TypeParam>::kPacket;
-  this->network_.no_arp = false;
-  set_log_flag(3, true);
-  const auto test = this->make_test();
-  Fault fault("sendto", ENOBUFS);
-  this->send(*test);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedDebug("wan_lb: error on sending " + packet + " packet: 105")));
-}
-
-TYPED_TEST(EchoProbeTest, UnreachableNetworkIsNoNews) {
-  set_log_flag(3, true);
-  const auto test = this->make_test();
-  Fault fault("sendto", ENETUNREACH);
-  this->send(*test);
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
 TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   using Kit = EchoKit<TypeParam>;
   const auto test = this->make_test();
@@ -397,20 +240,4 @@ TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   test->recv(this->interface_, this->worker_);
   EXPECT_EQ(test->report().result, 2);
   EXPECT_THAT(this->state().failure_counts, ElementsAre(Pair(Kit::kTarget, 1)));
-}
-
-TYPED_TEST(EchoProbeTest, WorkerOfTheOtherFamilySendsNothing) {
-  this->worker_.ipv6 = !TypeParam::kFamily.ipv6;
-  for (const bool no_arp : {true, false}) {
-    {
-      MutexLock lock(this->interface_.mutex);
-      this->interface_.state.no_arp = no_arp;
-    }
-    const auto test = this->make_test(no_arp ? "raw" : "framed");
-    this->send(*test);
-    EXPECT_TRUE(this->probe_to(test->report().target).has_value());
-  }
-  EXPECT_THAT(this->network_.sent, IsEmpty());
-  EXPECT_THAT(this->network_.resolved, IsEmpty());
-  EXPECT_THAT(log_records(), IsEmpty());
 }

@@ -1,6 +1,5 @@
-// What all tests share: the binding, the settling of the probe in flight, the descriptions.
+// What all tests share: the settling of the probe in flight.
 #include "support/echo_fixture.h"
-#include "support/recorded_device.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -56,13 +55,9 @@ class ProbeBaseTest : public EchoFixture<IpVersion> {
   int32_t key_ = 0;
 };
 
-template <class IpVersion>
-class ProbeBaseStatusTest : public EchoFixture<IpVersion> {};
-
 }  // namespace
 
 TYPED_TEST_SUITE(ProbeBaseTest, BothFamilies, FamilyName);
-TYPED_TEST_SUITE(ProbeBaseStatusTest, BothFamilies, FamilyName);
 
 TYPED_TEST(ProbeBaseTest, WaitsForTheWholeResponseTime) {
   this->recv();
@@ -196,15 +191,10 @@ TYPED_TEST(ProbeBaseTest, WorkerOfTheOtherFamilyDoesNothing) {
 }
 
 TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
-  const std::string family = TypeParam::kFamily.name;
   virtual_clock::advance(5001ms);
   int unlocks = 0;
   {
-    CallHook lock(wrapped::pthread_mutex_lock, [this](pthread_mutex_t* mutex) {
-      if (mutex != this->mutex_) return wrapped::pthread_mutex_lock.real(mutex);
-      errno = EAGAIN;
-      return EINVAL;
-    });
+    BrokenLock broken(this->mutex_, EINVAL);
     CallHook unlock(wrapped::pthread_mutex_unlock, [&](pthread_mutex_t* mutex) {
       if (mutex == this->mutex_) ++unlocks;
       return wrapped::pthread_mutex_unlock.real(mutex);
@@ -213,29 +203,17 @@ TYPED_TEST(ProbeBaseTest, WorksOnUnlockedWhenTheMutexFails) {
   }
   this->expect_failed();
   EXPECT_EQ(unlocks, 0);
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<recv> pthread_mutex_lock for " + family +
-                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("recv", "lock", EINVAL)));
 }
 
 TYPED_TEST(ProbeBaseTest, UnlockFailureIsLogged) {
-  const std::string family = TypeParam::kFamily.name;
   this->probes().mark_answered(this->key_);
   {
-    CallHook unlock(wrapped::pthread_mutex_unlock, [this](pthread_mutex_t* mutex) {
-      const int result = wrapped::pthread_mutex_unlock.real(mutex);
-      if (mutex != this->mutex_) return result;
-      errno = EAGAIN;
-      return EPERM;
-    });
+    BrokenUnlock broken(this->mutex_, EPERM);
     this->recv();
   }
   this->expect_succeeded();
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<recv> pthread_mutex_unlock for " + family +
-                                      " failed!!!!! rc = 1, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("recv", "unlock", EPERM)));
 }
 
 // The outcome is reported and the probe removed in one step towards the receiver.
@@ -264,53 +242,4 @@ TYPED_TEST(ProbeBaseTest, HoldsTheMutexWhileItSettles) {
   EXPECT_FALSE(held);
   EXPECT_TRUE(in_flight_at_lock);
   EXPECT_FALSE(in_flight_at_unlock);
-}
-
-TYPED_TEST(ProbeBaseStatusTest, Defaults) {
-  const typename EchoKit<TypeParam>::Test test;
-  const TestReport report = test.report();
-  EXPECT_EQ(report.target, "");
-  EXPECT_EQ(report.description, "");
-  EXPECT_EQ(report.result, 0);
-  EXPECT_EQ(report.resp_time, 5000);
-  EXPECT_FALSE(report.measurement.has_value());
-  EXPECT_STREQ(test.type_name(), "ping");
-  EXPECT_EQ(test.describe(), "target: , resp_time: 5000");
-}
-
-TYPED_TEST(ProbeBaseStatusTest, DescriptionIsTheTypeNameUntilTheFirstSend) {
-  const auto test = this->make_test();
-  EXPECT_EQ(test->get_description(), "ping");
-  EXPECT_EQ(test->report().description, "ping");
-}
-
-TYPED_TEST(ProbeBaseStatusTest, SecondInitKeepsTheDescription) {
-  this->network_.no_arp = true;
-  const auto test = this->make_test();
-  test->send(this->interface_, this->worker_);
-  const std::string before = test->get_description();
-  test->init(this->interface_);
-  EXPECT_EQ(test->get_description(), before);
-  EXPECT_EQ(before, std::string("ping\tTarget: ") + EchoKit<TypeParam>::kTarget);
-  this->probes().erase(this->probe_to(EchoKit<TypeParam>::kTarget)->key);
-}
-
-TYPED_TEST(ProbeBaseStatusTest, ResponseTimeIsShownUnsigned) {
-  const auto test = this->make_test("there");
-  test->set_number(TestKeyword::kResponseTime, 4294967295u);
-  EXPECT_EQ(test->describe(), "target: there, resp_time: 4294967295");
-  test->set_number(TestKeyword::kResponseTime, 700);
-  EXPECT_EQ(test->describe(), "target: there, resp_time: 700");
-}
-
-TYPED_TEST(ProbeBaseStatusTest, RecvWithNothingInFlightStartsTheReceiverOnly) {
-  const auto test = this->make_test();
-  test->recv(this->interface_, this->worker_);
-  EXPECT_EQ(call_count("pthread_create"), 1);
-  EXPECT_NE(this->sockets()->receiver_state, ReceiverState::kAbsent);
-  EXPECT_EQ(test->report().result, 0);
-  EXPECT_THAT(this->state().failure_counts, IsEmpty());
-  EXPECT_THAT(this->state().success_counts, IsEmpty());
-  EXPECT_THAT(log_records(), IsEmpty());
-  this->network_.end_threads();
 }

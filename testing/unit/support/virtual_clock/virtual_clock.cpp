@@ -1,5 +1,6 @@
 #include "support/virtual_clock/virtual_clock.h"
 
+#include <memory>
 #include <utility>
 
 #include "platform/clock.h"
@@ -19,7 +20,7 @@ struct Clock {
   nanoseconds monotonic = kMonotonicStart;
   nanoseconds wall = kWallStart;
   std::vector<nanoseconds> sleeps;
-  std::function<void(nanoseconds)> on_sleep;
+  std::shared_ptr<std::function<void(nanoseconds)>> on_sleep;
 };
 
 Clock& the_clock() {
@@ -43,7 +44,7 @@ void reset_clock() {
   clock.monotonic = kMonotonicStart;
   clock.wall = kWallStart;
   clock.sleeps.clear();
-  clock.on_sleep = nullptr;
+  clock.on_sleep.reset();
 }
 
 const AtTestStart reset_at_test_start(&reset_clock);
@@ -64,7 +65,7 @@ timespec wall_now() {
 
 void sleep_for(timespec duration) {
   Clock& clock = the_clock();
-  std::function<void(nanoseconds)> action;
+  std::shared_ptr<std::function<void(nanoseconds)>> action;
   {
     SpinLockHolder holder(clock.lock);
     clock.monotonic += to_duration(duration);
@@ -72,7 +73,7 @@ void sleep_for(timespec duration) {
     clock.sleeps.push_back(to_duration(duration));
     action = clock.on_sleep;
   }
-  if (action) action(to_duration(duration));
+  if (action) (*action)(to_duration(duration));
 }
 
 namespace virtual_clock {
@@ -103,9 +104,15 @@ std::vector<nanoseconds> sleeps() {
 }
 
 void on_sleep(std::function<void(nanoseconds)> action) {
+  using Action = std::function<void(nanoseconds)>;
+  std::shared_ptr<Action> replaced = action ? std::make_shared<Action>(std::move(action)) : nullptr;
   Clock& clock = the_clock();
-  SpinLockHolder holder(clock.lock);
-  clock.on_sleep = std::move(action);
+  {
+    SpinLockHolder holder(clock.lock);
+    clock.on_sleep.swap(replaced);
+  }
+  // A sleeper that is inside holds it too.
+  while (replaced.use_count() > 1) sched_yield();
 }
 
 }  // namespace virtual_clock

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <ctime>
 #include <functional>
+#include <utility>
 #include <vector>
 
 namespace virtual_clock {
@@ -22,7 +23,19 @@ void set_wall(timespec now);
 std::vector<std::chrono::nanoseconds> sleeps();
 
 // sleep_for moves the clocks on by its duration and returns; `action` then runs in the sleeping
-// thread (to end a loop by an exception, to wake something up). Empty: nothing more happens.
+// thread (to end a loop by an exception, to wake something up). Empty: nothing more happens. Waits
+// for the threads that are inside the action before.
 void on_sleep(std::function<void(std::chrono::nanoseconds)> action);
+
+// An action that refers to a test's objects: on_sleep for as long as it lives.
+class SleepHook {
+ public:
+  explicit SleepHook(std::function<void(std::chrono::nanoseconds)> action) {
+    on_sleep(std::move(action));
+  }
+  ~SleepHook() { on_sleep({}); }
+  SleepHook(const SleepHook&) = delete;
+  SleepHook& operator=(const SleepHook&) = delete;
+};
 
 }  // namespace virtual_clock

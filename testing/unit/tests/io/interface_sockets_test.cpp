@@ -172,38 +172,22 @@ TYPED_TEST(InterfaceSocketsTest, EndOfATestThatWasNeverBoundClosesNothing) {
 }
 
 TYPED_TEST(InterfaceSocketsTest, LockFailuresAreLogged) {
-  const std::string family = TypeParam::kFamily.name;
   pthread_mutex_t* const mutex = this->acquire_mutex();
   ASSERT_NE(mutex, nullptr);
   InterfaceMutex& lock = this->sockets()->mutex;
   {
-    CallHook hook(wrapped::pthread_mutex_lock, [mutex](pthread_mutex_t* locked) {
-      if (locked != mutex) return wrapped::pthread_mutex_lock.real(locked);
-      errno = EAGAIN;
-      return EINVAL;
-    });
+    BrokenLock broken(mutex, EINVAL);
     EXPECT_FALSE(lock.lock("recv"));
   }
-  EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("<recv> pthread_mutex_lock for " + family +
-                                      " failed!!!!! rc = 22, errno = 11 (Resource temporarily "
-                                      "unavailable)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("recv", "lock", EINVAL)));
   clear_log();
   EXPECT_TRUE(lock.lock("send"));
   EXPECT_THAT(log_records(), IsEmpty());
   {
-    CallHook hook(wrapped::pthread_mutex_unlock, [mutex](pthread_mutex_t* unlocked) {
-      const int result = wrapped::pthread_mutex_unlock.real(unlocked);
-      if (unlocked != mutex) return result;
-      errno = ENOENT;
-      return EPERM;
-    });
+    BrokenUnlock broken(mutex, EPERM);
     EXPECT_FALSE(lock.unlock("send"));
   }
-  EXPECT_THAT(
-      log_records(),
-      ElementsAre(LoggedError("<send> pthread_mutex_unlock for " + family +
-                              " failed!!!!! rc = 1, errno = 2 (No such file or directory)")));
+  EXPECT_THAT(log_records(), ElementsAre(this->logged_mutex_failure("send", "unlock", EPERM)));
 }
 
 // A system without a protocols database, or with one of its own.

@@ -2,31 +2,25 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <linux/if_ether.h>
 
-#include "support/fake_kernel.h"
-#include "support/recorded_log.h"
-#include "tests/io/packet_socket.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
+#include "support/fake_network.h"
 
 namespace {
 
 class LinkInfoTest : public testing::Test {
  protected:
   void expect_one_socket(int domain, int type, int protocol) {
-    ASSERT_EQ(kernel_.opened().size(), 1u);
-    const FakeKernel::Opened& opened = kernel_.opened()[0];
+    ASSERT_EQ(network_.sockets.size(), 1u);
+    const FakeNetwork::Socket& opened = network_.sockets[0];
     EXPECT_EQ(opened.domain, domain);
-    EXPECT_EQ(opened.type, type | SOCK_CLOEXEC);
+    EXPECT_EQ(opened.type, type);
+    EXPECT_TRUE(opened.close_on_exec);
     EXPECT_EQ(opened.protocol, protocol);
     EXPECT_EQ(fcntl(opened.fd, F_GETFD), -1) << "left open";
   }
 
-  FakeKernel kernel_;
+  FakeNetwork network_;
 };
 
 }  // namespace
@@ -34,17 +28,17 @@ class LinkInfoTest : public testing::Test {
 TEST_F(LinkInfoTest, HardwareAddressThroughARawSocket) {
   const auto answer = hardware_address(LinkSocket::kRawIpv4, "eth0");
   EXPECT_TRUE(answer.answered());
-  EXPECT_EQ(answer.value, kOwnMac);
+  EXPECT_EQ(answer.value, network_.own_mac);
   expect_one_socket(AF_INET, SOCK_RAW, 255);
 }
 
 TEST_F(LinkInfoTest, HardwareAddressThroughAPacketSocket) {
-  EXPECT_EQ(hardware_address(LinkSocket::kPacket, "eth0").value, kOwnMac);
+  EXPECT_EQ(hardware_address(LinkSocket::kPacket, "eth0").value, network_.own_mac);
   expect_one_socket(AF_PACKET, SOCK_RAW, htons(3));
 }
 
 TEST_F(LinkInfoTest, FailuresTellHowFarTheQuestionCame) {
-  kernel_.hardware_address_error = ENODEV;
+  network_.ioctl_errors[SIOCGIFHWADDR] = ENODEV;
   const auto refused = hardware_address(LinkSocket::kPacket, "eth0");
   EXPECT_EQ(refused.step, LinkStep::kIoctlFailed);
   EXPECT_EQ(refused.error, ENODEV);
@@ -56,62 +50,28 @@ TEST_F(LinkInfoTest, FailuresTellHowFarTheQuestionCame) {
 
 TEST_F(LinkInfoTest, LongNameIsCut) {
   hardware_address(LinkSocket::kPacket, std::string(100, 'x'));
-  ASSERT_EQ(kernel_.interface_requests.size(), 1u);
-  EXPECT_EQ(std::string(kernel_.interface_requests[0].ifr_name), std::string(15, 'x'));
+  ASSERT_EQ(network_.interface_requests.size(), 1u);
+  EXPECT_EQ(std::string(network_.interface_requests[0].ifr_name), std::string(15, 'x'));
 }
 
 TEST_F(LinkInfoTest, OwnAddress) {
-  inet_aton("192.0.2.1", &kernel_.own_address);
+  network_.own_address = "192.0.2.81";
   const auto answer = own_ipv4_address("eth0");
   EXPECT_TRUE(answer.answered());
-  EXPECT_EQ(answer.value.s_addr, inet_addr("192.0.2.1"));
+  EXPECT_EQ(answer.value.s_addr, inet_addr("192.0.2.81"));
   expect_one_socket(AF_INET, SOCK_DGRAM, 0);
-  kernel_.address_error = EADDRNOTAVAIL;
+  network_.ioctl_errors[SIOCGIFADDR] = EADDRNOTAVAIL;
   EXPECT_EQ(own_ipv4_address("eth0").error, EADDRNOTAVAIL);
 }
 
 TEST_F(LinkInfoTest, NoArpFlag) {
-  kernel_.flags = IFF_UP | IFF_NOARP;
+  network_.no_arp = true;
   EXPECT_EQ(no_arp_flag("tun0"), true);
   expect_one_socket(AF_INET, SOCK_DGRAM, 0);
-  kernel_.flags = IFF_UP;
+  network_.no_arp = false;
   EXPECT_EQ(no_arp_flag("eth0"), false);
-  kernel_.flags_error = ENODEV;
+  network_.ioctl_errors[SIOCGIFFLAGS] = ENODEV;
   EXPECT_EQ(no_arp_flag("eth0"), std::nullopt);
   Fault fault("socket", EMFILE);
   EXPECT_EQ(no_arp_flag("eth0"), std::nullopt);
-}
-
-TEST_F(LinkInfoTest, FrameGoesToTheLinkLayerAddress) {
-  const MacAddress to{6, 5, 4, 3, 2, 1};
-  const Bytes frame{1, 2, 3};
-  EXPECT_EQ(send_link_frame(5, 9, to, frame), 3);
-  ASSERT_EQ(kernel_.frames.size(), 1u);
-  EXPECT_EQ(kernel_.frames[0].fd, 5);
-  EXPECT_EQ(kernel_.frames[0].bytes, frame);
-  EXPECT_EQ(kernel_.frames[0].destination_size, 20u);
-  const sockaddr_ll& address = kernel_.frames[0].destination;
-  EXPECT_EQ(address.sll_family, 17);
-  EXPECT_EQ(address.sll_protocol, 0);
-  EXPECT_EQ(address.sll_ifindex, 9);
-  EXPECT_EQ(address.sll_hatype, 0);
-  EXPECT_EQ(address.sll_pkttype, 0);
-  EXPECT_EQ(address.sll_halen, 6);
-  EXPECT_THAT(address.sll_addr, ElementsAre(6, 5, 4, 3, 2, 1, 0, 0));
-}
-
-TEST_F(LinkInfoTest, SendOnlySocketQueuesNothing) {
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
-  ASSERT_TRUE(fd.valid());
-  EXPECT_EQ(kernel_.opened()[0].protocol, htons(3));
-  kernel_.deliver(htons(ETH_P_ALL), Bytes(60));
-  char byte;
-  EXPECT_EQ(recv(fd.get(), &byte, 1, MSG_DONTWAIT), -1);
-  EXPECT_EQ(errno, EAGAIN);
-}
-
-TEST_F(LinkInfoTest, SendOnlySocketWithoutFilterStillSends) {
-  Fault fault("setsockopt", EPERM);
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
-  EXPECT_TRUE(fd.valid());
 }

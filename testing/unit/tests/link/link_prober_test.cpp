@@ -1,70 +1,24 @@
-// A prober's sockets and receiver from start to end: started anew with a VRF's next prober, how the
-// receiver listens, what ends it, and that nothing is left open.
+// What both probers do alike in their worker: the socket and the lock of a VRF, its
+// receiver, and the addresses that are waited for.
+#include "tests/link/link_prober.h"
+
 #include <dirent.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <linux/if_ether.h>
 
-#include "support/fake_kernel.h"
-#include "support/recorded_log.h"
-#include "support/route_answers.h"
-#include "support/virtual_clock/virtual_clock.h"
-#include "tests/link/arp_prober.h"
-#include "tests/link/neighbor_prober.h"
+#include "support/link_fixture.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 namespace {
 
-struct Arp {
-  using Prober = LBArp;
-  static void start(LBArp& prober) { prober.received_arp(); }
-  static void request(LBArp& prober) { prober.send_arp(); }
-  static int receive_protocol() { return htons(0x0806); }
-  static constexpr const char* kTarget = "192.0.2.9";
-  static constexpr const char* kSource = "192.0.2.1";
-
-  static Bytes reply() {
-    Bytes frame(42);
-    frame[12] = 0x08, frame[13] = 0x06, frame[21] = 2;
-    frame[28] = 192, frame[29] = 0, frame[30] = 2, frame[31] = 9;
-    return frame;
-  }
-};
-
-struct Neighbor {
-  using Prober = LBNeighbor;
-  static void start(LBNeighbor& prober) { prober.receive_reply(); }
-  static void request(LBNeighbor& prober) { prober.send_solicit(); }
-  static int receive_protocol() { return htons(0x0003); }
-  static constexpr const char* kTarget = "fe80::9";
-  static constexpr const char* kSource = "fe80::1";
-
-  static Bytes reply(uint8_t last_byte_of_target = 9) {
-    Bytes frame(86);
-    frame[12] = 0x86, frame[13] = 0xdd, frame[54] = 136;
-    frame[62] = 0xfe, frame[63] = 0x80, frame[77] = last_byte_of_target;
-    return frame;
-  }
-};
-
 template <class Kind>
-class LinkProberTest : public testing::Test {
+class LinkProberTest : public LinkFixture<Kind> {
  protected:
-  LinkProberTest() { kernel_.netlink_answers = {error_message(0)}; }
+  LinkProberTest() : prober_(this->make_prober()) {}
 
-  static std::string vrf() { return testing::UnitTest::GetInstance()->current_test_info()->name(); }
-
-  std::unique_ptr<typename Kind::Prober> make_prober() {
-    auto prober = std::make_unique<typename Kind::Prober>();
-    prober->init(vrf());
-    prober->set_target(Kind::kTarget, Kind::kSource, "eth0");
-    return prober;
-  }
-
-  FakeKernel kernel_;
+  std::unique_ptr<typename Kind::Prober> prober_;
 };
 
 int open_descriptors() {
@@ -75,27 +29,123 @@ int open_descriptors() {
   return count;
 }
 
-using Kinds = testing::Types<Arp, Neighbor>;
-
 }  // namespace
 
-TYPED_TEST_SUITE(LinkProberTest, Kinds);
+TYPED_TEST_SUITE(LinkProberTest, BothKinds, KindName);
+
+TYPED_TEST(LinkProberTest, InitOpensASocketForSending) {
+  ASSERT_EQ(this->network_.sockets.size(), 1u);
+  const FakeNetwork::Socket& opened = this->network_.sockets[0];
+  EXPECT_EQ(opened.domain, AF_PACKET);
+  EXPECT_EQ(opened.type, SOCK_RAW);
+  EXPECT_EQ(opened.protocol, htons(3));
+  EXPECT_TRUE(opened.close_on_exec);
+  this->prober_.reset();
+  EXPECT_EQ(fcntl(opened.fd, F_GETFD), -1) << "the destructor closes it";
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TYPED_TEST(LinkProberTest, InitWithoutSocket) {
+  typename TypeParam::Prober prober;
+  Fault fault("socket", EMFILE);
+  prober.init("no-socket");
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError(TypeParam::kNoSendSocket)));
+  // The lock works all the same.
+  EXPECT_EQ(prober.lock_mutex(), 0);
+  EXPECT_EQ(prober.unlock_mutex(), 0);
+}
+
+TYPED_TEST(LinkProberTest, InitWithoutMutex) {
+  {
+    Fault fault("pthread_mutex_init", ENOMEM);
+    CallHook hook(wrapped::setsockopt, [](int, int, int, const void*, socklen_t) {
+      errno = EAGAIN;
+      return 0;
+    });
+    this->prober_->init("no-mutex");
+  }
+  EXPECT_THAT(log_records(), ElementsAre(LoggedError(TypeParam::kNoMutex)));
+  EXPECT_EQ(this->prober_->lock_mutex(), -1);
+  EXPECT_EQ(this->prober_->unlock_mutex(), -1);
+}
+
+// The lock.
+
+TYPED_TEST(LinkProberTest, FailedLockIsLogged) {
+  int result = 0;
+  {
+    BrokenLock broken(this->handshake_, EDEADLK);
+    result = this->prober_->lock_mutex();
+  }
+  EXPECT_EQ(result, -1);
+  EXPECT_THAT(log_records(),
+              ElementsAre(this->logged_mutex_failure("lock_mutex", "lock", EDEADLK)));
+  EXPECT_EQ(this->prober_->lock_mutex(), 0);
+}
+
+TYPED_TEST(LinkProberTest, FailedUnlockIsLogged) {
+  ASSERT_EQ(this->prober_->lock_mutex(), 0);
+  int result = 0;
+  {
+    BrokenUnlock broken(this->handshake_, EPERM);
+    result = this->prober_->unlock_mutex();
+  }
+  EXPECT_EQ(result, -1);
+  EXPECT_THAT(log_records(),
+              ElementsAre(this->logged_mutex_failure("unlock_mutex", "unlock", EPERM)));
+}
+
+TYPED_TEST(LinkProberTest, FailedDestructionIsLogged) {
+  {
+    CallHook hook(wrapped::pthread_mutex_destroy, [this](pthread_mutex_t* mutex) {
+      if (mutex != this->handshake_) return wrapped::pthread_mutex_destroy.real(mutex);
+      errno = EAGAIN;
+      return EINVAL;
+    });
+    this->prober_.reset();
+  }
+  EXPECT_THAT(log_records(),
+              ElementsAre(this->logged_mutex_failure(TypeParam::kDestructor, "destroy", EINVAL)));
+}
+
+TYPED_TEST(LinkProberTest, HeldLockCannotBeDestroyed) {
+  ASSERT_EQ(this->prober_->lock_mutex(), 0);
+  errno = 0;
+  this->prober_.reset();
+  EXPECT_THAT(log_records(),
+              ElementsAre(this->logged_mutex_failure(TypeParam::kDestructor, "destroy", EBUSY, 0)));
+}
+
+// The receivers of a VRF.
+
+TYPED_TEST(LinkProberTest, ReceiverIsStartedOncePerVrf) {
+  const auto other = this->make_prober();
+  TypeParam::start(*this->prober_);
+  TypeParam::start(*this->prober_);
+  TypeParam::start(*other);
+  EXPECT_EQ(call_count("pthread_create"), 1);
+  EXPECT_EQ(call_count("pthread_detach"), 1);
+  typename TypeParam::Prober elsewhere;
+  elsewhere.init("elsewhere");
+  TypeParam::start(elsewhere);
+  EXPECT_EQ(call_count("pthread_create"), 2);
+  this->network_.end_threads();
+}
 
 // A worker that is started anew is not left without a receiver.
 TYPED_TEST(LinkProberTest, InitialisingTheVrfAgainAllowsAnotherReceiver) {
-  auto first = this->make_prober();
-  TypeParam::start(*first);
+  TypeParam::start(*this->prober_);
   EXPECT_EQ(call_count("pthread_create"), 1);
-  auto second = this->make_prober();
+  const auto second = this->make_prober();
   TypeParam::start(*second);
   EXPECT_EQ(call_count("pthread_create"), 2);
-  TypeParam::start(*first);
+  TypeParam::start(*this->prober_);
   EXPECT_EQ(call_count("pthread_create"), 2);
+  this->network_.end_threads();
 }
 
 TYPED_TEST(LinkProberTest, FailedInitialisingDoesNot) {
-  auto first = this->make_prober();
-  TypeParam::start(*first);
+  TypeParam::start(*this->prober_);
   typename TypeParam::Prober second;
   {
     Fault fault("socket", EMFILE);
@@ -103,109 +153,59 @@ TYPED_TEST(LinkProberTest, FailedInitialisingDoesNot) {
   }
   TypeParam::start(second);
   EXPECT_EQ(call_count("pthread_create"), 1);
+  this->network_.end_threads();
 }
 
-TYPED_TEST(LinkProberTest, ReceiverListensOnARawPacketSocketWithoutATimeLimit) {
-  auto prober = this->make_prober();
-  std::atomic<int> limit{0};
-  std::atomic<int> events{0};
-  std::atomic<int> waited_on{-1};
-  CallHook hook(wrapped::poll, [&](pollfd* fds, nfds_t count, int timeout) {
-    EXPECT_EQ(count, 1u);
-    waited_on = fds->fd;
-    events = fds->events;
-    limit = timeout;
-    return 0;
-  });
-  TypeParam::start(*prober);
-  this->kernel_.finish_receivers();
-  const FakeKernel::Opened& socket = this->kernel_.opened().back();
-  EXPECT_EQ(socket.domain, AF_PACKET);
-  EXPECT_EQ(socket.type & ~SOCK_CLOEXEC, SOCK_RAW);
-  EXPECT_EQ(socket.protocol, TypeParam::receive_protocol());
-  EXPECT_EQ(waited_on, socket.fd);
-  EXPECT_EQ(events, POLLIN);
-  EXPECT_EQ(limit, -1);
+// Watched targets.
+
+TYPED_TEST(LinkProberTest, TargetsAreOverwrittenAndNeverRemoved) {
+  this->prober_->set_target("a", "s", "eth0");
+  this->prober_->set_target("b", "s", "eth1");
+  this->prober_->set_target("a", "s", "eth2");
+  EXPECT_THAT(this->prober_->targets().snapshot(),
+              ElementsAre(testing::Pair("a", "eth2"), testing::Pair("b", "eth1")));
 }
 
-TYPED_TEST(LinkProberTest, ReceiverTakesFramesOfUpTo65535Bytes) {
-  auto prober = this->make_prober();
-  std::atomic<size_t> room{0};  // of the first read: the kernel's answers are read too
-  CallHook hook(wrapped::recv, [&](int fd, void* data, size_t size, int flags) {
-    size_t none = 0;
-    room.compare_exchange_strong(none, size);
-    return wrapped::recv.real(fd, data, size, flags);
-  });
-  TypeParam::start(*prober);
-  ASSERT_EQ(prober->lock_mutex(), 0);
-  prober->unlock_mutex();
-  this->kernel_.deliver(TypeParam::receive_protocol(), TypeParam::reply());
-  this->kernel_.finish_receivers();
-  EXPECT_EQ(room, 65535u);
+TYPED_TEST(LinkProberTest, OtherFramesChangeNothing) {
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  Bytes request = TypeParam::reply();
+  request[TypeParam::kOperation] = TypeParam::kRequestCode;
+  EXPECT_TRUE(this->handle(*this->prober_, request));
+  Bytes other_type = TypeParam::reply();
+  other_type[13] ^= 0x06;
+  EXPECT_TRUE(this->handle(*this->prober_, other_type));
+  EXPECT_TRUE(this->handle(*this->prober_, {}));
+  EXPECT_THAT(this->prober_->targets().snapshot(), SizeIs(1));
+  EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(7)));  // nobody watches it
+  EXPECT_EQ(TypeParam::entries(this->network_), 0u);
+  EXPECT_THAT(this->prober_->targets().snapshot(),
+              testing::UnorderedElementsAre(testing::Pair(TypeParam::kTarget, "eth0"),
+                                            testing::Pair(TypeParam::kOther, "")));
 }
 
 // Each operation closes what it opens, whether it succeeds or fails.
 TYPED_TEST(LinkProberTest, NothingIsLeftOpen) {
-  const auto prober = this->make_prober();
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
   const auto run = [&] {
-    // The fake kernel keeps the far end of each socket.
-    const auto opened_before = static_cast<int>(this->kernel_.opened().size());
+    // The fake network keeps the far end of each socket.
+    const auto opened_before = static_cast<int>(this->network_.sockets.size());
     const int before = open_descriptors();
     {
       CapturedStderr output;  // holds descriptors itself
-      TypeParam::request(*prober);
+      TypeParam::request(*this->prober_);
     }
     if constexpr (std::is_same_v<TypeParam, Arp>) {
       MacAddress mac;
-      prober->check_arp_exist();
-      prober->get_mac(mac);
+      this->prober_->check_arp_exist();
+      this->prober_->get_mac(mac);
     }
-    const auto opened = static_cast<int>(this->kernel_.opened().size()) - opened_before;
+    const auto opened = static_cast<int>(this->network_.sockets.size()) - opened_before;
     EXPECT_GT(opened, 0);
     return open_descriptors() - before - opened;
   };
   EXPECT_EQ(run(), 0);
-  this->kernel_.arp_query_error = 0;
+  TypeParam::learn(this->network_);
   EXPECT_EQ(run(), 0);
-  this->kernel_.arp_query_error = ENODEV;
-  this->kernel_.hardware_address_error = EPERM;
+  this->network_.ioctl_errors = {{SIOCGARP, ENODEV}, {SIOCGIFHWADDR, EPERM}};
   EXPECT_EQ(run(), 0);
-}
-
-TEST(LinkProberNeighborTest, AdvertisementWithoutTextEndsTheReceiver) {
-  FakeKernel kernel;
-  LBNeighbor prober;
-  prober.init("neighbor-no-text");
-  prober.receive_reply();
-  ASSERT_EQ(prober.lock_mutex(), 0);
-  prober.unlock_mutex();
-  CapturedStderr output;
-  Fault fault("inet_ntop", ENOSPC, 0, 1);
-  kernel.deliver(Neighbor::receive_protocol(), Neighbor::reply(1));
-  kernel.deliver(Neighbor::receive_protocol(), Neighbor::reply(2));
-  kernel.finish_receivers();
-  EXPECT_EQ(output.text(), "inet_ntop() failed.\nError message: No space left on device");
-  EXPECT_EQ(call_count("recv"), 1);
-  EXPECT_THAT(prober.targets().snapshot(), IsEmpty());
-  EXPECT_EQ(fcntl(kernel.opened().back().fd, F_GETFD), -1) << "the socket is closed";
-  EXPECT_THAT(log_records(), IsEmpty());
-}
-
-// What the kernel refuses is no reason to stop listening.
-TEST(LinkProberNeighborTest, RefusedEntryIsFollowedByTheNext) {
-  FakeKernel kernel;
-  kernel.netlink_answers = {error_message(-EEXIST)};
-  LBNeighbor prober;
-  prober.init("neighbor-refused");
-  prober.set_target("fe80::1", "fe80::9", "eth0");
-  prober.set_target("fe80::2", "fe80::9", "eth0");
-  prober.receive_reply();
-  ASSERT_EQ(prober.lock_mutex(), 0);
-  prober.unlock_mutex();
-  kernel.deliver(Neighbor::receive_protocol(), Neighbor::reply(1));
-  kernel.deliver(Neighbor::receive_protocol(), Neighbor::reply(2));
-  kernel.finish_receivers();
-  EXPECT_THAT(kernel.netlink_requests, testing::SizeIs(2));
-  EXPECT_THAT(log_records(), ElementsAre(LoggedError("RTNETLINK answers: File exists\n"),
-                                         LoggedError("RTNETLINK answers: File exists\n")));
 }

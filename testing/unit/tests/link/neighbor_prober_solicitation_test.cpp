@@ -1,20 +1,14 @@
 // Where a solicitation's destination comes from, and failures that leave it unsent.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "support/fake_kernel.h"
-#include "support/recorded_log.h"
-#include "support/route_answers.h"
-#include "tests/link/neighbor_prober.h"
+#include "support/link_fixture.h"
 
 using testing::IsEmpty;
 
 namespace {
 
-class NeighborProberSolicitationTest : public testing::Test {
+class NeighborProberSolicitationTest : public LinkFixture<Neighbor> {
  protected:
   NeighborProberSolicitationTest() {
-    prober_.init(testing::UnitTest::GetInstance()->current_test_info()->name());
+    prober_.init(vrf());
     prober_.set_target("2001:db8::1:2:3", "2001:db8::9", "eth0");
   }
 
@@ -24,7 +18,6 @@ class NeighborProberSolicitationTest : public testing::Test {
     return output.text();
   }
 
-  FakeKernel kernel_;
   LBNeighbor prober_;
 };
 
@@ -36,8 +29,8 @@ TEST_F(NeighborProberSolicitationTest, PrefixIsThatOfTheResolvedAddress) {
     return wrapped::getaddrinfo.real("ff05:0:1::aabb:ccdd:eeff", service, hints, result);
   });
   EXPECT_EQ(solicit(), "");
-  ASSERT_EQ(kernel_.frames.size(), 1u);
-  const Bytes& frame = kernel_.frames[0].bytes;
+  ASSERT_EQ(network_.sent.size(), 1u);
+  const Bytes& frame = network_.sent[0].bytes;
   // All but the last three bytes, which are the target's.
   EXPECT_EQ(Bytes(frame.begin() + 38, frame.begin() + 54),
             address_bytes("ff05:0:1::aabb:cc02:0003"));
@@ -51,7 +44,7 @@ TEST_F(NeighborProberSolicitationTest, PrefixThatIsNoAddress) {
     return static_cast<const char*>(std::strcpy(text, "nonsense"));
   });
   EXPECT_EQ(solicit(), "inet_pton() failed.\nError message: Success");
-  EXPECT_THAT(kernel_.frames, IsEmpty());
+  EXPECT_THAT(network_.sent, IsEmpty());
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -76,14 +69,14 @@ TEST_F(NeighborProberSolicitationTest, SocketComesBackWithTheNextInit) {
     Fault fault("sendto", ENETDOWN);
     solicit();
   }
-  prober_.init(testing::UnitTest::GetInstance()->current_test_info()->name());
+  prober_.init(vrf());
   EXPECT_EQ(solicit(), "");
-  EXPECT_EQ(kernel_.frames.size(), 1u);
+  EXPECT_EQ(network_.sent.size(), 1u);
 }
 
 TEST_F(NeighborProberSolicitationTest, LongInterfaceNameIsCut) {
   prober_.set_target("2001:db8::1", "2001:db8::9", "an-interface-name-too-long");
   EXPECT_EQ(solicit(), "");
-  ASSERT_EQ(kernel_.interface_requests.size(), 1u);
-  EXPECT_STREQ(kernel_.interface_requests[0].ifr_name, "an-interface-na");
+  ASSERT_EQ(network_.interface_requests.size(), 1u);
+  EXPECT_STREQ(network_.interface_requests[0].ifr_name, "an-interface-na");
 }

@@ -4,7 +4,8 @@
 
 #include "packets/packet_reader.h"
 #include "packets/route_message.h"
-#include "support/fake_kernel.h"
+#include "support/captured_stderr.h"
+#include "support/fake_network.h"
 #include "support/recorded_log.h"
 #include "support/route_answers.h"
 #include "tests/link/route_netlink.h"
@@ -21,31 +22,32 @@ class RouteNetlinkTest : public testing::Test {
  protected:
   // The one socket that was opened is a route-netlink socket, and it is closed again.
   void expect_socket_closed() {
-    ASSERT_EQ(kernel_.opened().size(), 1u);
-    EXPECT_EQ(kernel_.opened()[0].domain, AF_NETLINK);
-    EXPECT_EQ(kernel_.opened()[0].type & ~SOCK_CLOEXEC, SOCK_RAW);
-    EXPECT_EQ(kernel_.opened()[0].protocol, NETLINK_ROUTE);
-    EXPECT_EQ(fcntl(kernel_.opened()[0].fd, F_GETFD), -1);
+    ASSERT_EQ(network_.sockets.size(), 1u);
+    const FakeNetwork::Socket& socket = network_.sockets[0];
+    EXPECT_EQ(socket.domain, AF_NETLINK);
+    EXPECT_EQ(socket.type, SOCK_RAW);
+    EXPECT_EQ(socket.protocol, NETLINK_ROUTE);
+    EXPECT_EQ(fcntl(socket.fd, F_GETFD), -1);
   }
 
-  FakeKernel kernel_;
+  FakeNetwork network_;
 };
 
 }  // namespace
 
 TEST_F(RouteNetlinkTest, LookUpSendsADumpRequest) {
-  kernel_.netlink_answers = {done()};
+  network_.netlink_answers = {done()};
   MacAddress mac{};
   EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0);
-  ASSERT_EQ(kernel_.netlink_requests.size(), 1u);
-  EXPECT_THAT(kernel_.netlink_buffers, ElementsAre(2u));
+  ASSERT_EQ(network_.netlink_requests.size(), 1u);
+  EXPECT_THAT(network_.netlink_buffers, ElementsAre(2u));
   Bytes expected = netlink_message(30, 28);  // RTM_GETNEIGH
   set(expected, 6, uint16_t{0x0301});        // request, root, match
   expected[16] = 10;                         // family AF_INET6
-  EXPECT_EQ(kernel_.netlink_requests[0], expected);
+  EXPECT_EQ(network_.netlink_requests[0], expected);
   // Bound and sent to: the kernel, no groups.
-  ASSERT_EQ(kernel_.netlink_addresses.size(), 2u);
-  for (const sockaddr_nl& address : kernel_.netlink_addresses) {
+  ASSERT_EQ(network_.netlink_addresses.size(), 2u);
+  for (const sockaddr_nl& address : network_.netlink_addresses) {
     EXPECT_EQ(address.nl_family, 16);
     EXPECT_EQ(address.nl_pid, 0u);
     EXPECT_EQ(address.nl_groups, 0u);
@@ -57,7 +59,8 @@ TEST_F(RouteNetlinkTest, LookUpSendsADumpRequest) {
 TEST_F(RouteNetlinkTest, LookUpFindsTheEntryInALaterRead) {
   Bytes broken = entry(kTarget, MacAddress{9, 9, 9, 9, 9, 9});
   set(broken, 0, uint32_t{1000});
-  kernel_.netlink_answers = {entry("2001:db8::2", kOwnMac), broken, entry(kTarget, kMac), done()};
+  network_.netlink_answers = {entry("2001:db8::2", network_.own_mac), broken, entry(kTarget, kMac),
+                              done()};
   MacAddress mac{};
   EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 1);
   EXPECT_EQ(mac, kMac);
@@ -65,21 +68,21 @@ TEST_F(RouteNetlinkTest, LookUpFindsTheEntryInALaterRead) {
 }
 
 TEST_F(RouteNetlinkTest, EntryWithoutAPlaceForItsAddressIsAFailure) {
-  kernel_.netlink_answers = {entry(kTarget, kMac), done()};
+  network_.netlink_answers = {entry(kTarget, kMac), done()};
   EXPECT_EQ(get_neighbor_mac(kTarget, nullptr), -1);
   expect_socket_closed();
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(RouteNetlinkTest, AnswerWithoutTheTargetIsZero) {
-  kernel_.netlink_answers = {entry("2001:db8::2", kMac), entry(kTarget, std::nullopt), done()};
+  network_.netlink_answers = {entry("2001:db8::2", kMac), entry(kTarget, std::nullopt), done()};
   MacAddress mac{1, 2, 3, 4, 5, 6};
   EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0);
   EXPECT_EQ(mac, (MacAddress{1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(RouteNetlinkTest, RefusalIsLogged) {
-  kernel_.netlink_answers = {error_message(-EPERM)};
+  network_.netlink_answers = {error_message(-EPERM)};
   MacAddress mac{};
   EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
   EXPECT_THAT(log_records(),
@@ -112,7 +115,7 @@ TEST_F(RouteNetlinkTest, NoSending) {
 
 TEST_F(RouteNetlinkTest, InterruptedReceivingIsRetried) {
   for (const int error : {EINTR, EAGAIN}) {
-    kernel_.netlink_answers = {done()};
+    network_.netlink_answers = {done()};
     Fault fault("recv", error, 0, 2);
     MacAddress mac{};
     EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0) << error;
@@ -150,13 +153,13 @@ TEST_F(RouteNetlinkTest, ReceiveBufferIsOneMebibyte) {
 }
 
 TEST_F(RouteNetlinkTest, AddSendsOneMessage) {
-  kernel_.netlink_answers = {error_message(0)};
+  network_.netlink_answers = {error_message(0)};
   EXPECT_EQ(add_neighbor_entry(kTarget, kMac, "eth0"), 0);
-  EXPECT_THAT(kernel_.netlink_buffers, ElementsAre(1u));
+  EXPECT_THAT(network_.netlink_buffers, ElementsAre(1u));
   Bytes expected = netlink_message(28, 60);                  // RTM_NEWNEIGH
   set(expected, 6, uint16_t{0x0405});                        // request, acknowledge, create
   expected[16] = 10;                                         // family AF_INET6
-  set(expected, 20, int32_t{kIfindex});                      // interface index
+  set(expected, 20, int32_t{7});                             // interface index
   set(expected, 24, uint16_t{2});                            // state: reachable
   set(expected, 28, uint16_t{20});                           // attribute length
   set(expected, 30, uint16_t{1});                            // NDA_DST
@@ -165,14 +168,14 @@ TEST_F(RouteNetlinkTest, AddSendsOneMessage) {
   set(expected, 48, uint16_t{10});                           // attribute length
   set(expected, 50, uint16_t{2});                            // NDA_LLADDR
   std::copy(kMac.begin(), kMac.end(), &expected[52]);        // and two bytes of padding
-  ASSERT_EQ(kernel_.netlink_requests.size(), 1u);
-  EXPECT_EQ(kernel_.netlink_requests[0], expected);
+  ASSERT_EQ(network_.netlink_requests.size(), 1u);
+  EXPECT_EQ(network_.netlink_requests[0], expected);
   EXPECT_THAT(log_records(), IsEmpty());
   expect_socket_closed();
 }
 
 TEST_F(RouteNetlinkTest, AddIsRefused) {
-  kernel_.netlink_answers = {error_message(-EEXIST)};
+  network_.netlink_answers = {error_message(-EEXIST)};
   EXPECT_EQ(add_neighbor_entry(kTarget, kMac, "eth0"), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("RTNETLINK answers: File exists\n")));
 }
@@ -180,7 +183,7 @@ TEST_F(RouteNetlinkTest, AddIsRefused) {
 TEST_F(RouteNetlinkTest, AddOfNoAddress) {
   EXPECT_EQ(add_neighbor_entry("192.0.2.1", kMac, "eth0"), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("inet_pton")));
-  EXPECT_TRUE(kernel_.opened().empty());
+  EXPECT_TRUE(network_.sockets.empty());
 }
 
 TEST_F(RouteNetlinkTest, AddOnNoInterface) {
@@ -189,7 +192,7 @@ TEST_F(RouteNetlinkTest, AddOnNoInterface) {
   EXPECT_THAT(
       log_records(),
       ElementsAre(LoggedError("if_nametoindex() failed to obtain interface index No such device")));
-  EXPECT_TRUE(kernel_.opened().empty());
+  EXPECT_TRUE(network_.sockets.empty());
 }
 
 TEST_F(RouteNetlinkTest, AttributeBeyondTheBoundIsPrintedAndLogged) {
