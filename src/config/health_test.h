@@ -58,10 +58,13 @@ class HealthTest {
 
   virtual const char* type_name() const = 0;
 
-  // "target: ..., resp_time: ..."; the description and all else that reports show. Any thread.
+  // All that reports show. Any thread.
+  virtual TestReport report() const = 0;
+
+  // "target: ..., resp_time: ...", and the description alone. Not called by the daemon itself,
+  // which takes whole reports; for whoever links the library. Any thread.
   virtual std::string describe() const = 0;
   virtual std::string get_description() const = 0;
-  virtual TestReport report() const = 0;
 };
 
 // Makes the tests, so that the reader needs to know none of their classes.

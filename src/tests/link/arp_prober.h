@@ -21,7 +21,8 @@ class LBArp : public LinkProber {
   // unless the interface does not exist).
   int send_arp();
 
-  // Starts the receiver thread of this VRF, once.
+  // Starts the receiver thread of this VRF, once. Not called by the daemon itself, whose first
+  // request starts it; for whoever links the library.
   void received_arp() { start_receiver(); }
 
  protected:

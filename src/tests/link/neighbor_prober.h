@@ -13,7 +13,8 @@ class LBNeighbor : public LinkProber {
   // an interface that does not exist); a failed sending also closes the VRF's sending socket.
   void send_solicit();
 
-  // Starts the receiver thread of this VRF, once.
+  // Starts the receiver thread of this VRF, once. Not called by the daemon itself, whose first
+  // request starts it; for whoever links the library.
   void receive_reply() { start_receiver(); }
 
  protected:
