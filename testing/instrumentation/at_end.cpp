@@ -15,7 +15,8 @@ extern "C" void __gcov_dump();
 
 namespace {
 
-void finish(int /*signal*/) {
+// The lab knows an instrumented program by this name.
+void end_instrumented_daemon(int /*signal*/) {
 #ifdef LB_COVERAGE
   __gcov_dump();
 #endif
@@ -25,6 +26,6 @@ void finish(int /*signal*/) {
   _exit(0);
 }
 
-[[maybe_unused]] const auto previous_handler = signal(SIGTERM, finish);
+[[maybe_unused]] const auto previous_handler = signal(SIGTERM, end_instrumented_daemon);
 
 }  // namespace

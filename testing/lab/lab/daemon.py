@@ -33,7 +33,7 @@ def has_sanitizer(path):
 
 def ends_by_itself_on_sigterm(path):
     """A build that writes coverage data, or looks for leaks, when it is told to end."""
-    return _holds(path, [b"__gcov_dump", b"look_for_leaks"])
+    return _holds(path, [b"end_instrumented_daemon"])
 
 
 def sanitizer_environment(directory):
