@@ -3,6 +3,8 @@
 
 #include <pthread.h>
 
+#include <ctime>
+
 #if defined(__clang__)
 #define LB_THREAD_ANNOTATION(x) __attribute__((x))
 #else
@@ -38,6 +40,11 @@ class LB_CAPABILITY("mutex") Mutex {
   // Releases the mutex, waits until `condition` is signalled (or for no reason), takes it again.
   int wait(pthread_cond_t& condition) LB_REQUIRES(this) {
     return pthread_cond_wait(&condition, &mutex_);
+  }
+
+  // The same until a time of the condition's clock at most; ETIMEDOUT then.
+  int wait_until(pthread_cond_t& condition, const timespec& time) LB_REQUIRES(this) {
+    return pthread_cond_timedwait(&condition, &mutex_, &time);
   }
 
   // Destroys the mutex ahead of the destructor for a caller that reports the result; once only.

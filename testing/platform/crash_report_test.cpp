@@ -3,12 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <thread>
 
+#include "platform/file_descriptor.h"
 #include "platform/syslog.h"
+#include "support/temporary_directory.h"
 #include "support/wrapped_calls.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -28,10 +35,15 @@ class CrashReportDeathTest : public testing::Test {
 
 #if !defined(LB_SANITIZED)
 
-// The log's lines go to standard error with a mark, where the parent sees them.
+// What is sent to the log goes to standard error with a mark, where the parent sees it.
 void install() {
-  wrapped::syslog.set_hook([](int priority, const char*, const char* text) {
-    fprintf(stderr, "LOG<%d> %s\n", priority, text);
+  wrapped::connect.set_hook([](int, const sockaddr* address, socklen_t) {
+    fprintf(stderr, "TO %s\n", reinterpret_cast<const sockaddr_un*>(address)->sun_path);
+    return 0;
+  });
+  wrapped::send.set_hook([](int, const void* data, size_t size, int) {
+    fprintf(stderr, "LOG%.*s\n", static_cast<int>(size), static_cast<const char*>(data));
+    return static_cast<ssize_t>(size);
   });
   backtrace_set_program_name("/usr/sbin/lb");
   backtrace_open_console();
@@ -50,6 +62,31 @@ __attribute__((noinline)) int use_up_the_stack(volatile char* above) {
   const int below = use_up_the_stack(buffer);
   return below + buffer[0];
 }
+
+// A log with a full queue, which nobody reads.
+class FullLog {
+ public:
+  FullLog() {
+    const std::string path = directory_.file("log");
+    address_.sun_family = AF_UNIX;
+    path.copy(address_.sun_path, sizeof(address_.sun_path) - 1);
+    bind(log_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof(address_));
+    const FileDescriptor sender(make_socket(SOCK_NONBLOCK));
+    connect(sender.get(), reinterpret_cast<sockaddr*>(&address_), sizeof(address_));
+    while (send(sender.get(), "x", 1, 0) == 1) {
+    }
+  }
+  const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&address_); }
+
+ private:
+  static FileDescriptor make_socket(int flags) {
+    return FileDescriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | flags, 0));
+  }
+
+  const TemporaryDirectory directory_;
+  sockaddr_un address_{};
+  const FileDescriptor log_ = make_socket(0);
+};
 
 #endif
 
@@ -83,8 +120,10 @@ TEST_F(CrashReportDeathTest, StackGoesToConsoleAndLogAndTheSignalEndsTheProcess)
             testing::HasSubstr("lb: crash report\n"),
             testing::ContainsRegex("\nlb: fatal signal " + std::to_string(signal) + " \\("),
             testing::ContainsRegex("\n#[0-9]+ .*crash_report_test.cpp.*crash_here"),
-            testing::HasSubstr("\nLOG<2> lb: fatal signal "),
-            testing::ContainsRegex("\nLOG<2> #[0-9]+ .*crash_here")));
+            testing::HasSubstr("\nTO /dev/log\n"),
+            // The facility daemon, critical.
+            testing::ContainsRegex("\nLOG<26>wan_lb\\[[0-9]+\\]: lb: fatal signal "),
+            testing::ContainsRegex("\nLOG<26>wan_lb\\[[0-9]+\\]: #[0-9]+ .*crash_here")));
   }
 }
 
@@ -119,8 +158,8 @@ TEST_F(CrashReportDeathTest, StuckReportEndsByTheSameSignal) {
   EXPECT_EXIT(
       {
         install();
-        // The log hangs, as it would when the crashed thread held its lock.
-        wrapped::syslog.set_hook([](int, const char*, const char*) {
+        // As the report might when the crashed thread held a lock.
+        wrapped::send.set_hook([](int, const void*, size_t, int) -> ssize_t {
           alarm(1);  // sooner than the report's own
           for (;;) pause();
         });
@@ -129,10 +168,42 @@ TEST_F(CrashReportDeathTest, StuckReportEndsByTheSameSignal) {
       testing::KilledBySignal(SIGSEGV), "fatal signal 11");
 }
 
+// The thread that serves the log waits for it, with messages of before.
+TEST_F(CrashReportDeathTest, ReportDoesNotGoByTheThreadOfTheLog) {
+  EXPECT_EXIT(
+      {
+        install();
+        wrapped::syslog.set_hook([](int, const char*, const char*) {
+          for (;;) pause();
+        });
+        for (int i = 0; i < 5; ++i) SYSLOG_message(4, "before");
+        crash_here(SIGSEGV);
+      },
+      testing::KilledBySignal(SIGSEGV),
+      testing::ContainsRegex("\nLOG<26>wan_lb\\[[0-9]+\\]: #[0-9]+ .*crash_here"));
+}
+
+TEST_F(CrashReportDeathTest, LogThatIsFullIsNotWaitedFor) {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EXIT(
+      {
+        const FullLog log;
+        wrapped::connect.set_hook([&log](int fd, const sockaddr*, socklen_t) {
+          return wrapped::connect.real(fd, log.address(), sizeof(sockaddr_un));
+        });
+        backtrace_open_console();
+        backtrace_install_signal_handlers();
+        crash_here(SIGSEGV);
+      },
+      testing::KilledBySignal(SIGSEGV), "\n#[0-9]+ .*crash_here");
+  // Sooner than the alarm would have ended a report that is stuck.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
 TEST_F(CrashReportDeathTest, ConsoleIsSilentUntilItIsOpened) {
   EXPECT_EXIT(
       {
-        wrapped::syslog.set_hook([](int, const char*, const char*) {});
+        wrapped::connect.set_hook([](int, const sockaddr*, socklen_t) { return -1; });
         backtrace_install_signal_handlers();
         crash_here(SIGSEGV);
       },

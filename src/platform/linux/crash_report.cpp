@@ -7,7 +7,11 @@
 #include "platform/crash_report.h"
 
 #define BACKWARD_HAS_DW 1
+#include <paths.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <backward.hpp>
@@ -16,7 +20,7 @@
 #include <sstream>
 #include <string>
 
-#include "platform/syslog.h"
+#include "platform/file_descriptor.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define LB_SANITIZED 1
@@ -30,7 +34,6 @@
 namespace {
 
 constexpr int kFatalSignals[] = {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP};
-constexpr int kPriority = 2;  // critical
 constexpr size_t kDepth = 64;
 constexpr size_t kHandlerStack = size_t{1024} * 1024;
 constexpr unsigned kReportSeconds = 30;
@@ -48,9 +51,38 @@ void write_console(const char* text, size_t size) {
   }
 }
 
-void write_line(const std::string& line) {
+// A way to the log that does not lead over the thread that serves it, which may wait for the log
+// itself. What the log has no room for is lost: nothing here may wait.
+class CrashLog {
+ public:
+  CrashLog() {
+    if (!reach(SOCK_DGRAM)) is_stream_ = reach(SOCK_STREAM);
+  }
+
+  // As syslog(3) writes it, less the time, which the log notes itself.
+  void write(const std::string& line) const {
+    std::string message = "<" + std::to_string(LOG_DAEMON | LOG_CRIT) + ">wan_lb[" +
+                          std::to_string(getpid()) + "]: " + line;
+    if (is_stream_) message += '\0';  // where the message ends
+    send(socket_.get(), message.data(), message.size(), MSG_NOSIGNAL);
+  }
+
+ private:
+  bool reach(int type) {
+    socket_ = FileDescriptor(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sockaddr_un log{};
+    log.sun_family = AF_UNIX;
+    strcpy(log.sun_path, _PATH_LOG);
+    return connect(socket_.get(), reinterpret_cast<const sockaddr*>(&log), sizeof(log)) == 0;
+  }
+
+  FileDescriptor socket_;
+  bool is_stream_ = false;
+};
+
+void write_line(const CrashLog& log, const std::string& line) {
   write_console((line + '\n').c_str(), line.size() + 1);
-  SYSLOG_message(kPriority, "%s", line.c_str());
+  log.write(line);
 }
 
 void report(int signal) {
@@ -58,8 +90,9 @@ void report(int signal) {
   write_console(program_name, strlen(program_name));
   write_console(": crash report\n", strlen(": crash report\n"));
 
-  write_line(std::string(program_name) + ": fatal signal " + std::to_string(signal) + " (" +
-             strsignal(signal) + ")");
+  const CrashLog log;
+  write_line(log, std::string(program_name) + ": fatal signal " + std::to_string(signal) + " (" +
+                      strsignal(signal) + ")");
   backward::StackTrace stack;
   stack.load_here(kDepth);
   backward::Printer printer;
@@ -68,7 +101,7 @@ void report(int signal) {
   std::ostringstream text;
   printer.print(stack, text);
   std::istringstream lines(text.str());
-  for (std::string line; std::getline(lines, line);) write_line(line);
+  for (std::string line; std::getline(lines, line);) write_line(log, line);
 }
 
 volatile sig_atomic_t reported_signal = 0;

@@ -1,19 +1,23 @@
 // The system log of a stock Linux system: syslog(3).
 //
 // Any thread may log. One lock guards the flags and the memory of repeats; messages leave outside
-// of it.
+// of it, by way of a queue whose thread alone talks to the log.
 #include "platform/syslog.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "platform/clock.h"
 #include "platform/linux/log_flags.h"
+#include "platform/linux/log_queue.h"
 #include "platform/linux/repeat_limiter.h"
 #include "platform/mutex.h"
 
@@ -24,9 +28,27 @@ constexpr const char* kFlagsPath = "/etc/wan_lb/log-flags";
 // Longer texts may not fit in a datagram to the log and would be lost as a whole.
 constexpr size_t kMaxText = 8000;
 
+// What the start may wait for a log without room: each time, and in all.
+constexpr int kRoomMilliseconds = 1000;
+constexpr long kStartMilliseconds = 10000;
+
+long milliseconds_since(timespec start) {
+  const timespec now = monotonic_now();
+  return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1'000'000;
+}
+
+bool is_main_thread() { return gettid() == getpid(); }
+
 class SystemLog {
  public:
-  SystemLog() { openlog("wan_lb", LOG_PID, LOG_DAEMON); }
+  SystemLog() {
+    // syslog(3) would do it on the queue's thread, beside whoever follows a changed time zone.
+    tzset();
+    // The socket is had now, not by the first delivery: by then no descriptor may be left for it.
+    openlog("wan_lb", LOG_PID | LOG_NDELAY, LOG_DAEMON);
+  }
+
+  LogQueue& queue() { return queue_; }
 
   bool wanted(int facility, int level) LB_EXCLUDES(mutex_) {
     std::vector<LogMessage> messages;
@@ -36,13 +58,15 @@ class SystemLog {
       messages = refresh();
       result = flags_.wanted(facility, level);
     }
-    send(messages);
+    send(std::move(messages));
     return result;
   }
 
   void log(LogMessage message) LB_EXCLUDES(mutex_) {
-    // Only what a failure may repeat for ever is limited. A change of state is said every time.
-    const bool limited = message.priority == LOG_WARNING || message.priority == LOG_DEBUG;
+    // Only what a failure may repeat for ever is limited. A change of state is said every time, and
+    // so is all that the main thread has to say: it reads the configuration and starts the others.
+    const bool limited =
+        !is_main_thread() && (message.priority == LOG_WARNING || message.priority == LOG_DEBUG);
     std::vector<LogMessage> messages;
     {
       MutexLock lock(mutex_);
@@ -52,7 +76,7 @@ class SystemLog {
         messages.push_back(std::move(message));
       }
     }
-    send(messages);
+    send(std::move(messages));
   }
 
  private:
@@ -65,20 +89,46 @@ class SystemLog {
     return messages;
   }
 
-  static void send(const std::vector<LogMessage>& messages) {
-    for (const LogMessage& message : messages) {
-      syslog(message.priority, "%s", message.text.c_str());
+  static void deliver(const LogMessage& message) {
+    syslog(message.priority, "%s", message.text.c_str());
+  }
+
+  void send(std::vector<LogMessage> messages) {
+    for (LogMessage& message : messages) {
+      if (is_main_thread() && start_may_wait_) {
+        start_may_wait_ = queue_.wait_for_room(kRoomMilliseconds) &&
+                          milliseconds_since(began_) < kStartMilliseconds;
+      }
+      queue_.add(std::move(message));
     }
   }
 
   Mutex mutex_;
   LogFlags flags_ LB_GUARDED_BY(mutex_){kFlagsPath};
   RepeatLimiter repeats_ LB_GUARDED_BY(mutex_);
+  // Of the main thread, which starts the others only when it has said all: it may wait for a log
+  // that reads, but no second time for one that does not.
+  bool start_may_wait_ = true;
+  const timespec began_ = monotonic_now();
+  LogQueue& queue_ = *new LogQueue(deliver);  // never destroyed, as the log itself
 };
+
+// What a start that ends at once, or a failed one, had to say is waited for at its exit, but not
+// for ever.
+constexpr int kExitMilliseconds = 1000;
+
+SystemLog& system_log();
+
+void empty_queue() { system_log().queue().drain(kExitMilliseconds); }
+
+SystemLog* make_system_log() {
+  std::atexit(empty_queue);
+  return new SystemLog;
+}
 
 // Never destroyed: threads may log until the process ends.
 SystemLog& system_log() {
-  static SystemLog* const log = new SystemLog;
+  static SystemLog* const log = make_system_log();
   return *log;
 }
 
@@ -93,6 +143,7 @@ std::string expand(const char* format, va_list arguments) {
   } else {
     text.replace(text.size() - 4, 4, " ...");
   }
+  text.shrink_to_fit();  // it may wait in the queue with many others
   return text;
 }
 

@@ -37,6 +37,8 @@ class DatagramSink:
         self.records = []
         self._markers = []
         self._path, self._parse = path, parse
+        self._may_read, self._stands_still = threading.Event(), threading.Event()
+        self._may_read.set()
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         stamps.enable(self._socket)  # by the sender's system call: a reader that is late changes nothing
         self._socket.bind(path)
@@ -46,6 +48,9 @@ class DatagramSink:
 
     def _read(self):
         while True:
+            if not self._may_read.is_set():
+                self._stands_still.set()
+                self._may_read.wait()
             data, _, sent = stamps.receive(self._socket)
             if not data:
                 return
@@ -62,6 +67,24 @@ class DatagramSink:
             sender.connect(self._path)
             sender.send(marker)
         waiting.wait_until(lambda: marker in self._markers, "the reader of " + self._path, interval=0.002)
+
+    def stop_reading(self):
+        """Reads nothing until `go_on`, and fills the queue: from now on whoever sends waits, or is refused."""
+        self._stands_still.clear()
+        self._may_read.clear()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.connect(self._path)
+            sender.send(_MARKER)
+            waiting.wait_until(self._stands_still.is_set, "the reader of " + self._path)
+            sender.setblocking(False)
+            try:
+                while True:
+                    sender.send(_MARKER)
+            except BlockingIOError:
+                pass
+
+    def go_on(self):
+        self._may_read.set()
 
     def mark(self):
         """A place in the records; give it to the operations below as `since` to look only behind it."""
@@ -87,6 +110,7 @@ class DatagramSink:
         return "\n".join(map(repr, self.records))
 
     def close(self):
+        self.go_on()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as waker:
             waker.connect(self._path)
             waker.send(b"")
