@@ -18,7 +18,8 @@ int error_of(ssize_t sent) { return sent < 0 ? errno : 0; }
 
 template <class Request>
 int send_request(int socket, const Request& request, const SocketAddress& destination) {
-  return error_of(sendto(socket, &request, sizeof(request), 0, &destination.any, destination.size));
+  return error_of(
+      sendto(socket, &request, sizeof(request), MSG_DONTWAIT, &destination.any, destination.size));
 }
 
 }  // namespace

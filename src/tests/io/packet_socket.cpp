@@ -35,6 +35,6 @@ ssize_t send_link_frame(int fd, int ifindex, const MacAddress& destination,
   address.sll_ifindex = ifindex;
   address.sll_halen = static_cast<uint8_t>(destination.size());
   std::copy(destination.begin(), destination.end(), address.sll_addr);
-  return sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-                sizeof(address));
+  return sendto(fd, frame.data(), frame.size(), MSG_DONTWAIT,
+                reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }

@@ -30,6 +30,6 @@ FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
 
 // Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer
 // address handed to the kernel; what goes on the wire stands in the frame. The bytes sent, or -1
-// with errno set.
+// with errno set. Never waits: a full queue is EAGAIN or ENOBUFS.
 ssize_t send_link_frame(int fd, int ifindex, const MacAddress& destination,
                         std::span<const uint8_t> frame);

@@ -180,12 +180,23 @@ TYPED_TEST(EchoPathFailureTest, TargetThatIsNoAddress) {
 
 // Sending, and the flags of the messages.
 
-TYPED_TEST(EchoPathFailureTest, FailedSendingIsDebugNews) {
-  Fault fault("sendto", ENOBUFS);
-  this->fail();
+TYPED_TEST(EchoPathFailureTest, FullQueueIsAFailedSend) {
+  for (const int error : {ENOBUFS, EAGAIN}) {
+    clear_log();
+    Fault fault("sendto", error);
+    this->fail();
+    EXPECT_THAT(log_records(), ElementsAre(this->send_error(error)));
+  }
+}
+
+TYPED_TEST(EchoPathFailureTest, FullQueueIsAFailedSendOfAFrameToo) {
   this->use_frames();
-  this->fail();
-  EXPECT_THAT(log_records(), ElementsAre(this->send_error(ENOBUFS), this->send_error(ENOBUFS)));
+  for (const int error : {ENOBUFS, EAGAIN}) {
+    clear_log();
+    Fault fault("sendto", error);
+    this->fail();
+    EXPECT_THAT(log_records(), ElementsAre(this->send_error(error)));
+  }
 }
 
 TYPED_TEST(EchoPathFailureTest, UnreachableNetworkIsNoNews) {

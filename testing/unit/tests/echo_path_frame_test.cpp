@@ -109,6 +109,7 @@ TEST_F(EchoPathFrame6Test, Frame) {
 TYPED_TEST(EchoPathFrameTest, GoesToTheNextHopByTheInterface) {
   ASSERT_TRUE(this->send());
   EXPECT_EQ(this->sent().fd, this->sockets()->packet_socket.get());
+  EXPECT_EQ(this->sent().flags, MSG_DONTWAIT);
   FakeNetwork::Bytes expected(20);
   const uint16_t family = AF_PACKET;
   const int32_t index = 7;
@@ -133,8 +134,9 @@ TYPED_TEST(EchoPathFrameTest, GatewayIsResolvedNotTheTarget) {
   ASSERT_TRUE(this->send(EchoKit<TypeParam>::kOtherGateway));
   const auto watched = this->prober_->targets().snapshot();
   ASSERT_EQ(watched.size(), 1u);
-  EXPECT_EQ(watched.begin()->first, EchoKit<TypeParam>::kGateway);
-  EXPECT_EQ(watched.begin()->second, this->ifname_);
+  EXPECT_EQ(watched.begin()->first.address, EchoKit<TypeParam>::kGateway);
+  EXPECT_EQ(watched.begin()->first.ifname, this->ifname_);
+  EXPECT_TRUE(watched.begin()->second);
 }
 
 // The tracker.

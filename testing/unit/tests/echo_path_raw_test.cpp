@@ -54,6 +54,7 @@ TEST_F(EchoPathRaw4Test, RequestAndDestination) {
   std::memcpy(address.data(), &destination, sizeof(destination));
   EXPECT_THAT(sent().address, ElementsAreArray(address));
   EXPECT_EQ(sent().fd, sockets()->send_socket.get());
+  EXPECT_EQ(sent().flags, MSG_DONTWAIT);
 }
 
 TEST_F(EchoPathRaw6Test, RequestAndDestination) {
@@ -87,6 +88,7 @@ TEST_F(EchoPathRaw6Test, RequestAndDestination) {
   std::memcpy(address.data(), &destination, sizeof(destination));
   EXPECT_THAT(sent().address, ElementsAreArray(address));
   EXPECT_EQ(sent().fd, sockets()->send_socket.get());
+  EXPECT_EQ(sent().flags, MSG_DONTWAIT);
 }
 
 // The far end's reply has the request's payload, whose first word is the time.

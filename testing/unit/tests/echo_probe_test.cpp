@@ -222,6 +222,27 @@ TYPED_TEST(EchoProbeTest, FlagThatCouldNotBeReadIsAskedForAgain) {
 
 // Failures.
 
+TYPED_TEST(EchoProbeTest, FullQueueFailsByTimeOut) {
+  const auto test = this->make_test();
+  this->sockets()->receiver_state = ReceiverState::kFailed;
+  int32_t failures = 0;
+  for (const int error : {EAGAIN, ENOBUFS}) {
+    {
+      Fault fault("sendto", error);
+      this->send(*test);
+    }
+    virtual_clock::advance(5000ms);
+    test->recv(this->interface_, this->worker_);
+    EXPECT_EQ(failures == 0, this->state().failure_counts.empty()) << "too early";
+    virtual_clock::advance(1ms);
+    test->recv(this->interface_, this->worker_);
+    EXPECT_FALSE(this->probe_to(EchoKit<TypeParam>::kTarget).has_value());
+    EXPECT_EQ(test->report().result, kResultFailure);
+    ++failures;
+  }
+  EXPECT_THAT(this->network_.sent, IsEmpty());
+}
+
 TYPED_TEST(EchoProbeTest, FailedProbeStaysInFlightAndTimesOut) {
   using Kit = EchoKit<TypeParam>;
   const auto test = this->make_test();

@@ -30,6 +30,7 @@ TEST_F(PacketSocketTest, FrameGoesToTheLinkLayerAddress) {
   ASSERT_EQ(network_.sent.size(), 1u);
   EXPECT_EQ(network_.sent[0].fd, 5);
   EXPECT_EQ(network_.sent[0].bytes, frame);
+  EXPECT_EQ(network_.sent[0].flags, MSG_DONTWAIT);
   sockaddr_ll address;
   ASSERT_EQ(network_.sent[0].address.size(), 20u);
   std::memcpy(&address, network_.sent[0].address.data(), sizeof(address));
