@@ -18,7 +18,8 @@ ArpFrame make_arp_request(const MacAddress& source_mac, in_addr source, in_addr 
 std::optional<ArpReply> parse_arp_reply(std::span<const uint8_t> frame) {
   const PacketReader reader(frame);
   const auto arp = reader.at<ArpFrame>(0);
-  if (!arp || arp->ethernet.type != kEtherTypeArp || arp->operation != kArpReply) {
+  if (!arp || arp->ethernet.type != kEtherTypeArp || arp->operation != kArpReply ||
+      !is_station_address(arp->sender_mac)) {
     return std::nullopt;
   }
   ArpReply reply;

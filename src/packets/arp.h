@@ -57,5 +57,5 @@ struct ArpReply {
 // A broadcast request for `target`; addresses in network byte order.
 ArpFrame make_arp_request(const MacAddress& source_mac, in_addr source, in_addr target);
 
-// Reads a received frame; nothing unless it is a whole ARP reply.
+// Reads a received frame; nothing unless it is a whole ARP reply of a station.
 std::optional<ArpReply> parse_arp_reply(std::span<const uint8_t> frame);

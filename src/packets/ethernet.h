@@ -8,6 +8,11 @@
 
 using MacAddress = std::array<uint8_t, 6>;
 
+// True for an address that one station can have: neither all zero nor that of a group.
+constexpr bool is_station_address(const MacAddress& mac) {
+  return (mac[0] & 1) == 0 && mac != MacAddress{};
+}
+
 inline constexpr uint16_t kEtherTypeIpv4 = 0x0800;
 inline constexpr uint16_t kEtherTypeArp = 0x0806;
 inline constexpr uint16_t kEtherTypeIpv6 = 0x86DD;

@@ -32,7 +32,12 @@ NeighborFrame make_solicitation(const MacAddress& source_mac, const in6_addr& so
 std::optional<NeighborAdvertisement> parse_neighbor_advertisement(std::span<const uint8_t> frame) {
   const auto received = PacketReader(frame).at<NeighborFrame>(0);
   if (!received || received->ethernet.type != kEtherTypeIpv6 ||
-      received->message.type != kNeighborAdvertisement) {
+      received->ip.next_header != kProtocolIcmpv6 || received->ip.hop_limit != kNeighborHopLimit) {
+    return std::nullopt;
+  }
+  const NeighborMessage& message = received->message;
+  if (message.type != kNeighborAdvertisement || message.option_type != kTargetLinkAddressOption ||
+      message.option_length != 1 || !is_station_address(message.link_address)) {
     return std::nullopt;
   }
   return NeighborAdvertisement{received->message.target, received->message.link_address};

@@ -15,6 +15,12 @@
 inline constexpr uint8_t kNeighborSolicitation = 135;
 inline constexpr uint8_t kNeighborAdvertisement = 136;
 
+// What a sender on the link sets and no router passes on (RFC 4861 section 7.1.2).
+inline constexpr uint8_t kNeighborHopLimit = 255;
+
+inline constexpr uint8_t kSourceLinkAddressOption = 1;
+inline constexpr uint8_t kTargetLinkAddressOption = 2;
+
 // A solicitation or an advertisement with one link-layer address option.
 //
 //  0                   1                   2                   3
@@ -37,7 +43,7 @@ struct NeighborMessage {
   Be16 reserved = 1000;  // receivers must ignore it (RFC 4861); marks our solicitations
   Be16 reserved_low = 0;
   in6_addr target{};
-  uint8_t option_type = 1;    // source link-layer address
+  uint8_t option_type = kSourceLinkAddressOption;
   uint8_t option_length = 1;  // in units of 8 bytes
   MacAddress link_address{};
 } __attribute__((packed));
@@ -65,6 +71,6 @@ in6_addr solicited_node_address(const in6_addr& prefix, const in6_addr& target);
 NeighborFrame make_solicitation(const MacAddress& source_mac, const in6_addr& source,
                                 const in6_addr& destination, const in6_addr& target);
 
-// Reads a received frame; nothing unless it is an advertisement directly after the IPv6 header that
-// reaches to the end of one option, whose address is taken for the target's.
+// Reads a received frame; nothing unless it is an advertisement from the link, directly after the
+// IPv6 header, whose first option is the target's link-layer address, that of a station.
 std::optional<NeighborAdvertisement> parse_neighbor_advertisement(std::span<const uint8_t> frame);

@@ -6,7 +6,6 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <optional>
 
 #include "packets/family.h"
 #include "packets/packet_reader.h"
@@ -48,7 +47,7 @@ std::optional<MacAddress> link_address_of(const Attributes& attributes, const st
 
 // `message` starts at a message of `length` bytes and goes on to the end of what was read.
 RouteAnswer read_message(std::span<const uint8_t> message, const nlmsghdr& header,
-                         const std::string& target) {
+                         const std::string& target, unsigned int ifindex) {
   RouteAnswer answer;
   if (header.nlmsg_type == NLMSG_DONE) {
     answer.kind = RouteAnswer::Kind::kDone;
@@ -62,6 +61,8 @@ RouteAnswer read_message(std::span<const uint8_t> message, const nlmsghdr& heade
     // makes no attribute that is looked at.
     const auto attributes =
         read_attributes(message.subspan(sizeof(NeighborRequest)), header.nlmsg_len);
+    const auto neighbor = PacketReader(message).at<ndmsg>(sizeof(nlmsghdr));
+    if (ifindex != 0 && neighbor->ndm_ifindex != static_cast<int>(ifindex)) return answer;
     if (const auto mac = link_address_of(attributes, target)) {
       answer.kind = RouteAnswer::Kind::kFound;
       answer.mac = *mac;
@@ -96,15 +97,22 @@ bool append_attribute(std::vector<uint8_t>& message, uint16_t type, std::span<co
   return true;
 }
 
-RouteAnswer read_route_answer(std::span<const uint8_t> bytes, const std::string& target) {
+RouteAnswer read_route_answer(std::span<const uint8_t> bytes, const std::string& target,
+                              unsigned int ifindex) {
   const PacketReader reader(bytes);
   size_t offset = 0;
   while (const auto header = reader.at<nlmsghdr>(offset)) {
     const size_t remaining = bytes.size() - offset;
     if (header->nlmsg_len < sizeof(nlmsghdr) || header->nlmsg_len > remaining) break;
-    const RouteAnswer answer = read_message(bytes.subspan(offset), *header, target);
+    const RouteAnswer answer = read_message(bytes.subspan(offset), *header, target, ifindex);
     if (answer.kind != RouteAnswer::Kind::kMore) return answer;
     offset += align4(header->nlmsg_len);
   }
   return {};
+}
+
+std::optional<uint16_t> read_neighbor_state(std::span<const uint8_t> bytes) {
+  const auto answer = PacketReader(bytes).at<NeighborRequest>(0);
+  if (!answer || answer->header.nlmsg_type != RTM_NEWNEIGH) return std::nullopt;
+  return answer->neighbor.ndm_state;
 }

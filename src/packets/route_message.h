@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -69,6 +70,11 @@ struct RouteAnswer {
 };
 
 // Walks the messages of one read up to the first that is final. An entry counts when its address,
-// as canonical text, is `target` and it has a link-layer address, whatever its state. A message
-// whose length cannot be right ends the walk; nothing beyond `bytes` is read. Unaligned bytes do.
-RouteAnswer read_route_answer(std::span<const uint8_t> bytes, const std::string& target);
+// as canonical text, is `target`, it is one of the interface with index `ifindex` (0: of any), and
+// it has a link-layer address, whatever its state. A message whose length cannot be right ends the
+// walk; nothing beyond `bytes` is read. Unaligned bytes do.
+RouteAnswer read_route_answer(std::span<const uint8_t> bytes, const std::string& target,
+                              unsigned int ifindex = 0);
+
+// The state (NUD_*) of the one neighbour that an answer tells; nothing when it tells none.
+std::optional<uint16_t> read_neighbor_state(std::span<const uint8_t> bytes);

@@ -34,9 +34,10 @@ class KernelArp : public VethTest {
 
   void target(const std::string& text) { prober_.set_target(text, address(1), near()); }
 
-  Bytes arp_frame(const std::string& sender, uint16_t operation) const {
+  Bytes arp_frame(const std::string& sender, uint16_t operation,
+                  const MacAddress& mac = kMac) const {
     ArpFrame frame =
-        make_arp_request(kMac, {inet_addr(sender.c_str())}, {inet_addr(address(1).c_str())});
+        make_arp_request(mac, {inet_addr(sender.c_str())}, {inet_addr(address(1).c_str())});
     frame.operation = operation;
     const auto bytes = bytes_of(frame);
     return {bytes.begin(), bytes.end()};
@@ -141,10 +142,70 @@ TEST_F(KernelArp, ReplyIsEnteredForWatchedTargetsOnly) {
   MacAddress mac{};
   ASSERT_TRUE(wait_for([&] { return look_up(watched, mac) == 1; }));
   EXPECT_EQ(mac, kMac);
-  EXPECT_TRUE(prober_.targets().snapshot().contains(unwatched));
+  EXPECT_TRUE(prober_.targets().snapshot().contains({unwatched, near()}));
   EXPECT_EQ(look_up(asking, mac), -1);
   EXPECT_EQ(look_up(unwatched, mac), -1);
   EXPECT_THAT(log_records(), IsEmpty());
+}
+
+// Somebody on a LAN who claims an uplink's gateway.
+TEST_F(KernelArp, ReplyByAnotherInterfaceIsNotEntered) {
+  make_second_pair();
+  target(address(2));
+  start_receiver();
+  send_from(far2(), arp_frame(address(2), kArpReply, {0x06, 0, 0, 0, 0, 0x66}));
+  ASSERT_TRUE(wait_for([&] {
+    return prober_.targets().snapshot().contains({address(2), near2()});
+  }));
+  MacAddress mac{};
+  EXPECT_EQ(look_up(address(2), mac), -1);
+  prober_.set_target(address(2), address(1), near2());
+  EXPECT_EQ(prober_.get_mac(mac), -1);
+  send_from_far_end(arp_frame(address(2), kArpReply));
+  ASSERT_TRUE(wait_for([&] { return look_up(address(2), mac) == 1; }));
+  EXPECT_EQ(mac, kMac);
+}
+
+TEST_F(KernelArp, ReplyOfAVlanIsNotEntered) {
+  target(address(2));
+  target(address(3));
+  start_receiver();
+  send_from_far_end(tagged(arp_frame(address(3), kArpReply, {0x06, 0, 0, 0, 0, 0x66})));
+  send_from_far_end(arp_frame(address(2), kArpReply));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up(address(2), mac) == 1; }));
+  EXPECT_EQ(look_up(address(3), mac), -1);
+}
+
+TEST_F(KernelArp, GatewaysOfTheSameAddressTakeTheirOwnReplies) {
+  make_second_pair();
+  const MacAddress second{0x06, 0, 0, 0, 0, 0x02};
+  target(address(2));
+  prober_.set_target(address(2), address(1), near2());
+  start_receiver();
+  send_from_far_end(arp_frame(address(2), kArpReply));
+  send_from(far2(), arp_frame(address(2), kArpReply, second));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up(address(2), mac) == 1; }));
+  EXPECT_EQ(mac, kMac);
+  ASSERT_TRUE(wait_for([&] {
+    prober_.set_target(address(2), address(1), near2());
+    return prober_.get_mac(mac) == 1;
+  }));
+  EXPECT_EQ(mac, second);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(KernelArp, ReplyOfAGroupIsNotEntered) {
+  target(address(2));
+  target(address(3));
+  start_receiver();
+  send_from_far_end(arp_frame(address(3), kArpReply, {0x01, 0, 0x5e, 0, 0, 0x01}));
+  send_from_far_end(arp_frame(address(3), kArpReply, {}));
+  send_from_far_end(arp_frame(address(2), kArpReply));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up(address(2), mac) == 1; }));
+  EXPECT_EQ(look_up(address(3), mac), -1);
 }
 
 TEST_F(KernelArp, ReplyTooShortIsIgnored) {

@@ -22,7 +22,7 @@ in6_addr parsed(const std::string& text) {
   return address;
 }
 
-// Receivers of earlier tests go on listening: every test has addresses of its own.
+// Receivers of earlier tests go on listening: every test has addresses of its own, or interfaces.
 class KernelNeighbor : public VethTest {
  protected:
   void SetUp() override {
@@ -36,13 +36,20 @@ class KernelNeighbor : public VethTest {
 
   void target(const std::string& text) { prober_.set_target(text, address("9"), near()); }
 
-  Bytes advertisement(const std::string& target_text, uint8_t type = kNeighborAdvertisement) {
+  Bytes advertisement(const std::string& target_text, uint8_t type = kNeighborAdvertisement,
+                      const MacAddress& mac = kMac) const {
     NeighborFrame frame =
-        make_solicitation(kMac, parsed(target_text), parsed(address("9")), parsed(target_text));
+        make_solicitation(mac, parsed(target_text), parsed(address("9")), parsed(target_text));
     frame.message.type = type;
     frame.message.option_type = 2;
     const auto bytes = bytes_of(frame);
     return {bytes.begin(), bytes.end()};
+  }
+
+  // What the kernel's table has on an interface, by default the tested one.
+  int look_up(const std::string& text, MacAddress& mac, const std::string& ifname = {}) const {
+    const unsigned index = if_nametoindex((ifname.empty() ? near() : ifname).c_str());
+    return get_neighbor_mac(text, index, &mac);
   }
 
   void start_receiver() {
@@ -83,11 +90,15 @@ TEST_F(KernelNeighbor, SolicitationOnAnInterfaceThatIsDown) {
   testing::internal::CaptureStderr();
   prober_.send_solicit();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "sendto() failed: Network is down\n");
-  // The socket is gone, also when the interface is back.
+  // The socket is gone: the next solicitation opens another.
   run("ip link set " + near() + " up");
-  testing::internal::CaptureStderr();
-  prober_.send_solicit();
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "sendto() failed: Bad file descriptor\n");
+  const FileDescriptor far_end = open_on(far(), ETH_P_IPV6);
+  EXPECT_TRUE(wait_for([&] {
+    prober_.send_solicit();
+    Bytes frame(100);
+    return recv(far_end.get(), frame.data(), frame.size(), MSG_DONTWAIT) == 86 &&
+           frame[54] == kNeighborSolicitation;
+  }));
 }
 
 TEST_F(KernelNeighbor, AdvertisementIsEnteredForWatchedTargetsOnly) {
@@ -99,11 +110,68 @@ TEST_F(KernelNeighbor, AdvertisementIsEnteredForWatchedTargetsOnly) {
   send_from_far_end(advertisement(other, 137));
   send_from_far_end(advertisement(watched));  // the last one: the others were seen
   MacAddress mac{};
-  ASSERT_TRUE(wait_for([&] { return get_neighbor_mac(watched, &mac) == 1; }));
+  ASSERT_TRUE(wait_for([&] { return look_up(watched, mac) == 1; }));
   EXPECT_EQ(mac, kMac);
-  EXPECT_TRUE(prober_.targets().snapshot().contains(unwatched));
-  EXPECT_EQ(get_neighbor_mac(unwatched, &mac), 0);
-  EXPECT_EQ(get_neighbor_mac(other, &mac), 0);
+  EXPECT_TRUE(prober_.targets().snapshot().contains({unwatched, near()}));
+  EXPECT_EQ(look_up(unwatched, mac), 0);
+  EXPECT_EQ(look_up(other, mac), 0);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+// Somebody on a LAN who claims an uplink's gateway.
+TEST_F(KernelNeighbor, AdvertisementByAnotherInterfaceIsNotEntered) {
+  make_second_pair();
+  const std::string gateway = address("2");
+  target(gateway);
+  start_receiver();
+  send_from(far2(), advertisement(gateway, kNeighborAdvertisement, {0x06, 0, 0, 0, 0, 0x66}));
+  ASSERT_TRUE(wait_for([&] { return prober_.targets().snapshot().contains({gateway, near2()}); }));
+  MacAddress mac{};
+  EXPECT_EQ(look_up(gateway, mac), 0);
+  EXPECT_EQ(look_up(gateway, mac, near2()), 0);
+  send_from_far_end(advertisement(gateway));
+  ASSERT_TRUE(wait_for([&] { return look_up(gateway, mac) == 1; }));
+  EXPECT_EQ(mac, kMac);
+}
+
+// The kernel takes the tag off before it says by which device the frame came.
+TEST_F(KernelNeighbor, AdvertisementOfAVlanIsNotEntered) {
+  target(address("2"));
+  target(address("3"));
+  start_receiver();
+  send_from_far_end(
+      tagged(advertisement(address("3"), kNeighborAdvertisement, {0x06, 0, 0, 0, 0, 0x66})));
+  send_from_far_end(advertisement(address("2")));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up(address("2"), mac) == 1; }));
+  EXPECT_EQ(look_up(address("3"), mac), 0);
+}
+
+// What leaves by the uplink may be a guest's on a device above it.
+TEST_F(KernelNeighbor, AdvertisementThatLeavesIsNotEntered) {
+  target(address("2"));
+  target(address("3"));
+  start_receiver();
+  send_from(near(), advertisement(address("3"), kNeighborAdvertisement, {0x06, 0, 0, 0, 0, 0x66}));
+  send_from_far_end(advertisement(address("2")));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up(address("2"), mac) == 1; }));
+  EXPECT_EQ(look_up(address("3"), mac), 0);
+}
+
+TEST_F(KernelNeighbor, GatewaysOfTheSameAddressTakeTheirOwnAdvertisements) {
+  make_second_pair();
+  const MacAddress second{0x06, 0, 0, 0, 0, 0x02};
+  prober_.set_target("fe80::1", address("9"), near());
+  prober_.set_target("fe80::1", address("9"), near2());
+  start_receiver();
+  send_from_far_end(advertisement("fe80::1"));
+  send_from(far2(), advertisement("fe80::1", kNeighborAdvertisement, second));
+  MacAddress mac{};
+  ASSERT_TRUE(wait_for([&] { return look_up("fe80::1", mac) == 1; }));
+  EXPECT_EQ(mac, kMac);
+  ASSERT_TRUE(wait_for([&] { return look_up("fe80::1", mac, near2()) == 1; }));
+  EXPECT_EQ(mac, second);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -116,8 +184,8 @@ TEST_F(KernelNeighbor, AdvertisementWithoutLinkAddressIsIgnored) {
   send_from_far_end(cut);
   send_from_far_end(advertisement(address("2")));
   MacAddress mac{};
-  ASSERT_TRUE(wait_for([&] { return get_neighbor_mac(address("2"), &mac) == 1; }));
-  EXPECT_EQ(get_neighbor_mac(address("3"), &mac), 0);
+  ASSERT_TRUE(wait_for([&] { return look_up(address("2"), mac) == 1; }));
+  EXPECT_EQ(look_up(address("3"), mac), 0);
 }
 
 TEST_F(KernelNeighbor, ResolvesAPeer) {

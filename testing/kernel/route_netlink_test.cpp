@@ -19,6 +19,8 @@ class KernelRouteNetlink : public VethTest {
   void add(const std::string& address, const std::string& mac) {
     run("ip -6 neigh add " + address + " lladdr " + mac + " dev " + near());
   }
+
+  unsigned index() const { return if_nametoindex(near().c_str()); }
 };
 
 }  // namespace
@@ -28,27 +30,45 @@ TEST_F(KernelRouteNetlink, FindsTheEntry) {
   add("2001:db8:a::2", "06:aa:bb:cc:dd:ee");
   add("2001:db8:a::3", "06:00:00:00:00:03");
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:a::2", &mac), 1);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:a::2", index(), &mac), 1);
   EXPECT_EQ(mac, kMac);
-  EXPECT_EQ(get_neighbor_mac("2001:db8:a::2", nullptr), -1);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:a::2", index(), nullptr), -1);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
+TEST_F(KernelRouteNetlink, FindsTheEntryOfTheInterface) {
+  make_second_pair();
+  const unsigned second = if_nametoindex(near2().c_str());
+  for (const std::string address : {"fe80::1", "2001:db8:13::1"}) {
+    add(address, "06:00:00:00:00:01");
+    run("ip -6 neigh add " + address + " lladdr 06:00:00:00:00:02 dev " + near2());
+    MacAddress mac{};
+    EXPECT_EQ(get_neighbor_mac(address, index(), &mac), 1);
+    EXPECT_EQ(mac, (MacAddress{0x06, 0, 0, 0, 0, 0x01}));
+    EXPECT_EQ(get_neighbor_mac(address, second, &mac), 1);
+    EXPECT_EQ(mac, (MacAddress{0x06, 0, 0, 0, 0, 0x02}));
+    run("ip -6 neigh del " + address + " dev " + near());
+    EXPECT_EQ(get_neighbor_mac(address, index(), &mac), 0);
+    EXPECT_EQ(get_neighbor_mac(address, second, &mac), 1);
+  }
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(KernelRouteNetlink, NoEntry) {
   add("2001:db8:b::1", "06:00:00:00:00:01");
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:b::2", &mac), 0);
-  EXPECT_EQ(get_neighbor_mac("no address", &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:b::2", index(), &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("no address", index(), &mac), 0);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(KernelRouteNetlink, TextThatIsNotCanonicalNeverMatches) {
   add("2001:db8:c::ab", "06:aa:bb:cc:dd:ee");
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:c::ab", &mac), 1);
-  EXPECT_EQ(get_neighbor_mac("2001:DB8:C::AB", &mac), 0);
-  EXPECT_EQ(get_neighbor_mac("2001:0db8:c::ab", &mac), 0);
-  EXPECT_EQ(get_neighbor_mac("2001:db8:c:0::ab", &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:c::ab", index(), &mac), 1);
+  EXPECT_EQ(get_neighbor_mac("2001:DB8:C::AB", index(), &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:0db8:c::ab", index(), &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:c:0::ab", index(), &mac), 0);
 }
 
 TEST_F(KernelRouteNetlink, EntryWithoutLinkAddressIsSkipped) {
@@ -62,7 +82,7 @@ TEST_F(KernelRouteNetlink, EntryWithoutLinkAddressIsSkipped) {
   ASSERT_EQ(sendto(fd.get(), "", 1, 0, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 1);
   run("ip -6 neigh show to 2001:db8:d::2 nud all | grep -q INCOMPLETE");
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:d::2", &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:d::2", index(), &mac), 0);
 }
 
 TEST_F(KernelRouteNetlink, FindsTheEntryInALongAnswer) {
@@ -74,17 +94,17 @@ TEST_F(KernelRouteNetlink, FindsTheEntryInALongAnswer) {
   for (const int host : {1, 750, 1500}) {
     char text[40];
     std::snprintf(text, sizeof(text), "2001:db8:e::%x", host);
-    EXPECT_EQ(get_neighbor_mac(text, &mac), 1) << text;
+    EXPECT_EQ(get_neighbor_mac(text, index(), &mac), 1) << text;
     EXPECT_EQ(mac, (MacAddress{0x06, 0, 0, 0, static_cast<uint8_t>(host / 256),
                                static_cast<uint8_t>(host % 256)}));
   }
-  EXPECT_EQ(get_neighbor_mac("2001:db8:e::ffff", &mac), 0);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:e::ffff", index(), &mac), 0);
 }
 
 TEST_F(KernelRouteNetlink, EnteredNeighborIsFound) {
   EXPECT_EQ(add_neighbor_entry("2001:db8:f::1", kMac, near()), 0);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:f::1", &mac), 1);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:f::1", index(), &mac), 1);
   EXPECT_EQ(mac, kMac);
   run("ip -6 neigh show to 2001:db8:f::1 dev " + near() + " | grep -q REACHABLE");
   EXPECT_THAT(log_records(), IsEmpty());
@@ -94,7 +114,7 @@ TEST_F(KernelRouteNetlink, EntryIsNotReplaced) {
   add("2001:db8:10::1", "06:00:00:00:00:01");
   EXPECT_EQ(add_neighbor_entry("2001:db8:10::1", kMac, near()), 0);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac("2001:db8:10::1", &mac), 1);
+  EXPECT_EQ(get_neighbor_mac("2001:db8:10::1", index(), &mac), 1);
   EXPECT_EQ(mac, (MacAddress{0x06, 0, 0, 0, 0, 0x01}));
 }
 

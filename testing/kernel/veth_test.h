@@ -1,6 +1,6 @@
 // A pair of virtual Ethernet interfaces for a test: `near()` is the interface that is tested,
-// `far()` its other end. Both are in the namespace that the test program was started in, and go
-// with the test.
+// `far()` its other end. A test may make a second pair. All are in the namespace that the test
+// program was started in, and go with the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -38,19 +39,25 @@ class VethTest : public testing::Test {
     static int number = 0;
     near_ = "lbn" + std::to_string(++number);
     far_ = "lbf" + std::to_string(number);
-    run("ip link add " + near_ + " type veth peer name " + far_);
-    // No addresses but those that a test gives: nothing else is on the link.
     run("ip link set lo up");
-    for (const std::string& name : {near_, far_}) {
-      run("ip link set " + name + " addrgenmode none up");
-    }
-    ASSERT_TRUE(carries(near_, far_));
-    ASSERT_TRUE(carries(far_, near_));
+    make_pair(near_, far_);
   }
-  void TearDown() override { std::system(("ip link del " + near_).c_str()); }
+  void TearDown() override {
+    std::system(("ip link del " + near_).c_str());
+    if (!near2_.empty()) std::system(("ip link del " + near2_).c_str());
+  }
 
   const std::string& near() const { return near_; }
   const std::string& far() const { return far_; }
+
+  // Makes the second pair.
+  void make_second_pair() {
+    near2_ = near_ + "b";
+    far2_ = far_ + "b";
+    make_pair(near2_, far2_);
+  }
+  const std::string& near2() const { return near2_; }
+  const std::string& far2() const { return far2_; }
 
   static void run(const std::string& command) {
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
@@ -96,12 +103,41 @@ class VethTest : public testing::Test {
     return true;
   }
 
-  void send_from_far_end(const Bytes& frame) {
-    const FileDescriptor fd = open_on(far_, 0);
+  static void send_from(const std::string& ifname, const Bytes& frame) {
+    const FileDescriptor fd = open_on(ifname, 0);
     ASSERT_EQ(send(fd.get(), frame.data(), frame.size(), 0), static_cast<ssize_t>(frame.size()));
+  }
+  void send_from_far_end(const Bytes& frame) { send_from(far_, frame); }
+
+  // The frame in the VLAN 20 (IEEE 802.1Q).
+  static Bytes tagged(Bytes frame) {
+    const Bytes tag{0x81, 0x00, 0x00, 20};
+    frame.insert(frame.begin() + 2 * sizeof(MacAddress), tag.begin(), tag.end());
+    return frame;
+  }
+
+  // The first line that a command prints.
+  static std::string output_of(const std::string& command) {
+    std::string line;
+    FILE* const pipe = popen(command.c_str(), "r");
+    for (int byte = std::fgetc(pipe); byte != EOF && byte != '\n'; byte = std::fgetc(pipe)) {
+      line += static_cast<char>(byte);
+    }
+    pclose(pipe);
+    return line;
   }
 
  private:
+  // No addresses but those that a test gives: nothing else is on the link.
+  static void make_pair(const std::string& one, const std::string& other) {
+    run("ip link add " + one + " type veth peer name " + other);
+    for (const std::string& name : {one, other}) {
+      run("ip link set " + name + " addrgenmode none up");
+    }
+    ASSERT_TRUE(carries(one, other));
+    ASSERT_TRUE(carries(other, one));
+  }
+
   // Waits until a frame gets across: for a while after both ends are up the kernel still drops what
   // is sent, without a word.
   static bool carries(const std::string& from, const std::string& to) {
@@ -118,4 +154,6 @@ class VethTest : public testing::Test {
 
   std::string near_;
   std::string far_;
+  std::string near2_;
+  std::string far2_;
 };

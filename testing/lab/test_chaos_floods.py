@@ -48,8 +48,8 @@ class Flooded:
         self.watched = [(strand.name, 4) for strand in self.links.strands] + [(frame.name, 6), (control.name, 6)]
         for name, family in self.watched:
             self.lb.wait_status(name, "active", family=family)
-        self.target = flood.Target(frame.mac, frame.far_mac, frame.address, frame.gateway4, frame.address6,
-                                   frame.gateway6)
+        self.target, self.other = [flood.Target(strand.mac, strand.far_mac, strand.address, strand.gateway4,
+                                                strand.address6, strand.gateway6) for strand in both]
         self.growth = Growth(lab, self.lb)
 
     @staticmethod
@@ -159,9 +159,10 @@ def flooded(lab):
 
 
 def test_answers_to_nobodys_question(flooded):
-    """ARP replies, then advertisements: malformed ones, those of strangers, and the watched neighbours' own."""
-    flooded.stand(flood.arp_flood(flooded.target))
-    flooded.stand(flood.advertisement_flood(flooded.target))
+    """ARP replies, then advertisements: malformed ones, those of strangers, the watched neighbour's own, and forged
+    ones for the neighbour of another link."""
+    flooded.stand(flood.arp_flood(flooded.target, flooded.other))
+    flooded.stand(flood.advertisement_flood(flooded.target, flooded.other))
     flooded.settle()
 
 
@@ -203,11 +204,11 @@ def test_echo_replies_with_the_keys_of_probes(flooded):
 
 
 def test_everything_at_once(flooded):
-    target = flooded.target
+    target, other = flooded.target, flooded.other
 
     def frames():
         first = flooded.key(False)
-        return (flood.garbage_flood(target) + flood.arp_flood(target) + flood.advertisement_flood(target)
+        return (flood.garbage_flood(target) + flood.arp_flood(target, other) + flood.advertisement_flood(target, other)
                 + flood.foreign_echo_flood(target, False) + flood.foreign_echo_flood(target, True)
                 + flood.matching_echo_flood(target, False, range(first, first + 50)))
 
@@ -235,7 +236,8 @@ def test_link_that_dies_in_a_flood(flooded):
 
 def test_neighbours_resolved_in_a_flood(flooded):
     """The answer that counts comes among ten thousand a second that do not."""
-    frames = flood.arp_flood(flooded.target) + flood.advertisement_flood(flooded.target)
+    frames = (flood.arp_flood(flooded.target, flooded.other)
+              + flood.advertisement_flood(flooded.target, flooded.other))
     captures = [flooded.links.sniffer(strand) for strand in (flooded.first, flooded.control)]
     running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]])
     flooded.arrive(running)

@@ -79,11 +79,11 @@ void add_arp_entry(const ArpReply& reply, const std::string& address, const std:
 
 FileDescriptor open_receiver() { return open_packet_socket(kEtherTypeArp); }
 
-bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
+bool handle_frame(std::span<const uint8_t> frame, unsigned int ifindex, WatchedTargets& targets) {
   if (const auto reply = parse_arp_reply(frame)) {
     const std::string address = address_to_text(AF_INET, &reply->sender);
-    const std::string ifname = targets.interface_of(address);
-    if (!ifname.empty()) add_arp_entry(*reply, address, ifname);
+    const std::string ifname = interface_name(ifindex);
+    if (targets.is_watched(address, ifname)) add_arp_entry(*reply, address, ifname);
   }
   return true;
 }
@@ -179,7 +179,10 @@ int LBArp::send_arp() {
   const ArpFrame frame = make_arp_request(mac.value, source, target);
   const ssize_t sent =
       send_link_frame(send_socket(), static_cast<int>(ifindex), mac.value, bytes_of(frame));
-  if (sent <= 0) LB_ERROR("<%s> sendto() failed", kName);
+  if (sent <= 0) {
+    LB_ERROR("<%s> sendto() failed", kName);
+    close_send_socket();  // full of one link's requests, it would fail those of all others too
+  }
   return static_cast<int>(sent);
 }
 

@@ -58,6 +58,11 @@ LinkAnswer<in_addr> own_ipv4_address(const std::string& ifname) {
   return address;
 }
 
+std::string interface_name(unsigned int ifindex) {
+  char name[IF_NAMESIZE];
+  return if_indextoname(ifindex, name) == nullptr ? std::string() : name;
+}
+
 std::optional<bool> no_arp_flag(const std::string& ifname) {
   const auto answer = ask(open_datagram_socket(), ifname, SIOCGIFFLAGS);
   if (!answer.answered()) return std::nullopt;

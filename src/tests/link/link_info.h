@@ -31,6 +31,9 @@ LinkAnswer<MacAddress> hardware_address(LinkSocket kind, const std::string& ifna
 // The interface's own (first) IPv4 address, in network byte order (SIOCGIFADDR).
 LinkAnswer<in_addr> own_ipv4_address(const std::string& ifname);
 
+// The name of the interface with index `ifindex`; empty when there is none.
+std::string interface_name(unsigned int ifindex);
+
 // Whether the interface uses no link-layer address resolution (IFF_NOARP), or nothing when the
 // kernel did not say.
 std::optional<bool> no_arp_flag(const std::string& ifname);

@@ -1,6 +1,7 @@
 #include "tests/link/link_prober.h"
 
 #include <linux/if_ether.h>
+#include <linux/if_packet.h>
 #include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -50,13 +51,19 @@ void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& target
     const int ready = poll(&waiting, 1, -1);
     if (ready < 0) protocol.log_receive_failure("select");
     if (ready <= 0) return;
-    const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
+    sockaddr_ll from{};
+    socklen_t from_size = sizeof(from);
+    const ssize_t length = recvfrom(fd, buffer.data(), buffer.size(), 0,
+                                    reinterpret_cast<sockaddr*>(&from), &from_size);
     if (length < 0) {
       if (errno == EINTR) continue;
       protocol.log_receive_failure("recv");
       return;
     }
-    if (!protocol.handle_frame({buffer.data(), static_cast<size_t>(length)}, targets)) return;
+    // Also what has the tag of a VLAN that is not set up here.
+    if (from.sll_pkttype == PACKET_OTHERHOST) continue;
+    const std::span<const uint8_t> frame(buffer.data(), static_cast<size_t>(length));
+    if (!protocol.handle_frame(frame, static_cast<unsigned int>(from.sll_ifindex), targets)) return;
   }
 }
 
@@ -157,10 +164,12 @@ LinkProber::Registry& LinkProber::registry() const {
   return protocol_.family.ipv6 ? ipv6 : ipv4;
 }
 
-int LinkProber::send_socket() const {
+int LinkProber::send_socket() {
   Registry& shared = registry();
   MutexLock lock(shared.mutex);
-  return shared._send_sock[_vrf].get();
+  FileDescriptor& fd = shared._send_sock[_vrf];
+  if (!fd.valid()) fd = open_send_only_packet_socket(ETH_P_ALL);
+  return fd.get();
 }
 
 void LinkProber::close_send_socket() {

@@ -45,8 +45,10 @@ struct LinkProtocol {
   // The receiver's socket; not valid on failure, with errno set.
   FileDescriptor (*open_receiver)();
 
-  // What is done with a received frame, on the receiver's thread; false ends the receiver.
-  bool (*handle_frame)(std::span<const uint8_t> frame, WatchedTargets& targets);
+  // What is done with a frame that came by the interface with index `ifindex`, on the receiver's
+  // thread; false ends the receiver.
+  bool (*handle_frame)(std::span<const uint8_t> frame, unsigned int ifindex,
+                       WatchedTargets& targets);
 
   void (*log_no_send_socket)(const std::string& vrf);
   void (*log_no_mutex)(int rc);
@@ -102,10 +104,10 @@ class LinkProber {
   // Starts the VRF's receiver thread unless that was tried before.
   void start_receiver();
 
-  // The VRF's sending socket, -1 where there is none.
-  int send_socket() const;
+  // The VRF's sending socket, opened anew where it was closed; -1 when that fails.
+  int send_socket();
 
-  // Closes the VRF's sending socket; sends through it fail from then on.
+  // Closes the VRF's sending socket; the next send_socket opens a new one.
   void close_send_socket();
 
   std::string _target;

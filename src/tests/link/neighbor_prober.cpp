@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <span>
 #include <string>
 
@@ -15,6 +14,7 @@
 #include "packets/error_text.h"
 #include "packets/neighbor_discovery.h"
 #include "packets/packet_reader.h"
+#include "platform/standard_error.h"
 #include "tests/io/packet_socket.h"
 #include "tests/link/link_info.h"
 #include "tests/link/route_netlink.h"
@@ -24,8 +24,15 @@ namespace {
 // The prefix of solicited-node addresses, as an address of it.
 constexpr const char* kSolicitedNodes = "ff02::1:ff00:2";
 
-void print_text_failure(const char* call, int error) {
-  std::fprintf(stderr, "%s() failed.\nError message: %s", call, error_text(error).c_str());
+constexpr size_t kIpv6Offset = sizeof(EthernetHeader);
+
+void print_text_failure(const std::string& call, int error) {
+  print_on_standard_error(call + "() failed.\nError message: " + error_text(error));
+}
+
+// As print_failure(3) prints it.
+void print_failure(const std::string& what) {
+  print_on_standard_error(what + ": " + error_text(errno) + "\n");
 }
 
 bool parse_printed_address(const std::string& text, in6_addr& address) {
@@ -39,7 +46,7 @@ std::string solicited_node_text() {
   in6_addr address;
   const int resolved = first_address(kIpv6, kSolicitedNodes, &address);
   if (resolved != 0) {
-    std::fprintf(stderr, "getaddrinfo() failed: %s\n", gai_strerror(resolved));
+    print_on_standard_error(std::string("getaddrinfo() failed: ") + gai_strerror(resolved) + "\n");
     return {};
   }
   std::string text = address_to_text(AF_INET6, &address);
@@ -52,22 +59,28 @@ bool read_source_mac(const std::string& ifname, MacAddress& mac) {
   const auto answer = hardware_address(LinkSocket::kPacket, ifname);
   errno = answer.error;
   if (answer.step == LinkStep::kSocketFailed) {
-    perror("socket() failed to get socket descriptor for using ioctl() ");
+    print_failure("socket() failed to get socket descriptor for using ioctl() ");
   } else if (answer.step == LinkStep::kIoctlFailed && answer.error != ENODEV) {
-    perror("ioctl() failed to get source MAC address ");
+    print_failure("ioctl() failed to get source MAC address ");
   }
   mac = answer.value;
   return answer.answered();
 }
 
+// A socket of all protocols would also see what leaves by an interface, and on a lower device the
+// frames of a VLAN, bridge or macvlan, without their tag.
 FileDescriptor open_receiver() {
-  FileDescriptor fd = open_packet_socket(ETH_P_ALL);
+  FileDescriptor fd = open_packet_socket(kEtherTypeIpv6);
   if (!fd.valid()) return fd;
   // A router sees many frames; the kernel keeps the others away from the thread. What it lets
   // through is looked at again, so a filter that is refused costs time only.
   sock_filter advertisements[] = {
-      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(EthernetHeader, type)),    // the EtherType
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kEtherTypeIpv6, 0, 3),             // not IPv6: refuse
+      BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(EthernetHeader, type)),  // the EtherType
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kEtherTypeIpv6, 0, 7),           // not IPv6: refuse
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kIpv6Offset + offsetof(Ipv6Header, next_header)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kProtocolIcmpv6, 0, 5),  // not ICMPv6: refuse
+      BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kIpv6Offset + offsetof(Ipv6Header, hop_limit)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kNeighborHopLimit, 0, 3),          // from afar: refuse
       BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(NeighborFrame, message)),  // the ICMPv6 type
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kNeighborAdvertisement, 0, 1),     // another: refuse
       BPF_STMT(BPF_RET | BPF_K, kWholePacket),                               // pass
@@ -77,7 +90,7 @@ FileDescriptor open_receiver() {
   return fd;
 }
 
-bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
+bool handle_frame(std::span<const uint8_t> frame, unsigned int ifindex, WatchedTargets& targets) {
   const auto advertisement = parse_neighbor_advertisement(frame);
   if (!advertisement) return true;
   const std::string target = address_to_text(AF_INET6, &advertisement->target);
@@ -85,8 +98,8 @@ bool handle_frame(std::span<const uint8_t> frame, WatchedTargets& targets) {
     print_text_failure("inet_ntop", errno);
     return false;
   }
-  const std::string ifname = targets.interface_of(target);
-  if (!ifname.empty()) add_neighbor_entry(target, advertisement->mac, ifname);
+  const std::string ifname = interface_name(ifindex);
+  if (targets.is_watched(target, ifname)) add_neighbor_entry(target, advertisement->mac, ifname);
   return true;
 }
 
@@ -117,7 +130,7 @@ void LBNeighbor::send_solicit() {
   if (!read_source_mac(_ifname, mac)) return;
   const unsigned int ifindex = if_nametoindex(_ifname.c_str());
   if (ifindex == 0) {
-    perror("if_nametoindex() failed to obtain interface index ");
+    print_failure("if_nametoindex() failed to obtain interface index ");
     return;
   }
   const std::string solicited_nodes = solicited_node_text();
@@ -132,7 +145,7 @@ void LBNeighbor::send_solicit() {
   const NeighborFrame frame =
       make_solicitation(mac, source, solicited_node_address(prefix, target), target);
   if (send_link_frame(send_socket(), static_cast<int>(ifindex), mac, bytes_of(frame)) <= 0) {
-    perror("sendto() failed");
+    print_failure("sendto() failed");
     close_send_socket();
   }
 }
@@ -141,6 +154,9 @@ FirstLook LBNeighbor::look_first(MacAddress& mac) {
   return look_up(mac) == 1 ? FirstLook::kFound : FirstLook::kUnknown;
 }
 
-int LBNeighbor::look_up(MacAddress& mac) { return get_neighbor_mac(_target, &mac); }
+int LBNeighbor::look_up(MacAddress& mac) {
+  const unsigned int ifindex = if_nametoindex(_ifname.c_str());
+  return ifindex == 0 ? 0 : get_neighbor_mac(_target, ifindex, &mac);
+}
 
 void LBNeighbor::send_request() { send_solicit(); }

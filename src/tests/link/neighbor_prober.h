@@ -10,7 +10,8 @@ class LBNeighbor : public LinkProber {
   LBNeighbor();
 
   // Sends one solicitation for the target by its interface. Failures go to standard error (none for
-  // an interface that does not exist); a failed sending also closes the VRF's sending socket.
+  // an interface that does not exist); a failed sending also closes the VRF's sending socket, and
+  // the next solicitation opens a new one.
   void send_solicit();
 
   // Starts the receiver thread of this VRF, once. Not called by the daemon itself, whose first

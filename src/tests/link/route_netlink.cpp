@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include "packets/packet_reader.h"
 #include "packets/route_message.h"
 #include "platform/file_descriptor.h"
+#include "platform/standard_error.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ bool send_request(int fd, iovec* iov, size_t iov_count) {
 }
 
 // Reads until something final comes; kMore when the socket fails before that.
-RouteAnswer read_answer(int fd, const std::string& target) {
+RouteAnswer read_answer(int fd, const std::string& target, unsigned int ifindex) {
   const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
   RouteAnswer answer;
   while (answer.kind == RouteAnswer::Kind::kMore) {
@@ -57,7 +57,7 @@ RouteAnswer read_answer(int fd, const std::string& target) {
       if (errno == EINTR || errno == EAGAIN) continue;
       break;
     }
-    answer = read_route_answer({buffer.get(), static_cast<size_t>(length)}, target);
+    answer = read_route_answer({buffer.get(), static_cast<size_t>(length)}, target, ifindex);
   }
   return answer;
 }
@@ -67,15 +67,17 @@ RouteAnswer read_answer(int fd, const std::string& target) {
 bool add_route_attribute(std::vector<uint8_t>& message, uint16_t type,
                          std::span<const uint8_t> data, size_t bound) {
   if (append_attribute(message, type, data, bound)) return true;
-  std::fprintf(stderr, "addattr_l ERROR: message exceeded bound of %d\n", static_cast<int>(bound));
+  print_on_standard_error("addattr_l ERROR: message exceeded bound of " + std::to_string(bound) +
+                          "\n");
   LB_ERROR("rtnl_attr_add");
   return false;
 }
 
-int rtnl_exchange(iovec* iov, size_t iov_count, MacAddress* mac_out, const std::string& target) {
+int rtnl_exchange(iovec* iov, size_t iov_count, MacAddress* mac_out, const std::string& target,
+                  unsigned int ifindex) {
   const FileDescriptor fd = open_route_socket();
   if (!fd.valid() || !send_request(fd.get(), iov, iov_count)) return -1;
-  const RouteAnswer answer = read_answer(fd.get(), target);
+  const RouteAnswer answer = read_answer(fd.get(), target, ifindex);
   switch (answer.kind) {
     case RouteAnswer::Kind::kDone:
       return 0;
@@ -92,12 +94,12 @@ int rtnl_exchange(iovec* iov, size_t iov_count, MacAddress* mac_out, const std::
   return -1;
 }
 
-int get_neighbor_mac(const std::string& target, MacAddress* mac_out) {
+int get_neighbor_mac(const std::string& target, unsigned int ifindex, MacAddress* mac_out) {
   NeighborRequest request =
       make_neighbor_request(RTM_GETNEIGH, NLM_F_REQUEST | NLM_F_ROOT | NLM_F_MATCH);
   iovec iov[] = {{&request.header, sizeof(request.header)},
                  {&request.neighbor, sizeof(request.neighbor)}};
-  return rtnl_exchange(iov, 2, mac_out, target);
+  return rtnl_exchange(iov, 2, mac_out, target, ifindex);
 }
 
 int add_neighbor_entry(const std::string& target, const MacAddress& mac,

@@ -1,22 +1,22 @@
 #include "tests/link/watched_targets.h"
 
-void WatchedTargets::watch(const std::string& target, const std::string& ifname) {
+void WatchedTargets::watch(const std::string& address, const std::string& ifname) {
   MutexLock lock(mutex_);
-  const auto [entry, added] = _targets.try_emplace(target);
-  if (!added && entry->second.empty()) --unwatched_;
-  entry->second = ifname;
-  if (ifname.empty()) ++unwatched_;
+  const auto [entry, added] = _targets.try_emplace({address, ifname}, true);
+  if (added || entry->second) return;
+  entry->second = true;
+  --unwatched_;
 }
 
-std::string WatchedTargets::interface_of(const std::string& address) {
+bool WatchedTargets::is_watched(const std::string& address, const std::string& ifname) {
   MutexLock lock(mutex_);
-  const auto found = _targets.find(address);
+  const auto found = _targets.find({address, ifname});
   if (found != _targets.end()) return found->second;
   if (unwatched_ < kMostUnwatched) {
-    _targets.emplace(address, std::string());
+    _targets.emplace(Target{address, ifname}, false);
     ++unwatched_;
   }
-  return {};
+  return false;
 }
 
 WatchedTargets::Map WatchedTargets::snapshot() const {

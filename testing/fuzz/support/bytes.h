@@ -56,6 +56,13 @@ bool is_at(std::span<const uint8_t> bytes, size_t offset, const T& value) {
   return std::memcmp(bytes.data() + offset, &value, sizeof(T)) == 0;
 }
 
+// True when the six bytes at `offset` are a link-layer address that one station can have.
+inline bool is_station_at(std::span<const uint8_t> bytes, size_t offset) {
+  const bool is_group = bytes[offset] % 2 == 1;
+  const bool is_zero = number16_at(bytes, offset) == 0 && number32_at(bytes, offset + 2) == 0;
+  return !is_group && !is_zero;
+}
+
 // Appends the bytes of `value`.
 template <class T>
 void append(Bytes& bytes, const T& value) {

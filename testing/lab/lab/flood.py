@@ -1,7 +1,8 @@
 """Hostile frames, and a process that sends them fast.
 
-The makers give lists of frames for a flood of one kind; `Target` says whom they are for. None of them forges what a
-probe relies on by design: the hardware address that they claim for a watched neighbour is the right one.
+The makers give lists of frames for a flood of one kind; `Target` says whom they are for, and `other` is an uplink by
+which they do not come. None of them forges what a probe relies on by design: an answer that is well formed, and comes
+by the interface of a watched neighbour, has the right hardware address.
 """
 
 import itertools
@@ -16,6 +17,7 @@ import sys
 from .responder import address_bytes, icmp6_checksum, inet_checksum, ip_packet
 
 _SENDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes", "flood.py")
+WRONG_MAC = bytes.fromhex("0200000bad01")
 ETH_ARP, ETH_IPV4, ETH_IPV6 = 0x0806, 0x0800, 0x86DD
 
 
@@ -71,10 +73,10 @@ def arp(target, sender, mac, lengths=(6, 4), operation=2):
                         + target.mac + target.address)
 
 
-def arp_flood(target):
-    """Too short, too long, with wrong lengths, of strangers and of the gateway itself."""
-    strangers = addresses(40)
-    claims = [(sender, bytes.fromhex("0200000bad01")) for sender in strangers] + [(target.gateway, target.far_mac)] * 20
+def arp_flood(target, other):
+    """Too short, too long, with wrong lengths; of strangers, of the gateway itself, and of the other's gateway."""
+    strangers = addresses(40) + [other.gateway] * 10
+    claims = [(sender, WRONG_MAC) for sender in strangers] + [(target.gateway, target.far_mac)] * 20
     frames = []
     for sender, mac in claims:
         whole = arp(target, sender, mac)
@@ -86,7 +88,7 @@ def arp_flood(target):
 
 
 def distinct_arp(target, count):
-    return [arp(target, sender, bytes.fromhex("0200000bad01")) for sender in addresses(count)]
+    return [arp(target, sender, WRONG_MAC) for sender in addresses(count)]
 
 
 # Neighbour advertisements (RFC 4861)
@@ -101,11 +103,15 @@ def advertisement(target, address, option, length=None):
     return target.frame(ETH_IPV6, packet)
 
 
-def advertisement_flood(target):
-    """Too short, too long, with wrong lengths, without the option, of strangers and of the gateway itself."""
-    wrong, right = (b"\x02\x01" + mac for mac in (bytes.fromhex("0200000bad01"), target.far_mac))
-    claims = [(address, wrong) for address in addresses(40, ipv6=True)] + [(target.gateway6, right)] * 20
-    frames = []
+def advertisement_flood(target, other):
+    """Too short, too long, with wrong lengths, without the option, from afar, of another protocol; of strangers, of
+    the gateway itself, and of the other's gateway."""
+    wrong, right = (b"\x02\x01" + mac for mac in (WRONG_MAC, target.far_mac))
+    strangers = addresses(40, ipv6=True) + [other.gateway6] * 10
+    claims = [(address, wrong) for address in strangers] + [(target.gateway6, right)] * 20
+    forged = advertisement(target, target.gateway6, wrong)
+    # The hop limit of one that a router has passed on, and UDP by a port that looks like an advertisement.
+    frames = [forged[:21] + b"\xfe" + forged[22:], forged[:20] + b"\x11" + forged[21:]] * 10
     for address, option in claims:
         whole = advertisement(target, address, option)
         frames += [whole, whole + b"\xee" * 1000, whole[:85], whole[:78], whole[:60], whole[:55], whole[:54],
@@ -117,7 +123,7 @@ def advertisement_flood(target):
 
 
 def distinct_advertisements(target, count):
-    option = b"\x02\x01" + bytes.fromhex("0200000bad01")
+    option = b"\x02\x01" + WRONG_MAC
     return [advertisement(target, address, option) for address in addresses(count, ipv6=True)]
 
 

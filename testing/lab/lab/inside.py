@@ -19,15 +19,17 @@ class SmallDisk:
         lab.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "none", directory])
         self.path = seen(lab, directory)
 
-    def fill(self):
-        """Until nothing fits and the others' files are empty, so that none can be written within its own space."""
+    def fill(self, leave_files=False):
+        """Until nothing fits. The others' files are emptied, so that none can be written within its own space."""
         filler = f"{self.directory}/filler"
+        others = f"find {self.directory} -type f ! -name filler -size +0"
 
         def full():
-            self.lab.run(["sh", "-c", f"find {self.directory} -type f ! -name filler -exec truncate -s 0 {{}} +; "
-                                      f"cat /dev/zero >> {filler}"], check=False)
-            return os.statvfs(self.path).f_bavail == 0 and not self.lab.run(
-                ["find", self.directory, "-type", "f", "!", "-name", "filler", "-size", "+0"]).stdout
+            empty = "true" if leave_files else f"{others} -exec truncate -s 0 {{}} +"
+            self.lab.run(["sh", "-c", f"{empty}; cat /dev/zero >> {filler}"], check=False)
+            if os.statvfs(self.path).f_bavail > 0:
+                return False
+            return leave_files or not self.lab.run(["sh", "-c", others]).stdout
 
         waiting.wait_until(full, "a full disk")
 

@@ -208,6 +208,10 @@ class Responder(EchoPolicy):
     def _in_netns_socket(enclosure, netns):
         return enclosure.socket(socket.AF_INET, socket.SOCK_DGRAM, 0, netns)
 
+    def become(self, mac):
+        """From now on it is another machine, with that hardware address (bytes)."""
+        self.mac = self.arp_mac = self.nd_mac = mac
+
     def send_frame(self, frame):
         try:
             self._socket.send(frame)
@@ -226,10 +230,11 @@ class Responder(EchoPolicy):
         if address[2] == PACKET_OUTGOING or self.silent:
             return []
         kind = frame[12:14]
+        is_heard = frame[0] & 1 or frame[:6] in (self.mac, self.arp_mac, self.nd_mac)
         if kind == b"\x08\x06":
-            return self._arp(frame)
+            return self._arp(frame) if is_heard else []
         if kind == b"\x86\xdd" and frame[20] == 58 and frame[54] == 135:
-            return self._neighbour(frame)
+            return self._neighbour(frame) if is_heard else []
         # A link without ARP carries the sender's own address as the destination.
         if kind in (b"\x08\x00", b"\x86\xdd") and frame[:6] in (self.mac, frame[6:12]):
             head = frame[6:12] + self.mac + kind
@@ -261,6 +266,12 @@ class Responder(EchoPolicy):
     def close(self):
         self._loop.stop()
         self._socket.close()
+
+
+def answer(to_mac, to_address, mac, address, from_mac=None):
+    """The one or the other of what follows, by the family of the addresses, which are texts."""
+    make = advertisement if ":" in address else arp_reply
+    return make(to_mac, address_bytes(to_address), mac, address_bytes(address), from_mac)
 
 
 def arp_reply(to_mac, to_address, mac, address, from_mac=None):

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "support/packet_bytes.h"
 
 namespace {
@@ -24,8 +26,21 @@ Bytes reply_frame() {
   };
 }
 
-// True when a change of byte `i` decides whether the frame is an ARP reply at all.
-bool decides(size_t i) { return i == 12 || i == 13 || i == 20 || i == 21; }
+constexpr size_t kSenderHardware = 22;
+
+// True when a flip of that bit decides whether the frame is an ARP reply at all.
+bool decides(size_t bit) {
+  const size_t i = bit / 8;
+  const bool makes_a_group = bit == kSenderHardware * 8;
+  return i == 12 || i == 13 || i == 20 || i == 21 || makes_a_group;
+}
+
+// The reply with that sender hardware address.
+Bytes reply_from(const MacAddress& mac) {
+  Bytes frame = reply_frame();
+  std::copy(mac.begin(), mac.end(), frame.begin() + kSenderHardware);
+  return frame;
+}
 
 }  // namespace
 
@@ -72,6 +87,16 @@ TEST(ArpTest, IgnoresRequest) {
   EXPECT_FALSE(parse_arp_reply(frame));
 }
 
+TEST(ArpTest, IgnoresReplyOfAGroupOrNobody) {
+  EXPECT_FALSE(parse_arp_reply(reply_from({})));
+  EXPECT_FALSE(parse_arp_reply(reply_from({0xff, 0xff, 0xff, 0xff, 0xff, 0xff})));
+  EXPECT_FALSE(parse_arp_reply(reply_from({0x01, 0x00, 0x5e, 0x00, 0x00, 0x01})));
+  EXPECT_FALSE(parse_arp_reply(reply_from({0x33, 0x33, 0x00, 0x00, 0x00, 0x01})));
+  EXPECT_FALSE(parse_arp_reply(reply_from({0x01, 0x00, 0x00, 0x00, 0x00, 0x00})));
+  EXPECT_TRUE(parse_arp_reply(reply_from({0x00, 0x00, 0x00, 0x00, 0x00, 0x01})));
+  EXPECT_TRUE(parse_arp_reply(reply_from({0xfe, 0xff, 0xff, 0xff, 0xff, 0xff})));
+}
+
 TEST(ArpTest, IgnoresTruncatedReply) {
   for_each_truncation(reply_frame(),
                       [](const Bytes& frame) { EXPECT_FALSE(parse_arp_reply(frame)); });
@@ -84,7 +109,7 @@ TEST(ArpTest, EveryBitCounts) {
   for_each_flipped_bit(frame, [&](const Bytes& flipped, size_t bit) {
     const size_t i = bit / 8;
     const auto reply = parse_arp_reply(flipped);
-    EXPECT_EQ(reply.has_value(), !decides(i));
+    EXPECT_EQ(reply.has_value(), !decides(bit));
     if (!reply) return;
     const bool sender = i >= 28 && i < 32;
     const bool hardware = i >= 22 && i < 36;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "support/packet_bytes.h"
@@ -12,31 +13,6 @@ namespace {
 std::string text_of(const in6_addr& address) {
   char text[INET6_ADDRSTRLEN];
   return inet_ntop(AF_INET6, &address, text, sizeof(text));
-}
-
-Bytes advertisement_frame() {
-  return {
-      0x02, 0x11, 0x22, 0x33, 0x44, 0x55,        // Ethernet destination
-      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xee,        // Ethernet source
-      0x86, 0xdd,                                // EtherType: IPv6
-      0x60, 0x00, 0x00, 0x00,                    // version, traffic class, flow label
-      0x00, 0x20,                                // payload length 32
-      0x3a,                                      // next header: ICMPv6
-      0xff,                                      // hop limit
-      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // source fe80::1
-      0,    0,    0,    0,    0,    0,    0, 1,  //
-      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // destination fe80::2
-      0,    0,    0,    0,    0,    0,    0, 2,  //
-      0x88,                                      // type: neighbour advertisement
-      0x00,                                      // code
-      0x12, 0x34,                                // checksum (not looked at)
-      0x60, 0x00, 0x00, 0x00,                    // flags: solicited, override
-      0x20, 0x01, 0x0d, 0xb8, 0,    0,    0, 0,  // target 2001:db8::1:2:3
-      0,    0,    0,    1,    0,    2,    0, 3,  //
-      0x02,                                      // option: target link-layer address
-      0x01,                                      // option length
-      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xef,        // link-layer address
-  };
 }
 
 // RFC 1071 in another form than the product's: the ones'-complement sum of a correct packet,
@@ -127,14 +103,60 @@ TEST(NeighborDiscoveryTest, IgnoresTruncatedAdvertisement) {
                       [](const Bytes& cut) { EXPECT_FALSE(parse_neighbor_advertisement(cut)); });
 }
 
-TEST(NeighborDiscoveryTest, OnlyTypeTargetAndAddressAreLookedAt) {
+TEST(NeighborDiscoveryTest, IgnoresAdvertisementOfAnotherProtocol) {
+  for (const uint8_t next_header : {0, 1, 6, 17, 43, 44, 59, 60, 255}) {
+    Bytes frame = advertisement_frame();
+    frame[20] = next_header;
+    EXPECT_FALSE(parse_neighbor_advertisement(frame)) << int{next_header};
+  }
+}
+
+TEST(NeighborDiscoveryTest, IgnoresAdvertisementFromAfar) {
+  for (const uint8_t hop_limit : {0, 1, 64, 254}) {
+    Bytes frame = advertisement_frame();
+    frame[21] = hop_limit;
+    EXPECT_FALSE(parse_neighbor_advertisement(frame)) << int{hop_limit};
+  }
+}
+
+TEST(NeighborDiscoveryTest, IgnoresAdvertisementWithAnotherOption) {
+  for (const uint8_t type : {0, 1, 3, 5, 14, 255}) {
+    Bytes frame = advertisement_frame();
+    frame[78] = type;
+    EXPECT_FALSE(parse_neighbor_advertisement(frame)) << int{type};
+  }
+  for (const uint8_t length : {0, 2, 3, 255}) {
+    Bytes frame = advertisement_frame();
+    frame[79] = length;
+    frame.resize(1500);
+    EXPECT_FALSE(parse_neighbor_advertisement(frame)) << int{length};
+  }
+}
+
+TEST(NeighborDiscoveryTest, IgnoresAdvertisementOfAGroupOrNobody) {
+  const auto reads = [](const MacAddress& mac) {
+    Bytes frame = advertisement_frame();
+    std::copy(mac.begin(), mac.end(), frame.begin() + 80);
+    return parse_neighbor_advertisement(frame).has_value();
+  };
+  EXPECT_FALSE(reads({}));
+  EXPECT_FALSE(reads({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}));
+  EXPECT_FALSE(reads({0x33, 0x33, 0x00, 0x00, 0x00, 0x01}));
+  EXPECT_FALSE(reads({0x01, 0x00, 0x00, 0x00, 0x00, 0x00}));
+  EXPECT_TRUE(reads({0x00, 0x00, 0x00, 0x00, 0x00, 0x01}));
+  EXPECT_TRUE(reads({0xfe, 0xff, 0xff, 0xff, 0xff, 0xff}));
+}
+
+TEST(NeighborDiscoveryTest, EveryBitCounts) {
   const Bytes frame = advertisement_frame();
   const auto good = parse_neighbor_advertisement(frame);
   ASSERT_TRUE(good);
   for_each_flipped_bit(frame, [&](const Bytes& flipped, size_t bit) {
     const size_t i = bit / 8;
     const auto read = parse_neighbor_advertisement(flipped);
-    const bool decides = i == 12 || i == 13 || i == 54;
+    const bool makes_a_group = bit == 80 * 8;
+    const bool decides =
+        i == 12 || i == 13 || i == 20 || i == 21 || i == 54 || i == 78 || i == 79 || makes_a_group;
     EXPECT_EQ(read.has_value(), !decides);
     if (!read) return;
     EXPECT_EQ(text_of(read->target) != text_of(good->target), i >= 62 && i < 78);

@@ -23,11 +23,33 @@ TEST(RouteMessageWalkTest, EveryOtherMessageIsTakenForANeighbour) {
   }
 }
 
-TEST(RouteMessageWalkTest, FamilyAndInterfaceOfTheEntryAreNotLookedAt) {
+TEST(RouteMessageWalkTest, FamilyOfTheEntryIsNotLookedAt) {
   Bytes answer = entry(kTarget, kMac);
   answer[16] = AF_INET;
-  set(answer, 20, int32_t{-1});
   EXPECT_EQ(read_route_answer(answer, kTarget).kind, Kind::kFound);
+  EXPECT_EQ(read_route_answer(answer, kTarget, 7).kind, Kind::kFound);
+}
+
+TEST(RouteMessageWalkTest, EntryIsThatOfTheInterface) {
+  Bytes answer = entry(kTarget, MacAddress{2, 0, 0, 0, 0, 8});
+  set(answer, 20, int32_t{8});
+  EXPECT_EQ(read_route_answer(answer, kTarget, 7).kind, Kind::kMore);
+  EXPECT_EQ(read_route_answer(answer, kTarget, 9).kind, Kind::kMore);
+  EXPECT_EQ(read_route_answer(answer, kTarget, 8).kind, Kind::kFound);
+  EXPECT_EQ(read_route_answer(answer, kTarget).kind, Kind::kFound) << "of any";
+  append(answer, entry(kTarget, kMac));  // on 7
+  const RouteAnswer found = read_route_answer(answer, kTarget, 7);
+  EXPECT_EQ(found.kind, Kind::kFound);
+  EXPECT_EQ(found.mac, kMac);
+  // Indices are as wide as the field.
+  set(answer, 20, int32_t{0x10007});
+  EXPECT_NE(read_route_answer(answer, kTarget, 7).mac, (MacAddress{2, 0, 0, 0, 0, 8}));
+}
+
+// What ends an answer concerns every interface.
+TEST(RouteMessageWalkTest, EndOfTheAnswerHasNoInterface) {
+  EXPECT_EQ(read_route_answer(done(), kTarget, 7).kind, Kind::kDone);
+  EXPECT_EQ(read_route_answer(error_message(-EPERM), kTarget, 7).kind, Kind::kRefused);
 }
 
 TEST(RouteMessageWalkTest, HeaderAloneIsAMessage) {

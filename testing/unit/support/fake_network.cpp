@@ -35,7 +35,13 @@ FakeNetwork::FakeNetwork() {
   add_hook(wrapped::ioctl, [this](int, unsigned long request, void* argument) {
     return answer_ioctl(request, argument);
   });
-  add_hook(wrapped::if_nametoindex, [this](const char*) { return interface_index; });
+  add_hook(wrapped::if_nametoindex, [this](const char* name) { return index_of(name); });
+  add_hook(wrapped::if_indextoname,
+           [this](unsigned index, char* name) { return name_of(index, name); });
+  add_hook(wrapped::recvfrom, [this](int fd, void* data, size_t size, int flags, sockaddr* address,
+                                     socklen_t* address_size) {
+    return receive_frame(fd, data, size, flags, address, address_size);
+  });
   add_hook(wrapped::getifaddrs, [this](ifaddrs** result) { return list_addresses(result); });
   add_hook(wrapped::gethostbyname2_r,
            [this](const char* name, int family, hostent* entry, char* buffer, size_t size,
@@ -155,6 +161,37 @@ ssize_t FakeNetwork::answer_tracker_request(void* data) const {
   std::memcpy(data, &header, sizeof(header));
   std::memcpy(static_cast<char*>(data) + NLMSG_HDRLEN, &error, sizeof(error));
   return static_cast<ssize_t>(header.nlmsg_len);
+}
+
+unsigned FakeNetwork::index_of(const std::string& name) const {
+  for (const auto& [index, known] : interface_names) {
+    if (known == name) return index;
+  }
+  return interface_index;
+}
+
+char* FakeNetwork::name_of(unsigned index, char* name) const {
+  const auto found = interface_names.find(index);
+  if (found == interface_names.end()) {
+    errno = ENXIO;
+    return nullptr;
+  }
+  name[found->second.copy(name, IF_NAMESIZE - 1)] = '\0';
+  return name;
+}
+
+// What a packet socket tells besides: where the frame came in.
+ssize_t FakeNetwork::receive_frame(int fd, void* data, size_t size, int flags, sockaddr* address,
+                                   socklen_t* address_size) const {
+  const ssize_t received = wrapped::recv.real(fd, data, size, flags);
+  if (received < 0 || address == nullptr) return received;
+  sockaddr_ll from{};
+  from.sll_family = AF_PACKET;
+  from.sll_ifindex = static_cast<int>(arrival_interface.load());
+  EXPECT_GE(*address_size, sizeof(from));
+  std::memcpy(address, &from, sizeof(from));
+  *address_size = sizeof(from);
+  return received;
 }
 
 // One block, as freeifaddrs(3) of this C library frees it: the list's head.

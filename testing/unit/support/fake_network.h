@@ -11,6 +11,7 @@
 #include <net/if_arp.h>
 #include <sys/ioctl.h>
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <utility>
@@ -25,15 +26,17 @@ class FakeNetwork : public FakeSockets {
   ~FakeNetwork();
 
   // What the kernel says.
-  bool no_arp = false;                                          // SIOCGIFFLAGS
-  MacAddress own_mac{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};       // SIOCGIFHWADDR
-  std::string own_address = "192.0.2.1";                        // SIOCGIFADDR
-  MacAddress gateway_mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};   // both neighbour tables
-  unsigned interface_index = 7;                                 // if_nametoindex
-  std::map<unsigned long, int> ioctl_errors;                    // request: errno
-  std::vector<std::pair<std::string, std::string>> addresses;   // getifaddrs: name, address
-  std::map<std::string, std::vector<std::string>> known_hosts;  // resolver: name, addresses
-  int arp_flags = ATF_COM;                                      // of the entry of the ARP table
+  bool no_arp = false;                                           // SIOCGIFFLAGS
+  MacAddress own_mac{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};        // SIOCGIFHWADDR
+  std::string own_address = "192.0.2.1";                         // SIOCGIFADDR
+  MacAddress gateway_mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};    // both neighbour tables
+  unsigned interface_index = 7;                                  // if_nametoindex, of other names
+  std::map<unsigned, std::string> interface_names{{7, "eth0"}};  // if_nametoindex, if_indextoname
+  std::atomic<unsigned> arrival_interface{7};                    // by which frames come
+  std::map<unsigned long, int> ioctl_errors;                     // request: errno
+  std::vector<std::pair<std::string, std::string>> addresses;    // getifaddrs: name, address
+  std::map<std::string, std::vector<std::string>> known_hosts;   // resolver: name, addresses
+  int arp_flags = ATF_COM;                                       // of the entry of the ARP table
   int arp_misses_after = -1;           // SIOCGARP fails from this call on; -1: never
   std::vector<Bytes> netlink_answers;  // one read each; none: a table of all gateways
   int conntrack_answer = 0;            // errno of the tracker's answer
@@ -57,6 +60,10 @@ class FakeNetwork : public FakeSockets {
   void note_netlink_address(const void* address, socklen_t size);
   ssize_t answer_route_request(int fd, const msghdr& message);
   std::vector<Bytes> gateways() const;
+  unsigned index_of(const std::string& name) const;
+  char* name_of(unsigned index, char* name) const;
+  ssize_t receive_frame(int fd, void* data, size_t size, int flags, sockaddr* address,
+                        socklen_t* address_size) const;
   int list_addresses(ifaddrs** result) const;
   int resolve(const char* name, int family, hostent* entry, char* buffer, size_t size,
               hostent** result, int* error);

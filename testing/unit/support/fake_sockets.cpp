@@ -38,9 +38,9 @@ FakeSockets::FakeSockets() {
            [this](int fd, int level, int name, const void* value, socklen_t size) {
              return set_option(fd, level, name, value, size);
            });
-  add_hook(wrapped::sendto, [this](int fd, const void* data, size_t size, int,
+  add_hook(wrapped::sendto, [this](int fd, const void* data, size_t size, int flags,
                                    const sockaddr* address, socklen_t address_size) {
-    return send_datagram(fd, data, size, address, address_size);
+    return send_datagram(fd, data, size, flags, address, address_size);
   });
   add_hook(wrapped::poll,
            [this](pollfd* fds, nfds_t count, int timeout) { return wait(fds, count, timeout); });
@@ -120,7 +120,8 @@ std::vector<int> FakeSockets::option_names(int fd) const {
 }
 
 void FakeSockets::deliver(const Socket& socket, const Bytes& packet) {
-  const ssize_t written = ::send(socket.peer, packet.data(), packet.size(), MSG_NOSIGNAL);
+  const ssize_t written =
+      wrapped::send.real(socket.peer, packet.data(), packet.size(), MSG_NOSIGNAL);
   EXPECT_EQ(written, static_cast<ssize_t>(packet.size()));
 }
 
@@ -128,7 +129,7 @@ void FakeSockets::deliver_frame(int protocol, const Bytes& frame) const {
   SpinLockHolder holder(lock_);
   for (const Socket& socket : sockets) {
     if (socket.domain != AF_PACKET || socket.protocol != protocol) continue;
-    ::send(socket.peer, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    wrapped::send.real(socket.peer, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
 }
 
@@ -151,8 +152,8 @@ int FakeSockets::set_option(int fd, int level, int name, const void* value, sock
   return 0;
 }
 
-ssize_t FakeSockets::send_datagram(int fd, const void* data, size_t size, const sockaddr* address,
-                                   socklen_t address_size) {
+ssize_t FakeSockets::send_datagram(int fd, const void* data, size_t size, int flags,
+                                   const sockaddr* address, socklen_t address_size) {
   if (fd < 0) {
     errno = EBADF;
     return -1;
@@ -160,7 +161,7 @@ ssize_t FakeSockets::send_datagram(int fd, const void* data, size_t size, const 
   const Bytes bytes = to_bytes(data, size);
   {
     SpinLockHolder holder(lock_);
-    sent.push_back({fd, bytes, to_bytes(address, address_size)});
+    sent.push_back({fd, bytes, to_bytes(address, address_size), flags});
   }
   if (on_frame) on_frame(bytes);
   return static_cast<ssize_t>(size);

@@ -36,6 +36,7 @@ class FakeSockets {
     int fd;
     Bytes bytes;
     Bytes address;
+    int flags = 0;
   };
 
   FakeSockets();
@@ -97,7 +98,7 @@ class FakeSockets {
 
  private:
   int set_option(int fd, int level, int name, const void* value, socklen_t size);
-  ssize_t send_datagram(int fd, const void* data, size_t size, const sockaddr* address,
+  ssize_t send_datagram(int fd, const void* data, size_t size, int flags, const sockaddr* address,
                         socklen_t address_size);
   int wait(pollfd* fds, nfds_t count, int timeout) const;
   int start_thread(pthread_t* thread, WrappedThreadStart body, void* argument);

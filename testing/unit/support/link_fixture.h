@@ -42,8 +42,6 @@ struct Arp {
       "(Resource temporarily unavailable)";
 
   static constexpr size_t kLooksAtAKnownAddress = 2;  // whether it is there, and the address
-  // Sockets of the receiver's protocol that sending and its questions need.
-  static constexpr int kOtherSockets = 0;
 
   static int receive_protocol() { return htons(ETH_P_ARP); }
   static void start(LBArp& prober) { prober.received_arp(); }
@@ -56,6 +54,11 @@ struct Arp {
   }
   static size_t looks(const FakeNetwork& network) { return network.arp_queries.size(); }
   static size_t entries(const FakeNetwork& network) { return network.arp_entries.size(); }
+  static std::vector<std::string> interfaces_of_entries(const FakeNetwork& network) {
+    std::vector<std::string> names;
+    for (const arpreq& entry : network.arp_entries) names.push_back(entry.arp_dev);
+    return names;
+  }
 
   // A reply of an address that ends in that byte.
   static Bytes reply(uint8_t last_byte = 9) {
@@ -71,6 +74,7 @@ struct Arp {
         192,  0,    2,    1,                      // target protocol address
     };
   }
+  static constexpr size_t kHardwareAddress = 22;
   // What makes it something else than a reply.
   static constexpr size_t kOperation = 21;
   static constexpr uint8_t kRequestCode = 1;
@@ -94,20 +98,30 @@ struct Neighbor {
   static constexpr const char* kNoMutex = "wan_lb: error mutex initialization";
 
   static constexpr size_t kLooksAtAKnownAddress = 1;
-  static constexpr int kOtherSockets = 2;
 
-  static int receive_protocol() { return htons(ETH_P_ALL); }
+  static int receive_protocol() { return htons(ETH_P_IPV6); }
   static void start(LBNeighbor& prober) { prober.receive_reply(); }
   static void request(LBNeighbor& prober) { prober.send_solicit(); }
 
   static void learn(FakeNetwork& network) { network.netlink_answers = {entry(kTarget, kMac)}; }
   static size_t looks(const FakeNetwork& network) { return network.netlink_requests.size(); }
   static size_t entries(const FakeNetwork& network) { return network.netlink_requests.size(); }
+  static std::vector<std::string> interfaces_of_entries(const FakeNetwork& network) {
+    std::vector<std::string> names;
+    for (const Bytes& request : network.netlink_requests) {
+      int32_t ifindex;
+      std::memcpy(&ifindex, request.data() + 20, sizeof(ifindex));
+      names.push_back(network.interface_names.at(static_cast<unsigned>(ifindex)));
+    }
+    return names;
+  }
 
   // An advertisement of an address that ends in that byte.
   static Bytes reply(uint8_t last_byte = 9) {
     Bytes frame(86);
     frame[12] = 0x86, frame[13] = 0xdd;  // EtherType: IPv6
+    frame[20] = 58;                      // next header: ICMPv6
+    frame[21] = 255;                     // hop limit
     frame[54] = 136;                     // type: neighbour advertisement
     const Bytes target = address_bytes(kTarget);
     std::copy(target.begin(), target.end(), frame.begin() + 62);
@@ -116,6 +130,7 @@ struct Neighbor {
     std::copy(kMac.begin(), kMac.end(), frame.begin() + 80);
     return frame;
   }
+  static constexpr size_t kHardwareAddress = 80;
   static constexpr size_t kOperation = 54;
   static constexpr uint8_t kRequestCode = 135;
 };
@@ -133,6 +148,7 @@ template <class Kind>
 class LinkFixture : public testing::Test {
  protected:
   using Prober = typename Kind::Prober;
+  using Target = WatchedTargets::Target;
 
   LinkFixture() {
     network_.filters = true;
@@ -166,15 +182,17 @@ class LinkFixture : public testing::Test {
     network_.end_threads();
   }
 
-  // What the receiver does with a frame.
-  static bool handle(const Prober& prober, const Bytes& frame) {
-    return Kind::kProtocol.handle_frame(frame, const_cast<WatchedTargets&>(prober.targets()));
+  // What the receiver does with a frame that came by the interface with that index, here eth0.
+  static bool handle(const Prober& prober, const Bytes& frame, unsigned ifindex = 7) {
+    return Kind::kProtocol.handle_frame(frame, ifindex,
+                                        const_cast<WatchedTargets&>(prober.targets()));
   }
 
   // The one frame that was sent went out by the VRF's first socket and interface 7.
   void expect_frame_by_interface() const {
     ASSERT_EQ(network_.sent.size(), 1u);
     EXPECT_EQ(network_.sent[0].fd, network_.sockets[0].fd) << "the VRF's sending socket";
+    EXPECT_EQ(network_.sent[0].flags, MSG_DONTWAIT);
     sockaddr_ll address;
     ASSERT_EQ(network_.sent[0].address.size(), sizeof(address));
     std::memcpy(&address, network_.sent[0].address.data(), sizeof(address));

@@ -48,3 +48,29 @@ void for_each_flipped_bit(const Bytes& whole, const Check& check) {
     check(flipped, bit);
   }
 }
+
+// A neighbour advertisement, 86 bytes, that speaks for its target.
+inline Bytes advertisement_frame() {
+  return {
+      0x02, 0x11, 0x22, 0x33, 0x44, 0x55,        // Ethernet destination
+      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xee,        // Ethernet source
+      0x86, 0xdd,                                // EtherType: IPv6
+      0x60, 0x00, 0x00, 0x00,                    // version, traffic class, flow label
+      0x00, 0x20,                                // payload length 32
+      0x3a,                                      // next header: ICMPv6
+      0xff,                                      // hop limit
+      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // source fe80::1
+      0,    0,    0,    0,    0,    0,    0, 1,  //
+      0xfe, 0x80, 0,    0,    0,    0,    0, 0,  // destination fe80::2
+      0,    0,    0,    0,    0,    0,    0, 2,  //
+      0x88,                                      // type: neighbour advertisement
+      0x00,                                      // code
+      0x12, 0x34,                                // checksum (not looked at)
+      0x60, 0x00, 0x00, 0x00,                    // flags: solicited, override
+      0x20, 0x01, 0x0d, 0xb8, 0,    0,    0, 0,  // target 2001:db8::1:2:3
+      0,    0,    0,    1,    0,    2,    0, 3,  //
+      0x02,                                      // option: target link-layer address
+      0x01,                                      // option length
+      0x06, 0xaa, 0xbb, 0xcc, 0xdd, 0xef,        // link-layer address
+  };
+}

@@ -201,8 +201,24 @@ TEST_F(ArpProberTest, RequestIsNotSent) {
                                          LoggedError("<send_arp> sendto() failed")));
 }
 
+// The socket is that of all uplinks of the VRF, and stays open.
+TEST_F(ArpProberTest, FullQueueIsAFailedRequest) {
+  for (const int error : {EAGAIN, ENOBUFS}) {
+    clear_log();
+    network_.sent.clear();
+    {
+      Fault fault("sendto", error);
+      EXPECT_EQ(prober_.send_arp(), -1);
+    }
+    EXPECT_THAT(log_records(), ElementsAre(LoggedError("<send_arp> sendto() failed"))) << error;
+    EXPECT_EQ(prober_.send_arp(), 42);
+    expect_frame_by_interface();
+  }
+}
+
 TEST_F(ArpProberTest, ReplyOfAWatchedTargetIsEntered) {
-  prober_.set_target(kTarget, kSource, "an-interface-name-too-long");
+  network_.interface_names[7] = "fifteen-letters";
+  prober_.set_target(kTarget, kSource, "fifteen-letters");
   EXPECT_TRUE(handle(prober_, Arp::reply()));
   ASSERT_EQ(network_.arp_entries.size(), 1u);
   arpreq expected{};
@@ -213,7 +229,7 @@ TEST_F(ArpProberTest, ReplyOfAWatchedTargetIsEntered) {
   const Bytes frame = Arp::reply();
   std::memcpy(expected.arp_ha.sa_data, frame.data() + 22, 14);
   expected.arp_flags = 0x02;  // complete
-  std::strcpy(expected.arp_dev, "an-interface-na");
+  std::strcpy(expected.arp_dev, "fifteen-letters");
   EXPECT_EQ(std::memcmp(&network_.arp_entries[0], &expected, sizeof(expected)), 0);
   EXPECT_THAT(log_records(), IsEmpty());
 }

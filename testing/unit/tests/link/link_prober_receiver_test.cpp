@@ -143,24 +143,52 @@ TYPED_TEST(LinkProberReceiverTest, ListensOnARawPacketSocketWithoutATimeLimit) {
 }
 
 TYPED_TEST(LinkProberReceiverTest, TakesFramesOfUpTo65535Bytes) {
-  std::atomic<size_t> room{0};  // of the first read: the kernel's answers are read too
-  CallHook hook(wrapped::recv, [&](int fd, void* data, size_t size, int flags) {
-    size_t none = 0;
-    room.compare_exchange_strong(none, size);
-    return wrapped::recv.real(fd, data, size, flags);
+  std::atomic<size_t> room{0};
+  CallHook hook(wrapped::recvfrom, [&](int, void*, size_t size, int, sockaddr*, socklen_t*) {
+    room = size;
+    errno = ENOMEM;
+    return ssize_t{-1};
   });
   this->listen(*this->prober_);
   this->receive({TypeParam::reply()});
   EXPECT_EQ(room, 65535u);
 }
 
-TYPED_TEST(LinkProberReceiverTest, AnswerOfAnUnwatchedAddressLeavesAnEmptyEntry) {
+TYPED_TEST(LinkProberReceiverTest, AnswerOfAnUnwatchedAddressIsNoted) {
   this->prober_->set_target("192.0.2.1", "192.0.2.2", "eth0");
   this->listen(*this->prober_);
   this->receive({Bytes(20), TypeParam::reply(), TypeParam::reply()});
-  EXPECT_THAT(
+  EXPECT_EQ(
       this->prober_->targets().snapshot(),
-      ElementsAre(testing::Pair("192.0.2.1", "eth0"), testing::Pair(TypeParam::kTarget, "")));
+      (WatchedTargets::Map{{{"192.0.2.1", "eth0"}, true}, {{TypeParam::kTarget, "eth0"}, false}}));
+  EXPECT_EQ(TypeParam::entries(this->network_), 0u);
+}
+
+TYPED_TEST(LinkProberReceiverTest, AnswerOfAWatchedAddressIsEntered) {
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  this->listen(*this->prober_);
+  this->receive({TypeParam::reply()});
+  EXPECT_EQ(TypeParam::entries(this->network_), 1u);
+}
+
+// Somebody on the LAN who claims the address of an uplink's gateway.
+TYPED_TEST(LinkProberReceiverTest, AnswerByAnotherInterfaceIsNotEntered) {
+  this->network_.interface_names[8] = "lan0";
+  this->network_.arrival_interface = 8;
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  this->listen(*this->prober_);
+  this->receive({TypeParam::reply()});
+  EXPECT_EQ(TypeParam::entries(this->network_), 0u);
+  EXPECT_EQ(this->prober_->targets().snapshot(),
+            (WatchedTargets::Map{{{TypeParam::kTarget, "eth0"}, true},
+                                 {{TypeParam::kTarget, "lan0"}, false}}));
+}
+
+TYPED_TEST(LinkProberReceiverTest, AnswerByAnInterfaceThatHasGoneIsNotEntered) {
+  this->network_.arrival_interface = 9;
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  this->listen(*this->prober_);
+  this->receive({TypeParam::reply()});
   EXPECT_EQ(TypeParam::entries(this->network_), 0u);
 }
 
@@ -168,16 +196,16 @@ TYPED_TEST(LinkProberReceiverTest, OutlivesItsProber) {
   this->listen(*this->prober_);
   this->prober_.reset();
   this->receive({TypeParam::reply()});
-  EXPECT_EQ(call_count("recv"), 1);
+  EXPECT_EQ(call_count("recvfrom"), 1);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TYPED_TEST(LinkProberReceiverTest, InterruptedReceivingGoesOn) {
-  Fault fault("recv", EINTR, 0, 3);
+  Fault fault("recvfrom", EINTR, 0, 3);
   this->listen(*this->prober_);
   this->receive({TypeParam::reply()});
-  EXPECT_GE(call_count("recv"), 4);
-  EXPECT_EQ(this->prober_->targets().snapshot().count(TypeParam::kTarget), 1u);
+  EXPECT_GE(call_count("recvfrom"), 4);
+  EXPECT_THAT(this->prober_->targets().snapshot(), testing::SizeIs(1));
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -199,11 +227,11 @@ TYPED_TEST(LinkProberReceiverTest, WaitingThatEndsWithoutFramesEndsTheThread) {
 }
 
 TYPED_TEST(LinkProberReceiverTest, FailedReceivingEndsTheThread) {
-  Fault fault("recv", ENOMEM);
+  Fault fault("recvfrom", ENOMEM);
   this->listen(*this->prober_);
   this->receive({TypeParam::reply()});
   EXPECT_THAT(log_records(), ElementsAre(LoggedError(TypeParam::kRecvFailed)));
-  EXPECT_EQ(call_count("recv"), 1);
+  EXPECT_EQ(call_count("recvfrom"), 1);
 }
 
 TYPED_TEST(LinkProberReceiverTest, WithoutSocketGivesTheLockBackForArpAlone) {

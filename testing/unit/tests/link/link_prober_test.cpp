@@ -158,12 +158,13 @@ TYPED_TEST(LinkProberTest, FailedInitialisingDoesNot) {
 
 // Watched targets.
 
-TYPED_TEST(LinkProberTest, TargetsAreOverwrittenAndNeverRemoved) {
+TYPED_TEST(LinkProberTest, TargetsAreAddedAndNeverRemoved) {
   this->prober_->set_target("a", "s", "eth0");
   this->prober_->set_target("b", "s", "eth1");
   this->prober_->set_target("a", "s", "eth2");
-  EXPECT_THAT(this->prober_->targets().snapshot(),
-              ElementsAre(testing::Pair("a", "eth2"), testing::Pair("b", "eth1")));
+  EXPECT_EQ(
+      this->prober_->targets().snapshot(),
+      (WatchedTargets::Map{{{"a", "eth0"}, true}, {{"a", "eth2"}, true}, {{"b", "eth1"}, true}}));
 }
 
 TYPED_TEST(LinkProberTest, OtherFramesChangeNothing) {
@@ -178,9 +179,61 @@ TYPED_TEST(LinkProberTest, OtherFramesChangeNothing) {
   EXPECT_THAT(this->prober_->targets().snapshot(), SizeIs(1));
   EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(7)));  // nobody watches it
   EXPECT_EQ(TypeParam::entries(this->network_), 0u);
-  EXPECT_THAT(this->prober_->targets().snapshot(),
-              testing::UnorderedElementsAre(testing::Pair(TypeParam::kTarget, "eth0"),
-                                            testing::Pair(TypeParam::kOther, "")));
+  EXPECT_EQ(this->prober_->targets().snapshot(),
+            (WatchedTargets::Map{{{TypeParam::kTarget, "eth0"}, true},
+                                 {{TypeParam::kOther, "eth0"}, false}}));
+}
+
+TYPED_TEST(LinkProberTest, AnswerByAnotherInterfaceIsNotEntered) {
+  this->network_.interface_names[8] = "lan0";
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(), 8));
+  EXPECT_EQ(TypeParam::entries(this->network_), 0u);
+  EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(), 7));
+  EXPECT_EQ(TypeParam::entries(this->network_), 1u);
+}
+
+// Providers whose gateways have the same address: fe80::1 is the usual one.
+TYPED_TEST(LinkProberTest, GatewaysOfTheSameAddressTakeTheirOwnAnswers) {
+  this->network_.interface_names[8] = "eth1";
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth1");
+  EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(), 8));
+  EXPECT_TRUE(this->handle(*this->prober_, TypeParam::reply(), 7));
+  EXPECT_THAT(TypeParam::interfaces_of_entries(this->network_), ElementsAre("eth1", "eth0"));
+}
+
+// What makes an address none of a station.
+TYPED_TEST(LinkProberTest, GroupsAndNobodyAreNotEntered) {
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  Bytes group = TypeParam::reply();
+  group[TypeParam::kHardwareAddress] |= 1;
+  EXPECT_TRUE(this->handle(*this->prober_, group));
+  Bytes nobody = TypeParam::reply();
+  std::fill_n(nobody.begin() + TypeParam::kHardwareAddress, 6, 0);
+  EXPECT_TRUE(this->handle(*this->prober_, nobody));
+  Bytes broadcast = TypeParam::reply();
+  std::fill_n(broadcast.begin() + TypeParam::kHardwareAddress, 6, 0xff);
+  EXPECT_TRUE(this->handle(*this->prober_, broadcast));
+  EXPECT_EQ(TypeParam::entries(this->network_), 0u);
+}
+
+// The sending socket.
+
+TYPED_TEST(LinkProberTest, SocketThatInitCouldNotOpenIsOpenedByTheFirstRequest) {
+  {
+    Fault fault("socket", EMFILE);
+    this->prober_->init(this->vrf());
+  }
+  clear_log();
+  this->prober_->set_target(TypeParam::kTarget, TypeParam::kSource, "eth0");
+  TypeParam::request(*this->prober_);
+  ASSERT_THAT(this->network_.sent, SizeIs(1));
+  EXPECT_EQ(this->network_.sent[0].fd, this->network_.sockets.back().fd);
+  TypeParam::request(*this->prober_);
+  ASSERT_THAT(this->network_.sent, SizeIs(2));
+  EXPECT_EQ(this->network_.sent[1].fd, this->network_.sent[0].fd) << "and kept";
+  EXPECT_THAT(log_records(), IsEmpty());
 }
 
 // Each operation closes what it opens, whether it succeeds or fails.

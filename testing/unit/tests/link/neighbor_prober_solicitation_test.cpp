@@ -18,6 +18,15 @@ class NeighborProberSolicitationTest : public LinkFixture<Neighbor> {
     return output.text();
   }
 
+  // The last one that was opened for sending and is open still.
+  FakeNetwork::Socket send_socket() const {
+    FakeNetwork::Socket found;
+    for (const FakeNetwork::Socket& socket : network_.sockets) {
+      if (!FakeNetwork::is_closed(socket)) found = socket;
+    }
+    return found;
+  }
+
   LBNeighbor prober_;
 };
 
@@ -48,30 +57,67 @@ TEST_F(NeighborProberSolicitationTest, PrefixThatIsNoAddress) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
+TEST_F(NeighborProberSolicitationTest, FailedSendingClosesTheSocketAndTheNextOneOpensAnother) {
+  for (const int error : {ENETDOWN, EAGAIN, ENOBUFS}) {
+    network_.sent.clear();
+    const FakeNetwork::Socket before = send_socket();
+    {
+      Fault fault("sendto", error);
+      EXPECT_EQ(solicit(), std::string("sendto() failed: ") + strerror(error) + "\n");
+    }
+    EXPECT_TRUE(FakeNetwork::is_closed(before)) << error;
+    EXPECT_EQ(solicit(), "");
+    ASSERT_EQ(network_.sent.size(), 1u);
+    const FakeNetwork::Socket after = send_socket();
+    EXPECT_NE(after.peer, before.peer);
+    EXPECT_EQ(network_.sent[0].fd, after.fd);
+    EXPECT_EQ(after.type, SOCK_RAW);
+    EXPECT_TRUE(after.close_on_exec);
+  }
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
 TEST_F(NeighborProberSolicitationTest, NothingSentClosesTheSocketToo) {
   {
     CallHook hook(wrapped::sendto,
                   [](int, const void*, size_t size, int flags, const sockaddr*, socklen_t) {
                     EXPECT_EQ(size, 86u);
-                    EXPECT_EQ(flags, 0);
+                    EXPECT_EQ(flags, MSG_DONTWAIT);
                     errno = EAGAIN;
                     return ssize_t{0};
                   });
     EXPECT_EQ(solicit(), "sendto() failed: Resource temporarily unavailable\n");
   }
-  EXPECT_EQ(solicit(), "sendto() failed: Bad file descriptor\n");
+  EXPECT_TRUE(FakeNetwork::is_closed(network_.sockets.at(0)));
+  EXPECT_EQ(solicit(), "");
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
-// The socket is the VRF's: another prober of it gets one of its own with init.
-TEST_F(NeighborProberSolicitationTest, SocketComesBackWithTheNextInit) {
+TEST_F(NeighborProberSolicitationTest, SocketThatCannotBeOpenedAgainIsTriedByEachSolicitation) {
   {
     Fault fault("sendto", ENETDOWN);
     solicit();
   }
-  prober_.init(vrf());
+  {
+    // The question for the hardware address comes first, through a socket of its own.
+    Fault fault("socket", EMFILE, 1, 1);
+    EXPECT_EQ(solicit(), "sendto() failed: Bad file descriptor\n");
+  }
+  EXPECT_THAT(network_.sent, IsEmpty());
   EXPECT_EQ(solicit(), "");
   EXPECT_EQ(network_.sent.size(), 1u);
+}
+
+// A new one takes no frames off the wire either.
+TEST_F(NeighborProberSolicitationTest, SocketOpenedAgainQueuesNothing) {
+  {
+    Fault fault("sendto", ENETDOWN);
+    solicit();
+  }
+  EXPECT_EQ(solicit(), "");
+  network_.deliver_frame(htons(ETH_P_IPV6), Neighbor::reply());
+  char byte;
+  EXPECT_EQ(recv(network_.sent.at(0).fd, &byte, 1, MSG_DONTWAIT), -1);
 }
 
 TEST_F(NeighborProberSolicitationTest, LongInterfaceNameIsCut) {

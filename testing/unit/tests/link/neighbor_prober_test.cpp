@@ -114,14 +114,29 @@ TEST_F(NeighborProberTest, SolicitationForOrFromNoAddress) {
   EXPECT_THAT(network_.sent, IsEmpty());
 }
 
-TEST_F(NeighborProberTest, FailedSendingClosesTheSocketForGood) {
-  {
-    Fault fault("sendto", ENETDOWN);
-    EXPECT_EQ(solicit(), "sendto() failed: Network is down\n");
-  }
-  EXPECT_EQ(solicit(), "sendto() failed: Bad file descriptor\n");
-  EXPECT_THAT(network_.sent, IsEmpty());
-  EXPECT_THAT(log_records(), IsEmpty());
+// An entry of the same address on another uplink is another gateway's.
+TEST_F(NeighborProberTest, EntryOnAnotherInterfaceIsNotTheTargets) {
+  Bytes table = entry(kTarget, MacAddress{2, 0, 0, 0, 0, 8});
+  set(table, 20, int32_t{8});
+  append(table, done());
+  network_.netlink_answers = {table};
+  EXPECT_EQ(resolve(), std::nullopt);
+  EXPECT_THAT(network_.sent, SizeIs(1));
+
+  Bytes both = entry(kTarget, kMac);
+  append(both, table);
+  network_.netlink_answers = {both};
+  EXPECT_EQ(resolve(), kMac);
+  network_.interface_names = {{7, "eth1"}, {8, "eth0"}};
+  EXPECT_EQ(resolve(), (MacAddress{2, 0, 0, 0, 0, 8}));
+}
+
+TEST_F(NeighborProberTest, InterfaceThatHasGoneHasNoEntries) {
+  Neighbor::learn(network_);
+  Fault fault("if_nametoindex", ENODEV);
+  CapturedStderr output;
+  EXPECT_EQ(resolve(), std::nullopt);
+  EXPECT_THAT(network_.netlink_requests, IsEmpty());
 }
 
 TEST_F(NeighborProberTest, AdvertisementOfAWatchedTargetIsEntered) {

@@ -38,7 +38,7 @@ class RouteNetlinkTest : public testing::Test {
 TEST_F(RouteNetlinkTest, LookUpSendsADumpRequest) {
   network_.netlink_answers = {done()};
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), 0);
   ASSERT_EQ(network_.netlink_requests.size(), 1u);
   EXPECT_THAT(network_.netlink_buffers, ElementsAre(2u));
   Bytes expected = netlink_message(30, 28);  // RTM_GETNEIGH
@@ -62,14 +62,28 @@ TEST_F(RouteNetlinkTest, LookUpFindsTheEntryInALaterRead) {
   network_.netlink_answers = {entry("2001:db8::2", network_.own_mac), broken, entry(kTarget, kMac),
                               done()};
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), 1);
   EXPECT_EQ(mac, kMac);
   expect_socket_closed();
 }
 
+TEST_F(RouteNetlinkTest, LookUpIsForOneInterface) {
+  Bytes answer = entry(kTarget, MacAddress{2, 0, 0, 0, 0, 8});
+  set(answer, 20, int32_t{8});
+  append(answer, entry(kTarget, kMac));  // on 7
+  network_.netlink_answers = {answer, done()};
+  MacAddress mac{};
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), 1);
+  EXPECT_EQ(mac, kMac);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 8, &mac), 1);
+  EXPECT_EQ(mac, (MacAddress{2, 0, 0, 0, 0, 8}));
+  EXPECT_EQ(get_neighbor_mac(kTarget, 9, &mac), 0);
+  EXPECT_EQ(mac, (MacAddress{2, 0, 0, 0, 0, 8})) << "left as it was";
+}
+
 TEST_F(RouteNetlinkTest, EntryWithoutAPlaceForItsAddressIsAFailure) {
   network_.netlink_answers = {entry(kTarget, kMac), done()};
-  EXPECT_EQ(get_neighbor_mac(kTarget, nullptr), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, nullptr), -1);
   expect_socket_closed();
   EXPECT_THAT(log_records(), IsEmpty());
 }
@@ -77,14 +91,14 @@ TEST_F(RouteNetlinkTest, EntryWithoutAPlaceForItsAddressIsAFailure) {
 TEST_F(RouteNetlinkTest, AnswerWithoutTheTargetIsZero) {
   network_.netlink_answers = {entry("2001:db8::2", kMac), entry(kTarget, std::nullopt), done()};
   MacAddress mac{1, 2, 3, 4, 5, 6};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), 0);
   EXPECT_EQ(mac, (MacAddress{1, 2, 3, 4, 5, 6}));
 }
 
 TEST_F(RouteNetlinkTest, RefusalIsLogged) {
   network_.netlink_answers = {error_message(-EPERM)};
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_THAT(log_records(),
               ElementsAre(LoggedError("RTNETLINK answers: Operation not permitted\n")));
   expect_socket_closed();
@@ -93,14 +107,14 @@ TEST_F(RouteNetlinkTest, RefusalIsLogged) {
 TEST_F(RouteNetlinkTest, NoSocket) {
   Fault fault("socket", EMFILE);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Cannot open netlink socket")));
 }
 
 TEST_F(RouteNetlinkTest, NoBind) {
   Fault fault("bind", EACCES);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Cannot bind netlink socket")));
   expect_socket_closed();
 }
@@ -108,7 +122,7 @@ TEST_F(RouteNetlinkTest, NoBind) {
 TEST_F(RouteNetlinkTest, NoSending) {
   Fault fault("sendmsg", ENOBUFS);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Cannot talk to rtnetlink")));
   expect_socket_closed();
 }
@@ -118,7 +132,7 @@ TEST_F(RouteNetlinkTest, InterruptedReceivingIsRetried) {
     network_.netlink_answers = {done()};
     Fault fault("recv", error, 0, 2);
     MacAddress mac{};
-    EXPECT_EQ(get_neighbor_mac(kTarget, &mac), 0) << error;
+    EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), 0) << error;
   }
   EXPECT_THAT(log_records(), IsEmpty());
 }
@@ -126,7 +140,7 @@ TEST_F(RouteNetlinkTest, InterruptedReceivingIsRetried) {
 TEST_F(RouteNetlinkTest, FailedReceivingIsSilent) {
   Fault fault("recv", ENOBUFS);
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_THAT(log_records(), IsEmpty());
   expect_socket_closed();
 }
@@ -136,7 +150,7 @@ TEST_F(RouteNetlinkTest, EmptyReadEndsTheExchange) {
   CallHook hook(wrapped::recv, [](int, void*, size_t, int) -> ssize_t { return 0; });
   errno = EAGAIN;
   MacAddress mac{};
-  EXPECT_EQ(get_neighbor_mac(kTarget, &mac), -1);
+  EXPECT_EQ(get_neighbor_mac(kTarget, 7, &mac), -1);
   EXPECT_EQ(call_count("recv"), 1);
 }
 
@@ -148,7 +162,7 @@ TEST_F(RouteNetlinkTest, ReceiveBufferIsOneMebibyte) {
     return -1;
   });
   MacAddress mac{};
-  get_neighbor_mac(kTarget, &mac);
+  get_neighbor_mac(kTarget, 7, &mac);
   EXPECT_EQ(room, 0x100000u);
 }
 
