@@ -6,7 +6,10 @@
 
 bool parse_address(int address_family, const std::string& text, void* address) {
   const int status = address_from_text(address_family, text, address);
-  if (status == 1) return true;
+  if (status != 1) log_no_address(status);
+  return status == 1;
+}
+
+void log_no_address(int status) {
   LB_ERROR("inet_pton() failed.\nError message: %s", error_text(status).c_str());
-  return false;
 }

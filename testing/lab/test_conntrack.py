@@ -83,6 +83,32 @@ def test_existing_record_is_refused_and_logged(lab, ipv6):
     lb.wait_status("wan1", "active", family=version)
 
 
+def test_record_that_is_about_to_expire_lives_on_for_the_reply(lab):
+    """The record of a burst's request is refused, since that of the burst before has some seconds left; the reply
+    comes when these are over."""
+    link = lab.uplink(1)
+    lab.drop_invalid()
+    # What a record has left when its reply has been seen, in seconds: longer than from one burst to the next.
+    left = 6
+    lab.sysctl(f"net.netfilter.nf_conntrack_icmp_timeout={left}")
+    requests = link.responder.requests
+
+    def every_other_late(request):
+        if request.number % 2 == 0:
+            return request.reply()
+        late = requests[request.number - 1].when + left + 2
+        return [(max(0, late - time.monotonic()), request.reply())]
+
+    link.responder.echo = every_other_late
+    text, _ = config(link, False, ping_ext, count=1, period=1, timeout=waiting.milliseconds(10000) // 1000 * 1000,
+                     rtt=60000, jitter=60000)
+    lb = lab.start_lb(text)
+    link.responder.wait_requests(6, timeout=90)
+    assert lab.log.matching("<create_conntrack_record> mnl_socket_recvfrom for ip version 4: File exists$")
+    assert lab.dropped() == 0
+    assert "  +Test" in lb.report() and not lab.log.matching("changed state to inactive$")[1:]
+
+
 def test_unparsable_ipv6_target(lab):
     link = lab.uplink(1, ipv6=True)
     lab.replace_etc("nsswitch.conf", "hosts: files\n")

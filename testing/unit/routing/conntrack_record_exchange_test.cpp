@@ -13,25 +13,14 @@ using testing::SizeIs;
 
 namespace {
 
-class ConntrackRecordExchangeTest : public ConntrackFixture {
- protected:
-  // An acknowledgement of the last request, for the socket with that port.
-  ssize_t acknowledge(void* data, uint32_t port) const {
-    nlmsghdr request{};
-    std::memcpy(&request, network_.conntrack_requests.back().data(), sizeof(request));
-    const nlmsghdr header{NLMSG_LENGTH(sizeof(nlmsgerr)), NLMSG_ERROR, 0, request.nlmsg_seq, port};
-    std::memset(data, 0, header.nlmsg_len);
-    std::memcpy(data, &header, sizeof(header));
-    return static_cast<ssize_t>(header.nlmsg_len);
-  }
-};
+class ConntrackRecordExchangeTest : public ConntrackFixture {};
 
 }  // namespace
 
 TEST_F(ConntrackRecordExchangeTest, AnswerToAnotherSocket) {
   uint32_t port = 4712;  // the socket's is 4711
   CallHook hook(wrapped::mnl_socket_recvfrom,
-                [&](const mnl_socket*, void* data, size_t) { return acknowledge(data, port); });
+                [&](const mnl_socket*, void* data, size_t) { return answer(data, 0, port); });
   EXPECT_EQ(create(), -1);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("<create_conntrack_record> "
                                                      "mnl_socket_recvfrom for ip version 4: No "
@@ -46,7 +35,7 @@ TEST_F(ConntrackRecordExchangeTest, AnswerHasAPageOrEightKilobytes) {
   size_t room = 0;
   CallHook hook(wrapped::mnl_socket_recvfrom, [&](const mnl_socket*, void* data, size_t size) {
     room = size;
-    return acknowledge(data, 4711);
+    return answer(data, 0);
   });
   EXPECT_EQ(create(), 0);
   EXPECT_EQ(room, static_cast<size_t>(std::min(sysconf(_SC_PAGESIZE), 8192L)));
@@ -121,15 +110,16 @@ TEST_F(ConntrackRecordExchangeTest, AnswerThatCannotBeRead) {
 }
 
 TEST_F(ConntrackRecordExchangeTest, RefusalOfTheKernel) {
-  network_.conntrack_answer = EEXIST;
+  network_.conntrack_answer = EPERM;
   EXPECT_EQ(create(), -1);
   EXPECT_EQ(create6(), -1);
   EXPECT_THAT(
       log_records(),
       ElementsAre(LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "4: File exists"),
+                              "4: Operation not permitted"),
                   LoggedError("<create_conntrack_record> mnl_socket_recvfrom for ip version "
-                              "6: File exists")));
+                              "6: Operation not permitted")));
+  EXPECT_THAT(network_.conntrack_requests, SizeIs(2));  // nothing to renew
   EXPECT_EQ(call_count("mnl_socket_close"), 2);
   network_.conntrack_answer = 0;
   EXPECT_EQ(create6(), 0);

@@ -2,6 +2,9 @@
 #pragma once
 
 #include <gmock/gmock.h>
+#include <linux/netlink.h>
+
+#include <cstring>
 
 #include "routing/conntrack_record.h"
 #include "support/echo_fixture.h"
@@ -30,6 +33,17 @@ class ConntrackFixture : public testing::Test {
     EXPECT_GE(request.size(), sizeof(header));
     std::memcpy(&header, request.data(), sizeof(header));
     return header;
+  }
+
+  // The tracker's answer to the last request: an errno value, or 0 for an acknowledgement. `port`
+  // is that of the socket it is for.
+  ssize_t answer(void* data, int error, uint32_t port = 4711) const {
+    const nlmsghdr request = header_of(network_.conntrack_requests.back());
+    const nlmsgerr verdict{-error, request};
+    const nlmsghdr header{NLMSG_LENGTH(sizeof(verdict)), NLMSG_ERROR, 0, request.nlmsg_seq, port};
+    std::memcpy(data, &header, sizeof(header));
+    std::memcpy(static_cast<char*>(data) + NLMSG_HDRLEN, &verdict, sizeof(verdict));
+    return static_cast<ssize_t>(header.nlmsg_len);
   }
 
   FakeNetwork network_;
