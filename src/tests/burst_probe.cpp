@@ -9,9 +9,11 @@
 #include <span>
 #include <vector>
 
+#include "config/log.h"
 #include "packets/icmp_echo.h"
 #include "packets/packet_reader.h"
 #include "platform/clock.h"
+#include "platform/file_descriptor.h"
 #include "tests/echo_path.h"
 #include "tests/io/packet_socket.h"
 #include "tests/io/probes_in_flight.h"
@@ -21,7 +23,7 @@
 namespace {
 
 constexpr size_t kReceiveSize = 65535;
-constexpr int kMostDrained = 10000;
+constexpr int kMostLate = 10000;
 
 int64_t whole_milliseconds(const timespec& time) { return elapsed_milliseconds({}, time); }
 
@@ -99,7 +101,8 @@ LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
   if (!path.ready()) return {false, path.error};
   const auto send_request = [&](uint16_t sequence) {
     const auto request = make_raw_echo(echo_identifier(), sequence, static_cast<uint32_t>(key));
-    return sendto(socket, &request, sizeof(request), 0, &destination.any, destination.size);
+    return sendto(socket, &request, sizeof(request), MSG_DONTWAIT, &destination.any,
+                  destination.size);
   };
   return run_burst(send_request, destination.ipv4, key);
 }
@@ -129,15 +132,19 @@ LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockadd
                                          int32_t key) {
   // A burst of no requests has measured nothing that could be called good.
   if (count_ < 1) return {};
-  const auto sockets = this->sockets();
-  enlarge_receive_queue(sockets->recv_socket.get());
-  drain_replies();
+  const FileDescriptor replies = open_reply_socket(family_);
+  if (!replies.valid()) {
+    const int error = errno;
+    LB_ERROR("wan_lb: failed to acquired socket");
+    return {false, error};
+  }
+  enlarge_receive_queue(replies.get());
   BurstTally tally;
   while (tally.sent() < count_) {
     const auto sequence = static_cast<uint16_t>(tally.sent());
     if (send_request(sequence) < 0) return {false, errno};
     tally.add_sent();
-    const auto rtt = await_reply(destination, sequence, key);
+    const auto rtt = await_reply(replies.get(), destination, sequence, key);
     if (rtt) {
       tally.add_reply(*rtt);
     } else if (tally.sent() <= 1) {
@@ -153,28 +160,16 @@ LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockadd
   return {is_acceptable(measured, limits_), 0};
 }
 
-void LBTestPING::drain_replies() {
-  const auto sockets = this->sockets();
-  char byte;
-  // Bounded: a flood that comes in as fast as it is read must not hold the worker here.
-  for (int packet = 0; packet < kMostDrained; ++packet) {
-    if (::recv(sockets->recv_socket.get(), &byte, sizeof(byte), MSG_DONTWAIT) < 0) return;
-  }
-}
-
-std::optional<int64_t> LBTestPING::await_reply(const sockaddr_in& destination, uint16_t sequence,
-                                               int32_t key) {
+std::optional<int64_t> LBTestPING::await_reply(int socket, const sockaddr_in& destination,
+                                               uint16_t sequence, int32_t key) const {
   // select(2) refuses a microsecond figure of a whole second or more, and so does this daemon.
   if (!wait_.is_valid()) return std::nullopt;
-  const auto sockets = this->sockets();
-  const int socket = sockets->recv_socket.get();
-  if (socket < 0) return std::nullopt;
   const timespec start = monotonic_now();
   const int64_t limit = wait_.microseconds() * 1000;
   std::vector<uint8_t> buffer(kReceiveSize);
   int64_t remaining = limit;
   // Like select(2), a wait that is over still takes what has come in by then, but no flood of it.
-  for (int late = 0; late < kMostDrained; late += remaining == 0 ? 1 : 0) {
+  for (int late = 0; late < kMostLate; late += remaining == 0 ? 1 : 0) {
     const timespec timeout{.tv_sec = remaining / 1000000000, .tv_nsec = remaining % 1000000000};
     pollfd waiting{.fd = socket, .events = POLLIN, .revents = 0};
     if (ppoll(&waiting, 1, &timeout, nullptr) < 1) return std::nullopt;
@@ -182,7 +177,7 @@ std::optional<int64_t> LBTestPING::await_reply(const sockaddr_in& destination, u
 
     sockaddr_in sender{};
     socklen_t sender_size = sizeof(sender);
-    // The interface's receiver thread may have taken the packet meanwhile: never block here.
+    // A packet with a wrong checksum is waited for but not given: never block here.
     const ssize_t received = recvfrom(socket, buffer.data(), buffer.size(), MSG_DONTWAIT,
                                       reinterpret_cast<sockaddr*>(&sender), &sender_size);
     if (received < 0 || !is_same(sender, destination)) continue;

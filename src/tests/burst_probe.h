@@ -2,9 +2,8 @@
 // and jitter. IPv4 only.
 //
 // A burst runs on the worker and blocks it while replies are outstanding. It reads the replies
-// itself from the interface's receiving socket. Where a "ping" test of the same interface has
-// started the receiver thread, both read that socket and a reply that one takes is lost to the
-// other; neither ever waits for a packet that the other took.
+// itself, from a socket of its own, so that the receiver of the interface's "ping" tests takes none
+// of them.
 #pragma once
 
 #include <netinet/in.h>
@@ -46,14 +45,10 @@ class LBTestPING : public LBTest {
   template <class SendRequest>
   Ending run_burst(SendRequest send_request, const sockaddr_in& destination, int32_t key);
 
-  // Throws away what waits in the receiving socket. It takes every ICMP packet of the namespace,
-  // and where nobody read it since the last burst a full queue would drop the first reply of this
-  // one.
-  void drain_replies();
-
-  // The round-trip time in milliseconds, or nothing when the wait was over first.
-  std::optional<int64_t> await_reply(const sockaddr_in& destination, uint16_t sequence,
-                                     int32_t key);
+  // The round-trip time in milliseconds of the reply that `socket` gets, or nothing when the wait
+  // was over first.
+  std::optional<int64_t> await_reply(int socket, const sockaddr_in& destination, uint16_t sequence,
+                                     int32_t key) const;
 
   // Settings; fixed once the threads run.
   ReplyWait wait_;

@@ -42,7 +42,9 @@ void LBTest::recv(LBInterface& interface, const LBWorkerContext& worker) {
   if (entry->probe.state == kProbeWaiting) {
     const int64_t elapsed = elapsed_milliseconds(entry->probe.sent_at, monotonic_now());
     if (resp_time_ >= elapsed) return;
-    let_receiver_catch_up(*sockets);
+    CatchUpBudget own;
+    let_receiver_catch_up(*sockets,
+                          (worker.catch_up != nullptr ? *worker.catch_up : own).milliseconds);
     const int32_t key = entry->key;
     entry = find_probe();
     if (!entry || entry->key != key) return;  // a namesake in another VRF was faster

@@ -202,17 +202,21 @@ def test_target_is_learnt_from_the_lease(lab, link):
     assert link.responder.requests[0].target == "10.1.0.1"
 
 
-def test_both_kinds_on_one_interface_do_not_hang_each_other(lab, link):
-    """They read the same socket, and either may take the other's reply: results may suffer, progress may not."""
+@pytest.mark.parametrize("arp", [True, False], ids=["frame", "raw"])
+def test_both_kinds_on_one_interface(lab, arp):
+    """Each gets its own replies: an uplink that needs both is active and stays it."""
+    link = lab.uplink(1, arp=arp)
     lb = lab.start_lb(configtext.build(
-        [interface("wan1", [ping("198.51.100.1", resp_time=200),
-                            ping_ext("198.51.100.2", count=5, timeout=1000, period=1, rtt=5000, jitter=5000)],
-                   success_ct=1, nexthop=link.gateway)],
+        [interface("wan1", [ping("198.51.100.1", resp_time=5000),
+                            ping_ext("198.51.100.2", count=5, timeout=5000, period=1, rtt=5000, jitter=5000)],
+                   success_ct=3, failure_ct=2, check_all=True, nexthop=link.gateway, source_address=link.address)],
         [rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]))
-    lb.wait_cycles(4, timeout=90)
+    lb.wait_status("wan1", "active", timeout=90)
+    mark = lab.log.mark()
 
-    def enough():
-        seen = [request.target for request in link.responder.requests]
-        return min(seen.count("198.51.100.1"), seen.count("198.51.100.2")) >= 3
+    def enough(since=len(link.responder.requests)):
+        seen = [request.target for request in link.responder.requests[since:]]
+        return min(seen.count("198.51.100.1"), seen.count("198.51.100.2")) >= 5
 
     waiting.wait_until(enough, timeout=90)
+    assert lb.statuses() == {"wan1": "active"} and not lab.log.matching("changed state", mark)

@@ -54,10 +54,9 @@ void open_sockets(InterfaceSockets& sockets) {
   const Family& family = sockets.family;
   if (!keep_sending_socket(open_raw_socket(family, send_protocol(family)), sockets.send_socket) ||
       !keep_sending_socket(open_packet_socket(family.ether_type), sockets.packet_socket) ||
-      !keep(open_raw_socket(family, family.icmp_protocol), sockets.recv_socket)) {
+      !keep(open_reply_socket(family), sockets.recv_socket)) {
     return;
   }
-  refuse_foreign_messages(sockets.recv_socket.get(), family);
   if (sockets.mutex.init_result() != 0) LB_ERROR("wan_lb: error mutex initialization");
 }
 
@@ -97,6 +96,12 @@ std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::st
     open_sockets(*sockets);
   }
   return sockets;
+}
+
+FileDescriptor open_reply_socket(const Family& family) {
+  FileDescriptor socket = open_raw_socket(family, family.icmp_protocol);
+  if (socket.valid()) refuse_foreign_messages(socket.get(), family);
+  return socket;
 }
 
 void close_sockets(const Family& family, const std::string& ifname) {

@@ -54,6 +54,10 @@ struct InterfaceSockets {
 // namespace of the thread that made them. Any thread.
 std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname);
 
+// A raw ICMP socket of the calling thread's network namespace, for reading replies; messages that
+// could be no reply to any test are kept away from it. Not valid on failure, with errno set.
+FileDescriptor open_reply_socket(const Family& family);
+
 // Closes the sockets of `ifname` (a receiver that still reads keeps its own open). The name stays
 // known: later calls of sockets_of make no new ones. Any thread.
 void close_sockets(const Family& family, const std::string& ifname);

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 #include <memory>
@@ -22,7 +23,6 @@ namespace {
 constexpr size_t kReceiveSize = 65535;
 
 constexpr timespec kCatchUpPause{0, 1000000};
-constexpr int kCatchUpPauses = 200;
 
 // While it exists the receiver is reading; then it waits again.
 class ReadingGuard {
@@ -71,8 +71,8 @@ class ReplyReader {
     return Wait::kOver;
   }
 
-  // Reads one packet and marks the probe that it answers. False when reading failed. Bursts read
-  // the same socket: one may have taken what was waited for, so only a failed wait may block.
+  // Reads one packet and marks the probe that it answers. False when reading failed. A packet with
+  // a wrong checksum is waited for but not given, so only a failed wait may block.
   bool take_packet(bool may_block) {
     std::optional<ReadingGuard> reading;
     if (!may_block) reading.emplace(sockets_);
@@ -138,9 +138,13 @@ void ensure_receiver(const Family& family, const std::string& ifname) {
   if (thread.detach_result != 0) LB_ERROR("Can't detach thread for icmp recv");
 }
 
-void let_receiver_catch_up(const InterfaceSockets& sockets) {
-  for (int pauses = 0; pauses < kCatchUpPauses; ++pauses) {
-    if (!runs(sockets.receiver_state) || !has_unread_reply(sockets)) return;
+void let_receiver_catch_up(const InterfaceSockets& sockets, int& milliseconds) {
+  const timespec start = monotonic_now();
+  const int budget = milliseconds;
+  while (milliseconds > 0 && runs(sockets.receiver_state) && has_unread_reply(sockets)) {
     sleep_for(kCatchUpPause);
+    // A pause on a busy machine takes longer than it should.
+    const int64_t passed = std::max<int64_t>(1, elapsed_milliseconds(start, monotonic_now()));
+    milliseconds = static_cast<int>(std::max<int64_t>(0, budget - passed));
   }
 }

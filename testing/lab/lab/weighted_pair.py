@@ -18,16 +18,17 @@ STATE = "changed state to"
 
 class WeightedPair:
     def __init__(self, lab, route_file="usr_etc/routing-wlb.conf", vrf=None, watched=True, nexthop=None, sections=(),
-                 rules=(), links=None, **options):
-        """nexthop: "dhcp" instead of the addresses. sections, rules: more for the configuration."""
-        self.lab, self.route_file = lab, route_file
+                 rules=(), links=None, prefixes=("0.0.0.0/0",), **options):
+        """nexthop: "dhcp" instead of the addresses. sections, rules: more for the configuration. prefixes: the
+        rule's targets, in order."""
+        self.lab, self.route_file, self.prefixes = lab, route_file, prefixes
         self.links = links or [lab.uplink(number, vrf=vrf) for number in (1, 2)]
         more = {"namespace": vrf} if vrf else {}
         patience = waiting.milliseconds(900)
         health = [configtext.interface(link.name, [configtext.ping(link.gateway, resp_time=patience)], success_ct=1,
                                        nexthop=nexthop or link.gateway, **more) for link in self.links]
         config = configtext.build([*health, *sections], [
-            configtext.rule("1_ipv4", {link.name: link.number for link in self.links}, {"0.0.0.0/0": None},
+            configtext.rule("1_ipv4", {link.name: link.number for link in self.links}, dict.fromkeys(prefixes),
                             namespace=vrf), *rules])
         self.watch = None
         if watched:
@@ -37,8 +38,8 @@ class WeightedPair:
 
     def text(self, active):
         """The route file while those interfaces are active."""
-        return configtext.route_file(configtext.route_line(
-            "0.0.0.0/0", [(link.gateway, link.number) for link in self.links if link.name in active]))
+        vias = [(link.gateway, link.number) for link in self.links if link.name in active]
+        return configtext.route_file(*[configtext.route_line(prefix, vias) for prefix in self.prefixes])
 
     def watch_from_now(self):
         """Forgets what the route file was before, for a scenario in which it could not be right."""

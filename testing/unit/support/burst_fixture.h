@@ -12,7 +12,7 @@ class BurstFixture : public EchoFixture<Ipv4> {
  protected:
   using Milliseconds = std::chrono::milliseconds;
 
-  // A packet on its way to the receiving socket.
+  // A packet on its way to the socket that the burst reads.
   struct Arrival {
     std::chrono::nanoseconds after;  // since the request that it follows
     Bytes packet;
@@ -92,6 +92,11 @@ class BurstFixture : public EchoFixture<Ipv4> {
     EXPECT_THAT(state().success_counts, testing::ElementsAre(testing::Pair(kTarget, 0)));
   }
 
+  // The socket that the last burst read its replies from.
+  FakeNetwork::Socket reply_socket() const {
+    return network_.last_socket(AF_INET, SOCK_RAW, IPPROTO_ICMP);
+  }
+
   int64_t elapsed_ms(const timespec& since) const {
     return elapsed_milliseconds(since, monotonic_now());
   }
@@ -127,7 +132,7 @@ class BurstFixture : public EchoFixture<Ipv4> {
 
   ssize_t receive_one(int fd, void* data, size_t size, int flags, sockaddr* address,
                       socklen_t* address_size) {
-    EXPECT_EQ(fd, sockets()->recv_socket.get());
+    EXPECT_EQ(fd, last_wait_fd_);
     EXPECT_EQ(size, 65535u);
     EXPECT_EQ(flags, MSG_DONTWAIT);
     if (arrivals_.empty()) {
@@ -136,7 +141,7 @@ class BurstFixture : public EchoFixture<Ipv4> {
     }
     const Arrival arrival = arrivals_.front();
     arrivals_.pop_front();
-    if (arrival.packet.empty()) {  // another thread took it
+    if (arrival.packet.empty()) {  // its checksum was wrong
       errno = EAGAIN;
       return -1;
     }

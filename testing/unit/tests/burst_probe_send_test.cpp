@@ -167,6 +167,17 @@ TEST_F(BurstProbeSendTest, LaterRequestThatCannotBeSentFailsTheBurst) {
   expect_measured(0, 0, 0);
 }
 
+TEST_F(BurstProbeSendTest, RequestsNeverWaitForAQueue) {
+  send();
+  for (const auto& request : network_.sent) EXPECT_EQ(request.flags, MSG_DONTWAIT);
+  virtual_clock::advance(240s);
+  clear_log();
+  Fault fault("sendto", EAGAIN, 0, 1);
+  send();
+  EXPECT_EQ(test_.report().result, kResultFailure);
+  EXPECT_THAT(log_records(), ElementsAre(LoggedDebug("wan_lb: error on sending icmp packet: 11")));
+}
+
 TEST_F(BurstProbeSendTest, IncompleteBurstKeepsTheFiguresOfTheLastOne) {
   answer_all(20ms);
   send();
@@ -189,6 +200,7 @@ TEST_F(BurstProbeSendFrameTest, FramesCountFromZero) {
     const auto& frame = network_.sent[i].bytes;
     ASSERT_EQ(frame.size(), 46u);
     EXPECT_EQ(network_.sent[i].fd, sockets()->packet_socket.get());
+    EXPECT_EQ(network_.sent[i].flags, MSG_DONTWAIT);
     EXPECT_EQ(word_at(frame, 0), 0x02112233u);   // the next hop's hardware address
     EXPECT_EQ(word_at(frame, 12), 0x08004500u);  // IPv4, 5 words
     EXPECT_EQ(word_at(frame, 16), 0x00200000u);  // 32 bytes
@@ -240,7 +252,8 @@ TEST_F(BurstProbeSendFrameTest, OwnAddressWhereNoneIsConfigured) {
 TEST_F(BurstProbeSendFrameTest, ResolvesTheGatewayForAFarTarget) {
   send();
   expect_succeeded();
-  EXPECT_THAT(prober_->targets().snapshot(), ElementsAre(Pair(EchoKit<Ipv4>::kGateway, ifname_)));
+  EXPECT_THAT(prober_->targets().snapshot(),
+              ElementsAre(Pair(WatchedTargets::Target{EchoKit<Ipv4>::kGateway, ifname_}, true)));
 }
 
 TEST_F(BurstProbeSendFrameTest, GatewayLearntFromALeaseIsResolved) {
@@ -248,6 +261,7 @@ TEST_F(BurstProbeSendFrameTest, GatewayLearntFromALeaseIsResolved) {
   learn_next_hop(EchoKit<Ipv4>::kOtherGateway);
   send();
   expect_succeeded();
-  EXPECT_THAT(prober_->targets().snapshot(),
-              ElementsAre(Pair(EchoKit<Ipv4>::kOtherGateway, ifname_)));
+  EXPECT_THAT(
+      prober_->targets().snapshot(),
+      ElementsAre(Pair(WatchedTargets::Target{EchoKit<Ipv4>::kOtherGateway, ifname_}, true)));
 }

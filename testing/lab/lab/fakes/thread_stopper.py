@@ -1,6 +1,7 @@
-"""A debugger that stops one thread, a worker between two cycles, until it is told to end.
+"""A debugger that stops threads of a process until it is told to end.
 
-Argument: the process. Prints the thread's number once it stands still.
+Arguments: the process, and "worker" for one between two cycles or "receivers" for all that wait for packets. Prints the
+threads' numbers once they stand still.
 """
 
 import ctypes
@@ -20,13 +21,13 @@ def ptrace(request, thread):
         sys.exit(f"ptrace: {os.strerror(number)}")
 
 
-def sleeps(process):
-    """{thread: how often it has waited} of those that sleep on a clock."""
+def waiting_in(process, function):
+    """{thread: how often it has waited} of those that are in a function of the kernel with that in its name."""
     found = {}
     for thread in os.listdir(f"/proc/{process}/task"):
         base = f"/proc/{process}/task/{thread}"
         with open(f"{base}/wchan", encoding="ascii") as where, open(f"{base}/status", encoding="ascii") as status:
-            if "nanosleep" in where.read():
+            if function in where.read():
                 found[int(thread)] = re.search(r"\nvoluntary_ctxt_switches:\s+(\d+)", status.read())[1]
     return found
 
@@ -34,21 +35,33 @@ def sleeps(process):
 def sleeping_worker(process):
     """A thread in a long sleep, as workers have between two cycles; a sanitizer's own thread has short ones."""
     while True:
-        before = sleeps(process)
+        before = waiting_in(process, "nanosleep")
         time.sleep(0.3)
-        for thread, count in sleeps(process).items():
+        for thread, count in waiting_in(process, "nanosleep").items():
             if before.get(thread) == count:
-                return thread
+                return [thread]
+
+
+def waiting_receivers(process):
+    """All that wait for packets. One that is just reading is missed by a look, and seen by the next."""
+    found, before = sorted(waiting_in(process, "poll")), []
+    while not found or found != before:
+        time.sleep(0.1)
+        found, before = sorted(waiting_in(process, "poll")), found
+    return found
 
 
 def main():
     signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGTERM})
-    thread = sleeping_worker(int(sys.argv[1]))
-    ptrace(PTRACE_ATTACH, thread)
-    os.waitpid(thread, WAIT_FOR_ANY_THREAD)
-    print(thread, flush=True)
+    process = int(sys.argv[1])
+    threads = sleeping_worker(process) if sys.argv[2] == "worker" else waiting_receivers(process)
+    for thread in threads:
+        ptrace(PTRACE_ATTACH, thread)
+        os.waitpid(thread, WAIT_FOR_ANY_THREAD)
+    print(*threads, flush=True)
     signal.sigwait({signal.SIGTERM})
-    ptrace(PTRACE_DETACH, thread)
+    for thread in threads:
+        ptrace(PTRACE_DETACH, thread)
 
 
 if __name__ == "__main__":
