@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -21,6 +20,7 @@
 #include "core/vrf_thread.h"
 #include "platform/clock.h"
 #include "platform/crash_report.h"
+#include "platform/descriptor_limit.h"
 
 namespace {
 
@@ -45,14 +45,6 @@ void detach_from_terminal() {
   }
   for (const int fd : {0, 1, 2}) close(fd);
   fill_standard_descriptors();
-}
-
-// Every interface and family costs three descriptors, and the usual soft limit is 1024.
-void raise_descriptor_limit() {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // A reader of standard error, or of a pipe in a file's place, may go away: the write fails, and

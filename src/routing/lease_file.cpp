@@ -2,8 +2,9 @@
 
 #include <vector>
 
+#include "config/log.h"
 #include "config/tokens.h"
-#include "platform/bounded_file.h"
+#include "platform/regular_file.h"
 
 namespace {
 
@@ -62,6 +63,10 @@ std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
 }
 
 std::optional<std::string> read_lease_router(const std::string& path, bool ipv6) {
+  if (is_special_file(path)) {
+    LB_WARNING("wan_lb: lease file '%s' is no regular file, not read", path.c_str());
+    return std::nullopt;
+  }
   const FileDescriptor file = open_to_read(path);
   if (!file.valid() || !is_regular_file(file)) return std::nullopt;
   return lease_router(read_up_to(file, kMaxFileSize), ipv6);

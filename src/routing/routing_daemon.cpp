@@ -1,6 +1,5 @@
 #include "routing/routing_daemon.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,8 +9,10 @@
 #include <cstdlib>
 
 #include "config/log.h"
-#include "platform/file_descriptor.h"
+#include "platform/descriptor_limit.h"
 #include "platform/places.h"
+#include "platform/regular_file.h"
+#include "routing/whole_file.h"
 
 namespace {
 
@@ -20,10 +21,16 @@ constexpr const char* kNoErrors = " 2>/dev/null";
 // Far above any pid file. A file without end in its place must cost neither the worker nor memory.
 constexpr size_t kMaxOutput = 65536;
 
+// Starts a shell command as whoever started the daemon would: programs that walk through all
+// descriptor numbers up to the limit would take long under the daemon's own.
+FILE* start_command(const std::string& command, const char* mode) {
+  return popen((initial_descriptor_limit_command() + command + kNoErrors).c_str(), mode);
+}
+
 // What a shell command prints, up to a limit. Empty when it printed nothing or could not be
 // started.
 std::string command_output(const std::string& command) {
-  FILE* pipe = popen((command + kNoErrors).c_str(), "r");
+  FILE* pipe = start_command(command, "r");
   if (pipe == nullptr) return "";
   std::string output(kMaxOutput, '\0');
   output.resize(fread(output.data(), 1, output.size(), pipe));
@@ -32,7 +39,7 @@ std::string command_output(const std::string& command) {
 }
 
 void run_command(const std::string& command) {
-  FILE* pipe = popen((command + kNoErrors).c_str(), "w");
+  FILE* pipe = start_command(command, "w");
   if (pipe != nullptr) pclose(pipe);
 }
 
@@ -58,25 +65,22 @@ std::optional<pid_t> parse_routing_pid(const std::string& text) {
 
 RoutingDaemon::RoutingDaemon(const std::string& vrf, bool ipv6)
     : file_path_(route_file_path(vrf, ipv6)),
-      pid_command_("cat " + routing_pid_path(vrf)),
+      pid_path_(routing_pid_path(vrf)),
+      pid_command_("cat " + pid_path_),
       flush_command_(ipv6 ? "ip -6 route flush cache" : "ip route flush cache") {}
 
 void RoutingDaemon::write_file(const std::string& text) const {
-  const FileDescriptor file(
-      open(file_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOCTTY | O_CLOEXEC, 0666));
-  if (!file.valid()) return;
-  for (size_t written = 0; written < text.size();) {
-    const ssize_t count = write(file.get(), text.data() + written, text.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) {
-      LB_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), errno);
-      return;
-    }
-    written += static_cast<size_t>(count);
-  }
+  const FileReplacement replacement = replace_file(file_path_, text);
+  if (!replacement.opened || replacement.error == 0) return;
+  LB_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), replacement.error);
 }
 
 void RoutingDaemon::reload() const {
+  if (is_special_file(pid_path_)) {
+    LB_WARNING("wan_lb: pid file '%s' is no regular file, routing daemon not signalled",
+               pid_path_.c_str());
+    return;
+  }
   const std::string pid_text = command_output(pid_command_);
   if (pid_text.empty()) {
     LB_DEBUG("LBDecision::run() can't execute '%s'", pid_command_.c_str());

@@ -17,8 +17,8 @@ class RoutingDaemon {
   // The daemon of `vrf`, seen by the worker of one family.
   RoutingDaemon(const std::string& vrf, bool ipv6);
 
-  // Replaces the content of the daemon's file, in place. A file that cannot be opened is left as it
-  // is, in silence: a VRF may have no routing daemon at all.
+  // Replaces the content of the daemon's file (whole_file.h). Where there is no way to write it is
+  // left as it is, in silence: a VRF may have no routing daemon at all.
   void write_file(const std::string& text) const;
 
   // Sends SIGHUP to the daemon when its pid is known and flushes the kernel's route cache. Runs
@@ -27,6 +27,7 @@ class RoutingDaemon {
 
  private:
   const std::string file_path_;
+  const std::string pid_path_;
   const std::string pid_command_;
   const char* const flush_command_;
 };

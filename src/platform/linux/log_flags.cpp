@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <sstream>
 
-#include "platform/bounded_file.h"
+#include "platform/regular_file.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 """Watches a route file all the time and holds it against the interface states that the daemon logged.
 
-The file is written once per check cycle, after the states of the cycle are settled, and in place: for an instant
-it is empty, and a long one holds the beginning of its text. Everything else that is ever in it must be what some
-state of the moment asks for.
+The file is replaced once per check cycle, after the states of the cycle are settled. Everything that is ever in it
+must be what some state of the moment asks for.
 """
 
 import difflib
@@ -17,8 +16,6 @@ STATE_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|ina
 
 # From the log of a state change to the file: the rest of the cycle's results come first, on a busy machine too.
 _LAG = 6.0
-# From the truncation to the whole text; a loaded machine may stop the writer in between.
-_INSTANT = 3.0
 # The clock of the files goes by ticks and may be behind the one of the log by as much.
 _TICK = 0.02
 
@@ -64,7 +61,7 @@ class RouteWatch:
             if not self.contents:
                 self.contents.append((time.monotonic(), text))
             elif self.contents[-1][1] != text:
-                # A file is empty before it gets the stamp of that.
+                # One that was moved here, or that is gone, says nothing about when.
                 known = written is not None and written != last_written
                 since = stamps.monotonic_of(written) if known else time.monotonic()
                 self.contents.append((max(since, self.contents[-1][0]), text))
@@ -98,8 +95,6 @@ class RouteWatch:
         for (since, text), until in zip(contents, [when for when, _ in contents[1:]] + [now]):
             near = [asked for (when, asked), end in zip(wanted, ends)
                     if when <= until + _TICK and end >= since - lag]
-            if until - since < waiting.scaled(_INSTANT) and any(asked.startswith(text) for asked in near):
-                continue
             assert text in near, (f"for {until - since:.3f} s the route file was none of {len(near)} texts that were "
                                   f"asked for; held against the last of them:\n{_shortly(text, near[-1])}")
             for (when, asked), end in zip(wanted, ends):

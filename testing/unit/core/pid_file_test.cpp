@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/fifo.h"
 #include "support/recorded_log.h"
 #include "support/temporary_directory.h"
 
@@ -60,6 +61,15 @@ TEST_F(PidFileTest, ThatCannotBeOpenedIsLogged) {
   write_pid_file(directory_.path());  // a directory
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("Can't fopen pid lock file " +
                                                      directory_.path() + ", continuing")));
+  EXPECT_EQ(mask(), 0027u);
+}
+
+TEST_F(PidFileTest, FifoInItsPlaceIsNotWaitedFor) {
+  const std::string path = directory_.file("lb.pid");
+  const Fifo fifo(path);
+  fifo.must_not_hold_up([&] { write_pid_file(path); });
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("Can't fopen pid lock file " + path + ", continuing")));
   EXPECT_EQ(mask(), 0027u);
 }
 

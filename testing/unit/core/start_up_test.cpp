@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "core/command_line.h"
+#include "platform/descriptor_limit.h"
 #include "support/start_up_fixture.h"
 
 using testing::AllOf;
@@ -173,8 +174,9 @@ TEST_F(StartUpDeathTest, DescriptorLimitIsRaised) {
           rlimit raised{};
           getrlimit(RLIMIT_NOFILE, &raised);
           dprintf(report_fd, raised.rlim_cur == raised.rlim_max ? "raised\n" : "not raised\n");
+          dprintf(report_fd, "%s\n", initial_descriptor_limit_command().c_str());
         });
         start({"-t", "-f", config("")});
       },
-      ExitedWithCode(0), EndsWith("end\nraised\n"));
+      ExitedWithCode(0), EndsWith("end\nraised\nulimit -Sn 256; \n"));
 }

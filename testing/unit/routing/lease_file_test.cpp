@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include "platform/file_descriptor.h"
+#include "support/fifo.h"
+#include "support/recorded_log.h"
 #include "support/temporary_directory.h"
 #include "support/wrapped_calls.h"
 
@@ -111,7 +113,15 @@ TEST(LeaseFileLinesTest, LineOf1023BytesWithItsNewlineIsWhole) {
   EXPECT_EQ(lease_router(line, kIpv4), "10.0.0.1");
 }
 
-class LeaseFileTest : public TemporaryDirectoryTest {};
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class LeaseFileTest : public TemporaryDirectoryTest {
+ protected:
+  static auto refusal(const std::string& path) {
+    return LoggedWarning("wan_lb: lease file '" + path + "' is no regular file, not read");
+  }
+};
 
 TEST_F(LeaseFileTest, IsRead) {
   const std::string path = directory_.write("lease", "option routers 192.0.2.1;\n");
@@ -126,6 +136,7 @@ TEST_F(LeaseFileTest, LargerThanOneReadIsReadOn) {
 
 TEST_F(LeaseFileTest, MissingGivesNothing) {
   EXPECT_EQ(read_lease_router(directory_.file("none"), kIpv4), std::nullopt);
+  EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(LeaseFileTest, UnreadableGivesNothing) {
@@ -134,27 +145,32 @@ TEST_F(LeaseFileTest, UnreadableGivesNothing) {
   EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt);
 }
 
-TEST_F(LeaseFileTest, FifoDoesNotHangTheReader) {
+TEST_F(LeaseFileTest, FifoIsReportedAndNeverOpened) {
   const std::string path = directory_.file("fifo");
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-  EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt);
+  const Fifo fifo(path);
+  fifo.must_not_hold_up([&] { EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt); });
+  EXPECT_THAT(log_records(), ElementsAre(refusal(path)));
+  EXPECT_EQ(call_count("open"), 0);
 }
 
 TEST_F(LeaseFileTest, OnlyARegularFileIsRead) {
   const std::string path = directory_.file("fifo");
-  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const Fifo fifo(path);
   const FileDescriptor writer(open(path.c_str(), O_RDWR | O_CLOEXEC));
   const std::string text = "option routers 192.0.2.1;\n";
   ASSERT_EQ(write(writer.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   EXPECT_EQ(read_lease_router(path, kIpv4), std::nullopt);
+  EXPECT_THAT(log_records(), ElementsAre(refusal(path)));
 }
 
 TEST_F(LeaseFileTest, EndlessDeviceIsNotRead) {
   EXPECT_EQ(read_lease_router("/dev/zero", kIpv4), std::nullopt);
+  EXPECT_THAT(log_records(), ElementsAre(refusal("/dev/zero")));
 }
 
 TEST_F(LeaseFileTest, DirectoryGivesNothing) {
   EXPECT_EQ(read_lease_router(directory_.path(), kIpv4), std::nullopt);
+  EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(LeaseFileTest, HugeFileIsReadInPartOnly) {

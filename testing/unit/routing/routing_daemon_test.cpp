@@ -5,6 +5,8 @@
 
 #include <csignal>
 
+#include "platform/descriptor_limit.h"
+#include "support/fifo.h"
 #include "support/routing_fixture.h"
 
 using testing::ElementsAre;
@@ -45,7 +47,7 @@ TEST(RoutingDaemonPidTextTest, IsNotFoundBehindOtherText) {
   }
 }
 
-TEST_F(RoutingDaemonTest, FileIsReplacedInPlace) {
+TEST_F(RoutingDaemonTest, FileIsReplaced) {
   daemon_.write_file("long text");
   daemon_.write_file("short");
   EXPECT_EQ(directory_.read(route_file_), "short");
@@ -55,10 +57,28 @@ TEST_F(RoutingDaemonTest, FileIsReplacedInPlace) {
 }
 
 TEST_F(RoutingDaemonTest, FileThatCannotBeWrittenIsReported) {
-  std::filesystem::create_symlink("/dev/full", route_file_);
+  directory_.write(route_file_, "old");
+  const Fault fault("pwrite", EIO);
   daemon_.write_file("text");
   EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("wan_lb: error writing file '" +
-                                                       route_file_ + "', errno = 28")));
+                                                       route_file_ + "', errno = 5")));
+  EXPECT_EQ(directory_.read(route_file_), "old");
+}
+
+TEST_F(RoutingDaemonTest, FifoInTheFilesPlaceIsReportedAndLeftAlone) {
+  const Fifo fifo(route_file_);
+  fifo.must_not_hold_up([this] { daemon_.write_file("text"); });
+  EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("wan_lb: error writing file '" +
+                                                       route_file_ + "', errno = 22")));
+  EXPECT_TRUE(std::filesystem::is_fifo(route_file_));
+}
+
+TEST_F(RoutingDaemonTest, PlaceWithoutAFileIsSilent) {
+  std::filesystem::create_directories(route_file_);
+  daemon_.write_file("text");
+  std::filesystem::remove_all(route_directory_);
+  daemon_.write_file("text");
+  EXPECT_THAT(log_records(), IsEmpty());
 }
 
 TEST_F(RoutingDaemonTest, MissingPidFileIsADebugMessageAndNoFlush) {
@@ -79,15 +99,26 @@ TEST_F(RoutingDaemonTest, EmptyPidFileIsADebugMessageToo) {
               ElementsAre(LoggedDebug("LBDecision::run() can't execute '" + pid_command() + "'")));
 }
 
-TEST_F(RoutingDaemonTest, PidFileWithoutEndIsLeftSoon) {
+TEST_F(RoutingDaemonTest, FifoInThePidFilesPlaceIsReportedAndLeftAlone) {
+  std::filesystem::remove(pid_file_);
+  const Fifo fifo(pid_file_);
+  fifo.must_not_hold_up([this] { daemon_.reload(); });
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedWarning("wan_lb: pid file '" + pid_file_ +
+                                        "' is no regular file, routing daemon not signalled")));
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(commands_, IsEmpty());
+}
+
+TEST_F(RoutingDaemonTest, DeviceInThePidFilesPlaceToo) {
   std::filesystem::remove(pid_file_);
   std::filesystem::create_symlink("/dev/zero", pid_file_);
   daemon_.reload();
-  EXPECT_THAT(kills_, IsEmpty());
   EXPECT_THAT(log_records(),
-              ElementsAre(LoggedError("wan_lb: '" + pid_command() +
-                                      "' gives no process id, routing daemon not signalled")));
-  EXPECT_EQ(commands_.size(), 2u);
+              ElementsAre(LoggedWarning("wan_lb: pid file '" + pid_file_ +
+                                        "' is no regular file, routing daemon not signalled")));
+  EXPECT_THAT(kills_, IsEmpty());
+  EXPECT_THAT(commands_, IsEmpty());
 }
 
 TEST_F(RoutingDaemonTest, LongPidFileCountsFromItsStart) {
@@ -126,6 +157,28 @@ TEST_F(RoutingDaemonTest, RefusedSignalIsAWarning) {
   EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("wan_lb: can't send SIGHUP to the routing "
                                                        "daemon (pid 4711), errno = 3")));
   EXPECT_EQ(commands_.size(), 2u);  // the flush follows all the same
+}
+
+// --- the descriptor limit of the commands ---
+
+TEST_F(RoutingDaemonTest, CommandsHaveTheLimitThatTheDaemonWasStartedWith) {
+  initial_descriptor_limit_command() = "ulimit -Sn 123; ";
+  std::string seen;
+  CallHook hook(wrapped::popen, [&](const char* command, const char* mode) {
+    commands_.emplace_back(command, mode);
+    return wrapped::popen.real((std::string(command) + "; ulimit -Sn").c_str(), "r");
+  });
+  CallHook close_hook(wrapped::pclose, [&](FILE* pipe) {
+    char line[16] = {};
+    while (fgets(line, sizeof(line), pipe) != nullptr) seen += line;
+    return wrapped::pclose.real(pipe);
+  });
+  daemon_.reload();
+  initial_descriptor_limit_command().clear();
+  EXPECT_THAT(commands_,
+              ElementsAre(Pair("ulimit -Sn 123; " + pid_command() + " 2>/dev/null", "r"),
+                          Pair("ulimit -Sn 123; ip route flush cache 2>/dev/null", "w")));
+  EXPECT_THAT(kills_, ElementsAre(Pair(4711, SIGHUP)));
 }
 
 struct PidCase {

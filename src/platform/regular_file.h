@@ -1,4 +1,5 @@
-// Reading files that may be anything: nothing but a regular file, and no more than a limit of it.
+// Files in whose place there may be anything. A FIFO, a socket or a device may hold up whoever
+// opens, reads or writes it, or never end: it is refused, and so is more of a file than a limit.
 #pragma once
 
 #include <fcntl.h>
@@ -7,9 +8,16 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <string>
 
 #include "platform/file_descriptor.h"
+
+// True when a FIFO, a socket or a device is at `path`. Links are followed.
+inline bool is_special_file(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
+}
 
 // Opens `path` without waiting for a FIFO's other end. Not valid on failure, with errno set.
 inline FileDescriptor open_to_read(const std::string& path) {
@@ -20,6 +28,14 @@ inline FileDescriptor open_to_read(const std::string& path) {
 inline bool is_regular_file(const FileDescriptor& file) {
   struct stat status {};
   return fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// Opens `path`, which may not be there yet, to write it anew. Null on failure, with errno set;
+// EINVAL for a special file, which is not even opened.
+inline FILE* open_to_rewrite(const std::string& path) {
+  if (!is_special_file(path)) return fopen(path.c_str(), "we");
+  errno = EINVAL;
+  return nullptr;
 }
 
 // What the file holds from here on: all of it, or somewhat more than `limit` bytes. An error ends
