@@ -1,7 +1,6 @@
 #include "config/tokens.h"
 
-#include <cstdint>
-#include <limits>
+#include <cstdlib>
 
 std::vector<std::string> split_tokens(std::string_view line, char delimiter) {
   constexpr char kSeparator = '~';
@@ -35,17 +34,5 @@ std::string token_at(const std::vector<std::string>& tokens, size_t index) {
 }
 
 unsigned int parse_unsigned(std::string_view text) {
-  constexpr uint32_t kMax = std::numeric_limits<uint32_t>::max();
-  constexpr std::string_view kBlanks = " \t\n\v\f\r";
-  size_t position = text.find_first_not_of(kBlanks);
-  if (position == std::string_view::npos) return 0;
-  const bool negative = text[position] == '-';
-  if (negative || text[position] == '+') ++position;
-  uint64_t number = 0;
-  for (; position < text.size() && text[position] >= '0' && text[position] <= '9'; ++position) {
-    number = number * 10 + static_cast<uint64_t>(text[position] - '0');
-    if (number > kMax) return kMax;
-  }
-  const auto result = static_cast<uint32_t>(number);
-  return negative ? 0U - result : result;
+  return static_cast<unsigned int>(std::strtoul(std::string(text).c_str(), nullptr, 10));
 }

@@ -12,7 +12,7 @@ std::vector<std::string> split_tokens(std::string_view line, char delimiter);
 // Token `index`, or the empty text past the end.
 std::string token_at(const std::vector<std::string>& tokens, size_t index);
 
-// Reads a number as strtoul does with base 10 and a 32-bit result: leading blanks and a sign are
-// allowed, the conversion stops at the first character that is no digit, no digits give 0, and a
-// number that does not fit gives 4294967295.
+// Reads a number as strtoul does with base 10, and keeps its low 32 bits: leading blanks and a sign
+// are allowed, the conversion stops at the first character that is no digit, no digits give 0, and
+// a number that does not fit into the host's long gives 4294967295.
 unsigned int parse_unsigned(std::string_view text);

@@ -2,17 +2,20 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "config/log.h"
 #include "output/dump_records.h"
 #include "output/lb_output.h"
+#include "platform/clock.h"
+#include "platform/regular_file.h"
 
 namespace {
 
 // A dump file that is being written, anew.
 class DumpFile {
  public:
-  explicit DumpFile(const std::string& path) : file_(fopen(path.c_str(), "wbe")) {
+  explicit DumpFile(const std::string& path) : file_(open_to_rewrite(path)) {
     // Without a buffer a record that does not fit on the disk fails at once, not at the close.
     if (file_ != nullptr) setvbuf(file_.get(), nullptr, _IONBF, 0);
   }
@@ -62,19 +65,24 @@ bool write_routes(const RuleKey& key, const LBRule& rule,
 }  // namespace
 
 void LBOutput::dump_outbounds(timespec now, const InterfaceMap* interfaces, bool ipv6) {
-  constexpr const char* kOperation = "dump_outbounds";
-  if (interfaces == nullptr) return;
+  if (interfaces != nullptr) write_outbounds(*interfaces, ipv6, now);
+}
 
+void LBOutput::write_outbounds(const InterfaceMap& interfaces, bool ipv6,
+                               const std::optional<timespec>& at) {
+  constexpr const char* kOperation = "dump_outbounds";
   MutexLock lock(family_mutexes_[ipv6 ? 1 : 0]);
+  const std::vector<InterfaceSnapshot> snapshots = take_snapshots(interfaces);
+  const auto now = static_cast<uint32_t>((at ? *at : wall_now()).tv_sec);
   const std::string path = outbounds_path(ipv6);
   DumpFile file(path);
   if (!file.valid()) {
     LB_ERROR("wan_lb: error open file for writing '%s'", path.c_str());
     return;
   }
-  for (const auto& [name, interface] : *interfaces) {
+  for (const InterfaceSnapshot& interface : snapshots) {
     DumpOutbound record{};
-    if (!fill_outbound(take_snapshot(interface), static_cast<uint32_t>(now.tv_sec), record)) {
+    if (!fill_outbound(interface, now, record)) {
       LB_ERROR("<%s> wan_lb: snprintf failed", kOperation);
       return;
     }

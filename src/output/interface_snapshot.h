@@ -18,5 +18,9 @@ struct InterfaceSnapshot {
   }
 };
 
+// Of all interfaces, in the map's order. Ages in reports count from a time that is read after this,
+// so that none is negative.
+std::vector<InterfaceSnapshot> take_snapshots(const InterfaceMap& interfaces);
+
 // Takes the interface's and its tests' locks, one after the other and briefly. Any thread.
 InterfaceSnapshot take_snapshot(const LBInterface& interface);

@@ -8,11 +8,14 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <initializer_list>
+#include <vector>
 
 #include "config/log.h"
 #include "output/status_report.h"
 #include "platform/clock.h"
+#include "platform/regular_file.h"
 
 namespace {
 
@@ -20,6 +23,14 @@ namespace {
   // The thread's result is the code itself, not an address.
   pthread_exit(reinterpret_cast<void*>(  // NOLINT(performance-no-int-to-ptr)
       static_cast<intptr_t>(code)));
+}
+
+// The time zone may have been changed. The C library has a lock of its own, which thread sanitizers
+// do not see.
+void follow_time_zone() {
+  static Mutex& mutex = *new Mutex;  // threads may run when the process exits
+  const MutexLock lock(mutex);
+  tzset();
 }
 
 }  // namespace
@@ -50,7 +61,7 @@ void LBOutput::write(const LBConfig& config, const LBWorkerContext& worker) {
   if (!make_dump_directory()) return;
   note_files({outbounds_path(ipv6), path}, ipv6);
 
-  dump_outbounds(wall_now(), &config.interfaces_of(ipv6), ipv6);
+  write_outbounds(config.interfaces_of(ipv6), ipv6, std::nullopt);
   if (mutex_.try_lock()) {
     dump_rules_and_routes(config.rules, &config);
     const int result = mutex_.unlock();
@@ -82,13 +93,13 @@ void LBOutput::note_files(std::initializer_list<std::string> paths, bool ipv6) {
 
 void LBOutput::write_status(const std::string& path, const LBConfig& config, bool ipv6) {
   MutexLock lock(family_mutexes_[ipv6 ? 1 : 0]);
+  const std::vector<InterfaceSnapshot> snapshots = take_snapshots(config.interfaces_of(ipv6));
   const uint32_t now = static_cast<uint32_t>(wall_now().tv_sec);
+  follow_time_zone();
   std::string text;
-  for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
-    text += interface_block(take_snapshot(interface), now);
-  }
+  for (const InterfaceSnapshot& interface : snapshots) text += interface_block(interface, now);
 
-  FILE* file = fopen(path.c_str(), "we");
+  FILE* file = open_to_rewrite(path);
   if (file == nullptr) {
     LB_ERROR("wan_lb: error ordering output file %s", path.c_str());
     return;

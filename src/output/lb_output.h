@@ -8,6 +8,7 @@
 #include <array>
 #include <ctime>
 #include <initializer_list>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -46,6 +47,9 @@ class LBOutput {
  private:
   bool make_dump_directory();
   void note_files(std::initializer_list<std::string> paths, bool ipv6);
+  // Writes one outbounds file with ages at `at`, or at the time when all was copied.
+  void write_outbounds(const InterfaceMap& interfaces, bool ipv6,
+                       const std::optional<timespec>& at);
   void write_status(const std::string& path, const LBConfig& config, bool ipv6);
 
   std::string status_path(bool ipv6) const;

@@ -14,7 +14,8 @@ _SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes", "wal
 class WallClock:
     """Give `environment` to the daemon; `set_to` and `shift_to` work at once."""
 
-    def __init__(self, lab):
+    def __init__(self, lab, speed=1, pause=0):
+        """speed: seconds of this clock in one of the others. pause: milliseconds that pass after each look at it."""
         compiler = next(filter(None, map(shutil.which, ("cc", "gcc", "clang", "g++", "clang++"))), None)
         if compiler is None:
             pytest.skip("no compiler for the library that moves the clock")
@@ -23,7 +24,8 @@ class WallClock:
                        check=True)
         with open(self._file, "wb") as file:
             file.write(bytes(8))
-        self.environment = {"LD_PRELOAD": library, "LAB_WALL_CLOCK": self._file}
+        self.environment = {"LD_PRELOAD": library, "LAB_WALL_CLOCK": self._file,
+                            "LAB_WALL_CLOCK_SPEED": str(speed), "LAB_WALL_CLOCK_PAUSE": str(pause)}
         self.offset = 0
 
     def shift_to(self, seconds):

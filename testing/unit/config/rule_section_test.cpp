@@ -56,6 +56,12 @@ TEST_F(RuleSectionTest, IllegalNumbersAreLogged) {
                                          LoggedWarning("Illegal rule number: 0_ipv4")));
 }
 
+TEST_F(RuleSectionTest, LowBitsOfALargeNumberCount) {
+  ASSERT_TRUE(read("rule 4294967297_ipv4 {\n}\nrule 4294967296 {\n}\n"));
+  EXPECT_THAT(config_.rules, ElementsAre(Key("4294967297_ipv4")));
+  EXPECT_THAT(log_records(), ElementsAre(LoggedWarning("Illegal rule number: 4294967296")));
+}
+
 TEST_F(RuleSectionTest, IllegalNumbersAreSilentWithoutTheWarningFlag) {
   set_log_flag(2, false);
   ASSERT_TRUE(read("rule 0 {\n}\n"));

@@ -72,9 +72,21 @@ TEST(TokensNumberTest, GivesZeroWithoutDigits) {
   EXPECT_EQ(parse_unsigned("abc"), 0u);
 }
 
-TEST(TokensNumberTest, GivesTheLargestNumberForOneThatDoesNotFit) {
-  EXPECT_EQ(parse_unsigned("4294967296"), 4294967295u);
-  EXPECT_EQ(parse_unsigned("-4294967296"), 4294967295u);
+// Of a host whose long has 64 bits.
+TEST(TokensNumberTest, KeepsTheLowBitsOfALargeNumber) {
+  static_assert(sizeof(long) == 8);
+  EXPECT_EQ(parse_unsigned("4294967296"), 0u);
+  EXPECT_EQ(parse_unsigned("4294967297"), 1u);
+  EXPECT_EQ(parse_unsigned("-4294967296"), 0u);
   EXPECT_EQ(parse_unsigned("-4294967295"), 1u);
+  EXPECT_EQ(parse_unsigned("99999999999"), 1215752191u);
+  EXPECT_EQ(parse_unsigned("18446744069414584327"), 7u);  // 2^64 - 2^32 + 7
+}
+
+TEST(TokensNumberTest, GivesTheLargestNumberForOneBeyondALong) {
+  EXPECT_EQ(parse_unsigned("18446744073709551615"), 4294967295u);  // 2^64 - 1: fits just so
+  EXPECT_EQ(parse_unsigned("18446744073709551616"), 4294967295u);
+  EXPECT_EQ(parse_unsigned("18446744073709551617"), 4294967295u);
+  EXPECT_EQ(parse_unsigned("-18446744073709551617"), 4294967295u);
   EXPECT_EQ(parse_unsigned(std::string(1000, '9')), 4294967295u);
 }

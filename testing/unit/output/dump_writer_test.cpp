@@ -14,6 +14,18 @@ namespace {
 
 class DumpWriterTest : public OutputFixture {};
 
+// Nothing that is written to the file at `full` has room.
+class FullDisk {
+ public:
+  explicit FullDisk(const std::string& full)
+      : hook_(wrapped::fopen, [full](const char* path, const char* mode) {
+          return wrapped::fopen.real(path == full ? "/dev/full" : path, mode);
+        }) {}
+
+ private:
+  CallHook<FILE*(const char*, const char*)> hook_;
+};
+
 // A call that fails once, after others of its kind, and how many records each file has then.
 struct FailingCall {
   const char* name;
@@ -63,7 +75,7 @@ TEST_F(DumpWriterTest, OutboundsFileThatCannotBeOpened) {
 
 TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRecord) {
   make_dump_directory();
-  std::filesystem::create_symlink("/dev/full", dump_path("wlb_ipv4_outbounds.bin"));
+  const FullDisk disk(dump_path("wlb_ipv4_outbounds.bin"));
   output_.dump_outbounds(wall_now(), &config_.interfaces, false);
   EXPECT_THAT(log_records(),
               ElementsAre(LoggedError("wan_lb: <dump_outbounds> error writing data block")));
@@ -170,7 +182,7 @@ TEST_F(DumpWriterTest, RoutesFileThatCannotBeOpened) {
 
 TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
   make_dump_directory();
-  std::filesystem::create_symlink("/dev/full", dump_path("wlb_routes.bin"));
+  const FullDisk disk(dump_path("wlb_routes.bin"));
   output_.dump_rules_and_routes(config_.rules, &config_);
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("wan_lb: error dumping routes")));
   EXPECT_EQ(call_count("fwrite"), 2);

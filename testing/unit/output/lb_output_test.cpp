@@ -87,6 +87,20 @@ TEST_F(LBOutputTest, StatusReport) {
             "    Last Interface Failure:  n/a\t\t\n"
             "\n");
   unsetenv("TZ");
+  tzset();
+}
+
+TEST_F(LBOutputTest, StatusReportFollowsAChangedTimeZone) {
+  edit_state(config_.interfaces.at("eth0"),
+             [](InterfaceState& state) { state.last_state_change = kNow; });
+  setenv("TZ", "UTC", 1);
+  write();
+  EXPECT_THAT(status(), HasSubstr("  Last Status Change:  Tue Nov 14 22:13:20 2023\n"));
+  setenv("TZ", "THERE-05:30", 1);
+  write();
+  EXPECT_THAT(status(), HasSubstr("  Last Status Change:  Wed Nov 15 03:43:20 2023\n"));
+  unsetenv("TZ");
+  tzset();
 }
 
 TEST_F(LBOutputTest, TestsInIndexOrder) {

@@ -27,6 +27,31 @@ class LBOutputTimesTest : public OutputFixture {
       }};
 };
 
+// While one interface is copied, the worker of another VRF notes a result of the next.
+class LBOutputCopyTest : public OutputFixture {
+ protected:
+  // Its report takes five seconds.
+  class SlowTest : public BlankTest {
+   public:
+    explicit SlowTest(LBInterface& other) : other_(other) {}
+    TestReport report() const override {
+      virtual_clock::advance(5s);
+      edit_state(other_, [](InterfaceState& state) {
+        state.last_success = state.last_failure = static_cast<int32_t>(wall_now().tv_sec);
+      });
+      return make_report("192.0.2.50", kResultSuccess);
+    }
+
+   private:
+    LBInterface& other_;
+  };
+
+  LBOutputCopyTest() {
+    config_.interfaces.at("eth0").tests[1] =
+        std::make_shared<SlowTest>(config_.interfaces.at("eth1"));
+  }
+};
+
 }  // namespace
 
 TEST_F(LBOutputTimesTest, DumpHasOneTimeForAllItsRecords) {
@@ -34,6 +59,27 @@ TEST_F(LBOutputTimesTest, DumpHasOneTimeForAllItsRecords) {
   ASSERT_EQ(outbounds().size(), 2u);
   EXPECT_EQ(int32_t{outbounds()[0].success_age}, 4);
   EXPECT_EQ(int32_t{outbounds()[1].success_age}, 4);
+}
+
+TEST_F(LBOutputCopyTest, AgesInTheDumpAreNeverNegative) {
+  write();
+  ASSERT_EQ(outbounds().size(), 2u);
+  EXPECT_EQ(int32_t{outbounds()[0].success_age}, 9);
+  EXPECT_EQ(int32_t{outbounds()[1].success_age}, 0);
+  EXPECT_EQ(int32_t{outbounds()[1].failure_age}, 0);
+}
+
+TEST_F(LBOutputCopyTest, AgesInTheReportAreNeverNegative) {
+  write();
+  EXPECT_THAT(status(), HasSubstr("    Last Interface Success:  0s\t\n"
+                                  "    Last Interface Failure:  0s\t\n"));
+}
+
+// Who asks for a dump at a time gets it.
+TEST_F(LBOutputTimesTest, TimeOfADumpMayBeGiven) {
+  make_dump_directory();
+  output_.dump_outbounds({.tv_sec = kNow + 100, .tv_nsec = 0}, &config_.interfaces, false);
+  EXPECT_EQ(int32_t{outbounds().at(0).success_age}, 104);
 }
 
 TEST_F(LBOutputTimesTest, ReportReadsTheClockAgain) {
