@@ -3,8 +3,10 @@
 #include "config/log.h"
 #include "core/lb_daemon.h"
 #include "platform/clock.h"
+#include "platform/netns.h"
 #include "routing/interface_health.h"
 #include "routing/nexthop_discovery.h"
+#include "tests/link/stale_neighbor.h"
 
 namespace {
 
@@ -55,11 +57,24 @@ void CheckCycle::run_cycle_tests() {
   for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
     for (const auto& [index, test] : interface.tests) test->send(interface, worker_);
   });
+  CatchUpBudget catch_up;
+  worker_.catch_up = &catch_up;
   // All probes are out before any is judged, so that one slow reply delays no other probe.
   for_each_interface(worker_, ipv6, [&](LBInterface& interface) {
     for (const auto& [index, test] : interface.tests) test->recv(interface, worker_);
     evaluate_state(interface, worker_);
+    verify_stale_nexthop(interface, worker_.family());
   });
+  worker_.catch_up = nullptr;
+}
+
+// A worker cannot leave for a namespace that took its VRF's name: its sockets stay in the old one.
+// Without its sign of life the service manager starts the daemon anew.
+bool CheckCycle::vrf_is_current() const {
+  if (worker_.vrf == kDefaultNamespace || !netns_was_replaced(worker_.vrf.c_str())) return true;
+  LB_ERROR("wan_lb: network namespace of VRF %s was replaced, daemon must be restarted",
+           worker_.vrf.c_str());
+  return false;
 }
 
 void CheckCycle::end_cycle() {
@@ -75,7 +90,8 @@ void CheckCycle::run_once() {
   daemon.decision().run(daemon.config(), worker_);
   daemon.output().write(daemon.config(), worker_);
   sleep_for({.tv_sec = 1, .tv_nsec = 0});
-  send_and_shift_timeout(daemon.watchdog_timeout(), daemon.watchdog_last(), 1);
+  const int alive = vrf_is_current() ? 1 : 0;
+  send_and_shift_timeout(daemon.watchdog_timeout(), daemon.watchdog_last(), alive);
   end_cycle();
 }
 

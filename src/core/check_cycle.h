@@ -19,6 +19,7 @@ class CheckCycle {
   void announce_interfaces();
   void prepare_tests();
   void run_cycle_tests();
+  bool vrf_is_current() const;
   void end_cycle();
 
   LBWorkerContext& worker_;

@@ -8,3 +8,7 @@ extern "C" {
 int lh_netns_set(const char* name);
 
 }  // extern "C"
+
+// True when the name `name` stands for another network namespace than the one the calling thread is
+// in: it was deleted and made anew. False also when nothing has the name, or it cannot be told.
+bool netns_was_replaced(const char* name);

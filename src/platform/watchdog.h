@@ -16,8 +16,9 @@ void send_signal_live(pid_t pid, int alive);
 // when no watchdog is set). Called once, before the first report.
 void set_timeout(WatchdogWord* timeout);
 
-// One thread's report that it is alive; `*last` takes the time of this report. The watchdog is fed
-// only while every thread that has ever reported has done so within the time-out. Any thread.
+// One thread's report that it is alive, or with `alive` 0 that it is not; `*last` takes the time of
+// this report. The watchdog is fed only while every thread that has ever reported has been alive
+// within the time-out. Any thread.
 void send_and_shift_timeout(WatchdogWord* timeout, WatchdogWord* last, int alive);
 
 }  // extern "C"

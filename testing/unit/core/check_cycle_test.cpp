@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+
 #include "platform/clock.h"
 #include "support/core_fixture.h"
 #include "support/recorded_device.h"
@@ -194,7 +196,10 @@ TEST_F(CheckCycleTest, StepsFollowEachOther) {
   cycle_.run_once();
   auto events = events_.all();
   events.erase(events.begin(), events.begin() + 10);  // the tests
-  EXPECT_THAT(events, ElementsAre("open " + route_file_path("default", false),
+  const std::string route_file = route_file_path("default", false);
+  const std::string beside =
+      std::filesystem::path(route_file).replace_filename(".default.ipv4.new");
+  EXPECT_THAT(events, ElementsAre("open " + beside, "open " + route_file,
                                   "fopen /out/wlb_dump/wlb_ipv4_outbounds.bin",
                                   "fopen /out/wlb_dump/wlb_rules.bin",
                                   "fopen /out/wlb_dump/wlb_routes.bin", "fopen /out/wlb_ipv4.out",

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -11,10 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "core/check_cycle.h"
 #include "core/lb_daemon.h"
 #include "routing/interface_health.h"
 #include "support/blank_test.h"
 #include "support/temporary_directory.h"
+#include "support/wrapped_calls.h"
 
 // What happened, in its order. Any thread.
 class Events {
@@ -78,4 +81,20 @@ class CoreFixture : public TemporaryDirectoryTest {
   // Behind a pointer, since its destructor may end the thread by an unwinding.
   const std::unique_ptr<LBDaemon> owner_ = std::make_unique<LBDaemon>(directory_.file("out"));
   LBDaemon& daemon_ = *owner_;
+};
+
+// The check cycle of an IPv4 worker of `vrf` that has no routing daemon.
+class CycleFixture : public CoreFixture {
+ protected:
+  explicit CycleFixture(const std::string& vrf = kDefaultNamespace) {
+    worker_.daemon = &daemon_;
+    worker_.vrf = vrf;
+  }
+
+  LBWorkerContext worker_;
+  CheckCycle cycle_{worker_};
+
+ private:
+  const Fault no_routing_daemon_{"open", ENOENT};
+  const Fault no_commands_{"popen", ENOMEM};
 };

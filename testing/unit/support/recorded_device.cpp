@@ -18,6 +18,7 @@ struct Device {
   std::vector<std::string> calls;
   recorded_device::Words words;
   int netns_result = 0;
+  bool netns_replaced = false;
   std::map<std::string, std::string> names;
 };
 
@@ -32,6 +33,7 @@ void reset_device() {
   device.calls.clear();
   device.words = {};
   device.netns_result = 0;
+  device.netns_replaced = false;
   device.names.clear();
 }
 
@@ -80,6 +82,13 @@ int lh_netns_set(const char* name) {
   return device.netns_result;
 }
 
+bool netns_was_replaced(const char* name) {
+  note(std::string("netns_was_replaced ") + name);
+  Device& device = the_device();
+  SpinLockHolder holder(device.lock);
+  return device.netns_replaced;
+}
+
 const char* interfaces_linux_to_zel_name_static(const char* linux_name, int) {
   thread_local std::string result;
   Device& device = the_device();
@@ -107,6 +116,12 @@ void set_netns_result(int result) {
   Device& device = the_device();
   SpinLockHolder holder(device.lock);
   device.netns_result = result;
+}
+
+void set_netns_replaced(bool replaced) {
+  Device& device = the_device();
+  SpinLockHolder holder(device.lock);
+  device.netns_replaced = replaced;
 }
 
 void name_interface(const std::string& linux_name, const std::string& device_name) {

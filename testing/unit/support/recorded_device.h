@@ -1,8 +1,8 @@
 // The rest of the device's libraries, kept in memory for tests: watchdog, crash reports, network
 // namespaces, interface names.
 //
-// Every test starts with no call noted, namespaces that may be entered, and interfaces whose device
-// names are their Linux names.
+// Every test starts with no call noted, namespaces that may be entered and stay the same, and
+// interfaces whose device names are their Linux names.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@ namespace recorded_device {
 
 // The calls since the test started, oldest first, each with its arguments:
 //   "backtrace_set_program_name lb", "send_signal_live 1 1", "lh_netns_set red",
-//   "set_timeout", "send_and_shift_timeout 1"
+//   "netns_was_replaced red", "set_timeout", "send_and_shift_timeout 1"
 // Any thread.
 std::vector<std::string> calls();
 
@@ -28,6 +28,9 @@ Words words();
 
 // What lh_netns_set answers.
 void set_netns_result(int result);
+
+// What netns_was_replaced answers.
+void set_netns_replaced(bool replaced);
 
 // Names an interface; an empty name is the answer for one that the device does not know.
 void name_interface(const std::string& linux_name, const std::string& device_name);
