@@ -12,6 +12,7 @@ from dataclasses import dataclass
 from typing import Callable
 
 from lab import responder
+from lab.hardware import packed
 
 from .router import DHCP, EXTENDED, KERNEL, LEASE, RAW
 
@@ -22,6 +23,7 @@ class Fault:
     run: Callable  # (router, link number or None, random generator) -> generator
     families: tuple = ()  # those that must fail; none: nothing may switch
     fits: Callable = lambda number: True
+    heals: float = 0.0  # the link must come back by itself, within so many seconds from the beginning
 
 
 def _long(rng):
@@ -88,17 +90,38 @@ def link_replaced(router, number, rng):
     router.make_again(number)
 
 
+def _other_address(far, number, rng):
+    """Gives a far end another hardware address, which is returned."""
+    far.become(bytes([2, 0, 1, number]) + rng.randbytes(2))
+    return far.mac
+
+
+def far_end_replaced_in_silence(router, number, rng):
+    """A cold spare that says nothing: the kernel's entry leads nowhere until somebody doubts it.
+
+    The entry is stale, as that of a healthy link is after half a minute: one that the kernel is just verifying would be
+    mended before the link fails.
+    """
+    link = router.links[number]
+    old = link.responder.mac.hex(":")
+    _other_address(link.responder, number, rng)
+    for gateway in (link.gateway, link.gateway6):
+        router.lab.ip(f"neigh replace {gateway} lladdr {old} dev {link.name} nud stale", netns=link.vrf)
+    yield 1.0
+
+
 FAILING = [
     Fault("far end silent", far_end_silent, (4, 6)),
     Fault("echo silent", echo_silent, (4, 6), _has_responder),
     Fault("IPv4 echo silent", one_family_silent(4), (4,), _has_responder),
     Fault("IPv6 echo silent", one_family_silent(6), (6,), lambda number: _has_responder(number) and number != RAW),
     Fault("answers come too late", answers_come_too_late, (4, 6), _has_responder),
-    # A solicitation that cannot even leave costs the VRF its sending socket for good, by design: where there is IPv6,
-    # nobody takes a link down but by its carrier.
-    Fault("link down", link_down, (4,), lambda number: number == RAW),
+    Fault("link down", link_down, (4, 6)),
     Fault("carrier lost", carrier_lost, (4, 6)),
     Fault("link replaced", link_replaced, (4, 6)),
+    # Three probes of a second, eight seconds for the kernel, two probes: a third of this, undisturbed.
+    Fault("far end replaced in silence", far_end_replaced_in_silence, (4, 6),
+          lambda number: _has_responder(number) and number != RAW, heals=60.0),
 ]
 
 
@@ -115,9 +138,8 @@ def far_end_replaced(router, number, rng):
     """A cold spare takes over with another hardware address and says so."""
     link = router.links[number]
     far = link.responder
-    mac = bytes([2, 0, 1, number]) + rng.randbytes(2)
-    far.mac = far.arp_mac = far.nd_mac = mac
-    to_mac = bytes.fromhex(link.mac.replace(":", ""))
+    mac = _other_address(far, number, rng)
+    to_mac = packed(link.mac)
     address, gateway = responder.address_bytes(link.address), responder.address_bytes(link.gateway)
     far.send_frame(responder.arp_reply(to_mac, address, mac, gateway, mac))
     address, gateway = responder.address_bytes(link.address6), responder.address_bytes(link.gateway6)
@@ -164,7 +186,7 @@ def hostile_frames(router, number, rng):
     """ARP replies, advertisements and echo replies, cut short, too long, or of random bytes."""
     link = router.links[number]
     far = link.responder
-    to_mac = bytes.fromhex(link.mac.replace(":", ""))
+    to_mac = packed(link.mac)
     address6 = responder.address_bytes(link.address6)
     for _ in range(500):
         stranger = bytes([0xFE, 0x80]) + rng.randbytes(14)
@@ -233,6 +255,19 @@ def lease_is_broken(router, _, rng):
     router.lab.replace(path, LEASE.format(router.links[DHCP].gateway))
 
 
+def forged_answers(router, _, rng):
+    """Somebody in the local networks claims to be every uplink's gateway."""
+    for number, link in router.links.items():
+        lan = router.lans[router.vrf_of(number)]
+        far, to_mac = lan.responder, packed(lan.mac)
+        frames = [responder.answer(to_mac, address, far.mac, gateway) for address, gateway in (
+            (lan.address, link.gateway), (link.address, link.gateway),
+            (lan.address6, link.gateway6), (link.address6, link.gateway6))]
+        for frame in frames * 50:
+            far.send_frame(frame)
+    yield 1.0
+
+
 def routing_daemon_reloads(router, _, rng):
     router.bird.process.signal(signal.SIGHUP)
     yield 0.5
@@ -244,6 +279,7 @@ GLOBAL = [
     Fault("output directory gone", output_directory_gone),
     Fault("lease is broken", lease_is_broken),
     Fault("routing daemon reloads", routing_daemon_reloads),
+    Fault("forged answers", forged_answers),
 ]
 
 

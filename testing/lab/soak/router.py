@@ -6,8 +6,8 @@
     blue     wan6 kernel far end   wan7 responder    rules: weighted default route
     red      wan8 responder                          rules: default route
 
-Every link but wan4 has both families. A probe may take a second; three failures in a row fail a link, and two
-successes bring it back.
+Every VRF also has a local network, from which somebody sends forged answers. Every link but wan4 has both families. A
+probe may take a second; three failures in a row fail a link, and two successes bring it back.
 """
 
 import os
@@ -35,11 +35,17 @@ class Router:
                 lab.add_netns(vrf)
                 os.makedirs(lab.path(self.route_directory(vrf)))
         self.links = {number: self._uplink(number) for numbers in VRFS.values() for number in numbers}
+        self.lans = {vrf: lab.uplink(number, name=f"lan{number}", vrf=self._netns(vrf), ipv6=True)
+                     for number, vrf in enumerate(VRFS, 20)}
         lab.write("var_db/dhclient_wan3.leases", LEASE.format(self.links[DHCP].gateway))
 
     @staticmethod
     def route_directory(vrf):
         return "usr_etc/" if vrf == "default" else f"var_vrfs/{vrf}/usr/etc/"
+
+    @staticmethod
+    def _netns(vrf):
+        return None if vrf == "default" else vrf
 
     @staticmethod
     def vrf_of(number):
@@ -54,8 +60,7 @@ class Router:
         return [(family, self.links[number].name) for family in families if family in self.families(number)]
 
     def _uplink(self, number):
-        vrf = self.vrf_of(number)
-        link = self.lab.uplink(number, vrf=None if vrf == "default" else vrf, arp=number != RAW, ipv6=number != RAW,
+        link = self.lab.uplink(number, vrf=self._netns(self.vrf_of(number)), arp=number != RAW, ipv6=number != RAW,
                                far_end="kernel" if number in KERNEL else "responder")
         for netns in (link.vrf, link.far):
             self.lab.sysctl("net.ipv6.conf.all.keep_addr_on_down=1", netns=netns)

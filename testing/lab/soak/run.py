@@ -1,8 +1,8 @@
 """Runs the soak and reports. See scripts/soak.
 
 Every fault that must be noticed makes two switches due for each family of its link, one when it begins and one when
-it ends; any other switch that the daemon logs is wrong. The seed decides which fault comes when to which link; where
-one is still at work, or its switches are still to come, the next one's turn is passed over.
+it ends or the link heals by itself; any other switch that the daemon logs is wrong. The seed decides which fault comes
+when to which link; where one is still at work, or its switches are still to come, the next one's turn is passed over.
 """
 
 import argparse
@@ -47,10 +47,10 @@ class Soak:
     def say(self, text):
         print(f"{time.monotonic() - self.began:8.1f} s  {text}", flush=True)
 
-    def _due(self, number, families, state):
+    def _due(self, number, families, state, deadline=DEADLINE):
         now = time.monotonic()
         for key in self.router.keys(number, families):
-            self.ledger.expect(key, state, now, now + waiting.scaled(DEADLINE))
+            self.ledger.expect(key, state, now, now + waiting.scaled(deadline))
 
     def _read_log(self):
         records = self.lab.log.records
@@ -85,7 +85,7 @@ class Soak:
     def _end_faults(self):
         while self._endings and self._endings[0][0] <= time.monotonic():
             _, _, fault, steps, number = heapq.heappop(self._endings)
-            if fault.families:
+            if fault.families and not fault.heals:
                 self._due(number, fault.families, "active")
             next(steps, None)
             self._busy[number] = time.monotonic() + waiting.scaled(COOL_DOWN)
@@ -110,6 +110,8 @@ class Soak:
             return
         if fault.families:
             self._due(number, fault.families, "inactive")
+        if fault.heals:
+            self._due(number, fault.families, "active", fault.heals)
         steps = fault.run(self.router, number, own)
         if self.verbose:
             self.say(f"begins: {fault.name}, {self._place(number)}")
