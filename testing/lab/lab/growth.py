@@ -36,8 +36,9 @@ class Growth:
 
     LOOKS = 20
 
-    def __init__(self, lab, lb):
-        self.lab, self.lb = lab, lb
+    def __init__(self, lab, lb, closed_sockets=0):
+        """`closed_sockets`: so many descriptors may be closed just now, for the daemon to open when it needs them."""
+        self.lab, self.lb, self.closed_sockets = lab, lb, closed_sockets
         # A sanitizer keeps freed memory to itself and grows with what it has seen.
         self.measures_memory = not daemon.has_sanitizer(daemon.program())
         self.before = self._calm()
@@ -63,7 +64,8 @@ class Growth:
 
         def small_enough():
             now = last[0] = self._calm()
-            return (now.threads <= self.before.threads and now.descriptors <= self.before.descriptors
+            return (now.threads <= self.before.threads
+                    and now.descriptors <= self.before.descriptors + self.closed_sockets
                     and now.children <= self.before.children
                     and (not self.measures_memory or now.memory_kib <= self.before.memory_kib + allowed_kib))
 

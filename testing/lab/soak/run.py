@@ -144,7 +144,8 @@ class Soak:
             self._inject()
             self._watch(self.rng.uniform(0.2, 2 * PACE))
             if growth is None and time.monotonic() > warm:
-                growth = Growth(self.lab, self.router.lb)
+                # Requests for neighbours that cannot leave close the VRF's socket of that family.
+                growth = Growth(self.lab, self.router.lb, closed_sockets=len(self.router.watches))
             if time.monotonic() > next_word:
                 next_word += 60
                 self._read_heartbeats()
