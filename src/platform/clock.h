@@ -11,3 +11,8 @@ timespec wall_now();
 
 // Sleeps for at least `duration`, also when signals interrupt.
 void sleep_for(timespec duration);
+
+// Whole milliseconds of the time from `from` to `to`.
+inline long milliseconds_between(timespec from, timespec to) {
+  return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
+}

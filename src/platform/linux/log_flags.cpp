@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <sstream>
 
+#include "platform/clock.h"
 #include "platform/regular_file.h"
 
 namespace {
@@ -15,10 +16,6 @@ constexpr int kMaxLines = 1000;
 constexpr size_t kMaxBytes = size_t{256} * 1024;
 constexpr size_t kMaxLine = 254;
 constexpr size_t kMaxProblems = 20;
-
-long milliseconds_between(timespec from, timespec to) {
-  return (to.tv_sec - from.tv_sec) * 1000 + (to.tv_nsec - from.tv_nsec) / 1'000'000;
-}
 
 // Takes the next line from the front of `text`, without its newline.
 std::string_view take_line(std::string_view& text) {

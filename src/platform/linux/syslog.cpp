@@ -32,11 +32,6 @@ constexpr size_t kMaxText = 8000;
 constexpr int kRoomMilliseconds = 1000;
 constexpr long kStartMilliseconds = 10000;
 
-long milliseconds_since(timespec start) {
-  const timespec now = monotonic_now();
-  return (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1'000'000;
-}
-
 bool is_main_thread() { return gettid() == getpid(); }
 
 class SystemLog {
@@ -97,7 +92,7 @@ class SystemLog {
     for (LogMessage& message : messages) {
       if (is_main_thread() && start_may_wait_) {
         start_may_wait_ = queue_.wait_for_room(kRoomMilliseconds) &&
-                          milliseconds_since(began_) < kStartMilliseconds;
+                          milliseconds_between(began_, monotonic_now()) < kStartMilliseconds;
       }
       queue_.add(std::move(message));
     }
