@@ -30,7 +30,7 @@ void print_text_failure(const std::string& call, int error) {
   print_on_standard_error(call + "() failed.\nError message: " + error_text(error));
 }
 
-// As print_failure(3) prints it.
+// As perror(3) prints it.
 void print_failure(const std::string& what) {
   print_on_standard_error(what + ": " + error_text(errno) + "\n");
 }
