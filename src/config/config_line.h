@@ -20,6 +20,7 @@ struct ConfigLine {
   bool opens_block;  // the line has an opening bracket
   std::string key;   // both may be empty
   std::string value;
+  int line_number = 0;  // in the file, from 1
 
   const std::string& section() const { return blocks[0]; }
   const std::string& block() const { return blocks[1]; }

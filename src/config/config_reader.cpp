@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "config/log.h"
+#include "config/options_section.h"
 #include "config/tokens.h"
 
 namespace {
@@ -24,7 +25,7 @@ std::string quoted_text(const std::string& line) {
 
 ConfigReader::ConfigReader(LBConfig& config, std::set<std::string>& namespaces,
                            const TestFactory& factory)
-    : health_(config, namespaces, factory), rules_(config, namespaces) {}
+    : health_(config, namespaces, factory), rules_(config, namespaces), options_(*config.options) {}
 
 bool ConfigReader::read_config(const std::string& path) {
   const auto close_file = [](FILE* file) { fclose(file); };
@@ -41,8 +42,12 @@ bool ConfigReader::read_config(const std::string& path) {
 bool ConfigReader::read_lines(FILE* file) {
   blocks_.fill("");
   depth_ = 0;
+  line_number_ = 1;
   char buffer[kLineBuffer];
+  bool line_ended = false;
   while (fgets(buffer, sizeof(buffer), file) != nullptr) {
+    if (line_ended) ++line_number_;
+    line_ended = strchr(buffer, '\n') != nullptr;
     buffer[strcspn(buffer, "#")] = '\0';
     if (!read_line(buffer)) {
       LB_WARNING("Malformed configuration file: brackets");
@@ -79,7 +84,7 @@ bool ConfigReader::read_line(const std::string& line) {
       set_block(key);
     }
   }
-  dispatch_line({blocks_, depth_, opens_block, std::move(key), std::move(value)});
+  dispatch_line({blocks_, depth_, opens_block, std::move(key), std::move(value), line_number_});
   return depth_in_range();
 }
 
@@ -88,6 +93,8 @@ void ConfigReader::dispatch_line(const ConfigLine& line) {
     health_.apply(line);
   } else if (line.section() == "rule") {
     rules_.apply(line);
+  } else if (line.section() == "options") {
+    apply_option(line, options_);
   }
 }
 

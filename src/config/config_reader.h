@@ -3,7 +3,7 @@
 // The file is a tree of blocks in curly brackets. A line is a keyword, perhaps a value, perhaps
 // brackets; it belongs to the depth that holds after its brackets, so the line that opens a block
 // already belongs to that block. What the keywords do is up to the sections (health_section.h,
-// rule_section.h); unknown sections and keywords are ignored.
+// rule_section.h, options_section.h); unknown sections and keywords are ignored.
 #pragma once
 
 #include <cstdio>
@@ -40,6 +40,8 @@ class ConfigReader {
 
   HealthSection health_;
   RuleSection rules_;
+  Options& options_;
   BlockStack blocks_;
   int depth_ = 0;
+  int line_number_ = 0;
 };

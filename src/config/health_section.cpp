@@ -1,5 +1,6 @@
 #include "config/health_section.h"
 
+#include <charconv>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -27,6 +28,15 @@ std::optional<TestKeyword> ipv4_number(std::string_view key) {
     if (key == name) return keyword;
   }
   return std::nullopt;
+}
+
+// Digits alone, and no more than fit.
+std::optional<int32_t> whole_number(std::string_view text) {
+  int32_t number = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  if (error != std::errc() || stop != end || number < 0) return std::nullopt;
+  return number;
 }
 
 bool is_test_keyword(std::string_view key) {
@@ -69,6 +79,7 @@ void HealthSection::apply(const ConfigLine& line) {
 void HealthSection::select_interface(const std::string& name, bool ipv6) {
   if (name.empty()) return;
   interface_ = &config_.interfaces_of(ipv6).try_emplace(name, name, ipv6).first->second;
+  interface_->options = config_.options;
 }
 
 void HealthSection::apply_to_interface(const ConfigLine& line) {
@@ -98,6 +109,15 @@ void HealthSection::apply_to_interface(const ConfigLine& line) {
     namespaces_.insert(line.value);
   } else if (line.key == "origin") {
     interface.origin = line.value;
+  } else if (line.key == "lease-file") {
+    interface.lease_file = line.value;
+  } else if (line.key == "hold-down") {
+    if (const auto seconds = whole_number(line.value)) {
+      interface.hold_down = *seconds;
+    } else {
+      LB_ERROR("wan_lb: illegal hold-down in line %d of the configuration file: %s",
+               line.line_number, line.value.c_str());
+    }
   }
 }
 

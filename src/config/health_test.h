@@ -56,6 +56,9 @@ class HealthTest {
   // only.
   virtual void recv(LBInterface& interface, const LBWorkerContext& worker) = 0;
 
+  // Milliseconds from the start of a probe until the next one can be settled, at most.
+  virtual int64_t longest_wait() const { return report().resp_time; }
+
   virtual const char* type_name() const = 0;
 
   // All that reports show. Any thread.

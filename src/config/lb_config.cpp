@@ -14,6 +14,7 @@ std::string LBInterface::gateway() const {
 void LBConfig::replace(const LBConfig& other) {
   if (this == &other) return;
   rules = other.rules;
+  options = other.options;
   interfaces.clear();
   interfaces.insert(other.interfaces.begin(), other.interfaces.end());
   interfaces6.clear();

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,6 +18,7 @@
 #include <string>
 
 #include "config/health_test.h"
+#include "config/options.h"
 #include "platform/mutex.h"
 #include "platform/places.h"
 
@@ -55,6 +57,7 @@ struct InterfaceState {
   std::map<std::string, int32_t> success_counts;  // consecutive, capped at success_ct
   std::map<std::string, int32_t> failure_counts;  // consecutive, capped at failure_ct
   std::optional<bool> no_arp;                     // IFF_NOARP, once it was read
+  std::optional<timespec> held_since;  // monotonic: last unhealthy evaluation since it failed
 };
 
 // What is configured of an interface.
@@ -64,18 +67,31 @@ struct InterfaceSettings {
 
   int32_t success_ct = 3;
   int32_t failure_ct = 1;
-  std::string nexthop;  // an address, "dhcp" or "tunnel"
+  std::string nexthop;  // an address, "dhcp", "tunnel" or "kernel"
   std::string name;     // the key of the map
   std::string origin;   // the Linux name: what tests bind to and sockets use
   bool ipv6;
   bool check_all = false;
-  std::string source_address;
+  std::string source_address;           // an address, "auto", or empty
   std::string vrf = kDefaultNamespace;  // keyword "namespace"
+  std::string lease_file;               // empty: where the discovery looks by itself
+  int32_t hold_down = 0;                // seconds
   // Of the interface's family, by index. Copies share them.
   std::map<int32_t, std::shared_ptr<HealthTest>> tests;
 
+  // Those of the configuration that the interface stands in; fixed once it is read.
+  std::shared_ptr<const Options> options = std::make_shared<const Options>();
+
   // True when the next hop is found at run time.
-  bool discovers_nexthop() const { return nexthop == "dhcp" || nexthop == "tunnel"; }
+  bool discovers_nexthop() const {
+    return nexthop == "dhcp" || nexthop == "tunnel" || nexthop == "kernel";
+  }
+
+  // True when a test that pings the next hop goes over to another one as soon as that is found;
+  // otherwise it keeps the first for good.
+  bool follows_nexthop() const {
+    return nexthop == "kernel" || (options->linux_discovery && discovers_nexthop());
+  }
 };
 
 // An interface of the health section. Both maps of LBConfig hold this record.
@@ -113,13 +129,14 @@ struct LBConfig {
   LBConfig(const LBConfig&) = delete;
   LBConfig& operator=(const LBConfig&) = delete;
 
-  // Takes copies of the maps of `other` in place of its own; the test objects are shared. Before
-  // the threads start only.
+  // Takes copies of the maps of `other` in place of its own; options and test objects are shared.
+  // Before the threads start only.
   void replace(const LBConfig& other);
 
   std::map<std::string, LBRule> rules;
   InterfaceMap interfaces;
   InterfaceMap interfaces6;
+  std::shared_ptr<Options> options = std::make_shared<Options>();  // its interfaces share it
 
   InterfaceMap& interfaces_of(bool ipv6) { return ipv6 ? interfaces6 : interfaces; }
   const InterfaceMap& interfaces_of(bool ipv6) const { return ipv6 ? interfaces6 : interfaces; }

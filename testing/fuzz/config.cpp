@@ -71,10 +71,11 @@ void check_model(const Reading& reading) {
   for (const bool ipv6 : {false, true}) {
     for (const auto& [name, interface] : reading.config.interfaces_of(ipv6)) {
       HOLDS(!name.empty() && interface.name == name && interface.ipv6 == ipv6);
-      HOLDS(interface.success_ct > 0 && interface.failure_ct > 0);
+      HOLDS(interface.success_ct > 0 && interface.failure_ct > 0 && interface.hold_down >= 0);
+      HOLDS(interface.options == reading.config.options);
       HOLDS(!reading.accepted || !interface.tests.empty());
-      for (const std::string& text :
-           {name, interface.origin, interface.nexthop, interface.source_address}) {
+      for (const std::string& text : {name, interface.origin, interface.nexthop,
+                                      interface.source_address, interface.lease_file}) {
         check_text(text);
       }
       check_vrf(interface.vrf);

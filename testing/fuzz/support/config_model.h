@@ -93,7 +93,12 @@ inline std::string config_text(const LBConfig& config, const RecordingFactory* f
   const auto line = [](const std::string& keyword, const std::string& value) {
     return keyword + " \"" + value + "\"";
   };
-  std::string text = "health {\n";
+  std::string text = "options {\n";
+  if (config.options->bird2_routes) text += "routing-daemon bird2\n";
+  if (config.options->linux_discovery) text += "discovery linux\n";
+  if (config.options->wire_replies) text += "replies wire\n";
+  if (config.options->keeps_last_routes) text += "keep-last-routes\n";
+  text += "}\nhealth {\n";
   for (const bool ipv6 : {false, true}) {
     for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
       text += line(ipv6 ? "interface6" : "interface", name) + " {\n";
@@ -103,6 +108,8 @@ inline std::string config_text(const LBConfig& config, const RecordingFactory* f
       text += line("source_address", interface.source_address) + "\n";
       text += line("namespace", interface.vrf) + "\n";
       text += line("origin", interface.origin) + "\n";
+      text += line("lease-file", interface.lease_file) + "\n";
+      text += "hold-down " + std::to_string(interface.hold_down) + "\n";
       if (interface.check_all) text += "check_all\n";
       for (const auto& [index, test] : interface.tests) {
         text += "test " + std::to_string(index) + " {\n";
@@ -147,7 +154,7 @@ inline bool is_writable(const LBConfig& config) {
   for (const bool ipv6 : {false, true}) {
     for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
       bool all_fit = fits(name) && fits(interface.nexthop) && fits(interface.source_address) &&
-                     fits(interface.vrf) && fits(interface.origin);
+                     fits(interface.vrf) && fits(interface.origin) && fits(interface.lease_file);
       for (const auto& [index, test] : interface.tests) {
         all_fit = all_fit && fits(test->report().target);
       }
