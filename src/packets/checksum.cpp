@@ -17,3 +17,11 @@ uint16_t checksum_fold(uint32_t sum) {
 uint16_t inet_checksum(std::span<const uint8_t> bytes) {
   return checksum_fold(checksum_words(bytes));
 }
+
+bool is_intact(std::span<const uint8_t> bytes, uint32_t sum) {
+  if (bytes.size() % 2 != 0) {
+    sum += static_cast<uint32_t>(bytes.back()) << 8;
+    bytes = bytes.first(bytes.size() - 1);
+  }
+  return checksum_fold(checksum_words(bytes, sum)) == 0;
+}

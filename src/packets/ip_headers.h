@@ -38,6 +38,9 @@ struct Ipv4Header {
 
 static_assert(sizeof(Ipv4Header) == 20);
 
+// In flags_fragment of a part of a packet: more of them follow, or an offset.
+inline constexpr uint16_t kIpv4Fragment = 0x3fff;
+
 //  0                   1                   2                   3
 //  0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1 2 3 4 5 6 7 8 9 0 1
 // +-------+---------------+---------------------------------------+
@@ -59,6 +62,11 @@ struct Ipv6Header {
 } __attribute__((packed));
 
 static_assert(sizeof(Ipv6Header) == 40);
+
+// The words of the IPv6 pseudo-header of an ICMPv6 message of `length` bytes, summed as
+// checksum_words does.
+uint32_t icmp6_pseudo_header_words(const in6_addr& source, const in6_addr& destination,
+                                   uint32_t length);
 
 // The checksum of an ICMPv6 message whose checksum field is 0: the message after the IPv6
 // pseudo-header (RFC 8200 section 8.1, RFC 4443 section 2.3).

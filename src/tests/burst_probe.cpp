@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <span>
 #include <vector>
 
 #include "config/log.h"
@@ -29,11 +27,6 @@ int64_t whole_milliseconds(const timespec& time) { return elapsed_milliseconds({
 
 int64_t elapsed_nanoseconds(const timespec& from, const timespec& to) {
   return (static_cast<int64_t>(to.tv_sec) - from.tv_sec) * 1000000000 + (to.tv_nsec - from.tv_nsec);
-}
-
-// True when both name the same sender, byte for byte.
-bool is_same(const sockaddr_in& a, const sockaddr_in& b) {
-  return std::memcmp(&a, &b, sizeof(a)) == 0;
 }
 
 }  // namespace
@@ -67,6 +60,9 @@ void LBTestPING::set_number(TestKeyword keyword, uint32_t value) {
 }
 
 void LBTestPING::send(LBInterface& interface, const LBWorkerContext& worker) {
+  // Also between two bursts: the next hop that was must not count until the next one.
+  if (interface.follows_nexthop()) choose_destination(interface);
+
   const timespec now = monotonic_now();
   if (is_within_period(whole_milliseconds(last_run_), whole_milliseconds(now), period_)) return;
   last_run_ = now;
@@ -83,6 +79,10 @@ void LBTestPING::send(LBInterface& interface, const LBWorkerContext& worker) {
 
 // Nothing to collect: a burst is settled by the time that it was sent.
 void LBTestPING::recv(LBInterface& /*interface*/, const LBWorkerContext& /*worker*/) {}
+
+int64_t LBTestPING::longest_wait() const {
+  return int64_t{period_} * 1000 + int64_t{count_} * wait_.limit();
+}
 
 void LBTestPING::add_measurement(TestReport& report) const {
   report.measurement = {measured_.jitter, measured_.loss, measured_.rtt,
@@ -104,7 +104,7 @@ LBTestPING::Ending LBTestPING::run_raw_burst(const LBInterface& interface,
     return sendto(socket, &request, sizeof(request), MSG_DONTWAIT, &destination.any,
                   destination.size);
   };
-  return run_burst(send_request, destination.ipv4, key);
+  return run_burst(send_request, *sockets, destination, key);
 }
 
 LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
@@ -114,9 +114,11 @@ LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
   const PathResult result = prepare_frame_path(interface, destination, worker, path);
   log_path_failure(result, kBurstWords);
   if (!result.ready()) return {false, result.error};
-  sockaddr_in replier{};
-  replier.sin_family = AF_INET;
-  replier.sin_addr = path.addresses.destination;
+  SocketAddress replier;
+  replier.ipv4 = sockaddr_in{};
+  replier.ipv4.sin_family = AF_INET;
+  replier.ipv4.sin_addr = path.addresses.destination;
+  replier.size = sizeof(replier.ipv4);
   const auto sockets = this->sockets();
   const auto send_request = [&](uint16_t sequence) {
     const auto frame =
@@ -124,15 +126,16 @@ LBTestPING::Ending LBTestPING::run_frame_burst(const LBInterface& interface,
     return send_link_frame(sockets->packet_socket.get(), path.ifindex,
                            path.addresses.destination_mac, bytes_of(frame));
   };
-  return run_burst(send_request, replier, key);
+  return run_burst(send_request, *sockets, replier, key);
 }
 
 template <class SendRequest>
-LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockaddr_in& destination,
-                                         int32_t key) {
+LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const InterfaceSockets& sockets,
+                                         const SocketAddress& destination, int32_t key) {
   // A burst of no requests has measured nothing that could be called good.
   if (count_ < 1) return {};
-  const FileDescriptor replies = open_reply_socket(family_);
+  const ReplySource& source = sockets.replies;
+  const FileDescriptor replies = source.open(family_, sockets.ifname);
   if (!replies.valid()) {
     const int error = errno;
     LB_ERROR("wan_lb: failed to acquired socket");
@@ -144,7 +147,7 @@ LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockadd
     const auto sequence = static_cast<uint16_t>(tally.sent());
     if (send_request(sequence) < 0) return {false, errno};
     tally.add_sent();
-    const auto rtt = await_reply(replies.get(), destination, sequence, key);
+    const auto rtt = await_reply(source, replies.get(), destination, sequence, key);
     if (rtt) {
       tally.add_reply(*rtt);
     } else if (tally.sent() <= 1) {
@@ -160,8 +163,9 @@ LBTestPING::Ending LBTestPING::run_burst(SendRequest send_request, const sockadd
   return {is_acceptable(measured, limits_), 0};
 }
 
-std::optional<int64_t> LBTestPING::await_reply(int socket, const sockaddr_in& destination,
-                                               uint16_t sequence, int32_t key) const {
+std::optional<int64_t> LBTestPING::await_reply(const ReplySource& source, int socket,
+                                               const SocketAddress& destination, uint16_t sequence,
+                                               int32_t key) const {
   // select(2) refuses a microsecond figure of a whole second or more, and so does this daemon.
   if (!wait_.is_valid()) return std::nullopt;
   const timespec start = monotonic_now();
@@ -175,14 +179,11 @@ std::optional<int64_t> LBTestPING::await_reply(int socket, const sockaddr_in& de
     if (ppoll(&waiting, 1, &timeout, nullptr) < 1) return std::nullopt;
     remaining = std::max<int64_t>(0, limit - elapsed_nanoseconds(start, monotonic_now()));
 
-    sockaddr_in sender{};
-    socklen_t sender_size = sizeof(sender);
     // A packet with a wrong checksum is waited for but not given: never block here.
-    const ssize_t received = recvfrom(socket, buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&sender), &sender_size);
-    if (received < 0 || !is_same(sender, destination)) continue;
-    const std::span<const uint8_t> packet(buffer.data(), static_cast<size_t>(received));
-    if (is_burst_reply(packet, sequence, static_cast<uint32_t>(key))) {
+    const ReceivedReply reply =
+        source.receive(socket, family_, buffer, MSG_DONTWAIT, /*asks_sender=*/true);
+    if (reply.kind != ReceivedReply::Kind::kPacket || !is_same(reply.sender, destination)) continue;
+    if (is_burst_reply(reply.packet, sequence, static_cast<uint32_t>(key))) {
       return wait_.limit() - remaining / 1000000;
     }
   }

@@ -6,14 +6,14 @@
 // of them.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
 
 #include "tests/burst_judge.h"
+#include "tests/io/reply_source.h"
+#include "tests/io/socket_address.h"
 #include "tests/probe_base.h"
 
 class LBTestPING : public LBTest {
@@ -23,6 +23,7 @@ class LBTestPING : public LBTest {
   void set_number(TestKeyword keyword, uint32_t value) override;
   void send(LBInterface& interface, const LBWorkerContext& worker) override;
   void recv(LBInterface& interface, const LBWorkerContext& worker) override;
+  int64_t longest_wait() const override;
   const char* type_name() const override { return "ping extended"; }
 
  protected:
@@ -43,11 +44,13 @@ class LBTestPING : public LBTest {
   // Sends `count_` requests with `send_request(sequence)` (bytes sent, or -1 with errno) and waits
   // for each reply in turn; replies count from `destination` only.
   template <class SendRequest>
-  Ending run_burst(SendRequest send_request, const sockaddr_in& destination, int32_t key);
+  Ending run_burst(SendRequest send_request, const InterfaceSockets& sockets,
+                   const SocketAddress& destination, int32_t key);
 
-  // The round-trip time in milliseconds of the reply that `socket` gets, or nothing when the wait
-  // was over first.
-  std::optional<int64_t> await_reply(int socket, const sockaddr_in& destination, uint16_t sequence,
+  // The round-trip time in milliseconds of the reply that `socket` of `source` gets, or nothing
+  // when the wait was over first.
+  std::optional<int64_t> await_reply(const ReplySource& source, int socket,
+                                     const SocketAddress& destination, uint16_t sequence,
                                      int32_t key) const;
 
   // Settings; fixed once the threads run.

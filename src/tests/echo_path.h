@@ -15,6 +15,7 @@
 #include "packets/family.h"
 #include "packets/icmp_echo.h"
 #include "tests/destination.h"
+#include "tests/io/socket_address.h"
 
 // How far the preparation of a path came.
 enum class PathStep {
@@ -38,16 +39,6 @@ struct PathResult {
   std::string subject;  // what the failure is about: a host, an interface, an address
 
   bool ready() const { return step == PathStep::kReady; }
-};
-
-// A socket address of either family.
-struct SocketAddress {
-  union {
-    sockaddr any;
-    sockaddr_in ipv4;
-    sockaddr_in6 ipv6{};
-  };
-  socklen_t size = 0;
 };
 
 // The first address of `host`, which may be a name, into `address` (in_addr or in6_addr, network

@@ -33,6 +33,7 @@ void EchoProbe::send(LBInterface& interface, const LBWorkerContext& worker) {
 
   const int32_t key = probes.next_key();
   const auto sockets = this->sockets();
+  sockets->replies.follow(sockets->recv_socket.get(), family_, sockets->ifname);
   if (!sockets->mutex.lock("send")) return;
   probes.insert(key, {interface.origin, kProbeWaiting, monotonic_now(), target});
   if (!sockets->mutex.unlock("send")) {

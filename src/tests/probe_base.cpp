@@ -1,5 +1,8 @@
 #include "tests/probe_base.h"
 
+#include <algorithm>
+#include <utility>
+
 #include "platform/clock.h"
 #include "routing/interface_health.h"
 #include "tests/io/probes_in_flight.h"
@@ -21,7 +24,8 @@ void LBTest::set_number(TestKeyword keyword, uint32_t value) {
 
 void LBTest::init(LBInterface& interface) {
   // Before the lock, which reports wait for: this opens sockets.
-  sockets_of(family_, interface.origin);
+  sockets_of(family_, interface.origin,
+             interface.options->wire_replies ? kWireReplies : kRawReplies);
   MutexLock lock(status_mutex_);
   if (bound_) return;
   bound_ = true;
@@ -85,11 +89,15 @@ Destination LBTest::choose_destination(LBInterface& interface) {
   Destination chosen;
   chosen.gateway = interface.gateway();
   bool target_is_gateway = false;
+  std::string left;  // the next hop that was the target so far, if it is no more
   {
     MutexLock lock(status_mutex_);
     if (target_.empty()) {
       target_ = chosen.gateway;
-      target_is_gateway = !target_.empty();
+      target_is_gateway = pings_nexthop_ = !target_.empty();
+    } else if (pings_nexthop_ && interface.follows_nexthop() && !chosen.gateway.empty() &&
+               target_ != chosen.gateway) {
+      left = std::exchange(target_, chosen.gateway);
     }
     chosen.target = target_;
     description_ = std::string(type_name()) + "\tTarget: " + target_;
@@ -99,7 +107,31 @@ Destination LBTest::choose_destination(LBInterface& interface) {
     auto& results = interface.state.target_results;
     if (results.empty()) results[chosen.target] = kProbeFailure;
   }
+  if (!left.empty()) move_to_nexthop(interface, left, chosen.target);
   return chosen;
+}
+
+void LBTest::move_to_nexthop(LBInterface& interface, const std::string& from,
+                             const std::string& to) {
+  // Another test of the interface may have the address as its configured target, or not have gone
+  // over yet.
+  const bool is_still_probed =
+      std::any_of(interface.tests.begin(), interface.tests.end(),
+                  [&](const auto& entry) { return entry.second->report().target == from; });
+  if (!is_still_probed) {
+    const auto entry = probes_in_flight(family_).find(interface.origin, from);
+    if (entry) probes_in_flight(family_).erase(entry->key);
+  }
+
+  MutexLock lock(interface.mutex);
+  InterfaceState& state = interface.state;
+  const bool is_known = state.target_results.contains(to) || state.success_counts.contains(to);
+  for (auto* values : {&state.target_results, &state.success_counts, &state.failure_counts}) {
+    const auto old = values->find(from);
+    if (old == values->end()) continue;
+    if (!is_known) (*values)[to] = old->second;
+    if (!is_still_probed) values->erase(old);
+  }
 }
 
 void LBTest::settle(LBInterface& interface, int32_t outcome, const std::string& target) {

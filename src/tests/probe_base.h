@@ -37,7 +37,8 @@ class LBTest : public HealthTest {
   explicit LBTest(const Family& family) : family_(family) {}
 
   // Chooses target and gateway, rebuilds the description and lets a test without a target keep the
-  // gateway as its target for good.
+  // gateway as its target: for good, or (follows_nexthop) until another one is found. What has
+  // settled then goes over to that one.
   Destination choose_destination(LBInterface& interface);
 
   // Reports one outcome to the interface and keeps it as the test's result.
@@ -53,7 +54,13 @@ class LBTest : public HealthTest {
   mutable Mutex status_mutex_;
 
  private:
+  // The next hop was `from` and is `to`: what has settled goes over, and nothing is left to count,
+  // or in flight, for the old one, unless another test probes it. An address that has results keeps
+  // its own.
+  void move_to_nexthop(LBInterface& interface, const std::string& from, const std::string& to);
+
   std::string target_ LB_GUARDED_BY(status_mutex_);
+  bool pings_nexthop_ LB_GUARDED_BY(status_mutex_) = false;  // no target was configured
   std::string description_ LB_GUARDED_BY(status_mutex_);
   int32_t result_ LB_GUARDED_BY(status_mutex_) = kResultNone;
   int32_t resp_time_ = 5000;  // milliseconds; fixed once the threads run

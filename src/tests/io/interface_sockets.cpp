@@ -10,7 +10,6 @@
 #include "config/log.h"
 #include "tests/io/mutex_failure.h"
 #include "tests/io/packet_socket.h"
-#include "tests/io/receive_queue.h"
 
 namespace {
 
@@ -28,8 +27,9 @@ int send_protocol(const Family& family) {
   return found->p_proto;
 }
 
-FileDescriptor open_raw_socket(const Family& family, int protocol) {
-  return FileDescriptor(socket(family.address_family, SOCK_RAW | SOCK_CLOEXEC, protocol));
+FileDescriptor open_raw_socket(const Family& family) {
+  return FileDescriptor(
+      socket(family.address_family, SOCK_RAW | SOCK_CLOEXEC, send_protocol(family)));
 }
 
 // False, logged, for a socket that could not be had.
@@ -52,9 +52,9 @@ bool keep_sending_socket(FileDescriptor socket, FileDescriptor& kept) {
 
 void open_sockets(InterfaceSockets& sockets) {
   const Family& family = sockets.family;
-  if (!keep_sending_socket(open_raw_socket(family, send_protocol(family)), sockets.send_socket) ||
+  if (!keep_sending_socket(open_raw_socket(family), sockets.send_socket) ||
       !keep_sending_socket(open_packet_socket(family.ether_type), sockets.packet_socket) ||
-      !keep(open_reply_socket(family), sockets.recv_socket)) {
+      !keep(sockets.replies.open(family, sockets.ifname), sockets.recv_socket)) {
     return;
   }
   if (sockets.mutex.init_result() != 0) LB_ERROR("wan_lb: error mutex initialization");
@@ -87,26 +87,22 @@ bool InterfaceMutex::unlock(const char* operation) {
   return rc == 0;
 }
 
-std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname) {
+std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname,
+                                             const ReplySource& replies) {
   Registry& all = registry(family);
   MutexLock lock(all.mutex);
   auto& sockets = all.by_name[ifname];
   if (sockets == nullptr) {
-    sockets = std::make_shared<InterfaceSockets>(family);
+    sockets = std::make_shared<InterfaceSockets>(family, ifname, replies);
     open_sockets(*sockets);
   }
   return sockets;
-}
-
-FileDescriptor open_reply_socket(const Family& family) {
-  FileDescriptor socket = open_raw_socket(family, family.icmp_protocol);
-  if (socket.valid()) refuse_foreign_messages(socket.get(), family);
-  return socket;
 }
 
 void close_sockets(const Family& family, const std::string& ifname) {
   Registry& all = registry(family);
   MutexLock lock(all.mutex);
   const auto found = all.by_name.find(ifname);
-  if (found != all.by_name.end()) found->second = std::make_shared<InterfaceSockets>(family);
+  if (found == all.by_name.end()) return;
+  found->second = std::make_shared<InterfaceSockets>(family, ifname, found->second->replies);
 }

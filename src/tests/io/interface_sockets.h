@@ -5,10 +5,12 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "packets/family.h"
 #include "platform/file_descriptor.h"
 #include "platform/mutex.h"
+#include "tests/io/reply_source.h"
 
 // The mutex of an interface, taken to enter a probe, to mark it answered and to settle it. It
 // exists for this hand-shake between worker and receiver and for its messages, which administrators
@@ -39,24 +41,24 @@ enum class ReceiverState {
 
 // Descriptors are fixed once made, so any thread may read them; -1 where a socket could not be had.
 struct InterfaceSockets {
-  explicit InterfaceSockets(const Family& of_family) : family(of_family), mutex(of_family) {}
+  InterfaceSockets(const Family& of_family, std::string of_interface, const ReplySource& from)
+      : family(of_family), ifname(std::move(of_interface)), replies(from), mutex(of_family) {}
 
   const Family& family;
+  const std::string ifname;      // Linux name
+  const ReplySource& replies;    // where recv_socket reads them
   FileDescriptor send_socket;    // raw ICMP: requests of the raw path
   FileDescriptor packet_socket;  // whole Ethernet frames
-  FileDescriptor recv_socket;    // raw ICMP: replies
+  FileDescriptor recv_socket;    // replies
   InterfaceMutex mutex;
   std::atomic<ReceiverState> receiver_state{ReceiverState::kAbsent};
 };
 
 // The sockets of the interface with the Linux name `ifname`, made by the first call for the name in
-// the family; what fails then is logged and not tried again. The sockets belong to the network
-// namespace of the thread that made them. Any thread.
-std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname);
-
-// A raw ICMP socket of the calling thread's network namespace, for reading replies; messages that
-// could be no reply to any test are kept away from it. Not valid on failure, with errno set.
-FileDescriptor open_reply_socket(const Family& family);
+// the family, which also settles where replies are read; what fails then is logged and not tried
+// again. The sockets belong to the network namespace of the thread that made them. Any thread.
+std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname,
+                                             const ReplySource& replies = kRawReplies);
 
 // Closes the sockets of `ifname` (a receiver that still reads keeps its own open). The name stays
 // known: later calls of sockets_of make no new ones. Any thread.

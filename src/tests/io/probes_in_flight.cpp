@@ -31,11 +31,13 @@ void ProbesInFlight::mark_sent(int32_t key, const timespec& now) {
   if (found != pending_.end()) found->second.sent_at = now;
 }
 
-void ProbesInFlight::mark_answered(int64_t key) {
+void ProbesInFlight::mark_answered(int64_t key,
+                                   const std::function<bool(const PendingProbe&)>& answers) {
   if (key < 0 || key >= kKeyModulus) return;
   MutexLock lock(mutex_);
   const auto found = pending_.find(static_cast<int32_t>(key));
-  if (found != pending_.end()) found->second.state = kProbeAnswered;
+  if (found == pending_.end() || (answers && !answers(found->second))) return;
+  found->second.state = kProbeAnswered;
 }
 
 void ProbesInFlight::erase(int32_t key) {

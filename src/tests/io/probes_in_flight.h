@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -47,8 +48,10 @@ class ProbesInFlight {
   // part of the wait for its reply.
   void mark_sent(int32_t key, const timespec& now);
 
-  // Marks the probe as answered; an unknown key changes nothing.
-  void mark_answered(int64_t key);
+  // Marks the probe as answered, if `answers` is nothing or true of it; an unknown key changes
+  // nothing. `answers` is called under the table's lock.
+  void mark_answered(int64_t key,
+                     const std::function<bool(const PendingProbe&)>& answers = nullptr);
 
   void erase(int32_t key);
 

@@ -4,11 +4,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <ctime>
 #include <memory>
 #include <optional>
-#include <span>
 #include <vector>
 
 #include "config/log.h"
@@ -76,23 +74,29 @@ class ReplyReader {
   bool take_packet(bool may_block) {
     std::optional<ReadingGuard> reading;
     if (!may_block) reading.emplace(sockets_);
-    const ssize_t received =
-        recv(socket(), buffer_.data(), buffer_.size(), may_block ? 0 : MSG_DONTWAIT);
-    if (received < 0 && !may_block && errno == EAGAIN) return true;
-    if (received < 1) {
-      LB_ERROR("recv for %s failed!!!!!", family_.name);
-      return false;
+    const ReceivedReply reply = sockets_.replies.receive(
+        socket(), family_, buffer_, may_block ? 0 : MSG_DONTWAIT, /*asks_sender=*/false);
+    switch (reply.kind) {
+      case ReceivedReply::Kind::kNothing:
+        return true;
+      case ReceivedReply::Kind::kFailed:
+        LB_ERROR("recv for %s failed!!!!!", family_.name);
+        return false;
+      case ReceivedReply::Kind::kPacket:
+        mark_answered(reply);
+        return true;
     }
-    mark_answered({buffer_.data(), static_cast<size_t>(received)});
     return true;
   }
 
-  void mark_answered(std::span<const uint8_t> packet) {
-    const auto key = family_.ipv6 ? echo6_reply_key(packet) : echo_reply_key(packet);
+  void mark_answered(const ReceivedReply& reply) {
+    const auto key = family_.ipv6 ? echo6_reply_key(reply.packet) : echo_reply_key(reply.packet);
     if (!key) return;
     const char* const operation = family_.ipv6 ? "recv_icmp6" : "recv_icmp";
     const bool locked = sockets_.mutex.lock(operation);
-    probes_in_flight(family_).mark_answered(*key);
+    probes_in_flight(family_).mark_answered(*key, [&](const PendingProbe& probe) {
+      return sockets_.replies.answers(family_, sockets_.ifname, reply.sender, probe);
+    });
     if (locked) sockets_.mutex.unlock(operation);
   }
 

@@ -120,3 +120,26 @@ TEST(ChecksumTest, Icmp6IsSummedAfterItsPseudoHeader) {
                            message.data(), static_cast<uint32_t>(message.size())),
             checksum_by_remainder(whole));
 }
+
+TEST(ChecksumTest, MessageWithItsOwnChecksumIsIntact) {
+  std::mt19937 random(9);
+  for (size_t size = 2; size < 200; size += 2) {
+    Bytes bytes(size);
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(random());
+    bytes[0] = bytes[1] = 0;
+    const uint16_t sum = checksum_by_remainder(bytes);
+    bytes[0] = static_cast<uint8_t>(sum >> 8);
+    bytes[1] = static_cast<uint8_t>(sum & 0xff);
+    EXPECT_TRUE(is_intact(bytes)) << size;
+    bytes[size / 2] ^= 0x10;
+    EXPECT_FALSE(is_intact(bytes)) << size;
+  }
+  EXPECT_FALSE(is_intact(Bytes(12))) << "zeros have a checksum of ones";
+}
+
+// RFC 1071 section 4.1: as if a zero byte followed.
+TEST(ChecksumTest, OddByteIsTheUpperHalfOfAWord) {
+  EXPECT_TRUE(is_intact(Bytes{0x54, 0xff, 0xab}));
+  EXPECT_FALSE(is_intact(Bytes{0xff, 0x54, 0xab}));
+  EXPECT_TRUE(is_intact(Bytes{0x54, 0x00, 0xab}, 0xff)) << "after a pseudo-header";
+}

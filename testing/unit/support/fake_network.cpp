@@ -89,6 +89,9 @@ int FakeNetwork::answer_interface_request(unsigned long request, ifreq& interfac
     case SIOCGIFFLAGS:
       interface.ifr_flags = static_cast<short>(IFF_UP | (no_arp ? IFF_NOARP : 0));
       return 0;
+    case SIOCGIFINDEX:
+      interface.ifr_ifindex = static_cast<int>(index_of(interface.ifr_name));
+      return interface.ifr_ifindex == 0 ? failure(ENODEV) : 0;
     case SIOCGIFHWADDR:
       interface.ifr_hwaddr.sa_family = ARPHRD_ETHER;
       std::copy(own_mac.begin(), own_mac.end(), interface.ifr_hwaddr.sa_data);

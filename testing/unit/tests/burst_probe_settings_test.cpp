@@ -27,6 +27,19 @@ TEST_F(BurstProbeSettingsTest, ResponseTimeIsOnlyShown) {
   EXPECT_EQ(test_.describe(), "target: 192.0.2.7, resp_time: 700");
 }
 
+// Unlike that of a single probe: the period, then a whole burst.
+TEST_F(BurstProbeSettingsTest, LongestWaitIsThePeriodAndABurst) {
+  EXPECT_EQ(test_.longest_wait(), 240'000 + 10 * 1000);
+  test_.set_number(TestKeyword::kPeriod, 30);
+  test_.set_number(TestKeyword::kCount, 5);
+  test_.set_number(TestKeyword::kTimeout, 2000);
+  EXPECT_EQ(test_.longest_wait(), 30'000 + 5 * 2000);
+
+  const auto ping = make_test();
+  ping->set_number(TestKeyword::kResponseTime, 700);
+  EXPECT_EQ(ping->longest_wait(), 700);
+}
+
 TEST_F(BurstProbeSettingsTest, NothingIsMeasuredBeforeTheFirstResult) {
   EXPECT_EQ(test_.report().result, 0);
   EXPECT_FALSE(test_.report().measurement.has_value());

@@ -90,6 +90,26 @@ TEST(ProbesInFlightTest, AnswerMarksItsProbeOnly) {
   EXPECT_EQ(probes.find("eth0", "192.0.2.2")->probe.state, -2);
 }
 
+TEST(ProbesInFlightTest, AnswerMarksTheProbeThatItIsTo) {
+  ProbesInFlight probes;
+  probes.insert(7, probe("eth0", "192.0.2.1"));
+  PendingProbe asked;
+  const auto says = [&](bool answer) {
+    return [&asked, answer](const PendingProbe& of) {
+      asked = of;
+      return answer;
+    };
+  };
+  probes.mark_answered(8, says(true));
+  EXPECT_EQ(asked.ifname, "") << "nobody is asked about a key that is not there";
+  probes.mark_answered(7, says(false));
+  EXPECT_EQ(asked.ifname, "eth0");
+  EXPECT_EQ(asked.target, "192.0.2.1");
+  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.state, -2);
+  probes.mark_answered(7, says(true));
+  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.state, 0);
+}
+
 TEST(ProbesInFlightTest, AnswerToNothingEntersNothing) {
   ProbesInFlight probes;
   probes.mark_answered(7);
