@@ -5,6 +5,7 @@
 #include "platform/clock.h"
 #include "platform/netns.h"
 #include "routing/interface_health.h"
+#include "routing/kernel_routes.h"
 #include "routing/nexthop_discovery.h"
 #include "tests/link/stale_neighbor.h"
 
@@ -82,6 +83,7 @@ void CheckCycle::end_cycle() {
   clear_state_changed(config, worker_);
   resolve_dhcp_nexthops(config, worker_);
   resolve_tunnel_nexthops(config, worker_);
+  resolve_kernel_nexthops(config, worker_);
 }
 
 void CheckCycle::run_once() {

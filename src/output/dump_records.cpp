@@ -65,9 +65,9 @@ bool fill_outbound(const InterfaceSnapshot& interface, uint32_t now, DumpOutboun
       !put_address(record.nexthop, interface.nexthop(), settings.ipv6)) {
     return false;
   }
-  // The unspecified address says as little as none.
-  const bool has_source =
-      !settings.source_address.empty() && !(settings.ipv6 && settings.source_address == "::");
+  // The unspecified address says as little as none, and so does the word for one of the moment.
+  const bool has_source = !settings.source_address.empty() && settings.source_address != "auto" &&
+                          !(settings.ipv6 && settings.source_address == "::");
   if (has_source && !put_address(record.source_address, settings.source_address, settings.ipv6)) {
     return false;
   }

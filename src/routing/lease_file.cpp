@@ -62,12 +62,17 @@ std::optional<std::string> lease_router(std::string_view text, bool ipv6) {
   return std::nullopt;
 }
 
-std::optional<std::string> read_lease_router(const std::string& path, bool ipv6) {
+std::optional<std::string> read_lease_text(const std::string& path) {
   if (is_special_file(path)) {
     LB_WARNING("wan_lb: lease file '%s' is no regular file, not read", path.c_str());
     return std::nullopt;
   }
   const FileDescriptor file = open_to_read(path);
   if (!file.valid() || !is_regular_file(file)) return std::nullopt;
-  return lease_router(read_up_to(file, kMaxFileSize), ipv6);
+  return read_up_to(file, kMaxFileSize);
+}
+
+std::optional<std::string> read_lease_router(const std::string& path, bool ipv6) {
+  const auto text = read_lease_text(path);
+  return text ? lease_router(*text, ipv6) : std::nullopt;
 }

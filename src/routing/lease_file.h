@@ -13,5 +13,9 @@
 // the first router line has no usable address. Never fails, whatever the bytes are.
 std::optional<std::string> lease_router(std::string_view text, bool ipv6);
 
-// The same for a file; no value also when `path` cannot be read or is no regular file.
+// What the file holds, whatever its format; no value when `path` cannot be read or is no regular
+// file (a special file is logged).
+std::optional<std::string> read_lease_text(const std::string& path);
+
+// The router that the file at `path` names; no value also when there is no text.
 std::optional<std::string> read_lease_router(const std::string& path, bool ipv6);

@@ -9,11 +9,14 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include "config/log.h"
 #include "packets/family.h"
+#include "platform/clock.h"
 #include "platform/places.h"
 #include "routing/interface_health.h"
+#include "routing/isc_leases.h"
 #include "routing/lease_file.h"
 
 namespace {
@@ -36,18 +39,75 @@ void store_nexthop(LBInterface& interface, const std::string& address) {
   interface.state.nexthop_address = address;
 }
 
+// How next hops are left for us to find.
+struct Discovery {
+  // The name in the lease file's path, and that of a tunnel.
+  const std::string& (*search_name)(const LBInterface& interface);
+
+  // The router in the text of a lease file; no value keeps what was found before.
+  std::optional<std::string> (*router)(std::string_view text, const LBInterface& interface);
+
+  // Leases are read by the interface's own worker only, so that its tests see the next hop change
+  // between two cycles.
+  bool only_own_vrf;
+};
+
+// By a device that knows its interfaces under the names of the configuration.
+constexpr Discovery kDeviceDiscovery{
+    .search_name = [](const LBInterface& interface) -> const std::string& {
+      return interface.name;
+    },
+    .router = [](std::string_view text,
+                 const LBInterface& interface) { return lease_router(text, interface.ipv6); },
+    .only_own_vrf = false,
+};
+
+// By stock clients, which know the Linux names.
+constexpr Discovery kLinuxDiscovery{
+    .search_name = [](const LBInterface& interface) -> const std::string& {
+      return interface.origin;
+    },
+    .router =
+        [](std::string_view text, const LBInterface& interface) {
+          return interface.ipv6 ? script_router(text)
+                                : isc_lease_router(text, interface.origin, wall_now().tv_sec);
+        },
+    .only_own_vrf = true,
+};
+
+const Discovery& discovery_of(const LBInterface& interface) {
+  return interface.options->linux_discovery ? kLinuxDiscovery : kDeviceDiscovery;
+}
+
+std::string lease_path(const LBInterface& interface) {
+  if (!interface.lease_file.empty()) return interface.lease_file;
+  return lease_file_path(discovery_of(interface).search_name(interface), interface.ipv6);
+}
+
+void warn_of_missing_router(const LBInterface& interface, const std::string& path) {
+  const std::string device = device_name(interface.origin);
+  // The documented text, unless something of the place was asked for.
+  if (interface.lease_file.empty() && !interface.options->linux_discovery) {
+    LB_WARNING("Failed to get routers option from DHCP on interface %s", device.c_str());
+  } else {
+    LB_WARNING("Failed to get routers option from DHCP on interface %s (lease file '%s')",
+               device.c_str(), path.c_str());
+  }
+}
+
 }  // namespace
 
 void resolve_dhcp_nexthops(LBConfig& config, const LBWorkerContext& worker) {
-  const bool ipv6 = worker.ipv6;
-  for (auto& [name, interface] : config.interfaces_of(ipv6)) {
+  for (auto& [name, interface] : config.interfaces_of(worker.ipv6)) {
     if (interface.nexthop != "dhcp") continue;
-    const std::optional<std::string> router = read_lease_router(lease_file_path(name, ipv6), ipv6);
+    const Discovery& discovery = discovery_of(interface);
+    if (discovery.only_own_vrf && interface.vrf != worker.vrf) continue;
+    const std::string path = lease_path(interface);
+    const std::optional<std::string> text = read_lease_text(path);
+    const std::optional<std::string> router =
+        text ? discovery.router(*text, interface) : std::nullopt;
     if (router) store_nexthop(interface, *router);
-    if (interface.gateway().empty()) {
-      LB_WARNING("Failed to get routers option from DHCP on interface %s",
-                 device_name(interface.origin).c_str());
-    }
+    if (interface.gateway().empty()) warn_of_missing_router(interface, path);
   }
 }
 
@@ -72,8 +132,8 @@ void resolve_tunnel_nexthops(LBConfig& config, const LBWorkerContext& worker) {
   const int family = ipv6 ? AF_INET6 : AF_INET;
   for (auto& entry : interfaces) {
     if (!is_own_tunnel(entry)) continue;
-    auto& [name, interface] = entry;
-    const void* peer = find_peer(entries, name, family);
+    LBInterface& interface = entry.second;
+    const void* peer = find_peer(entries, discovery_of(interface).search_name(interface), family);
     if (peer == nullptr) {
       store_nexthop(interface, "");
       continue;

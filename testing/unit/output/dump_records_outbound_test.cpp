@@ -55,6 +55,17 @@ TEST_F(DumpRecordsOutboundTest, EveryField) {
   EXPECT_TRUE(bytes.rest_is_zero());  // no tests, neither dhcp nor tunnel
 }
 
+TEST_F(DumpRecordsOutboundTest, NextHopOfTheKernelsRoutes) {
+  interface_.nexthop = "kernel";
+  snapshot_.state.nexthop_address = "192.0.2.3";
+  EXPECT_EQ(fill().text(96, 46), "192.0.2.3");
+}
+
+TEST_F(DumpRecordsOutboundTest, SourceOfTheMomentIsNone) {
+  interface_.source_address = "auto";
+  EXPECT_EQ(fill().text(142, 46), "");
+}
+
 TEST_F(DumpRecordsOutboundTest, DefaultsAndTimesThatNeverWere) {
   RecordBytes bytes = fill();
   EXPECT_EQ(bytes.text(0, 64), "eth0");
