@@ -41,7 +41,7 @@ struct LinkPath {
   MacAddress gateway_mac{};
 };
 
-PathResult prepare_link(const LBInterface& interface, const std::string& gateway,
+PathResult prepare_link(const LBInterface& interface, const Destination& destination,
                         const LBWorkerContext& worker, LinkPath& path) {
   const Family& family = worker.family();
   const std::string& ifname = interface.origin;
@@ -55,7 +55,7 @@ PathResult prepare_link(const LBInterface& interface, const std::string& gateway
   path.ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
   if (path.ifindex == 0) return failed(PathStep::kNoIndex, errno);
 
-  const SourceFailure source = settle_source(family, ifname, path.source);
+  const SourceFailure source = settle_source(family, ifname, destination.target, path.source);
   switch (source.step) {
     case SourceFailure::Step::kNone:
       break;
@@ -65,7 +65,7 @@ PathResult prepare_link(const LBInterface& interface, const std::string& gateway
       return failed(PathStep::kSourceAbsent, source.error, path.source);
   }
 
-  const auto gateway_mac = prober_of(worker).resolve(gateway, path.source, ifname);
+  const auto gateway_mac = prober_of(worker).resolve(destination.gateway, path.source, ifname);
   if (!gateway_mac) return failed(PathStep::kNoNeighbor, EHOSTUNREACH);
   path.gateway_mac = *gateway_mac;
   return {};
@@ -129,7 +129,7 @@ PathResult prepare_frame_path(const LBInterface& interface, const Destination& d
   const Family& family = AddressFamily::kFamily;
   if (worker.ipv6 != family.ipv6) return failed(PathStep::kNotMeant, EINVAL);
   LinkPath link;
-  if (auto result = prepare_link(interface, destination.gateway, worker, link); !result.ready()) {
+  if (auto result = prepare_link(interface, destination, worker, link); !result.ready()) {
     return result;
   }
   path.ifindex = link.ifindex;

@@ -8,6 +8,7 @@
 
 #include "config/log.h"
 #include "packets/error_text.h"
+#include "tests/link/auto_source.h"
 #include "tests/link/link_info.h"
 
 namespace {
@@ -47,8 +48,14 @@ std::string wanted_source(const Family& family, const std::string& ifname,
   return link_local_source(ifname);
 }
 
-SourceFailure settle_source(const Family& family, const std::string& ifname, std::string& source) {
+SourceFailure settle_source(const Family& family, const std::string& ifname,
+                            const std::string& target, std::string& source) {
   using Step = SourceFailure::Step;
+  if (source == kAutoSource) {
+    source = auto_source(family, ifname, target);
+    if (source.empty()) return {Step::kNoOwnAddress, EADDRNOTAVAIL};
+    return {};
+  }
   if (family.ipv6) return {};
   if (source.empty()) {
     const auto own = own_ipv4_address(ifname);

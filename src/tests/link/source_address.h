@@ -8,7 +8,7 @@
 
 // The address that probes by `ifname` come from, as far as the configuration says. IPv4: the
 // configured address, or empty for the interface's own. IPv6: the configured address, unless that
-// is "::"; else link_local_source.
+// is "::"; else link_local_source. "auto" stays the word.
 std::string wanted_source(const Family& family, const std::string& ifname,
                           const std::string& configured);
 
@@ -19,10 +19,12 @@ struct SourceFailure {
   int error = 0;  // an errno value
 };
 
-// IPv4: replaces an empty source by the interface's own address (also where that then is not
-// present), and demands that the source is an address of the host, else replies could not come
-// back. IPv6 sources are taken as they are.
-SourceFailure settle_source(const Family& family, const std::string& ifname, std::string& source);
+// Replaces "auto" by the address that auto_source.h chooses for `target`; without one it fails like
+// a missing own address. Otherwise IPv4: replaces an empty source by the interface's own address
+// (also where that then is not present), and demands that the source is an address of the host,
+// else replies could not come back. IPv6 sources are taken as they are.
+SourceFailure settle_source(const Family& family, const std::string& ifname,
+                            const std::string& target, std::string& source);
 
 // The text of the first IPv6 address, in the order of the host's list, on an interface whose name
 // begins with `ifname` and that looks link-local: its first byte is 0xFE or its second one 0x80.
