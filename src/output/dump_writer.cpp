@@ -9,6 +9,7 @@
 #include "output/lb_output.h"
 #include "platform/clock.h"
 #include "platform/regular_file.h"
+#include "routing/route_syntax.h"
 
 namespace {
 
@@ -41,16 +42,24 @@ Value value_or_empty(const std::map<std::string, Value>& values, const std::stri
   return found == values.end() ? Value() : found->second;
 }
 
+// As the routing daemon's files have it: a rule may have destinations of both families. Empty when
+// it is in neither.
+std::string written_destination(const RouteSyntax& syntax, const std::string& text, bool ipv6) {
+  std::string written = syntax.written_destination(text, ipv6);
+  return written.empty() ? syntax.written_destination(text, !ipv6) : written;
+}
+
 // False after a failure, which is logged.
 bool write_routes(const RuleKey& key, const LBRule& rule,
-                  const WrittenState::TextByTarget& nexthops, const char* operation,
-                  DumpFile& file) {
+                  const WrittenState::TextByTarget& nexthops, const RouteSyntax& syntax,
+                  const char* operation, DumpFile& file) {
   int32_t index = 0;
   for (const auto& [destination, target] : rule.targets) {
     if (index == static_cast<int32_t>(kDumpMaxRoutes)) break;
+    const std::string written = written_destination(syntax, destination, key.is_ipv6());
+    if (written.empty()) continue;
     DumpRoute record{};
-    if (!fill_route(key, destination, target, ++index, value_or_empty(nexthops, destination),
-                    record)) {
+    if (!fill_route(key, written, target, ++index, value_or_empty(nexthops, destination), record)) {
       LB_ERROR("<%s> wan_lb: snprintf failed", operation);
       return false;
     }
@@ -109,6 +118,7 @@ void LBOutput::dump_rules_and_routes(const std::map<std::string, LBRule>& rules,
     return;
   }
   const auto nexthops = names->copy_written().failover_nexthops;
+  const RouteSyntax& syntax = route_syntax(*names->options);
   for (const auto& [name, rule] : rules) {
     const std::optional<RuleKey> key = parse_rule_key(name);
     if (!key) {
@@ -124,6 +134,9 @@ void LBOutput::dump_rules_and_routes(const std::map<std::string, LBRule>& rules,
       LB_ERROR("wan_lb: <%s> error writing data block", kOperation);
       return;
     }
-    if (!write_routes(*key, rule, value_or_empty(nexthops, name), kOperation, routes_file)) return;
+    if (!write_routes(*key, rule, value_or_empty(nexthops, name), syntax, kOperation,
+                      routes_file)) {
+      return;
+    }
   }
 }

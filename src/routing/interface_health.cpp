@@ -27,6 +27,23 @@ int32_t count_of(const std::map<std::string, int32_t>& counts, const std::string
   return found == counts.end() ? 0 : found->second;
 }
 
+// "hold-down": once the interface has failed it stays so until it was found healthy for that long.
+// A link that comes and goes then changes the routes once. The wall clock may be set meanwhile.
+bool is_held_down(const LBInterface& interface, InterfaceState& state, bool healthy) {
+  if (interface.hold_down == 0) return false;
+  const timespec now = monotonic_now();
+  if (!healthy) {
+    if (state.active || state.held_since) state.held_since = now;
+    return false;
+  }
+  if (!state.held_since ||
+      milliseconds_between(*state.held_since, now) >= int64_t{interface.hold_down} * 1000) {
+    state.held_since.reset();
+    return false;
+  }
+  return true;
+}
+
 void log_change(const LBInterface& interface, bool active,
                 const std::map<std::string, int32_t>& target_results) {
   const char* version = interface.ipv6 ? "v6" : "";
@@ -81,7 +98,7 @@ void evaluate_state(LBInterface& interface, const LBWorkerContext& worker) {
     healthy = interface.check_all ? std::all_of(begin, end, settled_success)
                                   : std::any_of(begin, end, settled_success);
     (healthy ? state.last_success : state.last_failure) = now;
-    if (state.active == healthy) return;
+    if (is_held_down(interface, state, healthy) || state.active == healthy) return;
 
     state.active = healthy;
     state.state_changed = true;
@@ -89,6 +106,17 @@ void evaluate_state(LBInterface& interface, const LBWorkerContext& worker) {
     target_results = state.target_results;
   }
   log_change(interface, healthy, target_results);
+}
+
+bool has_settled(const LBInterface& interface) {
+  const InterfaceState state = interface.snapshot();
+  if (state.active) return true;
+  const auto is_settled = [&](const auto& entry) {
+    return success_count(state, entry.first) >= interface.success_ct ||
+           failure_count(state, entry.first) >= interface.failure_ct;
+  };
+  return !state.target_results.empty() &&
+         std::all_of(state.target_results.begin(), state.target_results.end(), is_settled);
 }
 
 void clear_state_changed(LBConfig& config, const LBWorkerContext& worker) {

@@ -20,6 +20,10 @@ void record_result(LBInterface& interface, int32_t result, const std::string& ta
 // interfaces of the worker's VRF.
 void evaluate_state(LBInterface& interface, const LBWorkerContext& worker);
 
+// True once the interface was found healthy, or every one of its targets has had as many equal
+// outcomes in a row as settle it.
+bool has_settled(const LBInterface& interface);
+
 // Marks every interface of the worker's family, of all VRFs, as unchanged.
 void clear_state_changed(LBConfig& config, const LBWorkerContext& worker);
 

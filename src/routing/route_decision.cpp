@@ -3,9 +3,9 @@
 // is never held over the file, the signal or a command.
 #include "routing/route_decision.h"
 
-#include <algorithm>
 #include <utility>
 
+#include "routing/route_syntax.h"
 #include "routing/routing_daemon.h"
 #include "routing/static_routes.h"
 
@@ -17,12 +17,8 @@ namespace {
 // not take away what the other one recorded. So a rule belongs to the family of its members; where
 // it has members of both, to each the destinations of its own family.
 bool owns_failover_entry(const LBRule& rule, const std::string& prefix, bool ipv6) {
-  const auto has_members = [&rule](bool of_ipv6) {
-    return std::any_of(rule.members.begin(), rule.members.end(),
-                       [of_ipv6](const auto& entry) { return entry.second.ipv6 == of_ipv6; });
-  };
-  if (!has_members(ipv6)) return false;
-  return !has_members(!ipv6) || (prefix.find(':') != std::string::npos) == ipv6;
+  if (!has_members(rule, ipv6)) return false;
+  return !has_members(rule, !ipv6) || (prefix.find(':') != std::string::npos) == ipv6;
 }
 
 // Replaces the next hops of the VRF's rules in one step, so that no dump sees a rule half done.
@@ -52,16 +48,44 @@ bool note_written(LBConfig& config, const std::string& body, bool ipv6, const st
   return true;
 }
 
+// Notes what the run before left, if nobody else changed it: it need not be written again.
+void note_left(LBConfig& config, const std::string& left, const LBWorkerContext& worker,
+               const RouteSyntax& syntax) {
+  std::string body;
+  for (const StaticRoute& route : read_static_routes(left, worker.ipv6, syntax)) {
+    body += syntax.line(route);
+  }
+  if (body.empty() || protocol_static_text(body, worker.ipv6) != left) return;
+  note_written(config, body, worker.ipv6, worker.vrf);
+}
+
 }  // namespace
+
+RouteKeeper& LBDecision::keeper_of(const LBWorkerContext& worker) {
+  MutexLock lock(mutex_);
+  return keepers_[{worker.vrf, worker.ipv6}];
+}
 
 void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
   const bool ipv6 = worker.ipv6;
-  const StaticRoutes routes = build_static_routes(config, ipv6, worker.vrf);
+  const RouteSyntax& syntax = route_syntax(*config.options);
+  const RoutingDaemon daemon(worker.vrf, ipv6);
+  RoutePlan plan = plan_static_routes(config, ipv6, worker.vrf, syntax);
+  bool in_force = false;
+  if (config.options->keeps_last_routes) {
+    RouteKeeper& keeper = keeper_of(worker);
+    const std::string left = keeper.has_started() ? "" : daemon.read_file();
+    note_left(config, left, worker, syntax);
+    RouteKeeper::Kept kept = keeper.keep(std::move(plan), left, config, worker, syntax);
+    plan = std::move(kept.plan);
+    in_force = kept.in_force;
+  }
+  const StaticRoutes routes = write_static_routes(plan, syntax);
   keep_failover_nexthops(config, routes, ipv6, worker.vrf);
+  if (in_force) return;
 
   // Noted before it is written: a write that fails is tried again when the text changes.
   if (!note_written(config, routes.body, ipv6, worker.vrf)) return;
-  const RoutingDaemon daemon(worker.vrf, ipv6);
   daemon.write_file(protocol_static_text(routes.body, ipv6));
   daemon.reload();
 }

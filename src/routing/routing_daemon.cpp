@@ -27,6 +27,8 @@ FILE* start_command(const std::string& command, const char* mode) {
   return popen((initial_descriptor_limit_command() + command + kNoErrors).c_str(), mode);
 }
 
+constexpr size_t kMaxRouteFile = size_t{64} << 20;
+
 // What a shell command prints, up to a limit. Empty when it printed nothing or could not be
 // started.
 std::string command_output(const std::string& command) {
@@ -73,6 +75,13 @@ void RoutingDaemon::write_file(const std::string& text) const {
   const FileReplacement replacement = replace_file(file_path_, text);
   if (!replacement.opened || replacement.error == 0) return;
   LB_WARNING("wan_lb: error writing file '%s', errno = %d", file_path_.c_str(), replacement.error);
+}
+
+std::string RoutingDaemon::read_file() const {
+  if (is_special_file(file_path_)) return "";
+  const FileDescriptor file = open_to_read(file_path_);
+  if (!file.valid() || !is_regular_file(file)) return "";
+  return read_up_to(file, kMaxRouteFile);
 }
 
 void RoutingDaemon::reload() const {

@@ -21,6 +21,9 @@ class RoutingDaemon {
   // left as it is, in silence: a VRF may have no routing daemon at all.
   void write_file(const std::string& text) const;
 
+  // What the file holds. Empty when there is none that can be read.
+  std::string read_file() const;
+
   // Sends SIGHUP to the daemon when its pid is known and flushes the kernel's route cache. Runs
   // shell commands in the calling thread's network namespace; no lock may be held.
   void reload() const;

@@ -3,11 +3,20 @@
 #include <algorithm>
 #include <iterator>
 #include <optional>
+#include <sstream>
+
+#include "routing/route_syntax.h"
 
 namespace {
 
-// The VRF's active interfaces and the next hop of each: no value while it is still to be found.
-using Gateways = std::map<std::string, std::optional<std::string>>;
+struct Gateway {
+  std::string address;  // empty while it is still to be found
+  std::string device;
+  bool is_known = false;
+};
+
+// The VRF's active interfaces, by name.
+using Gateways = std::map<std::string, Gateway>;
 
 // Interface name to weight: what may carry a rule's routes.
 using Weights = std::map<std::string, int32_t>;
@@ -18,24 +27,24 @@ Gateways active_gateways(const LBConfig& config, bool ipv6, const std::string& v
     if (interface.vrf != vrf) continue;
     const InterfaceState state = interface.snapshot();
     if (!state.active) continue;
-    if (!interface.discovers_nexthop()) {
-      gateways.emplace(name, interface.nexthop);
-    } else if (state.nexthop_address.empty()) {
-      gateways.emplace(name, std::nullopt);
-    } else {
-      gateways.emplace(name, state.nexthop_address);
-    }
+    const bool found = interface.discovers_nexthop();
+    const std::string& address = found ? state.nexthop_address : interface.nexthop;
+    gateways.emplace(name, Gateway{address, interface.origin, !found || !address.empty()});
   }
   return gateways;
 }
 
-// All active members, or for a failover rule only the heaviest (of equals the first by name). A
-// failover member is chosen before its next hop is looked at.
-Weights eligible_members(const LBRule& rule, bool ipv6, const Gateways& gateways) {
+// All active members that the syntax takes, or for a failover rule only the heaviest (of equals the
+// first by name).
+Weights eligible_members(const std::string& rule_name, const LBRule& rule, bool ipv6,
+                         const Gateways& gateways, const RouteSyntax& syntax) {
   Weights eligible;
   int32_t largest = -1;
   for (const auto& [name, member] : rule.members) {
-    if (member.ipv6 != ipv6 || !gateways.contains(name)) continue;
+    const auto gateway = gateways.find(name);
+    if (member.ipv6 != ipv6 || gateway == gateways.end()) continue;
+    const Nexthop nexthop{gateway->second.address, gateway->second.device};
+    if (!syntax.takes({rule_name, name}, nexthop, ipv6)) continue;
     eligible.emplace(name, member.weight);
     largest = std::max(largest, member.weight);
   }
@@ -46,29 +55,60 @@ Weights eligible_members(const LBRule& rule, bool ipv6, const Gateways& gateways
   return eligible;
 }
 
+std::vector<Nexthop> nexthops_of(const Weights& eligible, const Gateways& gateways) {
+  std::vector<Nexthop> nexthops;
+  for (const auto& [name, weight] : eligible) {
+    const Gateway& gateway = gateways.at(name);
+    if (gateway.is_known && weight != 0) {
+      nexthops.push_back({gateway.address, gateway.device, weight});
+    }
+  }
+  return nexthops;
+}
+
 }  // namespace
 
-StaticRoutes build_static_routes(const LBConfig& config, bool ipv6, const std::string& vrf) {
+bool has_members(const LBRule& rule, bool ipv6) {
+  return std::any_of(rule.members.begin(), rule.members.end(),
+                     [ipv6](const auto& entry) { return entry.second.ipv6 == ipv6; });
+}
+
+RoutePlan plan_static_routes(const LBConfig& config, bool ipv6, const std::string& vrf,
+                             const RouteSyntax& syntax) {
   const Gateways gateways = active_gateways(config, ipv6, vrf);
-  StaticRoutes routes;
+  RoutePlan plan;
   for (const auto& [rule_name, rule] : config.rules) {
     if (rule.vrf != vrf) continue;
-    const Weights eligible = eligible_members(rule, ipv6, gateways);
+    RulePlan& planned = plan.emplace_back(RulePlan{rule_name, rule.failover != 0, {}});
+    const auto nexthops =
+        nexthops_of(eligible_members(rule_name, rule, ipv6, gateways, syntax), gateways);
+    if (nexthops.empty()) continue;
     for (const auto& [prefix, target] : rule.targets) {
-      std::string line;
-      for (const auto& [name, weight] : eligible) {
-        const std::optional<std::string>& gateway = gateways.at(name);
-        if (!gateway || weight == 0) continue;
-        const bool first = line.empty();
-        line.append(" via ").append(*gateway).append(" weight ").append(std::to_string(weight));
-        // The metric belongs to the route; the routing daemon takes it after the first next hop.
-        if (first && target.metric != -1) line += " metric " + std::to_string(target.metric);
-        if (rule.failover != 0) routes.failover_nexthops[rule_name][prefix] = *gateway;
+      const std::string destination =
+          syntax.destination({rule_name, prefix, has_members(rule, !ipv6)}, ipv6);
+      if (destination.empty()) continue;
+      planned.routes.push_back({prefix, {destination, target.metric, nexthops}});
+    }
+  }
+  return plan;
+}
+
+StaticRoutes write_static_routes(const RoutePlan& plan, const RouteSyntax& syntax) {
+  StaticRoutes routes;
+  for (const RulePlan& rule : plan) {
+    for (const auto& [target, route] : rule.routes) {
+      routes.body += syntax.line(route);
+      if (rule.failover) {
+        routes.failover_nexthops[rule.rule][target] = route.nexthops.front().address;
       }
-      if (!line.empty()) routes.body.append("route ").append(prefix).append(line).append(";\n");
     }
   }
   return routes;
+}
+
+StaticRoutes build_static_routes(const LBConfig& config, bool ipv6, const std::string& vrf) {
+  const RouteSyntax& syntax = route_syntax(*config.options);
+  return write_static_routes(plan_static_routes(config, ipv6, vrf, syntax), syntax);
 }
 
 std::string protocol_static_text(const std::string& body, bool ipv6) {
@@ -82,4 +122,14 @@ std::string protocol_static_text(const std::string& body, bool ipv6) {
     start = end + 1;
   }
   return text;
+}
+
+std::vector<StaticRoute> read_static_routes(const std::string& text, bool ipv6,
+                                            const RouteSyntax& syntax) {
+  std::vector<StaticRoute> routes;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (auto route = syntax.parse(line, ipv6)) routes.push_back(std::move(*route));
+  }
+  return routes;
 }

@@ -40,6 +40,24 @@ class DumpWriterFailureTest : public DumpWriterTest,
 
 }  // namespace
 
+// Of a rule that BIRD gets: without host bits, and without what it would not take.
+TEST_F(DumpWriterTest, RoutesHaveTheDestinationsThatAreWritten) {
+  config_.options->bird2_routes = true;
+  config_.rules.clear();
+  LBRule& rule = config_.rules["3_ipv4"];
+  for (const char* text : {"10.1.2.3/8", "default", "no prefix", "2001:db8::1/32"}) {
+    rule.targets[text];
+  }
+  write();
+  const std::vector<DumpRoute> records = routes();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_STREQ(records[0].destination, "10.0.0.0/8");
+  EXPECT_STREQ(records[1].destination, "2001:db8::/32");
+  EXPECT_STREQ(records[2].destination, "0.0.0.0/0");
+  EXPECT_EQ(int32_t{records[2].index}, 3);
+  EXPECT_THAT(log_records(), IsEmpty());
+}
+
 // --- the outbounds dump ---
 
 TEST_F(DumpWriterTest, OutboundsInNameOrder) {
