@@ -14,7 +14,8 @@ from lab import daemon, scenario, stalls  # noqa: E402  pylint: disable=wrong-im
 # The far ends are threads of the test; they are to answer at once even while it decodes packets.
 sys.setswitchinterval(0.0005)
 
-_NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird")
+_NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird", "dnsmasq", "dhclient", "dhcpcd")
+_LONG = ("test_chaos_", "test_many_", "test_router_")
 
 
 def pytest_configure(config):
@@ -32,7 +33,7 @@ def pytest_sessionstart(session):
 def pytest_collection_modifyitems(items):
     """The long scenarios first, so that none of them is left over at the end; neighbours in a file apart, since they
     wait for the same things at the same time. The order is the same in every run."""
-    items.sort(key=lambda item: ("test_chaos_" not in item.nodeid and "test_many_" not in item.nodeid,
+    items.sort(key=lambda item: (not any(word in item.nodeid for word in _LONG),
                                  hashlib.md5(item.nodeid.encode()).digest()))
 
 

@@ -19,7 +19,7 @@ def ping_ext(target="", **keywords):
 def interface(name, tests=(), ipv6=False, check_all=False, nested=False, **keywords):
     """A block of the health section; `nested` writes the test's type as an inner block.
 
-    Keywords: success_ct, failure_ct, nexthop, namespace, origin, source_address.
+    Keywords: success_ct, failure_ct, nexthop, namespace, origin, source_address, lease_file, hold_down.
     """
     lines = [f"interface{'6' if ipv6 else ''} {name} {{"]
     for keyword, value in keywords.items():
@@ -54,6 +54,11 @@ def rule(name, members, targets, failover=False, namespace=None, ipv6=None):
             lines.append(f"        metric {metric}")
         lines.append("    }")
     return "\n".join(lines + ["}"])
+
+
+def options(*lines):
+    """The section of what goes beyond the defaults, to stand before the rest; nothing without lines."""
+    return "\n".join(["options {", *(f"    {line}" for line in lines), "}\n"]) if lines else ""
 
 
 def build(interfaces, rules):

@@ -22,6 +22,8 @@ PRIVATE = {
     "/var/db": "var_db",
     "/var/vrfs": "var_vrfs",
     "/var/log": "var_log",
+    "/var/lib/dhcp": "var_lib_dhcp",
+    "/var/lib/dhcpcd": "var_lib_dhcpcd",
     "/etc": "etc",
     "/dev": "dev",
 }
