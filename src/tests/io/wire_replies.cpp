@@ -27,7 +27,7 @@ void attach_filter4(int fd, uint32_t ifindex) {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kToWhom),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, 12),  // to another station: refuse
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kByInterface),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ifindex, 0, 10),  // of a VLAN on the device: refuse
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ifindex, 0, 10),  // of a device on top: refuse
       BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(Ipv4Header, protocol)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kProtocolIcmp, 0, 8),  // not ICMP: refuse
       BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(Ipv4Header, flags_fragment)),
@@ -50,7 +50,7 @@ void attach_filter6(int fd, uint32_t ifindex) {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kToWhom),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, PACKET_HOST, 0, 9),  // to another station: refuse
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kByInterface),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ifindex, 0, 7),  // of a VLAN on the device: refuse
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ifindex, 0, 7),  // of a device on top: refuse
       BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(Ipv6Header, next_header)),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kProtocolIcmpv6, 0, 5),  // not ICMPv6: refuse
       BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kMessage + offsetof(IcmpEcho, type)),

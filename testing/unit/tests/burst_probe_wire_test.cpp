@@ -46,6 +46,7 @@ class BurstProbeWireTest : public BurstFixture {
   void send_burst() {
     CallHook wait(wrapped::ppoll, [this](pollfd* fds, nfds_t, const timespec*, const sigset_t*) {
       waited_on_ = fds->fd;
+      virtual_clock::advance(1ms);  // a wait that finds nothing ends
       return arrivals_.empty() ? 0 : 1;
     });
     CallHook receive(wrapped::recv, [this](int fd, void* data, size_t, int flags) -> ssize_t {
