@@ -69,13 +69,15 @@ RouteKeeper& LBDecision::keeper_of(const LBWorkerContext& worker) {
 void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
   const bool ipv6 = worker.ipv6;
   const RouteSyntax& syntax = route_syntax(*config.options);
-  const RoutingDaemon daemon(worker.vrf, ipv6);
   RoutePlan plan = plan_static_routes(config, ipv6, worker.vrf, syntax);
   bool in_force = false;
   if (config.options->keeps_last_routes) {
     RouteKeeper& keeper = keeper_of(worker);
-    const std::string left = keeper.has_started() ? "" : daemon.read_file();
-    note_left(config, left, worker, syntax);
+    std::string left;
+    if (!keeper.has_started()) {
+      left = RoutingDaemon(worker.vrf, ipv6).read_file();
+      note_left(config, left, worker, syntax);
+    }
     RouteKeeper::Kept kept = keeper.keep(std::move(plan), left, config, worker, syntax);
     plan = std::move(kept.plan);
     in_force = kept.in_force;
@@ -86,6 +88,7 @@ void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
 
   // Noted before it is written: a write that fails is tried again when the text changes.
   if (!note_written(config, routes.body, ipv6, worker.vrf)) return;
+  const RoutingDaemon daemon(worker.vrf, ipv6);
   daemon.write_file(protocol_static_text(routes.body, ipv6));
   daemon.reload();
 }
