@@ -177,13 +177,6 @@ Failure send_record(mnl_socket* socket, const Exchange& exchange, uint16_t flags
   return put(socket, buffer);
 }
 
-// Gives the record of an exchange that the tracker knows already its full time again, so that the
-// reply to this request finds it.
-void renew(Tracker& tracker, const Exchange& exchange) LB_REQUIRES(tracker.mutex) {
-  if (!open_socket(tracker._ct_socket).none()) return;
-  if (!send_record(tracker._ct_socket.get(), exchange, 0).none()) tracker._ct_socket.reset();
-}
-
 Failure create(Tracker& tracker, const Exchange& exchange) {
   MutexLock lock(tracker.mutex);
   Socket& socket = tracker._ct_socket;
@@ -192,9 +185,12 @@ Failure create(Tracker& tracker, const Exchange& exchange) {
   }
   const Failure failure = send_record(socket.get(), exchange, NLM_F_EXCL | NLM_F_CREATE);
   if (failure.none()) return failure;
-  // After a failure an answer may still be on its way; a new socket cannot read it.
+  const bool is_known = failure.kind == Failure::Kind::kAnswer && failure.error == EEXIST;
+  // The record of an exchange that the tracker knows already gets its full time again, so that the
+  // reply to this request finds it.
+  if (is_known && send_record(socket.get(), exchange, 0).none()) return failure;
+  // After another failure an answer may still be on its way; a new socket cannot read it.
   socket.reset();
-  if (failure.kind == Failure::Kind::kAnswer && failure.error == EEXIST) renew(tracker, exchange);
   return failure;
 }
 
