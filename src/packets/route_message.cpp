@@ -97,6 +97,19 @@ bool append_attribute(std::vector<uint8_t>& message, uint16_t type, std::span<co
   return true;
 }
 
+std::vector<uint8_t> make_request_about(NeighborRequest head, const Family& family,
+                                        const std::string& address, unsigned int ifindex) {
+  in6_addr bytes{};  // room for an address of either family
+  if (address_from_text(family.address_family, address, &bytes) != 1) return {};
+  head.neighbor.ndm_family = static_cast<uint8_t>(family.address_family);
+  head.neighbor.ndm_ifindex = static_cast<int>(ifindex);
+  const auto head_bytes = bytes_of(head);
+  std::vector<uint8_t> message(head_bytes.begin(), head_bytes.end());
+  const size_t size = family.ipv6 ? sizeof(in6_addr) : sizeof(in_addr);
+  append_attribute(message, NDA_DST, bytes_of(bytes).first(size), kNeighborRequestBound);
+  return message;
+}
+
 RouteAnswer read_route_answer(std::span<const uint8_t> bytes, const std::string& target,
                               unsigned int ifindex) {
   const PacketReader reader(bytes);

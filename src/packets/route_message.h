@@ -35,6 +35,7 @@
 #include <vector>
 
 #include "packets/ethernet.h"
+#include "packets/family.h"
 
 struct NeighborRequest {
   nlmsghdr header{};
@@ -55,6 +56,11 @@ NeighborRequest make_neighbor_request(uint16_t type, uint16_t flags);
 // to date. False, and no change, when the message would grow beyond `bound` bytes.
 bool append_attribute(std::vector<uint8_t>& message, uint16_t type, std::span<const uint8_t> data,
                       size_t bound);
+
+// A request about the one neighbour `address` (its text) of the family on the interface with index
+// `ifindex`; empty when the text is no address of the family.
+std::vector<uint8_t> make_request_about(NeighborRequest head, const Family& family,
+                                        const std::string& address, unsigned int ifindex);
 
 // What one read of an answer says.
 struct RouteAnswer {
