@@ -5,7 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <vector>
+#include <memory>
 
 #include "config/log.h"
 #include "packets/icmp_echo.h"
@@ -170,7 +170,7 @@ std::optional<int64_t> LBTestPING::await_reply(const ReplySource& source, int so
   if (!wait_.is_valid()) return std::nullopt;
   const timespec start = monotonic_now();
   const int64_t limit = wait_.microseconds() * 1000;
-  std::vector<uint8_t> buffer(kReceiveSize);
+  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
   int64_t remaining = limit;
   // Like select(2), a wait that is over still takes what has come in by then, but no flood of it.
   for (int late = 0; late < kMostLate; late += remaining == 0 ? 1 : 0) {
@@ -181,7 +181,8 @@ std::optional<int64_t> LBTestPING::await_reply(const ReplySource& source, int so
 
     // A packet with a wrong checksum is waited for but not given: never block here.
     const ReceivedReply reply =
-        source.receive(socket, family_, buffer, MSG_DONTWAIT, /*asks_sender=*/true);
+        source.receive(socket, family_, {buffer.get(), kReceiveSize}, MSG_DONTWAIT,
+                       /*asks_sender=*/true);
     if (reply.kind != ReceivedReply::Kind::kPacket || !is_same(reply.sender, destination)) continue;
     if (is_burst_reply(reply.packet, sequence, static_cast<uint32_t>(key))) {
       return wait_.limit() - remaining / 1000000;

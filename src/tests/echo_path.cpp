@@ -1,7 +1,6 @@
 #include "tests/echo_path.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -45,17 +44,19 @@ PathResult prepare_link(const LBInterface& interface, const Destination& destina
                         const LBWorkerContext& worker, LinkPath& path) {
   const Family& family = worker.family();
   const std::string& ifname = interface.origin;
-  path.source = wanted_source(family, ifname, interface.source_address);
+  LinkProber& prober = prober_of(worker);
+  LinkInfo& info = prober.link();
+  path.source = wanted_source(info.addresses(), family, ifname, interface.source_address);
 
-  const auto own_mac = hardware_address(LinkSocket::kPacket, ifname);
+  const auto own_mac = info.hardware_address(LinkSocket::kPacket, ifname);
   if (own_mac.step == LinkStep::kSocketFailed) return failed(PathStep::kNoSocket, own_mac.error);
   if (!own_mac.answered()) return failed(PathStep::kNoHardwareAddress, own_mac.error);
   path.source_mac = own_mac.value;
 
-  path.ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
+  path.ifindex = static_cast<int>(info.index(ifname));
   if (path.ifindex == 0) return failed(PathStep::kNoIndex, errno);
 
-  const SourceFailure source = settle_source(family, ifname, destination.target, path.source);
+  const SourceFailure source = settle_source(info, family, ifname, destination.target, path.source);
   switch (source.step) {
     case SourceFailure::Step::kNone:
       break;
@@ -65,7 +66,7 @@ PathResult prepare_link(const LBInterface& interface, const Destination& destina
       return failed(PathStep::kSourceAbsent, source.error, path.source);
   }
 
-  const auto gateway_mac = prober_of(worker).resolve(destination.gateway, path.source, ifname);
+  const auto gateway_mac = prober.resolve(destination.gateway, path.source, ifname);
   if (!gateway_mac) return failed(PathStep::kNoNeighbor, EHOSTUNREACH);
   path.gateway_mac = *gateway_mac;
   return {};
@@ -74,6 +75,8 @@ PathResult prepare_link(const LBInterface& interface, const Destination& destina
 }  // namespace
 
 bool resolve_host(const Family& family, const std::string& host, void* address) {
+  // The resolver would say the same, after a look at its files.
+  if (address_from_text(family.address_family, host, address) == 1) return true;
   hostent entry{};
   hostent* found = nullptr;
   int resolver_error = 0;

@@ -22,7 +22,21 @@ int send_request(int socket, const Request& request, const SocketAddress& destin
       sendto(socket, &request, sizeof(request), MSG_DONTWAIT, &destination.any, destination.size));
 }
 
+// Unless nobody reads the replies for good.
+void follow_device(const InterfaceSockets& sockets) {
+  const int fd = sockets.recv_socket.get();
+  if (fd < 0 || sockets.receiver_state == ReceiverState::kFailed) return;
+  sockets.replies.follow(fd, sockets.family, sockets.ifname);
+  if (sockets.receiver_state == ReceiverState::kFailed) sockets.replies.leave(fd, sockets.family);
+}
+
 }  // namespace
+
+// Not of an interface that has bursts only, which no receiver reads.
+void EchoProbe::init(LBInterface& interface) {
+  LBTest::init(interface);
+  follow_device(*sockets());
+}
 
 void EchoProbe::send(LBInterface& interface, const LBWorkerContext& worker) {
   const Destination destination = choose_destination(interface);
@@ -33,7 +47,7 @@ void EchoProbe::send(LBInterface& interface, const LBWorkerContext& worker) {
 
   const int32_t key = probes.next_key();
   const auto sockets = this->sockets();
-  sockets->replies.follow(sockets->recv_socket.get(), family_, sockets->ifname);
+  follow_device(*sockets);
   if (!sockets->mutex.lock("send")) return;
   probes.insert(key, {interface.origin, kProbeWaiting, monotonic_now(), target});
   if (!sockets->mutex.unlock("send")) {
@@ -59,14 +73,12 @@ int EchoProbe::send_raw(const LBInterface& interface, const std::string& target,
   const auto probe_key = static_cast<uint32_t>(key);
   if (!family_.ipv6) {
     const RawEchoRequest request = make_raw_echo(echo_identifier(), 1, probe_key);
-    probes_in_flight(family_).mark_sent(key, monotonic_now());
     return send_request(socket, request, destination);
   }
   const timespec now = wall_now();
   const RawEchoRequest6 request =
       make_raw_echo6(echo_identifier(), static_cast<uint32_t>(now.tv_sec),
                      static_cast<uint32_t>(now.tv_nsec / 1000), probe_key);
-  probes_in_flight(family_).mark_sent(key, monotonic_now());
   return send_request(socket, request, destination);
 }
 
@@ -85,7 +97,6 @@ int EchoProbe::send_frame_of(const LBInterface& interface, const Destination& de
   if (!result.ready()) return result.error;
   const auto frame =
       make_echo_frame(path.addresses, echo_identifier(), 0, static_cast<uint32_t>(key));
-  probes_in_flight(family_).mark_sent(key, monotonic_now());
   return error_of(send_link_frame(sockets()->packet_socket.get(), path.ifindex,
                                   path.addresses.destination_mac, bytes_of(frame)));
 }

@@ -10,6 +10,7 @@
 
 class EchoProbe : public LBTest {
  public:
+  void init(LBInterface& interface) override;
   void send(LBInterface& interface, const LBWorkerContext& worker) override;
   const char* type_name() const override { return "ping"; }
 

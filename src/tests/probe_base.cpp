@@ -47,8 +47,8 @@ void LBTest::recv(LBInterface& interface, const LBWorkerContext& worker) {
     const int64_t elapsed = elapsed_milliseconds(entry->probe.sent_at, monotonic_now());
     if (resp_time_ >= elapsed) return;
     CatchUpBudget own;
-    let_receiver_catch_up(*sockets,
-                          (worker.catch_up != nullptr ? *worker.catch_up : own).milliseconds);
+    let_receivers_catch_up(*sockets,
+                           (worker.catch_up != nullptr ? *worker.catch_up : own).milliseconds);
     const int32_t key = entry->key;
     entry = find_probe();
     if (!entry || entry->key != key) return;  // a namesake in another VRF was faster

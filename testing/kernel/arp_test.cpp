@@ -236,7 +236,7 @@ TEST_F(KernelArp, ResolvesAPeer) {
 }
 
 TEST_F(KernelArp, SendingSocketQueuesNothing) {
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
+  const FileDescriptor fd = open_send_only_packet_socket();
   ASSERT_TRUE(fd.valid());
   const FileDescriptor seen = open_on(near(), ETH_P_ARP);
   send_from_far_end(arp_frame(address(2), kArpReply));
@@ -247,31 +247,34 @@ TEST_F(KernelArp, SendingSocketQueuesNothing) {
 }
 
 TEST_F(KernelArp, AddressOnInterface) {
-  EXPECT_FALSE(address_on_interface(near(), address(1)));
+  HostAddresses addresses;  // the same for all: it learns of each change
+  EXPECT_FALSE(address_on_interface(addresses, near(), address(1)));
   run("ip addr add " + address(1) + "/24 dev " + near());
-  EXPECT_TRUE(address_on_interface(near(), address(1)));
-  EXPECT_TRUE(address_on_interface("lbn", address(1))) << "the name needs to begin so only";
-  EXPECT_FALSE(address_on_interface(near() + "x", address(1)));
-  EXPECT_FALSE(address_on_interface(far(), address(1)));
-  EXPECT_FALSE(address_on_interface(near(), address(1) + "0"));
-  EXPECT_FALSE(address_on_interface(near(), ""));
+  EXPECT_TRUE(address_on_interface(addresses, near(), address(1)));
+  EXPECT_TRUE(address_on_interface(addresses, "lbn", address(1)))
+      << "the name needs to begin so only";
+  EXPECT_FALSE(address_on_interface(addresses, near() + "x", address(1)));
+  EXPECT_FALSE(address_on_interface(addresses, far(), address(1)));
+  EXPECT_FALSE(address_on_interface(addresses, near(), address(1) + "0"));
+  EXPECT_FALSE(address_on_interface(addresses, near(), ""));
   run("ip link set " + near() + " down && ip link set " + near() + " name vrrp7");
-  EXPECT_TRUE(address_on_interface("lbnone", address(1)));
+  EXPECT_TRUE(address_on_interface(addresses, "lbnone", address(1)));
   run("ip link set vrrp7 name " + near());
 }
 
 TEST_F(KernelArp, InterfaceQuestions) {
-  EXPECT_EQ(own_ipv4_address(near()).step, LinkStep::kIoctlFailed);
-  EXPECT_EQ(own_ipv4_address(near()).error, EADDRNOTAVAIL);
+  LinkInfo link;
+  EXPECT_EQ(link.own_ipv4_address(near()).step, LinkStep::kIoctlFailed);
+  EXPECT_EQ(link.own_ipv4_address(near()).error, EADDRNOTAVAIL);
   run("ip addr add " + address(1) + "/24 dev " + near());
-  EXPECT_EQ(own_ipv4_address(near()).value.s_addr, inet_addr(address(1).c_str()));
+  EXPECT_EQ(link.own_ipv4_address(near()).value.s_addr, inet_addr(address(1).c_str()));
   EXPECT_EQ(no_arp_flag(near()), false);
   run("ip link set " + near() + " arp off");
   EXPECT_EQ(no_arp_flag(near()), true);
   EXPECT_EQ(no_arp_flag("lbnone"), std::nullopt);
   run("ip link set " + near() + " address 06:01:02:03:04:05");
   const MacAddress mac{0x06, 0x01, 0x02, 0x03, 0x04, 0x05};
-  EXPECT_EQ(hardware_address(LinkSocket::kPacket, near()).value, mac);
-  EXPECT_EQ(hardware_address(LinkSocket::kRawIpv4, near()).value, mac);
-  EXPECT_EQ(hardware_address(LinkSocket::kRawIpv4, "lbnone").error, ENODEV);
+  EXPECT_EQ(link.hardware_address(LinkSocket::kPacket, near()).value, mac);
+  EXPECT_EQ(link.hardware_address(LinkSocket::kRawIpv4, near()).value, mac);
+  EXPECT_EQ(link.hardware_address(LinkSocket::kRawIpv4, "lbnone").error, ENODEV);
 }

@@ -40,6 +40,12 @@ class KernelEcho : public VethTest {
     run("ip addr add " + near_address6_ + "/64 nodad dev " + near());
     far_run("ip addr add " + far_address_ + "/24 dev " + far());
     far_run("ip addr add " + far_address6_ + "/64 nodad dev " + far());
+    // The kernel makes an address usable behind our back: a single probe could come too early.
+    const std::string settled =
+        "sh -c 'for i in $(seq 2000); do ip -6 -o addr show tentative scope global | grep -q . || "
+        "exit 0; sleep 0.01; done; exit 1'";
+    run(settled);
+    far_run(settled);
     interface_ = std::make_unique<LBInterface>(near(), false);
     interface6_ = std::make_unique<LBInterface>(near(), true);
     interface_->nexthop = far_address_;

@@ -19,7 +19,7 @@ class KernelPacketSocket : public VethTest {};
 
 TEST_F(KernelPacketSocket, FullQueueIsAFailedSend) {
   run("tc qdisc add dev " + near() + " root tbf rate 8bit burst 3000 limit 10000000");
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
+  const FileDescriptor fd = open_send_only_packet_socket();
   ASSERT_TRUE(fd.valid());
   // A send that waits would end only with this.
   const timeval limit{.tv_sec = 20, .tv_usec = 0};

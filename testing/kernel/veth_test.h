@@ -64,7 +64,7 @@ class VethTest : public testing::Test {
   }
 
   static MacAddress mac_of(const std::string& ifname) {
-    return hardware_address(LinkSocket::kPacket, ifname).value;
+    return LinkInfo().hardware_address(LinkSocket::kDatagram, ifname).value;
   }
 
   // A packet socket on one interface.

@@ -8,7 +8,9 @@
 #include <utility>
 
 #include "config/log.h"
+#include "tests/io/message_filter.h"
 #include "tests/io/mutex_failure.h"
+#include "tests/io/network_cookie.h"
 #include "tests/io/packet_socket.h"
 
 namespace {
@@ -46,17 +48,18 @@ bool keep_sending_socket(FileDescriptor socket, FileDescriptor& kept) {
   if (!keep(std::move(socket), kept)) return false;
   const int on = 1;
   setsockopt(kept.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-  refuse_input(kept.get());
   return true;
 }
 
 void open_sockets(InterfaceSockets& sockets) {
   const Family& family = sockets.family;
-  if (!keep_sending_socket(open_raw_socket(family), sockets.send_socket) ||
-      !keep_sending_socket(open_packet_socket(family.ether_type), sockets.packet_socket) ||
+  if (!keep_sending_socket(open_raw_socket(family), sockets.send_socket)) return;
+  refuse_all_messages(sockets.send_socket.get(), family);
+  if (!keep_sending_socket(open_send_only_packet_socket(), sockets.packet_socket) ||
       !keep(sockets.replies.open(family, sockets.ifname), sockets.recv_socket)) {
     return;
   }
+  sockets.network = network_cookie(sockets.recv_socket.get());
   if (sockets.mutex.init_result() != 0) LB_ERROR("wan_lb: error mutex initialization");
 }
 
@@ -74,6 +77,8 @@ Registry& registry(const Family& family) {
 }
 
 }  // namespace
+
+InterfaceSockets::~InterfaceSockets() { replies.leave(recv_socket.get(), family); }
 
 bool InterfaceMutex::lock(const char* operation) {
   const int rc = mutex_.lock();
@@ -96,6 +101,14 @@ std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::st
     sockets = std::make_shared<InterfaceSockets>(family, ifname, replies);
     open_sockets(*sockets);
   }
+  return sockets;
+}
+
+std::vector<std::shared_ptr<InterfaceSockets>> all_sockets(const Family& family) {
+  Registry& all = registry(family);
+  MutexLock lock(all.mutex);
+  std::vector<std::shared_ptr<InterfaceSockets>> sockets;
+  for (const auto& [name, of_interface] : all.by_name) sockets.push_back(of_interface);
   return sockets;
 }
 

@@ -3,9 +3,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "packets/family.h"
 #include "platform/file_descriptor.h"
@@ -43,13 +46,17 @@ enum class ReceiverState {
 struct InterfaceSockets {
   InterfaceSockets(const Family& of_family, std::string of_interface, const ReplySource& from)
       : family(of_family), ifname(std::move(of_interface)), replies(from), mutex(of_family) {}
+  ~InterfaceSockets();
+  InterfaceSockets(const InterfaceSockets&) = delete;
+  InterfaceSockets& operator=(const InterfaceSockets&) = delete;
 
   const Family& family;
-  const std::string ifname;      // Linux name
-  const ReplySource& replies;    // where recv_socket reads them
-  FileDescriptor send_socket;    // raw ICMP: requests of the raw path
-  FileDescriptor packet_socket;  // whole Ethernet frames
-  FileDescriptor recv_socket;    // replies
+  const std::string ifname;         // Linux name
+  const ReplySource& replies;       // where recv_socket reads them
+  FileDescriptor send_socket;       // raw ICMP: requests of the raw path
+  FileDescriptor packet_socket;     // whole Ethernet frames
+  FileDescriptor recv_socket;       // replies
+  std::optional<uint64_t> network;  // the namespace of the sockets (network_cookie.h)
   InterfaceMutex mutex;
   std::atomic<ReceiverState> receiver_state{ReceiverState::kAbsent};
 };
@@ -59,6 +66,9 @@ struct InterfaceSockets {
 // again. The sockets belong to the network namespace of the thread that made them. Any thread.
 std::shared_ptr<InterfaceSockets> sockets_of(const Family& family, const std::string& ifname,
                                              const ReplySource& replies = kRawReplies);
+
+// Those of all interfaces of the family. Any thread.
+std::vector<std::shared_ptr<InterfaceSockets>> all_sockets(const Family& family);
 
 // Closes the sockets of `ifname` (a receiver that still reads keeps its own open). The name stays
 // known: later calls of sockets_of make no new ones. Any thread.

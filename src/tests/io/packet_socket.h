@@ -19,14 +19,13 @@ FileDescriptor open_packet_socket(uint16_t ether_type);
 inline constexpr uint32_t kWholePacket = 0xffffffff;
 
 // Lets the kernel keep from the socket what `program` (socket(7), SO_ATTACH_FILTER) refuses. A
-// filter that is refused itself costs time and room only: what comes is looked at all the same.
-void attach_filter(int fd, std::span<sock_filter> program);
+// filter that is refused itself (false) costs time and room only: what comes is looked at all the
+// same. The one of before stays then.
+bool attach_filter(int fd, std::span<const sock_filter> program);
 
-// Makes a socket receive nothing, so that no packets pile up in a queue that nobody reads.
-void refuse_input(int fd);
-
-// A packet socket that is only sent through: it receives nothing.
-FileDescriptor open_send_only_packet_socket(uint16_t ether_type);
+// A packet socket that is only sent through. It is of no protocol: one of a protocol is looked at
+// for every such packet that the host receives or forwards, even if a filter then refuses it.
+FileDescriptor open_send_only_packet_socket();
 
 // Sends one whole frame by the interface with index `ifindex`. `destination` is the link-layer
 // address handed to the kernel; what goes on the wire stands in the frame. The bytes sent, or -1

@@ -22,13 +22,8 @@ int32_t ProbesInFlight::next_key() {
 
 void ProbesInFlight::insert(int32_t key, const PendingProbe& probe) {
   MutexLock lock(mutex_);
-  pending_.try_emplace(key, probe);
-}
-
-void ProbesInFlight::mark_sent(int32_t key, const timespec& now) {
-  MutexLock lock(mutex_);
-  const auto found = pending_.find(key);
-  if (found != pending_.end()) found->second.sent_at = now;
+  const auto [entered, added] = pending_.try_emplace(key, probe);
+  if (added) by_destination_.insert(destination_of(key, entered->second));
 }
 
 void ProbesInFlight::mark_answered(int64_t key,
@@ -42,16 +37,24 @@ void ProbesInFlight::mark_answered(int64_t key,
 
 void ProbesInFlight::erase(int32_t key) {
   MutexLock lock(mutex_);
-  pending_.erase(key);
+  const auto found = pending_.find(key);
+  if (found == pending_.end()) return;
+  by_destination_.erase(destination_of(key, found->second));
+  pending_.erase(found);
 }
 
 std::optional<ProbesInFlight::Entry> ProbesInFlight::find(const std::string& ifname,
                                                           const std::string& target) const {
   MutexLock lock(mutex_);
-  for (const auto& [key, probe] : pending_) {
-    if (probe.ifname == ifname && probe.target == target) return Entry{key, probe};
-  }
-  return std::nullopt;
+  const auto first = by_destination_.lower_bound({ifname, target, 0});
+  if (first == by_destination_.end()) return std::nullopt;
+  const auto& [of_ifname, of_target, key] = *first;
+  if (of_ifname != ifname || of_target != target) return std::nullopt;
+  return Entry{key, pending_.at(key)};
+}
+
+ProbesInFlight::Destination ProbesInFlight::destination_of(int32_t key, const PendingProbe& probe) {
+  return {probe.ifname, probe.target, key};
 }
 
 size_t ProbesInFlight::size() const {

@@ -10,7 +10,10 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
+#include <tuple>
 
 #include "packets/family.h"
 #include "platform/mutex.h"
@@ -24,7 +27,7 @@ inline constexpr int32_t kLargestProbeKey = 32766;
 struct PendingProbe {
   std::string ifname;  // Linux name of the interface that the probe left by
   int32_t state = kProbeWaiting;
-  timespec sent_at{};  // monotonic; until it is sent, when it was entered
+  timespec sent_at{};  // monotonic, when it was entered: from then on its reply is waited for
   std::string target;
 };
 
@@ -44,10 +47,6 @@ class ProbesInFlight {
   // Enters a probe; a record that already has this key is kept and the new one dropped.
   void insert(int32_t key, const PendingProbe& probe);
 
-  // The probe leaves now: what it took to get there (a name, a neighbour, a busy machine) is no
-  // part of the wait for its reply.
-  void mark_sent(int32_t key, const timespec& now);
-
   // Marks the probe as answered, if `answers` is nothing or true of it; an unknown key changes
   // nothing. `answers` is called under the table's lock.
   void mark_answered(int64_t key,
@@ -61,8 +60,14 @@ class ProbesInFlight {
   size_t size() const;
 
  private:
+  // Interface, target and key; the parts of an entry are those of the probe in pending_.
+  using Destination = std::tuple<std::string_view, std::string_view, int32_t>;
+
+  static Destination destination_of(int32_t key, const PendingProbe& probe);
+
   mutable Mutex mutex_;
   std::map<int32_t, PendingProbe> pending_ LB_GUARDED_BY(mutex_);
+  std::set<Destination> by_destination_ LB_GUARDED_BY(mutex_);
   int32_t sequence_ LB_GUARDED_BY(mutex_) = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "tests/io/receive_queue.h"
+#include "tests/io/reply_sharing.h"
 #include "tests/io/reply_source.h"
 
 namespace {
@@ -13,8 +14,12 @@ FileDescriptor open_socket(const Family& family, const std::string& /*ifname*/) 
   return fd;
 }
 
-// The socket is the namespace's: devices may come and go.
-void follow_nothing(int /*fd*/, const Family& /*family*/, const std::string& /*ifname*/) {}
+// The replies are the namespace's, by whichever device they come; its receivers share them.
+void follow_device(int fd, const Family& family, const std::string& ifname) {
+  reply_sharing(family).follow(fd, ifname);
+}
+
+void leave_sharing(int fd, const Family& family) { reply_sharing(family).leave(fd); }
 
 ReceivedReply receive_packet(int fd, const Family& /*family*/, std::span<uint8_t> buffer, int flags,
                              bool asks_sender) {
@@ -45,6 +50,7 @@ bool answers_any(const Family& /*family*/, const std::string& /*ifname*/,
 }  // namespace
 
 constinit const ReplySource kRawReplies{.open = open_socket,
-                                        .follow = follow_nothing,
+                                        .follow = follow_device,
+                                        .leave = leave_sharing,
                                         .receive = receive_packet,
                                         .answers = answers_any};

@@ -2,7 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <vector>
 
 #include "packets/icmp_echo.h"
 #include "packets/ip_headers.h"
@@ -21,7 +23,7 @@ constexpr size_t kTypeOffset6 = offsetof(IcmpEcho, type);
 constexpr size_t kKeyOffset6 = offsetof(IcmpEcho, key);
 
 // IPv4: with the IP header. Any type, since a burst takes any.
-sock_filter keys_of_probes4[] = {
+const sock_filter keys_of_probes4[] = {
     BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset4),              // the key; too short: refused
     BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLargestProbeKey, 1, 0),  // no key is that large
     BPF_STMT(BPF_RET | BPF_K, kWholePacket),                      // pass
@@ -29,7 +31,7 @@ sock_filter keys_of_probes4[] = {
 };
 
 // IPv6: without a header, echo replies only.
-sock_filter keys_of_probes6[] = {
+const sock_filter keys_of_probes6[] = {
     BPF_STMT(BPF_LD | BPF_B | BPF_ABS, kTypeOffset6),             // the ICMPv6 type
     BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kIcmp6EchoReply, 0, 3),   // another one: refuse
     BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kKeyOffset6),              // the key; too short: refused
@@ -37,6 +39,30 @@ sock_filter keys_of_probes6[] = {
     BPF_STMT(BPF_RET | BPF_K, kWholePacket),                      // pass
     BPF_STMT(BPF_RET | BPF_K, 0),                                 // refuse
 };
+
+std::span<const sock_filter> keys_of_probes(const Family& family) {
+  if (family.ipv6) return keys_of_probes6;
+  return keys_of_probes4;
+}
+
+// A jump on a condition goes 255 instructions far.
+constexpr size_t kTestsInReach = 200;
+
+constexpr uint32_t kByInterface = static_cast<uint32_t>(SKF_AD_OFF) + SKF_AD_IFINDEX;
+
+void append_refusals(std::vector<sock_filter>& program, std::span<const uint32_t> devices) {
+  program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kByInterface));
+  while (!devices.empty()) {
+    const auto tested = devices.first(std::min(devices.size(), kTestsInReach));
+    devices = devices.subspan(tested.size());
+    auto to_refusal = static_cast<uint8_t>(tested.size());
+    for (const uint32_t device : tested) {
+      program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, device, to_refusal--, 0));
+    }
+    program.push_back(BPF_STMT(BPF_JMP | BPF_JA, 1));  // by none of them: go on
+    program.push_back(BPF_STMT(BPF_RET | BPF_K, 0));   // refuse
+  }
+}
 
 }  // namespace
 
@@ -51,10 +77,12 @@ void enlarge_receive_queue(int fd) {
   setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kQueueSize, sizeof(kQueueSize));
 }
 
-void refuse_foreign_messages(int fd, const Family& family) {
-  if (family.ipv6) {
-    attach_filter(fd, keys_of_probes6);
-  } else {
-    attach_filter(fd, keys_of_probes4);
-  }
+void refuse_foreign_messages(int fd, const Family& family, std::span<const uint32_t> devices) {
+  const std::span<const sock_filter> keys = keys_of_probes(family);
+  std::vector<sock_filter> program;
+  if (!devices.empty()) append_refusals(program, devices);
+  program.insert(program.end(), keys.begin(), keys.end());
+  if (attach_filter(fd, program) || devices.empty()) return;
+  // The filter of before may refuse a device that nobody else reads any more.
+  refuse_foreign_messages(fd, family);
 }

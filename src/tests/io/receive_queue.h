@@ -5,6 +5,9 @@
 // and with it a link would count as dead.
 #pragma once
 
+#include <cstdint>
+#include <span>
+
 #include "packets/family.h"
 
 // Gives the socket room for some thousand small packets, unless it has as much. The system's limit
@@ -13,6 +16,7 @@
 void enlarge_receive_queue(int fd);
 
 // Keeps messages away from a raw ICMP socket that carry no probe key where a reply has it: they
-// could be no reply to any test. Without the filter they cost time and room only, so a refusal is
-// no failure.
-void refuse_foreign_messages(int fd, const Family& family);
+// could be no reply to any test; and those that came by `devices` (their indices), some thousand at
+// most. Without the filter they cost time and room only, so a refusal is no failure; where only the
+// devices are too many they are left out.
+void refuse_foreign_messages(int fd, const Family& family, std::span<const uint32_t> devices = {});

@@ -40,7 +40,9 @@ class ReadingGuard {
 class ReplyReader {
  public:
   explicit ReplyReader(InterfaceSockets& sockets)
-      : sockets_(sockets), family_(sockets.family), buffer_(kReceiveSize) {
+      : sockets_(sockets),
+        family_(sockets.family),
+        buffer_(std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize)) {
     enlarge_receive_queue(socket());
   }
 
@@ -74,8 +76,9 @@ class ReplyReader {
   bool take_packet(bool may_block) {
     std::optional<ReadingGuard> reading;
     if (!may_block) reading.emplace(sockets_);
-    const ReceivedReply reply = sockets_.replies.receive(
-        socket(), family_, buffer_, may_block ? 0 : MSG_DONTWAIT, /*asks_sender=*/false);
+    const ReceivedReply reply =
+        sockets_.replies.receive(socket(), family_, {buffer_.get(), kReceiveSize},
+                                 may_block ? 0 : MSG_DONTWAIT, /*asks_sender=*/false);
     switch (reply.kind) {
       case ReceivedReply::Kind::kNothing:
         return true;
@@ -103,24 +106,36 @@ class ReplyReader {
   InterfaceSockets& sockets_;
   const Family& family_;
   // On the heap: a thread's stack may be small, and the buffer belongs to this thread alone.
-  std::vector<uint8_t> buffer_;
+  const std::unique_ptr<uint8_t[]> buffer_;
 };
-
-// The queue is looked at first: what has left it since is still being read.
-bool has_unread_reply(const InterfaceSockets& sockets) {
-  pollfd queue{sockets.recv_socket.get(), POLLIN, 0};
-  return (poll(&queue, 1, 0) > 0 && (queue.revents & POLLIN) != 0) ||
-         sockets.receiver_state == ReceiverState::kReading;
-}
 
 bool runs(ReceiverState state) {
   return state == ReceiverState::kWaiting || state == ReceiverState::kReading;
+}
+
+// Of any receiver of the namespace that runs, since a reply may come by another interface than its
+// probe left by. The queues are looked at first: what has left them since is still being read.
+bool has_unread_reply(const InterfaceSockets& own) {
+  auto all = all_sockets(own.family);
+  std::erase_if(all, [&](const auto& sockets) { return sockets->network != own.network; });
+  std::vector<pollfd> queues;
+  for (const auto& sockets : all) {
+    if (runs(sockets->receiver_state)) queues.push_back({sockets->recv_socket.get(), POLLIN, 0});
+  }
+  const bool is_queued = poll(queues.data(), queues.size(), 0) > 0 &&
+                         std::any_of(queues.begin(), queues.end(), [](const pollfd& queue) {
+                           return (queue.revents & POLLIN) != 0;
+                         });
+  return is_queued || std::any_of(all.begin(), all.end(), [](const auto& sockets) {
+           return sockets->receiver_state == ReceiverState::kReading;
+         });
 }
 
 void* receiver_thread(void* argument) {
   const std::unique_ptr<std::shared_ptr<InterfaceSockets>> sockets(
       static_cast<std::shared_ptr<InterfaceSockets>*>(argument));
   ReplyReader(**sockets).run();
+  (*sockets)->replies.leave((*sockets)->recv_socket.get(), (*sockets)->family);
   (*sockets)->receiver_state = ReceiverState::kAbsent;
   return nullptr;
 }
@@ -137,15 +152,16 @@ void ensure_receiver(const Family& family, const std::string& ifname) {
     argument.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
   } else {
     sockets->receiver_state = ReceiverState::kFailed;
+    sockets->replies.leave(sockets->recv_socket.get(), family);
     LB_ERROR("Can't create new thread for icmp recv");
   }
   if (thread.detach_result != 0) LB_ERROR("Can't detach thread for icmp recv");
 }
 
-void let_receiver_catch_up(const InterfaceSockets& sockets, int& milliseconds) {
+void let_receivers_catch_up(const InterfaceSockets& sockets, int& milliseconds) {
   const timespec start = monotonic_now();
   const int budget = milliseconds;
-  while (milliseconds > 0 && runs(sockets.receiver_state) && has_unread_reply(sockets)) {
+  while (milliseconds > 0 && has_unread_reply(sockets)) {
     sleep_for(kCatchUpPause);
     // A pause on a busy machine takes longer than it should.
     const int64_t passed = std::max<int64_t>(1, elapsed_milliseconds(start, monotonic_now()));

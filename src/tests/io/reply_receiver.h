@@ -11,7 +11,8 @@
 // after a failed start no second one is tried.
 void ensure_receiver(const Family& family, const std::string& ifname);
 
-// Waits until the receiver, if there is one, has read all replies and marked their probes, for
-// `milliseconds` at most, from which the time that it took is taken off. A machine that was paused
-// wakes its threads in any order: a probe must not be given up while its reply waits to be read.
-void let_receiver_catch_up(const InterfaceSockets& sockets, int& milliseconds);
+// Waits until the receivers of the family in the namespace of `sockets` have read all replies and
+// marked their probes, for `milliseconds` at most, from which the time that it took is taken off. A
+// machine that was paused wakes its threads in any order: a probe must not be given up while its
+// reply waits to be read.
+void let_receivers_catch_up(const InterfaceSockets& sockets, int& milliseconds);

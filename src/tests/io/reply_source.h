@@ -39,8 +39,12 @@ struct ReplySource {
   FileDescriptor (*open)(const Family& family, const std::string& ifname);
 
   // Lets the socket go on with the device that has the name now. For whoever is about to send a
-  // probe; another thread may be reading meanwhile.
+  // probe; another thread may be reading meanwhile. From the first call on the socket is that of
+  // the receiver of `ifname`, until `leave`.
   void (*follow)(int fd, const Family& family, const std::string& ifname);
+
+  // No receiver reads the socket any more, which may be closed then.
+  void (*leave)(int fd, const Family& family);
 
   // Reads one packet; with MSG_DONTWAIT among `flags` (recv(2)) it never waits.
   ReceivedReply (*receive)(int fd, const Family& family, std::span<uint8_t> buffer, int flags,

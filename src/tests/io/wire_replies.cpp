@@ -1,7 +1,5 @@
 #include <linux/filter.h>
 #include <linux/if_packet.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -11,6 +9,7 @@
 
 #include "packets/icmp_echo.h"
 #include "packets/wire_reply.h"
+#include "tests/io/device_index.h"
 #include "tests/io/packet_socket.h"
 #include "tests/io/reply_source.h"
 
@@ -71,19 +70,10 @@ int bound_index(int fd) {
   return address.sll_ifindex;
 }
 
-// The index of the device that has the name in the socket's network namespace, which need not be
-// the caller's: workers of two VRFs may ask for one name. 0 while there is none.
-int index_of(int fd, const std::string& ifname) {
-  ifreq request{};
-  if (ifname.size() >= IFNAMSIZ) return 0;
-  ifname.copy(request.ifr_name, IFNAMSIZ - 1);
-  return ioctl(fd, SIOCGIFINDEX, &request) == 0 ? request.ifr_ifindex : 0;
-}
-
 // A device that goes and comes back under its name is another one to the kernel. While there is
 // none the socket stays where it is. What cannot be bound now is tried again with the next probe.
 void follow_device(int fd, const Family& family, const std::string& ifname) {
-  const int ifindex = index_of(fd, ifname);
+  const int ifindex = device_index(fd, ifname);
   const int bound = bound_index(fd);
   if (ifindex == 0 || ifindex == bound) return;
   const auto attach = family.ipv6 ? attach_filter6 : attach_filter4;
@@ -163,5 +153,6 @@ bool answers_own(const Family& family, const std::string& ifname, const SocketAd
 
 constinit const ReplySource kWireReplies{.open = open_socket,
                                          .follow = follow_device,
+                                         .leave = [](int /*fd*/, const Family& /*family*/) {},
                                          .receive = receive_packet,
                                          .answers = answers_own};

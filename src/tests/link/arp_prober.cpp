@@ -1,7 +1,6 @@
 #include "tests/link/arp_prober.h"
 
 #include <arpa/inet.h>
-#include <net/if.h>
 #include <net/if_arp.h>
 #include <netdb.h>
 #include <sys/ioctl.h>
@@ -23,10 +22,6 @@
 
 namespace {
 
-FileDescriptor open_table_socket() {
-  return FileDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-}
-
 // A request of the kernel's ARP table on `address` by `ifname`; everything else is 0.
 arpreq make_table_request(in_addr address, const std::string& ifname) {
   arpreq request{};
@@ -46,18 +41,25 @@ struct TableAnswer {
   arpreq entry{};
 
   bool complete() const { return (entry.arp_flags & ATF_COM) != 0; }
+
+  // Of a complete entry.
+  MacAddress mac() const {
+    MacAddress address;
+    std::copy_n(reinterpret_cast<const uint8_t*>(entry.arp_ha.sa_data), address.size(),
+                address.begin());
+    return address;
+  }
 };
 
-TableAnswer ask_table(const std::string& target, const std::string& ifname) {
+TableAnswer ask_table(int fd, const std::string& target, const std::string& ifname) {
   using Step = TableAnswer::Step;
-  const FileDescriptor fd = open_table_socket();
-  if (!fd.valid()) return {Step::kSocketFailed, errno, {}};
+  if (fd < 0) return {Step::kSocketFailed, errno, {}};
   in_addr address;
   if (inet_aton(target.c_str(), &address) == 0) return {Step::kNoAddress, errno, {}};
   TableAnswer answer;
   answer.entry = make_table_request(address, ifname);
   answer.entry.arp_ha.sa_family = ARPHRD_ETHER;
-  if (ioctl(fd.get(), SIOCGARP, &answer.entry) < 0) return {Step::kIoctlFailed, errno, {}};
+  if (ioctl(fd, SIOCGARP, &answer.entry) < 0) return {Step::kIoctlFailed, errno, {}};
   return answer;
 }
 
@@ -69,7 +71,7 @@ void add_arp_entry(const ArpReply& reply, const std::string& address, const std:
   static_assert(sizeof(request.arp_ha.sa_data) == sizeof(reply.hardware));
   std::copy(reply.hardware.begin(), reply.hardware.end(), request.arp_ha.sa_data);
   request.arp_flags = ATF_COM;
-  const FileDescriptor fd = open_table_socket();
+  const FileDescriptor fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!fd.valid()) {
     LB_ERROR("<%s> socket() failed", kName);
   } else if (ioctl(fd.get(), SIOCSARP, &request) < 0) {
@@ -115,8 +117,13 @@ constinit const LinkProtocol kArpProtocol{
 LBArp::LBArp() : LinkProber(kArpProtocol) {}
 
 int LBArp::check_arp_exist() {
+  MacAddress unused;
+  return check_entry(unused);
+}
+
+int LBArp::check_entry(MacAddress& mac) {
   constexpr const char* kName = "check_arp_exist";
-  const TableAnswer answer = ask_table(_target, _ifname);
+  const TableAnswer answer = ask_table(link().socket(LinkSocket::kDatagram), _target, _ifname);
   switch (answer.step) {
     case TableAnswer::Step::kSocketFailed:
       LB_ERROR("<%s> Socket", kName);
@@ -132,24 +139,25 @@ int LBArp::check_arp_exist() {
     case TableAnswer::Step::kAnswered:
       break;
   }
-  return answer.complete() ? 1 : 0;
+  if (!answer.complete()) return 0;
+  mac = answer.mac();
+  return 1;
 }
 
 int LBArp::get_mac(MacAddress& mac) {
   constexpr const char* kName = "get_mac";
-  const TableAnswer answer = ask_table(_target, _ifname);
+  const TableAnswer answer = ask_table(link().socket(LinkSocket::kDatagram), _target, _ifname);
   if (answer.step == TableAnswer::Step::kSocketFailed) LB_ERROR("<%s> Socket", kName);
   if (answer.step == TableAnswer::Step::kNoAddress) LB_ERROR("<%s> Inet_aton", kName);
   if (answer.step != TableAnswer::Step::kAnswered) return -1;
   if (!answer.complete()) return 0;
-  std::copy_n(reinterpret_cast<const uint8_t*>(answer.entry.arp_ha.sa_data), mac.size(),
-              mac.begin());
+  mac = answer.mac();
   return 1;
 }
 
 int LBArp::send_arp() {
   constexpr const char* kName = "send_arp";
-  const auto mac = hardware_address(LinkSocket::kRawIpv4, _ifname);
+  const auto mac = link().hardware_address(LinkSocket::kRawIpv4, _ifname);
   if (mac.step == LinkStep::kSocketFailed) {
     LB_ERROR("<%s> socket() failed to get socket descriptor for using ioctl()", kName);
     return -1;
@@ -158,7 +166,7 @@ int LBArp::send_arp() {
     if (mac.error != ENODEV) LB_ERROR("<%s> ioctl() failed to get source MAC address", kName);
     return -1;
   }
-  const unsigned int ifindex = if_nametoindex(_ifname.c_str());
+  const unsigned int ifindex = link().index(_ifname);
   if (ifindex == 0) {
     LB_ERROR("<%s> if_nametoindex() failed to obtain interface index", kName);
     return -1;
@@ -186,10 +194,10 @@ int LBArp::send_arp() {
   return static_cast<int>(sent);
 }
 
-FirstLook LBArp::look_first(MacAddress& /*mac*/) {
-  const int known = check_arp_exist();
+FirstLook LBArp::look_first(MacAddress& mac) {
+  const int known = check_entry(mac);
   if (known < 0) return FirstLook::kFailed;
-  return known == 0 ? FirstLook::kUnknown : FirstLook::kKnown;
+  return known == 0 ? FirstLook::kUnknown : FirstLook::kFound;
 }
 
 int LBArp::look_up(MacAddress& mac) { return get_mac(mac); }

@@ -29,4 +29,8 @@ class LBArp : public LinkProber {
   FirstLook look_first(MacAddress& mac) override;
   int look_up(MacAddress& mac) override;
   void send_request() override;
+
+ private:
+  // check_arp_exist, with the address of a complete entry.
+  int check_entry(MacAddress& mac);
 };

@@ -1,6 +1,5 @@
 #include "tests/link/link_info.h"
 
-#include <linux/if_ether.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -9,22 +8,30 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/file_descriptor.h"
+#include "tests/io/device_index.h"
 #include "tests/io/packet_socket.h"
 
 namespace {
 
-FileDescriptor open_datagram_socket() {
-  return FileDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+FileDescriptor open_socket(LinkSocket kind) {
+  switch (kind) {
+    case LinkSocket::kDatagram:
+      return FileDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    case LinkSocket::kRawIpv4:
+      return FileDescriptor(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW));
+    case LinkSocket::kPacket:
+      return open_send_only_packet_socket();
+  }
+  return {};
 }
 
 // Puts one interface request; the answer's value is the filled request.
-LinkAnswer<ifreq> ask(const FileDescriptor& fd, const std::string& ifname, unsigned long request) {
+LinkAnswer<ifreq> ask(int fd, const std::string& ifname, unsigned long request) {
   LinkAnswer<ifreq> answer;
   ifname.copy(answer.value.ifr_name, IFNAMSIZ - 1);
-  if (!fd.valid()) {
+  if (fd < 0) {
     answer.step = LinkStep::kSocketFailed;
-  } else if (ioctl(fd.get(), request, &answer.value) < 0) {
+  } else if (ioctl(fd, request, &answer.value) < 0) {
     answer.step = LinkStep::kIoctlFailed;
   }
   if (!answer.answered()) answer.error = errno;
@@ -33,12 +40,14 @@ LinkAnswer<ifreq> ask(const FileDescriptor& fd, const std::string& ifname, unsig
 
 }  // namespace
 
-LinkAnswer<MacAddress> hardware_address(LinkSocket kind, const std::string& ifname) {
-  const FileDescriptor fd =
-      kind == LinkSocket::kPacket
-          ? open_packet_socket(ETH_P_ALL)
-          : FileDescriptor(socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_RAW));
-  const auto answer = ask(fd, ifname, SIOCGIFHWADDR);
+int LinkInfo::socket(LinkSocket kind) {
+  FileDescriptor& fd = sockets_.at(static_cast<size_t>(kind));
+  if (!fd.valid()) fd = open_socket(kind);
+  return fd.get();
+}
+
+LinkAnswer<MacAddress> LinkInfo::hardware_address(LinkSocket kind, const std::string& ifname) {
+  const auto answer = ask(socket(kind), ifname, SIOCGIFHWADDR);
   LinkAnswer<MacAddress> mac{answer.step, answer.error, {}};
   if (mac.answered()) {
     std::copy_n(reinterpret_cast<const uint8_t*>(answer.value.ifr_hwaddr.sa_data), mac.value.size(),
@@ -47,8 +56,13 @@ LinkAnswer<MacAddress> hardware_address(LinkSocket kind, const std::string& ifna
   return mac;
 }
 
-LinkAnswer<in_addr> own_ipv4_address(const std::string& ifname) {
-  const auto answer = ask(open_datagram_socket(), ifname, SIOCGIFADDR);
+unsigned int LinkInfo::index(const std::string& ifname) {
+  const int fd = socket(LinkSocket::kDatagram);
+  return fd < 0 ? 0 : static_cast<unsigned int>(device_index(fd, ifname));
+}
+
+LinkAnswer<in_addr> LinkInfo::own_ipv4_address(const std::string& ifname) {
+  const auto answer = ask(socket(LinkSocket::kDatagram), ifname, SIOCGIFADDR);
   LinkAnswer<in_addr> address{answer.step, answer.error, {}};
   if (address.answered()) {
     sockaddr_in found;
@@ -64,7 +78,8 @@ std::string interface_name(unsigned int ifindex) {
 }
 
 std::optional<bool> no_arp_flag(const std::string& ifname) {
-  const auto answer = ask(open_datagram_socket(), ifname, SIOCGIFFLAGS);
+  const FileDescriptor fd = open_socket(LinkSocket::kDatagram);
+  const auto answer = ask(fd.get(), ifname, SIOCGIFFLAGS);
   if (!answer.answered()) return std::nullopt;
   return (answer.value.ifr_flags & IFF_NOARP) != 0;
 }

@@ -1,6 +1,5 @@
 #include "tests/link/link_prober.h"
 
-#include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <netdb.h>
 #include <poll.h>
@@ -10,8 +9,8 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <utility>
-#include <vector>
 
 #include "config/log.h"
 #include "platform/clock.h"
@@ -45,7 +44,7 @@ int give_back(const LinkProtocol& protocol, HandshakeLock& mutex, const char* op
 }
 
 void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& targets) {
-  std::vector<uint8_t> buffer(kReceiveSize);
+  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
   pollfd waiting{fd, POLLIN, 0};
   for (;;) {
     const int ready = poll(&waiting, 1, -1);
@@ -53,8 +52,8 @@ void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& target
     if (ready <= 0) return;
     sockaddr_ll from{};
     socklen_t from_size = sizeof(from);
-    const ssize_t length = recvfrom(fd, buffer.data(), buffer.size(), 0,
-                                    reinterpret_cast<sockaddr*>(&from), &from_size);
+    const ssize_t length =
+        recvfrom(fd, buffer.get(), kReceiveSize, 0, reinterpret_cast<sockaddr*>(&from), &from_size);
     if (length < 0) {
       if (errno == EINTR) continue;
       protocol.log_receive_failure("recv");
@@ -62,7 +61,7 @@ void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& target
     }
     // Also what has the tag of a VLAN that is not set up here.
     if (from.sll_pkttype == PACKET_OTHERHOST) continue;
-    const std::span<const uint8_t> frame(buffer.data(), static_cast<size_t>(length));
+    const std::span<const uint8_t> frame(buffer.get(), static_cast<size_t>(length));
     if (!protocol.handle_frame(frame, static_cast<unsigned int>(from.sll_ifindex), targets)) return;
   }
 }
@@ -95,7 +94,7 @@ LinkProber::~LinkProber() {
 
 void LinkProber::init(const std::string& vrf) {
   _vrf = vrf;
-  FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
+  FileDescriptor fd = open_send_only_packet_socket();
   const bool opened = fd.valid();
   {
     Registry& shared = registry();
@@ -122,8 +121,6 @@ std::optional<MacAddress> LinkProber::resolve(const std::string& gateway, const 
       return std::nullopt;
     case FirstLook::kUnknown:
       if (!request()) return std::nullopt;
-      break;
-    case FirstLook::kKnown:
       break;
   }
   return poll_table();
@@ -168,7 +165,7 @@ int LinkProber::send_socket() {
   Registry& shared = registry();
   MutexLock lock(shared.mutex);
   FileDescriptor& fd = shared._send_sock[_vrf];
-  if (!fd.valid()) fd = open_send_only_packet_socket(ETH_P_ALL);
+  if (!fd.valid()) fd = open_send_only_packet_socket();
   return fd.get();
 }
 

@@ -24,6 +24,7 @@
 #include "packets/family.h"
 #include "platform/file_descriptor.h"
 #include "tests/link/handshake_lock.h"
+#include "tests/link/link_info.h"
 #include "tests/link/watched_targets.h"
 
 // What the two protocols do differently outside of a look-up; one constant object each. An object
@@ -58,7 +59,6 @@ struct LinkProtocol {
 // What the kernel's table says of a target before a request is sent.
 enum class FirstLook {
   kFound,    // the address is there
-  kKnown,    // the address is there, for look_up to read
   kUnknown,  // a request is needed
   kFailed,   // the table cannot be asked
 };
@@ -85,6 +85,9 @@ class LinkProber {
   // The handshake lock; 0, or -1 (logged).
   int lock_mutex();
   int unlock_mutex();
+
+  // The worker's questions to the kernel, also for its probes.
+  LinkInfo& link() { return link_; }
 
   // For reading only; the receiver adds to them.
   const WatchedTargets& targets() const { return *_targets; }
@@ -131,6 +134,7 @@ class LinkProber {
   static void* receive(void* argument);
 
   const LinkProtocol& protocol_;
+  LinkInfo link_;
   std::shared_ptr<WatchedTargets> _targets;
   std::shared_ptr<HandshakeLock> _mutex;
 };

@@ -1,7 +1,6 @@
 #include "tests/link/neighbor_prober.h"
 
 #include <linux/if_ether.h>
-#include <net/if.h>
 #include <netdb.h>
 #include <sys/socket.h>
 
@@ -55,8 +54,8 @@ std::string solicited_node_text() {
 }
 
 // The hardware address of the interface; a failure is printed.
-bool read_source_mac(const std::string& ifname, MacAddress& mac) {
-  const auto answer = hardware_address(LinkSocket::kPacket, ifname);
+bool read_source_mac(LinkInfo& link, const std::string& ifname, MacAddress& mac) {
+  const auto answer = link.hardware_address(LinkSocket::kPacket, ifname);
   errno = answer.error;
   if (answer.step == LinkStep::kSocketFailed) {
     print_failure("socket() failed to get socket descriptor for using ioctl() ");
@@ -127,8 +126,8 @@ LBNeighbor::LBNeighbor() : LinkProber(kNeighborProtocol) {}
 
 void LBNeighbor::send_solicit() {
   MacAddress mac;
-  if (!read_source_mac(_ifname, mac)) return;
-  const unsigned int ifindex = if_nametoindex(_ifname.c_str());
+  if (!read_source_mac(link(), _ifname, mac)) return;
+  const unsigned int ifindex = link().index(_ifname);
   if (ifindex == 0) {
     print_failure("if_nametoindex() failed to obtain interface index ");
     return;
@@ -155,8 +154,8 @@ FirstLook LBNeighbor::look_first(MacAddress& mac) {
 }
 
 int LBNeighbor::look_up(MacAddress& mac) {
-  const unsigned int ifindex = if_nametoindex(_ifname.c_str());
-  return ifindex == 0 ? 0 : get_neighbor_mac(_target, ifindex, &mac);
+  const unsigned int ifindex = link().index(_ifname);
+  return ifindex == 0 ? 0 : table_.get_mac(_target, ifindex, mac);
 }
 
 void LBNeighbor::send_request() { send_solicit(); }

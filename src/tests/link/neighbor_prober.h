@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tests/link/link_prober.h"
+#include "tests/link/neighbor_table.h"
 
 extern const LinkProtocol kNeighborProtocol;
 
@@ -22,4 +23,7 @@ class LBNeighbor : public LinkProber {
   FirstLook look_first(MacAddress& mac) override;
   int look_up(MacAddress& mac) override;
   void send_request() override;
+
+ private:
+  NeighborTable table_;
 };

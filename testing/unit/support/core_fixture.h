@@ -18,6 +18,7 @@
 #include "support/blank_test.h"
 #include "support/temporary_directory.h"
 #include "support/wrapped_calls.h"
+#include "tests/link/arp_prober.h"
 
 // What happened, in its order. Any thread.
 class Events {
@@ -89,8 +90,10 @@ class CycleFixture : public CoreFixture {
   explicit CycleFixture(const std::string& vrf = kDefaultNamespace) {
     worker_.daemon = &daemon_;
     worker_.vrf = vrf;
+    worker_.arp = &arp_;
   }
 
+  LBArp arp_;
   LBWorkerContext worker_;
   CheckCycle cycle_{worker_};
 

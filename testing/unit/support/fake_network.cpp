@@ -30,7 +30,12 @@ FakeNetwork::FakeNetwork() {
     return 0;
   });
   add_hook(wrapped::sendmsg, [this](int fd, const msghdr* message, int) {
-    return answer_route_request(fd, *message);
+    return answer_route_message(fd, *message);
+  });
+  add_hook(wrapped::send, [this](int fd, const void* data, size_t size, int flags) {
+    if (fd < 0 || socket_of(fd).domain != AF_NETLINK)
+      return wrapped::send.real(fd, data, size, flags);
+    return answer_route_request(fd, to_bytes(data, size));
   });
   add_hook(wrapped::ioctl, [this](int, unsigned long request, void* argument) {
     return answer_ioctl(request, argument);
@@ -128,17 +133,24 @@ void FakeNetwork::note_netlink_address(const void* address, socklen_t size) {
   netlink_addresses.push_back(noted);
 }
 
-ssize_t FakeNetwork::answer_route_request(int fd, const msghdr& message) {
+ssize_t FakeNetwork::answer_route_message(int fd, const msghdr& message) {
   Bytes request;
   for (size_t i = 0; i < message.msg_iovlen; ++i) {
     append(request, to_bytes(message.msg_iov[i].iov_base, message.msg_iov[i].iov_len));
   }
   note_netlink_address(message.msg_name, message.msg_namelen);
+  {
+    SpinLockHolder holder(lock_);
+    netlink_buffers.push_back(message.msg_iovlen);
+  }
+  return answer_route_request(fd, std::move(request));
+}
+
+ssize_t FakeNetwork::answer_route_request(int fd, Bytes request) {
   const auto size = static_cast<ssize_t>(request.size());
   std::vector<Bytes> answers;
   {
     SpinLockHolder holder(lock_);
-    netlink_buffers.push_back(message.msg_iovlen);
     netlink_requests.push_back(std::move(request));
     answers = netlink_answers.empty() ? gateways() : netlink_answers;
   }

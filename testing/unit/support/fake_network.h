@@ -26,12 +26,13 @@ class FakeNetwork : public FakeSockets {
   ~FakeNetwork();
 
   // What the kernel says.
-  bool no_arp = false;                                           // SIOCGIFFLAGS
-  MacAddress own_mac{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};        // SIOCGIFHWADDR
-  std::string own_address = "192.0.2.1";                         // SIOCGIFADDR
-  MacAddress gateway_mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};    // both neighbour tables
-  unsigned interface_index = 7;                                  // if_nametoindex, of other names
-  std::map<unsigned, std::string> interface_names{{7, "eth0"}};  // if_nametoindex, if_indextoname
+  bool no_arp = false;                                         // SIOCGIFFLAGS
+  MacAddress own_mac{0x02, 0xaa, 0xbb, 0xcc, 0xdd, 0xee};      // SIOCGIFHWADDR
+  std::string own_address = "192.0.2.1";                       // SIOCGIFADDR
+  MacAddress gateway_mac{0x02, 0x11, 0x22, 0x33, 0x44, 0x55};  // both neighbour tables
+  unsigned interface_index = 7;                                // of other names than these
+
+  std::map<unsigned, std::string> interface_names{{7, "eth0"}};  // index and name of interfaces
   std::atomic<unsigned> arrival_interface{7};                    // by which frames come
   std::map<unsigned long, int> ioctl_errors;                     // request: errno
   std::vector<std::pair<std::string, std::string>> addresses;    // getifaddrs: name, address
@@ -58,7 +59,8 @@ class FakeNetwork : public FakeSockets {
   int answer_interface_request(unsigned long request, ifreq& interface);
   int answer_arp_request(unsigned long request, int call, arpreq& entry);
   void note_netlink_address(const void* address, socklen_t size);
-  ssize_t answer_route_request(int fd, const msghdr& message);
+  ssize_t answer_route_message(int fd, const msghdr& message);
+  ssize_t answer_route_request(int fd, Bytes request);
   std::vector<Bytes> gateways() const;
   unsigned index_of(const std::string& name) const;
   char* name_of(unsigned index, char* name) const;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -31,6 +32,8 @@ void end_reading(const FakeSockets::Socket& socket) {
 }  // namespace
 
 FakeSockets::FakeSockets() {
+  static std::atomic<uint64_t> networks{0};
+  network_cookie = ++networks;
   add_hook(wrapped::socket, [this](int domain, int type, int protocol) {
     return open_socket(domain, type, protocol);
   });
@@ -38,6 +41,9 @@ FakeSockets::FakeSockets() {
            [this](int fd, int level, int name, const void* value, socklen_t size) {
              return set_option(fd, level, name, value, size);
            });
+  add_hook(wrapped::getsockopt, [this](int fd, int level, int name, void* value, socklen_t* size) {
+    return get_option(fd, level, name, value, size);
+  });
   add_hook(wrapped::sendto, [this](int fd, const void* data, size_t size, int flags,
                                    const sockaddr* address, socklen_t address_size) {
     return send_datagram(fd, data, size, flags, address, address_size);
@@ -141,6 +147,16 @@ bool FakeSockets::is_closed(const Socket& socket) {
 FakeSockets::Bytes FakeSockets::to_bytes(const void* data, size_t size) {
   const auto* begin = static_cast<const uint8_t*>(data);
   return {begin, begin + size};
+}
+
+int FakeSockets::get_option(int fd, int level, int name, void* value, socklen_t* size) const {
+  if (level != SOL_SOCKET || name != SO_NETNS_COOKIE) {
+    return wrapped::getsockopt.real(fd, level, name, value, size);
+  }
+  const uint64_t cookie = network_cookie;
+  EXPECT_EQ(*size, sizeof(cookie));
+  std::memcpy(value, &cookie, sizeof(cookie));
+  return 0;
 }
 
 int FakeSockets::set_option(int fd, int level, int name, const void* value, socklen_t size) {

@@ -44,7 +44,8 @@ class FakeSockets {
   FakeSockets(const FakeSockets&) = delete;
   FakeSockets& operator=(const FakeSockets&) = delete;
 
-  bool filters = false;                        // whether packet filters take effect
+  bool filters = false;                  // whether packet filters take effect
+  std::atomic<uint64_t> network_cookie;  // of the namespace of all sockets; none like it before
   std::function<void(const Bytes&)> on_frame;  // called within sendto
 
   // What was done. Not to be read while threads still work.
@@ -97,6 +98,7 @@ class FakeSockets {
   mutable SpinLock lock_;
 
  private:
+  int get_option(int fd, int level, int name, void* value, socklen_t* size) const;
   int set_option(int fd, int level, int name, const void* value, socklen_t size);
   ssize_t send_datagram(int fd, const void* data, size_t size, int flags, const sockaddr* address,
                         socklen_t address_size);

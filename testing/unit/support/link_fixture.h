@@ -41,8 +41,6 @@ struct Arp {
       "<init> pthread_mutex_destroy for _arp_mutex failed!!!!! rc = 12, errno = 11 "
       "(Resource temporarily unavailable)";
 
-  static constexpr size_t kLooksAtAKnownAddress = 2;  // whether it is there, and the address
-
   static int receive_protocol() { return htons(ETH_P_ARP); }
   static void start(LBArp& prober) { prober.received_arp(); }
   static void request(LBArp& prober) { prober.send_arp(); }
@@ -96,8 +94,6 @@ struct Neighbor {
   static constexpr const char* kRecvFailed = "recv() failed";
   static constexpr const char* kNoSendSocket = "<init> socket() fo _send_sock failed ";
   static constexpr const char* kNoMutex = "wan_lb: error mutex initialization";
-
-  static constexpr size_t kLooksAtAKnownAddress = 1;
 
   static int receive_protocol() { return htons(ETH_P_IPV6); }
   static void start(LBNeighbor& prober) { prober.receive_reply(); }

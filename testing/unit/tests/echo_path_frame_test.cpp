@@ -165,11 +165,24 @@ TYPED_TEST(EchoPathFrameTest, ProbeGoesOutWithoutARecord) {
 
 // The interface's hardware address and index.
 
-TYPED_TEST(EchoPathFrameTest, HardwareAddressIsAskedThroughAPacketSocket) {
+// The interface's own, and the one that is asked through.
+TYPED_TEST(EchoPathFrameTest, HardwareAddressIsAskedThroughAPacketSocketThatIsKept) {
   ASSERT_TRUE(this->send());
-  const auto socket = this->network_.last_socket(AF_PACKET, SOCK_RAW, htons(3));
-  EXPECT_NE(socket.fd, -1);
-  EXPECT_TRUE(FakeNetwork::is_closed(socket));
+  EXPECT_EQ(this->network_.count(AF_PACKET, 0), 2);
+  ASSERT_TRUE(this->send(EchoKit<TypeParam>::kOtherGateway));
+  EXPECT_EQ(this->network_.count(AF_PACKET, 0), 2);
+}
+
+// What changes between two probes is right for the second one.
+TYPED_TEST(EchoPathFrameTest, NothingOfTheInterfaceIsRemembered) {
+  ASSERT_TRUE(this->send());
+  this->network_.own_mac = {2, 2, 2, 2, 2, 2};
+  this->network_.interface_index = 11;
+  ASSERT_TRUE(this->send(EchoKit<TypeParam>::kOtherGateway));
+  EXPECT_EQ(word_at(this->sent().bytes, 6), 0x02020202u);
+  int32_t index = 0;
+  std::memcpy(&index, &this->sent().address[4], sizeof(index));
+  EXPECT_EQ(index, 11);
 }
 
 // The source address.
@@ -219,13 +232,17 @@ TEST_F(EchoPathFrame6Test, UnspecifiedAddressWhereNoneIsFound) {
 TEST_F(EchoPathFrame4Test, NextHopMayComeWithTheLastPoll) {
   int calls = 0;
   CallHook hook(wrapped::ioctl, [&](int, unsigned long request, void* argument) {
+    if (request == SIOCGIFINDEX) {
+      static_cast<ifreq*>(argument)->ifr_ifindex = 7;
+      return 0;
+    }
     if (request == SIOCGIFHWADDR || request == SIOCGIFFLAGS) {
       std::memset(&static_cast<ifreq*>(argument)->ifr_hwaddr, 0, sizeof(sockaddr));
       return 0;
     }
     ++calls;
     auto* entry = static_cast<arpreq*>(argument);
-    entry->arp_flags = calls == 1 || calls == 102 ? ATF_COM : 0;
+    entry->arp_flags = calls == 102 ? ATF_COM : 0;
     std::memset(entry->arp_ha.sa_data, 0x5a, 6);
     return 0;
   });

@@ -123,6 +123,11 @@ TYPED_TEST(EchoPathRawTest, NeedsNoNeighbourAndNoTrackingRecord) {
   EXPECT_THAT(this->network_.conntrack_requests, IsEmpty());
 }
 
+TYPED_TEST(EchoPathRawTest, ResolverIsNotAskedForAnAddress) {
+  ASSERT_TRUE(this->send());
+  EXPECT_THAT(this->network_.resolved, IsEmpty());
+}
+
 TYPED_TEST(EchoPathRawTest, LongAnswersOfTheResolverFit) {
   std::vector<size_t> sizes;
   CallHook hook(wrapped::gethostbyname2_r, [&](const char*, int family, hostent* entry,
@@ -141,7 +146,8 @@ TYPED_TEST(EchoPathRawTest, LongAnswersOfTheResolverFit) {
     *result = entry;
     return 0;
   });
-  EXPECT_TRUE(this->send());
+  // As an IPv4 target a name is refused once it is resolved.
+  EXPECT_EQ(this->send("probe.example"), TypeParam::kFamily.ipv6);
   ASSERT_GE(sizes.size(), 2u);
   EXPECT_GE(sizes.back(), 5000u);
 }
@@ -154,7 +160,8 @@ TYPED_TEST(EchoPathRawTest, EndlessAnswersOfTheResolverAreGivenUp) {
                   ++calls;
                   return ERANGE;
                 });
-  EXPECT_FALSE(this->send());
+  EXPECT_FALSE(this->send("probe.example"));
+  EXPECT_GT(calls, 0);
   EXPECT_LT(calls, 30);
   EXPECT_EQ(log_records().size(), 1u);
 }

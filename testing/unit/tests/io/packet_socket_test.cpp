@@ -43,18 +43,18 @@ TEST_F(PacketSocketTest, FrameGoesToTheLinkLayerAddress) {
   EXPECT_THAT(address.sll_addr, ElementsAre(6, 5, 4, 3, 2, 1, 0, 0));
 }
 
-TEST_F(PacketSocketTest, SendOnlySocketQueuesNothing) {
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
+TEST_F(PacketSocketTest, SendOnlySocketIsOfNoProtocol) {
+  const FileDescriptor fd = open_send_only_packet_socket();
   ASSERT_TRUE(fd.valid());
-  EXPECT_EQ(network_.sockets[0].protocol, htons(3));
-  network_.deliver_frame(htons(ETH_P_ALL), Bytes(60));
-  char byte;
-  EXPECT_EQ(recv(fd.get(), &byte, 1, MSG_DONTWAIT), -1);
-  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(network_.sockets[0].domain, AF_PACKET);
+  EXPECT_EQ(network_.sockets[0].type, SOCK_RAW);
+  EXPECT_EQ(network_.sockets[0].protocol, 0);
 }
 
-TEST_F(PacketSocketTest, SendOnlySocketWithoutFilterStillSends) {
+TEST_F(PacketSocketTest, FilterIsRefusedOrAttached) {
+  const sock_filter program[] = {BPF_STMT(BPF_RET | BPF_K, 0)};
+  EXPECT_TRUE(attach_filter(5, program));
+  EXPECT_FALSE(attach_filter(5, std::vector<sock_filter>(BPF_MAXINSNS + 1, program[0])));
   Fault fault("setsockopt", EPERM);
-  const FileDescriptor fd = open_send_only_packet_socket(ETH_P_ALL);
-  EXPECT_TRUE(fd.valid());
+  EXPECT_FALSE(attach_filter(5, program));
 }

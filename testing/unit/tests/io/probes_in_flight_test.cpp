@@ -44,15 +44,37 @@ TEST(ProbesInFlightTest, HoldsWhatWasEntered) {
   EXPECT_EQ(entry->probe.target, "192.0.2.1");
 }
 
-TEST(ProbesInFlightTest, SendingRestartsTheWaitOfItsOwnProbeAlone) {
+// The same key again changes neither the probe that has it nor where that is found.
+TEST(ProbesInFlightTest, RefusedProbeIsNotFound) {
   ProbesInFlight probes;
   probes.insert(7, probe("eth0", "192.0.2.1"));
-  probes.mark_sent(8, {9, 9});
-  EXPECT_EQ(probes.size(), 1u);
-  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_sec, 5);
-  probes.mark_sent(7, {9, 8});
-  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_sec, 9);
-  EXPECT_EQ(probes.find("eth0", "192.0.2.1")->probe.sent_at.tv_nsec, 8);
+  probes.insert(7, probe("eth1", "192.0.2.2"));
+  EXPECT_FALSE(probes.find("eth1", "192.0.2.2"));
+  ASSERT_TRUE(probes.find("eth0", "192.0.2.1"));
+  probes.erase(7);
+  EXPECT_FALSE(probes.find("eth0", "192.0.2.1"));
+  EXPECT_EQ(probes.size(), 0u);
+}
+
+TEST(ProbesInFlightTest, NameAndTargetAreNotRunTogether) {
+  ProbesInFlight probes;
+  probes.insert(7, probe("wan1", "10.0.0.1"));
+  EXPECT_FALSE(probes.find("wan11", "0.0.0.1"));
+  EXPECT_FALSE(probes.find("wan", "110.0.0.1"));
+  EXPECT_FALSE(probes.find("wan1", "10.0.0"));
+  EXPECT_FALSE(probes.find("wan1", "10.0.0.10"));
+}
+
+TEST(ProbesInFlightTest, EveryOneOfManyIsFound) {
+  ProbesInFlight probes;
+  const auto name = [](int32_t number) { return "wan" + std::to_string(number); };
+  for (int32_t key = 0; key < 1000; ++key) probes.insert(key, probe(name(key), "192.0.2.1"));
+  for (int32_t key = 0; key < 1000; key += 2) probes.erase(key);
+  for (int32_t key = 0; key < 1000; ++key) {
+    const auto entry = probes.find(name(key), "192.0.2.1");
+    ASSERT_EQ(entry.has_value(), key % 2 == 1) << key;
+    EXPECT_TRUE(!entry || entry->key == key);
+  }
 }
 
 TEST(ProbesInFlightTest, FindsByInterfaceAndTargetTogether) {

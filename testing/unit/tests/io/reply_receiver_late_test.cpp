@@ -125,7 +125,10 @@ TYPED_TEST(ReplyReceiverLateTest, WhatWasWaitedIsTakenOffTheCyclesTime) {
   this->worker_.catch_up = &budget;
   this->hold_receiver(false);
   EXPECT_EQ(this->outcome_when_released_after(3), kResultSuccess);
-  EXPECT_EQ(budget.milliseconds, 197);
+  // The worker may look once more before the receiver, which has marked the probe, waits again.
+  const auto pauses = static_cast<int>(virtual_clock::sleeps().size());
+  EXPECT_GE(pauses, 3);
+  EXPECT_EQ(budget.milliseconds, 200 - pauses);
 }
 
 TYPED_TEST(ReplyReceiverLateTest, CycleWithoutTimeLeftDoesNotWait) {

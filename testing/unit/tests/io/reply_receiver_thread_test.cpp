@@ -122,7 +122,7 @@ TYPED_TEST(ReplyReceiverThreadTest, ThatHasEndedIsNotWaitedFor) {
   }
   this->deliver({1});
   int milliseconds = 200;
-  let_receiver_catch_up(*this->sockets(), milliseconds);
+  let_receivers_catch_up(*this->sockets(), milliseconds);
   EXPECT_EQ(milliseconds, 200);
   EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
 }
@@ -134,7 +134,22 @@ TYPED_TEST(ReplyReceiverThreadTest, ThatCouldNotBeStartedIsNotWaitedFor) {
   }
   this->deliver({1});
   int milliseconds = 200;
-  let_receiver_catch_up(*this->sockets(), milliseconds);
+  let_receivers_catch_up(*this->sockets(), milliseconds);
   EXPECT_EQ(milliseconds, 200);
   EXPECT_THAT(virtual_clock::sleeps(), IsEmpty());
+}
+
+// A flood there must not cost the probes here their time.
+TYPED_TEST(ReplyReceiverThreadTest, ThoseOfAnotherNamespaceAreNotWaitedFor) {
+  const auto own = this->sockets();
+  ++this->network_.network_cookie;
+  const std::string other = unused_name("lb");
+  const auto theirs = sockets_of(TypeParam::kFamily, other);
+  theirs->receiver_state = ReceiverState::kReading;
+  int milliseconds = 200;
+  let_receivers_catch_up(*own, milliseconds);
+  EXPECT_EQ(milliseconds, 200);
+  let_receivers_catch_up(*theirs, milliseconds);
+  EXPECT_EQ(milliseconds, 0);
+  theirs->receiver_state = ReceiverState::kAbsent;
 }

@@ -82,7 +82,8 @@ TYPED_TEST(WireRepliesTest, SendingSocketsAreTheSame) {
   const auto& made = this->network_.sockets;
   ASSERT_EQ(made.size(), 3u);
   EXPECT_EQ(made[0].domain, EchoKit<TypeParam>::kDomain);
-  EXPECT_EQ(made[1].protocol, htons(EchoKit<TypeParam>::kEtherType));
+  EXPECT_EQ(made[1].domain, AF_PACKET);
+  EXPECT_EQ(made[1].protocol, 0);
 }
 
 TYPED_TEST(WireRepliesTest, SocketThatCannotBeHadIsLogged) {

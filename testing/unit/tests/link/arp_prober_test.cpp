@@ -150,7 +150,7 @@ TEST_F(ArpProberTest, RequestOnAnInterfaceWithoutHardwareAddress) {
 }
 
 TEST_F(ArpProberTest, RequestOnAnInterfaceWithoutIndex) {
-  Fault fault("if_nametoindex", ENODEV);
+  network_.ioctl_errors[SIOCGIFINDEX] = ENODEV;
   EXPECT_EQ(prober_.send_arp(), -1);
   EXPECT_THAT(log_records(),
               ElementsAre(LoggedError("<send_arp> if_nametoindex() failed to obtain interface "

@@ -145,16 +145,19 @@ TEST_F(AutoSourceTest, SettledSourceIsTheChoice) {
     reinterpret_cast<sockaddr_in*>(address)->sin_addr.s_addr = htonl(0xc000020a);
     return 0;
   });
-  std::string source = wanted_source(kIpv4, "eth0", "auto");
-  EXPECT_EQ(settle_source(kIpv4, "eth0", "198.51.100.7", source).step, SourceFailure::Step::kNone);
+  LinkInfo link;
+  std::string source = wanted_source(link.addresses(), kIpv4, "eth0", "auto");
+  EXPECT_EQ(settle_source(link, kIpv4, "eth0", "198.51.100.7", source).step,
+            SourceFailure::Step::kNone);
   EXPECT_EQ(source, "192.0.2.10");
   EXPECT_EQ(call_count("getifaddrs"), 0) << "the kernel need not be asked whether it is there";
 }
 
 TEST_F(AutoSourceTest, NoChoiceIsNoOwnAddress) {
+  LinkInfo link;
   for (const Family* family : {&kIpv4, &kIpv6}) {
-    std::string source = wanted_source(*family, "eth0", "auto");
-    const auto failure = settle_source(*family, "eth0", "host.example", source);
+    std::string source = wanted_source(link.addresses(), *family, "eth0", "auto");
+    const auto failure = settle_source(link, *family, "eth0", "host.example", source);
     EXPECT_EQ(failure.step, SourceFailure::Step::kNoOwnAddress);
     EXPECT_EQ(failure.error, EADDRNOTAVAIL);
   }

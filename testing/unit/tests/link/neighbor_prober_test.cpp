@@ -57,7 +57,7 @@ TEST_F(NeighborProberTest, SolicitationGoesToTheSolicitedNode) {
   };
   EXPECT_EQ(network_.sent[0].bytes, expected);
   // The question for the hardware address goes through a packet socket of its own.
-  EXPECT_EQ(network_.count(AF_PACKET, htons(ETH_P_ALL)), 2);
+  EXPECT_EQ(network_.count(AF_PACKET, 0), 2);
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
@@ -76,7 +76,7 @@ TEST_F(NeighborProberTest, SolicitationOnAnInterfaceWithoutHardwareAddress) {
 }
 
 TEST_F(NeighborProberTest, SolicitationOnAnInterfaceWithoutIndex) {
-  Fault fault("if_nametoindex", ENODEV);
+  network_.ioctl_errors[SIOCGIFINDEX] = ENODEV;
   EXPECT_EQ(solicit(), "if_nametoindex() failed to obtain interface index : No such device\n");
 }
 
@@ -133,7 +133,7 @@ TEST_F(NeighborProberTest, EntryOnAnotherInterfaceIsNotTheTargets) {
 
 TEST_F(NeighborProberTest, InterfaceThatHasGoneHasNoEntries) {
   Neighbor::learn(network_);
-  Fault fault("if_nametoindex", ENODEV);
+  network_.ioctl_errors[SIOCGIFINDEX] = ENODEV;
   CapturedStderr output;
   EXPECT_EQ(resolve(), std::nullopt);
   EXPECT_THAT(network_.netlink_requests, IsEmpty());

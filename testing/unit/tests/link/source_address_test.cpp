@@ -14,7 +14,8 @@ class SourceAddressTest : public testing::Test {
 
   std::string find(const Addresses& addresses, const std::string& ifname = "eth0") {
     network_.addresses = addresses;
-    return link_local_source(ifname);
+    HostAddresses list;
+    return link_local_source(list, ifname);
   }
 
   FakeNetwork network_;
@@ -72,6 +73,7 @@ TEST_F(SourceAddressTest, AddressThatCannotBeFormatted) {
 
 TEST_F(SourceAddressTest, FailedListOfInterfacesIsLogged) {
   Fault fault("getifaddrs", ENOMEM);
-  EXPECT_FALSE(address_on_interface("lo", "127.0.0.1"));
+  HostAddresses list;
+  EXPECT_FALSE(address_on_interface(list, "lo", "127.0.0.1"));
   EXPECT_THAT(log_records(), ElementsAre(LoggedError("getifaddrs failed")));
 }
