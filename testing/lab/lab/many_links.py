@@ -1,6 +1,8 @@
 """Many uplinks to one far namespace whose kernel answers, and what can be done to them in one stroke.
 
     router wanNN 10.N.0.2 / fd00:N::2 ---- fNN 10.N.0.1 / fd00:N::1   far
+
+From number 256 on the high byte of N stands where the 0 is. A link's near side may be in a VRF.
 """
 
 from .configtext import route_file
@@ -9,41 +11,54 @@ from .configtext import route_file
 class Strand:
     """One link. `arp` False: neither side resolves, and both have the same hardware address."""
 
-    def __init__(self, number, ipv6=False, arp=True):
-        self.number, self.ipv6, self.arp = number, ipv6, arp
+    def __init__(self, number, ipv6=False, arp=True, vrf=None):
+        self.number, self.ipv6, self.arp, self.vrf = number, ipv6, arp, vrf
+        high, low = number >> 8, number & 255
         self.name, self.far_name = f"wan{number:02}", f"f{number:02}"
-        self.address, self.gateway4 = f"10.{number}.0.2", f"10.{number}.0.1"
+        self.address, self.gateway4 = f"10.{low}.{high}.2", f"10.{low}.{high}.1"
         self.address6, self.gateway6 = f"fd00:{number:x}::2", f"fd00:{number:x}::1"
         self.gateway = self.gateway6 if ipv6 else self.gateway4
-        self.far_mac = f"02:00:00:00:{number:02x}:01"
-        self.mac = f"02:00:00:00:{number:02x}:02" if arp else self.far_mac
+        self.far_mac = f"02:00:00:{high:02x}:{low:02x}:01"
+        self.mac = f"02:00:00:{high:02x}:{low:02x}:02" if arp else self.far_mac
         self.family = 6 if ipv6 else 4
 
 
 class ManyLinks:
-    """Operations take strands, any number of them, and touch all at once."""
+    """Operations take strands, any number of them, and touch all at once.
 
-    def __init__(self, lab, strands, far="far"):
+    cuts: with False nothing can be silenced, and the far end's packets pass no rules.
+    """
+
+    _AT_ONCE = 200  # links per command, which has to end in time
+
+    def __init__(self, lab, strands, far="far", cuts=True):
         self.lab, self.far, self.strands = lab, far, list(strands)
         lab.add_netns(far)
         for netns in (None, far):
             # A link that goes down and up again keeps what an administrator gave it.
             lab.sysctl(*[f"net.ipv6.conf.{scope}.keep_addr_on_down=1" for scope in ("all", "default")], netns=netns)
-        lab.nft("table inet cut {\nset quiet {\ntype ifname\n}\nchain receive {\n"
-                "type filter hook prerouting priority -300;\niifname @quiet drop\n}\nset deaf {\ntype ifname\n}\n"
-                "chain echo {\ntype filter hook prerouting priority -300;\n"
-                "iifname @deaf icmp type echo-request drop\niifname @deaf icmpv6 type echo-request drop\n}\n}",
-                netns=far)
-        self.create(*self.strands)
+        if cuts:
+            self._make_cuts()
+        for start in range(0, len(self.strands), self._AT_ONCE):
+            self.create(*self.strands[start:start + self._AT_ONCE])
+
+    def _make_cuts(self):
+        self.lab.nft("table inet cut {\nset quiet {\ntype ifname\n}\nchain receive {\n"
+                     "type filter hook prerouting priority -300;\niifname @quiet drop\n}\nset deaf {\ntype ifname\n}\n"
+                     "chain echo {\ntype filter hook prerouting priority -300;\n"
+                     "iifname @deaf icmp type echo-request drop\niifname @deaf icmpv6 type echo-request drop\n}\n}",
+                     netns=self.far)
 
     def create(self, *strands):
-        near, far = [], []
+        near, far = {}, []
         for strand in strands:
-            near.append(f"link add {strand.name} address {strand.mac} type veth peer name {strand.far_name} "
-                        f"address {strand.far_mac} netns {self.far}")
-            self._prepare(near, strand.name, strand, strand.address, strand.address6)
+            lines = near.setdefault(strand.vrf, ["link set lo up"])
+            lines.append(f"link add {strand.name} address {strand.mac} type veth peer name {strand.far_name} "
+                         f"address {strand.far_mac} netns {self.far}")
+            self._prepare(lines, strand.name, strand, strand.address, strand.address6)
             self._prepare(far, strand.far_name, strand, strand.gateway4, strand.gateway6)
-        self.lab.ip(*near, "link set lo up")
+        for vrf, lines in near.items():
+            self.lab.ip(*lines, netns=vrf)
         self.lab.ip(*far, "link set lo up", netns=self.far)
 
     @staticmethod

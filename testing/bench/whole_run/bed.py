@@ -1,0 +1,110 @@
+"""The links of one case, and what is started on them.
+
+    router wanNN ---- fNN   far: its kernel answers        (in a case with VRFs: vrf1 wanNN ---- fNN far)
+"""
+
+import os
+
+from lab import configtext, waiting
+from lab.configtext import interface, ping, rule
+from lab.lab import Lab
+from lab.many_links import ManyLinks, Strand
+
+from .far_end import FarEnd
+
+# As a router logs: neither every message, nor every repeat.
+_LOG_FLAGS = "34 2\n"
+
+
+class Bed:
+    """Use as a context manager: what was started and made ends with it."""
+
+    def __init__(self, case, silent=0):
+        """`silent`: so many further links, at the far end of which nobody answers, not even ARP."""
+        self.case = case
+        self.lab = Lab()
+        try:
+            self._make(silent)
+        except BaseException:
+            self.lab.close()
+            raise
+
+    def _make(self, silent):
+        case, lab = self.case, self.lab
+        lab.write("etc/wan_lb/log-flags", _LOG_FLAGS)
+        self.vrfs = [None] if case.vrfs == 1 else [f"vrf{number}" for number in range(1, case.vrfs + 1)]
+        for vrf in self.vrfs:
+            if vrf:
+                lab.add_netns(vrf)
+                os.makedirs(lab.path(f"var_vrfs/{vrf}/usr/etc"))
+        self.strands = [Strand(number, case.family == 6, case.arp, self.vrfs[number % len(self.vrfs)])
+                        for number in range(1, case.interfaces + silent + 1)]
+        self.probed = self.strands[:case.interfaces]
+        if case.family == 4:
+            for vrf in self.vrfs:
+                lab.sysctl("net.ipv6.conf.default.disable_ipv6=1", netns=vrf)
+        self.links = ManyLinks(lab, self.strands, cuts=False)
+        if silent:
+            lab.ip(*[f"addr flush dev {strand.far_name}" for strand in self.strands[case.interfaces:]],
+                   "link set lo up", netns=self.links.far)
+        if case.permanent_neighbours:
+            self._make_neighbours_permanent()
+        self.far = FarEnd(lab, self.links.far, case.family)
+
+    def _make_neighbours_permanent(self):
+        near, far = {vrf: [] for vrf in self.vrfs}, []
+        for strand in self.probed:
+            mac, number = strand.mac, strand.number
+            link_local = f"fe80::ff:fe{number >> 8:02x}:{int(mac[12:14] + mac[15:17], 16):x}"
+            near[strand.vrf].append(f"neigh replace {strand.gateway} lladdr {strand.far_mac} dev {strand.name} "
+                                    "nud permanent")
+            for address in (strand.address6, link_local) if strand.ipv6 else (strand.address,):
+                far.append(f"neigh replace {address} lladdr {mac} dev {strand.far_name} nud permanent")
+        for vrf, lines in near.items():
+            self.lab.ip(*lines, "link set lo up", netns=vrf)
+        self.lab.ip(*far, "link set lo up", netns=self.links.far)
+
+    def config(self):
+        case = self.case
+        family6 = case.family == 6
+        blocks = [interface(strand.name, [ping(strand.gateway, resp_time=case.resp_time)], ipv6=family6, success_ct=1,
+                            nexthop=strand.gateway, **({"namespace": strand.vrf} if strand.vrf else {}))
+                  for strand in self.strands]
+        rules = [rule(f"{number}_ipv{case.family}",
+                      {strand.name: 1 for strand in self.strands if strand.vrf == vrf},
+                      {"::/0" if family6 else "0.0.0.0/0": None}, namespace=vrf)
+                 for number, vrf in enumerate(self.vrfs, 1)]
+        return configtext.build(blocks, rules)
+
+    def start_lb(self):
+        """The daemon, when every interface has settled and every thread runs."""
+        case, lb = self.case, self.lab.start_lb(self.config())
+        patience = 60 + case.interfaces / 4
+        # Whatever it does at its start, with sockets still to be made, is over after three cycles.
+        lb.wait_cycles(3, case.family, timeout=patience)
+        if case.answered:
+            wanted = {strand.name for strand in self.probed}
+            waiting.wait_until(lambda: {name for name, status in lb.statuses(case.family).items()
+                                        if status == "active"} == wanted,
+                               lambda: f"all interfaces active; log:\n{self.lab.log.text()[-2000:]}",
+                               timeout=patience, interval=0.1)
+        return lb
+
+    def start_fping(self, period):
+        """One fping for each VRF; `period` in seconds. They go on until they are ended."""
+        started = []
+        for vrf in self.vrfs:
+            targets = [strand.gateway for strand in self.probed if strand.vrf == vrf]
+            path = self.lab.write(f"run/targets{vrf or ''}", "\n".join(targets) + "\n")
+            # Targets follow each other evenly. A little less than their share of the period leaves -p in charge.
+            gap = 900 * period / len(targets)
+            started.append(self.lab.enclosure.spawn(
+                ["fping", f"-{self.case.family}", "-l", "-q", "-p", f"{1000 * period:.0f}", "-i", f"{gap:.2f}",
+                 "-f", path], netns=vrf))
+        return started
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.lab.close()

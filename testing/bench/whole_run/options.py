@@ -1,0 +1,53 @@
+"""The command line."""
+
+import argparse
+
+from .case import FAMILIES, PATHS
+
+INTERFACES = (1, 16, 64, 256, 1000)
+
+
+def _list_of(allowed, kind):
+    def parse(text):
+        values = [kind(word) for word in text.split(",")]
+        if not values or not all(allowed(value) for value in values):
+            raise ValueError(text)
+        return sorted(set(values))
+
+    parse.__name__ = "list"
+    return parse
+
+
+def _positive(kind):
+    def parse(text):
+        value = kind(text)
+        if not 0 < value < 1e6:
+            raise ValueError(text)
+        return value
+
+    parse.__name__ = "positive number"
+    return parse
+
+
+def parse(arguments):
+    """The options; bad ones end the program with status 2 and a usage."""
+    parser = argparse.ArgumentParser(
+        prog="scripts/bench", description="Measures lb beside fping, on the same links at the same rate.",
+        epilog="LB_PROGRAM names another build's lb. docs/benchmarks.md tells how to read the table.")
+    parser.add_argument("--quick", action="store_true",
+                        help="64 interfaces, IPv4, both paths, costs only: under a minute")
+    parser.add_argument("--interfaces", type=_list_of(lambda n: 1 <= n <= 4000, int), metavar="N,...",
+                        help=f"default: {','.join(map(str, INTERFACES))}")
+    parser.add_argument("--family", type=_list_of(FAMILIES.__contains__, int), metavar="4,6", help="default: both")
+    parser.add_argument("--path", type=_list_of(PATHS.__contains__, str), metavar="frame,raw", help="default: both")
+    parser.add_argument("--rounds", type=_positive(int), metavar="N",
+                        help="windows of lb and of fping for each row, in turns (default: 3)")
+    parser.add_argument("--seconds", type=_positive(float), metavar="S", help="least length of a window (default: 6)")
+    options = parser.parse_args(arguments)
+    quick = options.quick
+    options.interfaces = options.interfaces or ([64] if quick else list(INTERFACES))
+    options.family = options.family or ([4] if quick else list(FAMILIES))
+    options.path = options.path or list(PATHS)
+    options.rounds = options.rounds or (2 if quick else 3)
+    options.seconds = options.seconds or (3 if quick else 6)
+    return options

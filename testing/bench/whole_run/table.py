@@ -1,0 +1,44 @@
+"""The rows as text."""
+
+_HEADS = ("interfaces", "family", "path", "VRFs", "lb us/probe", "fping us/probe", "ratio", "switches/probe",
+          "probe every s", "at most s", "RSS kB", "kB/interface", "threads", "descriptors")
+
+
+def _number(value, digits):
+    return "-" if value is None else f"{value:.{digits}f}"
+
+
+def _cells(row):
+    case = row.case
+    return (str(case.interfaces), f"IPv{case.family}", case.path, str(case.vrfs), _number(row.lb_us, 1),
+            _number(row.fping_us, 1), "refused" if row.refusal else _number(row.ratio, 2), _number(row.switches, 1),
+            _number(row.cycle, 3), _number(row.cycle_max, 3), str(row.resident_kib),
+            _number(row.kib_per_interface, 1), str(row.threads), str(row.descriptors))
+
+
+def lined_up(heads, lines):
+    """A table as Markdown has it, with its columns in line."""
+    widths = [max(len(line[column]) for line in (heads, *lines)) for column in range(len(heads))]
+
+    def written(cells):
+        return "| " + " | ".join(cell.rjust(width) for cell, width in zip(cells, widths)) + " |"
+
+    rule = "|" + "|".join("-" * (width + 1) + ":" for width in widths) + "|"
+    return "\n".join([written(heads), rule, *map(written, lines)])
+
+
+def notes(rows):
+    """What a reader must know of these rows."""
+    texts = [f"{row.case}: no ratio, {row.refusal}" for row in rows if row.refusal]
+    texts += [f"{row.case}: {row.ended_threads} threads ended within a window; what they used of switches is missing"
+              for row in rows if row.ended_threads]
+    if any(not row.case.answered for row in rows):
+        texts.append("IPv6 on the raw path: no probe succeeds there, as documented; with resp-time 500 every second "
+                     "cycle sends one, and fping has that rate too")
+    if any(row.case.permanent_neighbours for row in rows):
+        texts.append("over 300 interfaces the neighbours are permanent entries: the machine has one table, of 1024")
+    return texts
+
+
+def table(rows):
+    return "\n".join([lined_up(_HEADS, [_cells(row) for row in rows]), *(f"* {note}" for note in notes(rows))])
