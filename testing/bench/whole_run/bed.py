@@ -12,6 +12,8 @@ from lab.many_links import ManyLinks, Strand
 
 from .far_end import FarEnd
 
+_BURST_GAP = 0.1  # milliseconds from probe to probe
+
 # As a router logs: neither every message, nor every repeat.
 _LOG_FLAGS = "34 2\n"
 
@@ -80,8 +82,8 @@ class Bed:
         """The daemon, when every interface has settled and every thread runs."""
         case, lb = self.case, self.lab.start_lb(self.config())
         patience = 60 + case.interfaces / 4
-        # Whatever it does at its start, with sockets still to be made, is over after three cycles.
-        lb.wait_cycles(3, case.family, timeout=patience)
+        # What it does at its start, with sockets still to be made, is over with the first cycle.
+        lb.wait_cycles(2, case.family, timeout=patience)
         if case.answered:
             wanted = {strand.name for strand in self.probed}
             waiting.wait_until(lambda: {name for name, status in lb.statuses(case.family).items()
@@ -90,14 +92,18 @@ class Bed:
                                timeout=patience, interval=0.1)
         return lb
 
-    def start_fping(self, period):
-        """One fping for each VRF; `period` in seconds. They go on until they are ended."""
+    def start_fping(self, period, burst):
+        """One fping for each VRF; `period` in seconds. They go on until they are ended.
+
+        burst: all targets one after the other, as the daemon does, then nothing until the period is over. Else they
+        follow each other evenly, and each probe finds its processor asleep.
+        """
         started = []
         for vrf in self.vrfs:
             targets = [strand.gateway for strand in self.probed if strand.vrf == vrf]
             path = self.lab.write(f"run/targets{vrf or ''}", "\n".join(targets) + "\n")
-            # Targets follow each other evenly. A little less than their share of the period leaves -p in charge.
-            gap = 900 * period / len(targets)
+            # A little less than a target's share of the period leaves -p in charge.
+            gap = _BURST_GAP if burst else 900 * period / len(targets)
             started.append(self.lab.enclosure.spawn(
                 ["fping", f"-{self.case.family}", "-l", "-q", "-p", f"{1000 * period:.0f}", "-i", f"{gap:.2f}",
                  "-f", path], netns=vrf))

@@ -43,11 +43,12 @@ def parse(arguments):
     parser.add_argument("--rounds", type=_positive(int), metavar="N",
                         help="windows of lb and of fping for each row, in turns (default: 3)")
     parser.add_argument("--seconds", type=_positive(float), metavar="S", help="least length of a window (default: 6)")
+    parser.add_argument("--json", metavar="FILE", help="everything that was measured")
     options = parser.parse_args(arguments)
     quick = options.quick
     options.interfaces = options.interfaces or ([64] if quick else list(INTERFACES))
     options.family = options.family or ([4] if quick else list(FAMILIES))
     options.path = options.path or list(PATHS)
     options.rounds = options.rounds or (2 if quick else 3)
-    options.seconds = options.seconds or (3 if quick else 6)
+    options.seconds = options.seconds or (2 if quick else 6)
     return options

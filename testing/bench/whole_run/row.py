@@ -6,26 +6,33 @@ from statistics import median
 from .case import Case
 
 
-def unequal(pairs, targets):
-    """Why no ratio is told of these windows: a text; None when both sent the same, to a probe per target."""
-    for number, (lb, fping) in enumerate(pairs, 1):
-        if lb.probes <= 0 or fping.probes <= 0:
-            return f"round {number}: {lb.probes} probes by lb, {fping.probes} by fping"
-        if abs(lb.probes - fping.probes) > targets:
-            return (f"round {number}: lb sent {lb.probes} probes and fping {fping.probes}, more than one per target "
-                    f"({targets}) apart")
-    return None
+def unequal(rounds, targets):
+    """Why no ratio is told of these rounds: a text; empty when all sent the same, to a probe per target."""
+    for number, one in enumerate(rounds, 1):
+        sent = (one.lb.probes, one.even.probes, one.burst.probes)
+        told = f"round {number}: {sent[0]} probes by lb, {sent[1]} and {sent[2]} by fping"
+        if min(sent) <= 0:
+            return told
+        if max(abs(sent[0] - other) for other in sent[1:]) > targets:
+            return f"{told}: more than one for each of {targets} targets apart"
+    return ""
 
 
 @dataclass
 class Row:
-    """Costs are medians over the rounds, in microseconds; the cycle is in seconds. No ratio where `refusal` says why."""
+    """Medians over the rounds; costs in microseconds per probe, times in seconds.
+
+    fping sends evenly ("even") or all targets in a row, as the daemon does ("burst"), which costs it less. The ratios
+    are None where `refusal` tells why.
+    """
 
     case: Case
-    lb_us: float
-    fping_us: float
-    ratio: float
     refusal: str
+    lb_us: float
+    even_us: float
+    burst_us: float
+    ratio_even: float
+    ratio_burst: float
     switches: float
     fping_switches: float
     cycle: float
@@ -35,28 +42,31 @@ class Row:
     descriptors: int
     ended_threads: int
     probes: int
-    fping_probes: int
+    rounds: list
     kib_per_interface: float = None
-    rounds: list = None
 
 
-def row(case, pairs):
-    refusal = unequal(pairs, case.interfaces)
-    lbs, fpings = zip(*pairs)
-    intervals = [interval for lb in lbs for interval in lb.intervals]
-    costs = [[window.cpu_per_probe if window.probes else None for window in windows] for windows in (lbs, fpings)]
-    middle = [median(cost for cost in side if cost is not None) if any(side) else None for side in costs]
-    # Rounds are compared with themselves: what disturbs one disturbs both of its windows.
-    ratio = None if refusal else median(mine / other for mine, other in zip(*costs))
+def row(case, rounds):
+    refusal = unequal(rounds, case.interfaces)
+    lbs = [one.lb for one in rounds]
+    cycles = [cycle for lb in lbs for cycle in lb.cycles]
+
+    def ratio(side):
+        # Rounds are compared with themselves: what disturbs one disturbs all of its windows.
+        if refusal:
+            return None
+        return median(one.lb.cpu_per_probe / getattr(one, side).cpu_per_probe for one in rounds)
+
     return Row(
-        case, middle[0], middle[1], ratio, refusal,
-        median(lb.switches_per_probe for lb in lbs if lb.probes) if middle[0] else None,
-        median(fping.switches_per_probe for fping in fpings if fping.probes) if middle[1] else None,
-        median(intervals) if intervals else None, max(intervals, default=None),
-        max(lb.holdings.resident_kib for lb in lbs), max(lb.holdings.threads for lb in lbs),
-        max(lb.holdings.descriptors for lb in lbs), sum(lb.ended_threads for lb in lbs),
-        sum(lb.probes for lb in lbs), sum(fping.probes for fping in fpings),
-        rounds=[{"lb_us": mine, "fping_us": other} for mine, other in zip(*costs)])
+        case, refusal,
+        *[median(getattr(one, side).cpu_per_probe for one in rounds) for side in ("lb", "even", "burst")],
+        ratio("even"), ratio("burst"),
+        median(lb.switches_per_probe for lb in lbs), median(one.even.switches_per_probe for one in rounds),
+        median(cycles) if cycles else None, max(cycles, default=None),
+        *[max(getattr(lb.holdings, name) for lb in lbs) for name in ("resident_kib", "threads", "descriptors")],
+        sum(lb.ended_threads for lb in lbs), sum(lb.probes for lb in lbs),
+        [{side: {"probes": getattr(one, side).probes, "us_per_probe": getattr(one, side).cpu_per_probe,
+                 "seconds": getattr(one, side).seconds} for side in ("lb", "even", "burst")} for one in rounds])
 
 
 def tell_memory_per_interface(rows):

@@ -10,6 +10,7 @@ from lab import daemon
 from .bed import Bed
 from .case import cases
 from .options import parse
+from .record import record, write
 from .row import row, tell_memory_per_interface
 from .table import table
 from .windows import rounds
@@ -47,4 +48,6 @@ def measure(options):
             rows.append(row(case, rounds(bed, options.rounds, options.seconds, _tell)))
     tell_memory_per_interface(rows)
     print(table(rows))
+    if options.json:
+        write(options.json, record(rows))
     return 1 if any(one.refusal for one in rows) else 0

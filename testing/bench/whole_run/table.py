@@ -1,18 +1,25 @@
-"""The rows as text."""
+"""The rows as text. Costs and context switches are per probe."""
 
-_HEADS = ("interfaces", "family", "path", "VRFs", "lb us/probe", "fping us/probe", "ratio", "switches/probe",
-          "probe every s", "at most s", "RSS kB", "kB/interface", "threads", "descriptors")
+import math
+
+_HEADS = ("interfaces", "family", "path", "VRFs", "lb us", "fping us", "ratio", "fping burst us", "ratio", "switches",
+          "cycle s", "longest s", "RSS kB", "kB/interface", "threads", "descriptors")
 
 
 def _number(value, digits):
-    return "-" if value is None else f"{value:.{digits}f}"
+    return "-" if value is None or math.isnan(value) else f"{value:.{digits}f}"
+
+
+def _ratio(row, value):
+    return "refused" if row.refusal else _number(value, 2)
 
 
 def _cells(row):
     case = row.case
     return (str(case.interfaces), f"IPv{case.family}", case.path, str(case.vrfs), _number(row.lb_us, 1),
-            _number(row.fping_us, 1), "refused" if row.refusal else _number(row.ratio, 2), _number(row.switches, 1),
-            _number(row.cycle, 3), _number(row.cycle_max, 3), str(row.resident_kib),
+            _number(row.even_us, 1), _ratio(row, row.ratio_even), _number(row.burst_us, 1),
+            _ratio(row, row.ratio_burst), _number(row.switches, 1), _number(row.cycle, 3),
+            _number(row.cycle_max, 3), str(row.resident_kib),
             _number(row.kib_per_interface, 1), str(row.threads), str(row.descriptors))
 
 
@@ -33,12 +40,13 @@ def notes(rows):
     texts += [f"{row.case}: {row.ended_threads} threads ended within a window; what they used of switches is missing"
               for row in rows if row.ended_threads]
     if any(not row.case.answered for row in rows):
-        texts.append("IPv6 on the raw path: no probe succeeds there, as documented; with resp-time 500 every second "
-                     "cycle sends one, and fping has that rate too")
+        texts.append("IPv6 on the raw path: no probe succeeds there, as documented; every second cycle sends one, "
+                     "and fping has that rate too")
     if any(row.case.permanent_neighbours for row in rows):
         texts.append("over 300 interfaces the neighbours are permanent entries: the machine has one table, of 1024")
     return texts
 
 
 def table(rows):
-    return "\n".join([lined_up(_HEADS, [_cells(row) for row in rows]), *(f"* {note}" for note in notes(rows))])
+    text = lined_up(_HEADS, [_cells(row) for row in rows])
+    return "\n".join([text, *(f"* {note}" for note in notes(rows))])

@@ -1,13 +1,13 @@
-"""A window of the daemon and one of fping, one after the other on the same links.
+"""A window of the daemon and two of fping, one after the other on the same links.
 
 They never run at the same time: each one's raw sockets would get the other's replies.
 """
 
+import math
 import os
 import signal
 import time
 from dataclasses import dataclass
-from statistics import median
 
 from lab import waiting
 
@@ -16,7 +16,7 @@ from .usage import Holdings, holdings, look, outer_pid, used
 
 @dataclass
 class Window:
-    """`probes` were counted at the far end; `cpu` is in seconds; `intervals` lie between two probes of one link."""
+    """`probes` were counted at the far end; `cpu` is in seconds; `cycles` are seconds from one to the next."""
 
     seconds: float
     probes: int
@@ -24,86 +24,102 @@ class Window:
     voluntary: int
     involuntary: int
     ended_threads: int
-    intervals: list
+    cycles: list
     holdings: Holdings
 
     @property
     def cpu_per_probe(self):
-        """Microseconds."""
-        return 1e6 * self.cpu / self.probes
+        """Microseconds; not a number without probes."""
+        return 1e6 * self.cpu / self.probes if self.probes else math.nan
 
     def period(self, targets):
-        """Seconds between two probes of one target."""
-        return median(self.intervals) if self.intervals else self.seconds * targets / max(self.probes, 1)
+        """Mean seconds between two probes of one target. At times a cycle skips one that it has not judged yet."""
+        return self.seconds * targets / max(self.probes, 1)
 
     @property
     def switches_per_probe(self):
-        return (self.voluntary + self.involuntary) / self.probes
+        return (self.voluntary + self.involuntary) / self.probes if self.probes else math.nan
 
 
 def _measure(bed, processes, until):
-    """What happens while `until` waits."""
+    """What happens while `until` waits; it returns how long cycles took."""
     holder = bed.lab.enclosure.holder_pid()
     pids = [outer_pid(holder, process.pid) for process in processes]
-    # One link of each VRF is watched, the last.
-    watches = [bed.far.watch(strand) for strand in {strand.vrf: strand for strand in bed.probed}.values()]
     started, probes, before = time.monotonic(), bed.far.probes(), [look(pid) for pid in pids]
-    until()
+    cycles = until()
     probes, seconds = bed.far.probes() - probes, time.monotonic() - started
     sums = [used(*looks) for looks in zip(before, [look(pid) for pid in pids])]
     held = [holdings(pid) for pid in pids]
-    moments = [watch.close() for watch in watches]
     return Window(seconds, probes, *[sum(getattr(one, name) for one in sums)
-                                     for name in ("cpu", "voluntary", "involuntary", "ended")],
-                  [later - earlier for times in moments for earlier, later in zip(times, times[1:])],
+                                     for name in ("cpu", "voluntary", "involuntary", "ended")], cycles,
                   Holdings(*[sum(getattr(one, name) for one in held)
                              for name in ("resident_kib", "threads", "descriptors")]))
 
 
-def _after_report(lb, family):
-    """Waits for the end of the moment at which a cycle's report is written. Then there is a second's rest."""
+def next_report(lb, family):
+    """Waits for the end of the moment at which a cycle's report is written. Then there is a second's rest.
+
+    Returns the time of the file, in seconds of the wall clock.
+    """
     path = lb.report_path(family)
     seen = os.stat(path).st_mtime_ns
     waiting.wait_until(lambda: os.stat(path).st_mtime_ns != seen, "a report", timeout=120, interval=0.005)
     time.sleep(0.03)  # emptied, then written: two stamps
+    return os.stat(path).st_mtime
 
 
 def lb_window(bed, seconds):
     """The daemon's window: whole cycles, for `seconds` at least and two probes."""
-    lb, family = bed.start_lb(), bed.case.family
-    try:
-        def cycles():
-            end, count = time.monotonic() + seconds, 0
-            while time.monotonic() < end or count < 2 * bed.case.cycles_per_probe or count % bed.case.cycles_per_probe:
-                _after_report(lb, family)
-                count += 1
+    lb, case = bed.start_lb(), bed.case
 
-        _after_report(lb, family)
-        return _measure(bed, [lb.process], cycles)
+    def whole_cycles():
+        # The VRFs' workers write one report at moments of their own: there, one link's probes tell the cycle.
+        watch = bed.far.watch(bed.probed[-1]) if case.vrfs > 1 else None
+        end, stamps = time.monotonic() + seconds, [first]
+        least = 2 * case.cycles_per_probe
+        while time.monotonic() < end or len(stamps) <= least or (len(stamps) - 1) % case.cycles_per_probe:
+            stamps.append(next_report(lb, case.family))
+        stamps = watch.close() if watch else stamps
+        return [later - earlier for earlier, later in zip(stamps, stamps[1:])]
+
+    try:
+        first = next_report(lb, case.family)
+        return _measure(bed, [lb.process], whole_cycles)
     finally:
         lb.stop()
 
 
-def fping_window(bed, period, seconds):
+def fping_window(bed, period, seconds, burst):
     """fping's window with that period, when every target has had its first probe."""
-    before, processes = bed.far.probes(), bed.start_fping(period)
+    before, processes = bed.far.probes(), bed.start_fping(period, burst)
     try:
-        waiting.wait_until(lambda: bed.far.probes() - before >= len(bed.probed) + 1, "fping's second round",
-                           timeout=30 + 3 * period, interval=0.05)
-        return _measure(bed, processes, lambda: time.sleep(seconds))
+        waiting.wait_until(lambda: bed.far.probes() - before > len(bed.probed) / (2 if burst else 1),
+                           "fping's first probes", timeout=30 + 3 * period, interval=0.05)
+        if burst:
+            time.sleep(min(period / 2, 0.5))  # the window begins and ends between two bursts
+        return _measure(bed, processes, lambda: time.sleep(seconds) or [])
     finally:
         for process in processes:
             process.signal(signal.SIGKILL)
             process.wait()
 
 
+@dataclass
+class Round:
+    """The daemon's window, and two of fping with the cycle and the length that the daemon's had."""
+
+    lb: Window
+    even: Window
+    burst: Window
+
+
 def rounds(bed, count, seconds, tell=lambda text: None):
-    """[(the daemon's window, fping's)]: fping's has the cycle and the length that the daemon's had."""
-    pairs = []
+    done = []
     for number in range(1, count + 1):
         lb = lb_window(bed, seconds)
-        fping = fping_window(bed, lb.period(len(bed.probed)), lb.seconds)
-        tell(f"{bed.case}: round {number} of {count}: lb {lb.cpu_per_probe:.0f} us, "
-             f"fping {fping.cpu_per_probe:.0f} us per probe")
-        pairs.append((lb, fping))
-    return pairs
+        period = lb.period(len(bed.probed))
+        even, burst = [fping_window(bed, period, lb.seconds, burst) for burst in (False, True)]
+        tell(f"{bed.case}: round {number} of {count}: us per probe: lb {lb.cpu_per_probe:.0f}, fping evenly "
+             f"{even.cpu_per_probe:.0f}, in bursts {burst.cpu_per_probe:.0f}")
+        done.append(Round(lb, even, burst))
+    return done
