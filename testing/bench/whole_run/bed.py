@@ -66,21 +66,21 @@ class Bed:
             self.lab.ip(*lines, "link set lo up", netns=vrf)
         self.lab.ip(*far, "link set lo up", netns=self.links.far)
 
-    def config(self):
+    def _config(self, strands):
         case = self.case
         family6 = case.family == 6
         blocks = [interface(strand.name, [ping(strand.gateway, resp_time=case.resp_time)], ipv6=family6, success_ct=1,
                             nexthop=strand.gateway, **({"namespace": strand.vrf} if strand.vrf else {}))
-                  for strand in self.strands]
+                  for strand in strands]
         rules = [rule(f"{number}_ipv{case.family}",
-                      {strand.name: 1 for strand in self.strands if strand.vrf == vrf},
+                      {strand.name: 1 for strand in strands if strand.vrf == vrf},
                       {"::/0" if family6 else "0.0.0.0/0": None}, namespace=vrf)
                  for number, vrf in enumerate(self.vrfs, 1)]
         return configtext.build(blocks, rules)
 
-    def start_lb(self):
-        """The daemon, when every interface has settled and every thread runs."""
-        case, lb = self.case, self.lab.start_lb(self.config())
+    def start_lb(self, strands=None):
+        """The daemon, when every interface has settled and every thread runs. It probes all that somebody answers."""
+        case, lb = self.case, self.lab.start_lb(self._config(strands or self.probed))
         patience = 60 + case.interfaces / 4
         # What it does at its start, with sockets still to be made, is over with the first cycle.
         lb.wait_cycles(2, case.family, timeout=patience)

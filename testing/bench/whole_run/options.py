@@ -4,6 +4,7 @@ import argparse
 
 from .case import FAMILIES, PATHS
 
+PARTS = ("costs", "vrfs", "dead-gateway", "switching")
 INTERFACES = (1, 16, 64, 256, 1000)
 
 
@@ -43,12 +44,17 @@ def parse(arguments):
     parser.add_argument("--rounds", type=_positive(int), metavar="N",
                         help="windows of lb and of fping for each row, in turns (default: 3)")
     parser.add_argument("--seconds", type=_positive(float), metavar="S", help="least length of a window (default: 6)")
+    parser.add_argument("--cuts", type=_positive(int), metavar="N", help="for the switch times (default: 100)", default=100)
+    parser.add_argument("--part", type=_list_of(PARTS.__contains__, str), metavar=f"{PARTS[0]},...",
+                        help=f"some of: {', '.join(PARTS)} (default: all; with --quick: costs)")
     parser.add_argument("--json", metavar="FILE", help="everything that was measured")
+    parser.add_argument("--svg", metavar="FILE", help="a plot of costs and switch times; needs gnuplot")
     options = parser.parse_args(arguments)
     quick = options.quick
     options.interfaces = options.interfaces or ([64] if quick else list(INTERFACES))
     options.family = options.family or ([4] if quick else list(FAMILIES))
     options.path = options.path or list(PATHS)
+    options.part = options.part or (["costs"] if quick else list(PARTS))
     options.rounds = options.rounds or (2 if quick else 3)
     options.seconds = options.seconds or (2 if quick else 6)
     return options

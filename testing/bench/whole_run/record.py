@@ -19,16 +19,16 @@ def _plain(value):
     return None if isinstance(value, float) and not math.isfinite(value) else value
 
 
-def record(rows, goals=(), dead_gateway=None, switching=None):
+def record(results, goals):
     return _plain({
         "format": FORMAT,
         "when": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
         "kernel": platform.release(),
         "processors": os.cpu_count(),
-        "rows": [asdict(row) for row in rows],
+        "rows": [asdict(row) for row in results.rows],
         "goals": [asdict(goal) for goal in goals],
-        "dead_gateway": dead_gateway and asdict(dead_gateway),
-        "switching": switching and asdict(switching),
+        "dead_gateways": [{**asdict(dead), "added": dead.added} for dead in results.dead_gateways],
+        "switching": [asdict(times) for times in results.switching],
     })
 
 

@@ -1,6 +1,8 @@
-"""The rows as text. Costs and context switches are per probe."""
+"""The results as text. Costs and context switches are per probe."""
 
 import math
+
+from .distribution import summary
 
 _HEADS = ("interfaces", "family", "path", "VRFs", "lb us", "fping us", "ratio", "fping burst us", "ratio", "switches",
           "cycle s", "longest s", "RSS kB", "kB/interface", "threads", "descriptors")
@@ -23,14 +25,17 @@ def _cells(row):
             _number(row.kib_per_interface, 1), str(row.threads), str(row.descriptors))
 
 
-def lined_up(heads, lines):
-    """A table as Markdown has it, with its columns in line."""
+def lined_up(heads, lines, left=0):
+    """A table as Markdown has it, with its columns in line; the first `left` columns start at the left."""
     widths = [max(len(line[column]) for line in (heads, *lines)) for column in range(len(heads))]
 
     def written(cells):
-        return "| " + " | ".join(cell.rjust(width) for cell, width in zip(cells, widths)) + " |"
+        padded = [cell.ljust(width) if column < left else cell.rjust(width)
+                  for column, (cell, width) in enumerate(zip(cells, widths))]
+        return "| " + " | ".join(padded) + " |"
 
-    rule = "|" + "|".join("-" * (width + 1) + ":" for width in widths) + "|"
+    rule = "|" + "|".join("-" * (width + 1) + ("-" if column < left else ":")
+                          for column, width in enumerate(widths)) + "|"
     return "\n".join([written(heads), rule, *map(written, lines)])
 
 
@@ -50,3 +55,25 @@ def notes(rows):
 def table(rows):
     text = lined_up(_HEADS, [_cells(row) for row in rows])
     return "\n".join([text, *(f"* {note}" for note in notes(rows))])
+
+
+def switching_table(results):
+    """Milliseconds, of every family that was cut."""
+    lines = []
+    for times in results:
+        for what, values in (("silence to FAILED", times.detection), ("FAILED to the kernel's route", times.switch),
+                             ("ACTIVE to the kernel's route", times.back)):
+            found = summary(values)
+            lines.append((f"IPv{times.family}: {what}", str(found["count"]),
+                          *[f"{1000 * found[name]:.1f}" for name in ("p50", "p99", "max")]))
+    return lined_up(("", "cuts", "p50 ms", "p99 ms", "max ms"), lines, left=1)
+
+
+def dead_gateway_line(dead):
+    return (f"{dead.interfaces} interfaces, IPv{dead.family}: cycle {dead.healthy:.3f} s, with a dead gateway beside "
+            f"them {dead.dead:.3f} s: {1000 * dead.added:.0f} ms more")
+
+
+def goals_table(goals):
+    return lined_up(("goal", "bound", "measured", ""),
+                    [(goal.name, goal.bound, goal.measured, "met" if goal.met else "NOT MET") for goal in goals], left=1)

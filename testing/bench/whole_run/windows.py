@@ -75,7 +75,7 @@ def lb_window(bed, seconds):
     def whole_cycles():
         # The VRFs' workers write one report at moments of their own: there, one link's probes tell the cycle.
         watch = bed.far.watch(bed.probed[-1]) if case.vrfs > 1 else None
-        end, stamps = time.monotonic() + seconds, [first]
+        end, stamps = time.monotonic() + (max(seconds, 4) if watch else seconds), [first]
         least = 2 * case.cycles_per_probe
         while time.monotonic() < end or len(stamps) <= least or (len(stamps) - 1) % case.cycles_per_probe:
             stamps.append(next_report(lb, case.family))
