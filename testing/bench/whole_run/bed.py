@@ -18,6 +18,12 @@ _BURST_GAP = 0.1  # milliseconds from probe to probe
 _LOG_FLAGS = "34 2\n"
 
 
+def link_local(mac):
+    """The kernel's own address for a hardware address that begins with 02:00:00."""
+    digits = mac.replace(":", "")
+    return f"fe80::ff:fe{digits[6:8]}:{int(digits[8:], 16):x}"
+
+
 class Bed:
     """Use as a context manager: what was started and made ends with it."""
 
@@ -56,12 +62,11 @@ class Bed:
     def _make_neighbours_permanent(self):
         near, far = {vrf: [] for vrf in self.vrfs}, []
         for strand in self.probed:
-            mac, number = strand.mac, strand.number
-            link_local = f"fe80::ff:fe{number >> 8:02x}:{int(mac[12:14] + mac[15:17], 16):x}"
             near[strand.vrf].append(f"neigh replace {strand.gateway} lladdr {strand.far_mac} dev {strand.name} "
                                     "nud permanent")
-            for address in (strand.address6, link_local) if strand.ipv6 else (strand.address,):
-                far.append(f"neigh replace {address} lladdr {mac} dev {strand.far_name} nud permanent")
+            own = (strand.address6, link_local(strand.mac)) if strand.ipv6 else (strand.address,)
+            for address in own:
+                far.append(f"neigh replace {address} lladdr {strand.mac} dev {strand.far_name} nud permanent")
         for vrf, lines in near.items():
             self.lab.ip(*lines, "link set lo up", netns=vrf)
         self.lab.ip(*far, "link set lo up", netns=self.links.far)

@@ -1,6 +1,8 @@
 """The command line."""
 
 import argparse
+import os
+import sys
 
 from .case import FAMILIES, PATHS
 
@@ -33,7 +35,8 @@ def _positive(kind):
 def parse(arguments):
     """The options; bad ones end the program with status 2 and a usage."""
     parser = argparse.ArgumentParser(
-        prog="scripts/bench", description="Measures lb beside fping, on the same links at the same rate.",
+        prog="scripts/bench", allow_abbrev=False,
+        description="Measures lb beside fping, on the same links at the same rate.",
         epilog="LB_PROGRAM names another build's lb. docs/benchmarks.md tells how to read the table.")
     parser.add_argument("--quick", action="store_true",
                         help="64 interfaces, IPv4, both paths, costs only: under a minute")
@@ -50,6 +53,10 @@ def parse(arguments):
     parser.add_argument("--json", metavar="FILE", help="everything that was measured")
     parser.add_argument("--svg", metavar="FILE", help="a plot of costs and switch times; needs gnuplot")
     options = parser.parse_args(arguments)
+    for path in filter(None, (options.json, options.svg)):
+        # Told now rather than after an hour.
+        if os.path.isdir(path) or not os.access(os.path.dirname(os.path.abspath(path)), os.W_OK):
+            parser.error(f"{path} cannot be written")
     quick = options.quick
     options.interfaces = options.interfaces or ([64] if quick else list(INTERFACES))
     options.family = options.family or ([4] if quick else list(FAMILIES))
@@ -58,3 +65,7 @@ def parse(arguments):
     options.rounds = options.rounds or (2 if quick else 3)
     options.seconds = options.seconds or (2 if quick else 6)
     return options
+
+
+if __name__ == "__main__":
+    parse(sys.argv[1:])

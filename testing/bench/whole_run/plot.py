@@ -56,11 +56,11 @@ def script(rows, switching):
     costs, times = _cost_curves(rows), _time_curves(switching)
     if costs:
         panels.append(_panel("cost", "set title 'CPU per probe (fping in bursts)'\nset xlabel 'interfaces'\n"
-                             "set ylabel 'microseconds'\nset logscale xy\nset key left top", costs))
+                             "set ylabel 'microseconds'\nset logscale xy\nset key below", costs))
     if times:
         panels.append(_panel("time", "unset logscale\nset logscale x\nset title 'Switch times'\n"
                              "set xlabel 'milliseconds'\nset ylabel 'share of cuts'\nset yrange [0:1.05]\n"
-                             "set key left top", times))
+                             "set key below", times))
     if not panels:
         return ""
     return (f"set terminal svg size {650 * len(panels)},480 font 'sans,12' background rgb 'white'\n"
