@@ -97,7 +97,8 @@ def tell(options, results):
     texts += [table.dead_gateway_line(dead) for dead in results.dead_gateways]
     if held:
         texts.append(table.goals_table(held))
-    print("\n\n".join(texts), flush=True)
+    if texts:
+        print("\n\n".join(texts), flush=True)
     if options.json:
         record.write(options.json, record.record(results, held))
     if options.svg:
