@@ -107,8 +107,10 @@ class Bed:
         for vrf in self.vrfs:
             targets = [strand.gateway for strand in self.probed if strand.vrf == vrf]
             path = self.lab.write(f"run/targets{vrf or ''}", "\n".join(targets) + "\n")
-            # A little less than a target's share of the period leaves -p in charge.
-            gap = _BURST_GAP if burst else 900 * period / len(targets)
+            # A target's share of the period, and less, so that -p stays in charge: a probe that is late delays all
+            # that follow by as much.
+            share = 1000 * period / len(targets)
+            gap = _BURST_GAP if burst else 0.9 * share if share > 5 else 0.4 * share
             started.append(self.lab.enclosure.spawn(
                 ["fping", f"-{self.case.family}", "-l", "-q", "-p", f"{1000 * period:.0f}", "-i", f"{gap:.2f}",
                  "-f", path], netns=vrf))

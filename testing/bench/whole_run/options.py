@@ -47,7 +47,8 @@ def parse(arguments):
     parser.add_argument("--rounds", type=_positive(int), metavar="N",
                         help="windows of lb and of fping for each row, in turns (default: 3)")
     parser.add_argument("--seconds", type=_positive(float), metavar="S", help="least length of a window (default: 6)")
-    parser.add_argument("--cuts", type=_positive(int), metavar="N", help="for the switch times (default: 100)", default=100)
+    parser.add_argument("--cuts", type=_positive(int), metavar="N", default=100,
+                        help="for the switch times (default: 100)")
     parser.add_argument("--part", type=_list_of(PARTS.__contains__, str), metavar=f"{PARTS[0]},...",
                         help=f"some of: {', '.join(PARTS)} (default: all; with --quick: costs)")
     parser.add_argument("--json", metavar="FILE", help="everything that was measured")

@@ -87,7 +87,8 @@ def measure(options, results):
 
 def tell(options, results):
     tell_memory_per_interface(results.rows)
-    held = [*goals.of_rows(results.rows), *[goal for one in results.dead_gateways for goal in goals.of_dead_gateway(one)],
+    held = [*goals.of_rows(results.rows),
+            *[goal for one in results.dead_gateways for goal in goals.of_dead_gateway(one)],
             *[goal for one in results.switching for goal in goals.of_switching(one)]]
     texts = []
     if results.rows:

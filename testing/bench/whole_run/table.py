@@ -75,5 +75,5 @@ def dead_gateway_line(dead):
 
 
 def goals_table(goals):
-    return lined_up(("goal", "bound", "measured", ""),
-                    [(goal.name, goal.bound, goal.measured, "met" if goal.met else "NOT MET") for goal in goals], left=1)
+    lines = [(goal.name, goal.bound, goal.measured, "met" if goal.met else "NOT MET") for goal in goals]
+    return lined_up(("goal", "bound", "measured", ""), lines, left=1)
