@@ -49,6 +49,7 @@ def test_row_of_equal_rounds():
     assert (made.refusal, round(made.lb_us, 6), round(made.ratio_even, 6), round(made.ratio_burst, 6)) == (
         "", 60, 0.6, 1.5)
     assert (made.switches, made.cycle, made.cycle_max, made.probes) == (2, 1.03, 1.2, 384)
+    assert row.row(Case(32), [one_round(window(seconds=6))]).probe_every == 1.5
 
 
 @pytest.mark.parametrize("side", ["even", "burst"])
@@ -237,7 +238,7 @@ def test_two_interfaces(capsys):
         assert not made.lab.finish()
     result = row.row(Case(2), rounds)
     print(table.table([result]))
-    assert not result.refusal and result.probes >= 3 and rounds[0].even.probes >= 2
+    assert not result.refusal and result.probes >= 2 and rounds[0].even.probes >= 2
     assert 5 < result.lb_us < 50_000 and 5 < result.even_us < 50_000
     assert 0 < result.ratio_even < 500 and 0 < result.switches < 500
     assert 1.0 <= result.cycle < 5 and result.resident_kib > 1000 and result.threads >= 5 and result.descriptors >= 10

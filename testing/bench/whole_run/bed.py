@@ -88,7 +88,7 @@ class Bed:
         case, lb = self.case, self.lab.start_lb(self._config(strands or self.probed))
         patience = 60 + case.interfaces / 4
         # What it does at its start, with sockets still to be made, is over with the first cycle.
-        lb.wait_cycles(2, case.family, timeout=patience)
+        lb.wait_cycles(1, case.family, timeout=patience)
         if case.answered:
             wanted = {strand.name for strand in self.probed}
             waiting.wait_until(lambda: {name for name, status in lb.statuses(case.family).items()

@@ -37,6 +37,7 @@ class Row:
     fping_switches: float
     cycle: float
     cycle_max: float
+    probe_every: float
     resident_kib: int
     threads: int
     descriptors: int
@@ -63,6 +64,7 @@ def row(case, rounds):
         ratio("even"), ratio("burst"),
         median(lb.switches_per_probe for lb in lbs), median(one.even.switches_per_probe for one in rounds),
         median(cycles) if cycles else None, max(cycles, default=None),
+        median(lb.period(case.interfaces) for lb in lbs),
         *[max(getattr(lb.holdings, name) for lb in lbs) for name in ("resident_kib", "threads", "descriptors")],
         sum(lb.ended_threads for lb in lbs), sum(lb.probes for lb in lbs),
         [{side: {"probes": getattr(one, side).probes, "us_per_probe": getattr(one, side).cpu_per_probe,

@@ -5,7 +5,7 @@ import math
 from .distribution import summary
 
 _HEADS = ("interfaces", "family", "path", "VRFs", "lb us", "fping us", "ratio", "fping burst us", "ratio", "switches",
-          "cycle s", "longest s", "RSS kB", "kB/interface", "threads", "descriptors")
+          "cycle s", "longest s", "probe every s", "RSS kB", "kB/interface", "threads", "descriptors")
 
 
 def _number(value, digits):
@@ -21,7 +21,7 @@ def _cells(row):
     return (str(case.interfaces), f"IPv{case.family}", case.path, str(case.vrfs), _number(row.lb_us, 1),
             _number(row.even_us, 1), _ratio(row, row.ratio_even), _number(row.burst_us, 1),
             _ratio(row, row.ratio_burst), _number(row.switches, 1), _number(row.cycle, 3),
-            _number(row.cycle_max, 3), str(row.resident_kib),
+            _number(row.cycle_max, 3), _number(row.probe_every, 3), str(row.resident_kib),
             _number(row.kib_per_interface, 1), str(row.threads), str(row.descriptors))
 
 
