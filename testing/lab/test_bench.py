@@ -7,11 +7,10 @@ import socket
 import struct
 import sys
 import time
-from types import SimpleNamespace
 
 import pytest
 
-from lab import many_links
+from lab import logsink, many_links
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "bench"))
 
@@ -183,6 +182,42 @@ def test_goals_of_times():
 def test_bound_of_a_cut_is_by_the_cycles_of_its_time():
     cut = switching.Cut("wan01", silent=10.5, failed=12.4)
     assert switching.bound(cut, [8.0, 10.0, 11.1, 12.3, 13.4, 20.0], 0.9) == pytest.approx(0.9 + 2 * 1.2)
+
+
+class InstantRouter:
+    """In place of links, log and route notifications: a daemon that settles, and a kernel that follows 10 ms later."""
+
+    def __init__(self, strands, standby):
+        self.records, self.seen, self.standby = [], [], standby
+        for strand in strands:
+            self.change(strand, "active", strand.gateway)
+
+    def change(self, strand, state, gateway):
+        now = time.monotonic()
+        text = f"IP interface {strand.name} changed state to {state}"
+        self.records.append(logsink.Record(now, f"<6>Nov 22 20:00:00 wan_lb[1]: %WAN-I-INSTANCE: {text}"))
+        self.seen.append((now + 0.010, switching.destination(strand), gateway))
+
+    def silence(self, strand):
+        # Of no concern: other destinations and gateways, another family's interface of that name.
+        self.seen += [(0.0, "192.0.2.0", self.standby.gateway), (0.0, switching.destination(strand), "10.99.0.1")]
+        self.records.append(logsink.Record(0.0, f"<6>x: IPv6 interface {strand.name} changed state to inactive"))
+        self.change(strand, "inactive", self.standby.gateway)
+
+    def restore(self, strand):
+        self.change(strand, "active", strand.gateway)
+
+
+def test_cuts_are_timed_one_by_one():
+    strands = [many_links.Strand(number) for number in range(1, 5)]
+    standby = strands.pop()
+    router = InstantRouter(strands, standby)
+    cutter = switching.Cutter(router, strands, standby, router, router, seed=1)
+    cutter.run(5)
+    assert len(cutter.done) == 5 and {cut.link for cut in cutter.done} <= {"wan01", "wan02", "wan03"}
+    for cut in cutter.done:
+        assert 0 <= cut.failed - cut.silent < 1 and cut.switched - cut.failed == pytest.approx(0.010)
+        assert cut.restored >= cut.failed and cut.returned - cut.active == pytest.approx(0.010)
 
 
 def test_json_is_whole(tmp_path):

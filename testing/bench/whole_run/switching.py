@@ -72,7 +72,12 @@ def bound(cut, cycles, resp_time):
     return resp_time + 2 * max(spans, default=1.0)
 
 
-class _Cutter:
+class Cutter:
+    """Cuts links that are active and have their routes, and restores those that have failed and lost them.
+
+    `log` and `routes` grow by themselves: `records` of the one, `seen` of the other.
+    """
+
     def __init__(self, links, strands, standby, log, routes, seed):
         self._links, self._log, self._routes = links, log, routes
         self._strands = {strand.name: strand for strand in strands}
@@ -90,7 +95,7 @@ class _Cutter:
         self._log_read += len(records)
         for record in records:
             found = STATE_CHANGE.search(record.text)
-            if not found or found[2] not in self._strands:
+            if not found or found[2] not in self._strands or bool(found[1]) != self._standby.ipv6:
                 continue
             name, active = found[2], found[3] == "active"
             (self._active.add if active else self._active.discard)(name)
@@ -154,7 +159,7 @@ def switching(family, cuts, seed=1):
         lb = lab.start_lb(config(strands, standby))
         lb.wait_cycles(1, family)
         watch = CycleWatch(lb, family)
-        cutter = _Cutter(links, strands, standby, lab.log, routes, seed)
+        cutter = Cutter(links, strands, standby, lab.log, routes, seed)
         try:
             cutter.run(cuts)
         finally:
