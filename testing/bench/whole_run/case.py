@@ -33,11 +33,6 @@ class Case:
         return 900 if self.answered else 500
 
     @property
-    def cycles_per_probe(self):
-        """A probe without an answer is judged after the next cycle's probes have left: that cycle sends none."""
-        return 1 if self.answered else 2
-
-    @property
     def permanent_neighbours(self):
         return self.interfaces > MOST_LEARNT_NEIGHBOURS
 

@@ -69,15 +69,15 @@ def next_report(lb, family):
 
 
 def lb_window(bed, seconds):
-    """The daemon's window: whole cycles, for `seconds` at least and two probes."""
+    """The daemon's window: whole cycles, an even number of them, for `seconds` at least."""
     lb, case = bed.start_lb(), bed.case
 
     def whole_cycles():
         # The VRFs' workers write one report at moments of their own: there, one link's probes tell the cycle.
         watch = bed.far.watch(bed.probed[-1]) if case.vrfs > 1 else None
         end, stamps = time.monotonic() + (max(seconds, 4) if watch else seconds), [first]
-        least = 2 * case.cycles_per_probe
-        while time.monotonic() < end or len(stamps) <= least or (len(stamps) - 1) % case.cycles_per_probe:
+        # By twos: while a probe is out, a cycle sends none; with one interface, or without answers, each second one.
+        while time.monotonic() < end or len(stamps) % 2 == 0:
             stamps.append(next_report(lb, case.family))
         stamps = watch.close() if watch else stamps
         return [later - earlier for earlier, later in zip(stamps, stamps[1:])]
