@@ -104,6 +104,7 @@ void LBOutput::write_status(const std::string& path, const LBConfig& config, boo
     LB_ERROR("wan_lb: error ordering output file %s", path.c_str());
     return;
   }
+  setvbuf(file, nullptr, _IONBF, 0);  // one write, whatever its size
   fputs(text.c_str(), file);
   fclose(file);
 }

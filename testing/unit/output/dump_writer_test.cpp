@@ -1,6 +1,9 @@
 // The dump operations of LBOutput.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
 
 #include "support/output_fixture.h"
 #include "support/recorded_log.h"
@@ -26,7 +29,8 @@ class FullDisk {
   CallHook<FILE*(const char*, const char*)> hook_;
 };
 
-// A call that fails once, after others of its kind, and how many records each file has then.
+// A call that fails once, after others of its kind, and how many records each file has then: those
+// before a text that cannot be formatted are written.
 struct FailingCall {
   const char* name;
   const char* call;
@@ -56,6 +60,13 @@ TEST_F(DumpWriterTest, RoutesHaveTheDestinationsThatAreWritten) {
   EXPECT_STREQ(records[2].destination, "0.0.0.0/0");
   EXPECT_EQ(int32_t{records[2].index}, 3);
   EXPECT_THAT(log_records(), IsEmpty());
+}
+
+// A reader finds the old file, for a moment an empty one, and then the whole new one.
+TEST_F(DumpWriterTest, OneWritePerFile) {
+  write();
+  EXPECT_EQ(call_count("fopen"), 4);   // outbounds, rules, routes, status
+  EXPECT_EQ(call_count("fwrite"), 3);  // the status report is put as a text
 }
 
 // --- the outbounds dump ---
@@ -91,7 +102,7 @@ TEST_F(DumpWriterTest, OutboundsFileThatCannotBeOpened) {
   EXPECT_THAT(status(), HasSubstr("eth0"));
 }
 
-TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRecord) {
+TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstWrite) {
   make_dump_directory();
   const FullDisk disk(dump_path("wlb_ipv4_outbounds.bin"));
   output_.dump_outbounds(wall_now(), &config_.interfaces, false);
@@ -198,7 +209,7 @@ TEST_F(DumpWriterTest, RoutesFileThatCannotBeOpened) {
   EXPECT_EQ(call_count("fclose"), 3);  // outbounds, rules, status
 }
 
-TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
+TEST_F(DumpWriterTest, FullDiskIsSeenWithTheRoutes) {
   make_dump_directory();
   const FullDisk disk(dump_path("wlb_routes.bin"));
   output_.dump_rules_and_routes(config_.rules, &config_);
@@ -207,6 +218,23 @@ TEST_F(DumpWriterTest, FullDiskIsSeenWithTheFirstRoute) {
 }
 
 // --- failures in either dump ---
+
+// A disk with room for one record and a half: the file has what the disk has taken.
+TEST_F(DumpWriterTest, DiskThatFillsUpCutsTheFile) {
+  make_dump_directory();
+  constexpr size_t kRoom = sizeof(DumpOutbound) * 3 / 2;
+  struct rlimit before {};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const struct rlimit small { kRoom, before.rlim_max };
+  signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+  output_.dump_outbounds(wall_now(), &config_.interfaces, false);
+  setrlimit(RLIMIT_FSIZE, &before);
+  signal(SIGXFSZ, SIG_DFL);
+  EXPECT_THAT(log_records(),
+              ElementsAre(LoggedError("wan_lb: <dump_outbounds> error writing data block")));
+  EXPECT_EQ(directory_.read("out/wlb_dump/wlb_ipv4_outbounds.bin").size(), kRoom);
+}
 
 TEST_P(DumpWriterFailureTest, StopsTheDump) {
   const FailingCall& failing = GetParam();
@@ -234,7 +262,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "<dump_outbounds> wan_lb: snprintf failed",
                     {1}},
         FailingCall{
-            "Outbound", "fwrite", 1, "wan_lb: <dump_outbounds> error writing data block", {1}},
+            "Outbounds", "fwrite", 0, "wan_lb: <dump_outbounds> error writing data block", {0}},
         FailingCall{
             "RuleText", "vsnprintf", 0, "<dump_rules_and_routes> wan_lb: snprintf failed", {0, 0}},
         FailingCall{"RouteText",
@@ -242,18 +270,18 @@ INSTANTIATE_TEST_SUITE_P(
                     4,  // member, VRF; destination, next hop
                     "<dump_rules_and_routes> wan_lb: snprintf failed",
                     {1, 1}},
-        FailingCall{"Rule",
+        FailingCall{"Rules",
                     "fwrite",
-                    3,  // a rule and its two routes
+                    0,
                     "wan_lb: <dump_rules_and_routes> error writing data block",
-                    {1, 2}},
-        FailingCall{"Route", "fwrite", 2, "wan_lb: error dumping routes", {1, 1}}),
+                    {0, 0}},
+        FailingCall{"Routes", "fwrite", 1, "wan_lb: error dumping routes", {2, 0}}),
     [](const auto& test) { return std::string(test.param.name); });
 
 TEST_F(DumpWriterTest, DumpMessagesAreBehindTheirFlag) {
   set_log_flag(1, false);
   make_dump_directory();
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 3; ++i) {
     const Fault fault("fwrite", ENOSPC, i);
     write();
   }

@@ -157,7 +157,7 @@ TEST_F(LBOutputTest, NoLockOfTheModelIsHeldOverFiles) {
   });
   write();
   EXPECT_EQ(held, 0);
-  EXPECT_EQ(call_count("fwrite"), 7);
+  EXPECT_EQ(call_count("fwrite"), 3);
 }
 
 // --- the dump directory ---
