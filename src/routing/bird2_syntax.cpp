@@ -137,13 +137,18 @@ std::string Bird2Syntax::line(const StaticRoute& route) const {
   std::string line = "route " + route.destination;
   const int64_t largest = largest_weight(route);
   for (const Nexthop& nexthop : route.nexthops) {
-    line += " via " + nexthop.address + "%'" + nexthop.device + "' onlink weight " +
-            std::to_string(scaled(nexthop.weight, largest));
+    line += " via ";
+    line += nexthop.address;
+    line += "%'";
+    line += nexthop.device;
+    line += "' onlink weight ";
+    line += std::to_string(scaled(nexthop.weight, largest));
   }
   if (route.metric != -1) {
     line += " { krt_metric = " + std::to_string(static_cast<uint32_t>(route.metric)) + "; }";
   }
-  return line + ";\n";
+  line += ";\n";
+  return line;
 }
 
 std::optional<StaticRoute> Bird2Syntax::parse(const std::string& line, bool ipv6) const {

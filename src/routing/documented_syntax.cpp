@@ -20,11 +20,15 @@ std::string DocumentedSyntax::line(const StaticRoute& route) const {
   std::string line = "route " + route.destination;
   for (const Nexthop& nexthop : route.nexthops) {
     const bool first = &nexthop == &route.nexthops.front();
-    line += " via " + nexthop.address + " weight " + std::to_string(nexthop.weight);
+    line += " via ";
+    line += nexthop.address;
+    line += " weight ";
+    line += std::to_string(nexthop.weight);
     // The metric belongs to the route; the routing daemon takes it after the first next hop.
     if (first && route.metric != -1) line += " metric " + std::to_string(route.metric);
   }
-  return line + ";\n";
+  line += ";\n";
+  return line;
 }
 
 std::optional<StaticRoute> DocumentedSyntax::parse(const std::string& line, bool /*ipv6*/) const {

@@ -86,7 +86,8 @@ void RouteKeeper::take_over(const std::string& file_text, const RoutePlan& rules
   // In the order of the rules, as the file is. What no rule has as its own, since metric or members
   // are others now, goes to the first that has the destination.
   std::map<std::string, std::map<std::string, StaticRoute>> claimed;
-  std::vector<StaticRoute> unclaimed = routes;
+  std::multimap<std::string, const StaticRoute*> unclaimed;  // by destination, else as in the file
+  for (const StaticRoute& route : routes) unclaimed.emplace(route.destination, &route);
   for (const bool own : {true, false}) {
     for (const RulePlan& planned : rules) {
       const LBRule& rule = config.rules.at(planned.rule);
@@ -96,15 +97,15 @@ void RouteKeeper::take_over(const std::string& file_text, const RoutePlan& rules
         if (claimed[planned.rule].contains(target)) continue;
         const std::string destination =
             syntax.destination({planned.rule, target, has_members(rule, !ipv6)}, ipv6);
-        const auto route =
-            std::find_if(unclaimed.begin(), unclaimed.end(), [&](const StaticRoute& candidate) {
-              return candidate.destination == destination &&
-                     (!own ||
-                      is_of(candidate, rule, entry.second, config.interfaces_of(ipv6), ipv6));
+        const auto candidates = unclaimed.equal_range(destination);
+        const auto found =
+            std::find_if(candidates.first, candidates.second, [&](const auto& candidate) {
+              return !own ||
+                     is_of(*candidate.second, rule, entry.second, config.interfaces_of(ipv6), ipv6);
             });
-        if (route == unclaimed.end()) continue;
-        claimed[planned.rule].emplace(target, *route);
-        unclaimed.erase(route);
+        if (found == candidates.second) continue;
+        claimed[planned.rule].emplace(target, *found->second);
+        unclaimed.erase(found);
       }
     }
   }

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 #include "routing/route_syntax.h"
 
@@ -25,10 +26,10 @@ Gateways active_gateways(const LBConfig& config, bool ipv6, const std::string& v
   Gateways gateways;
   for (const auto& [name, interface] : config.interfaces_of(ipv6)) {
     if (interface.vrf != vrf) continue;
-    const InterfaceState state = interface.snapshot();
-    if (!state.active) continue;
     const bool found = interface.discovers_nexthop();
-    const std::string& address = found ? state.nexthop_address : interface.nexthop;
+    const MutexLock lock(interface.mutex);
+    if (!interface.state.active) continue;
+    const std::string& address = found ? interface.state.nexthop_address : interface.nexthop;
     gateways.emplace(name, Gateway{address, interface.origin, !found || !address.empty()});
   }
   return gateways;
@@ -83,11 +84,12 @@ RoutePlan plan_static_routes(const LBConfig& config, bool ipv6, const std::strin
     const auto nexthops =
         nexthops_of(eligible_members(rule_name, rule, ipv6, gateways, syntax), gateways);
     if (nexthops.empty()) continue;
+    const bool of_both_families = has_members(rule, !ipv6);
+    planned.routes.reserve(rule.targets.size());
     for (const auto& [prefix, target] : rule.targets) {
-      const std::string destination =
-          syntax.destination({rule_name, prefix, has_members(rule, !ipv6)}, ipv6);
+      std::string destination = syntax.destination({rule_name, prefix, of_both_families}, ipv6);
       if (destination.empty()) continue;
-      planned.routes.push_back({prefix, {destination, target.metric, nexthops}});
+      planned.routes.push_back({prefix, {std::move(destination), target.metric, nexthops}});
     }
   }
   return plan;
@@ -118,7 +120,9 @@ std::string protocol_static_text(const std::string& body, bool ipv6) {
   std::string text;
   for (size_t start = 0; start < body.size();) {
     const size_t end = std::min(body.find('\n', start), body.size());
-    text += head + body.substr(start, end - start) + "\n};\n";
+    text += head;
+    text.append(body, start, end - start);
+    text += "\n};\n";
     start = end + 1;
   }
   return text;
