@@ -4,6 +4,7 @@
 #include "routing/route_decision.h"
 
 #include <utility>
+#include <vector>
 
 #include "routing/route_syntax.h"
 #include "routing/routing_daemon.h"
@@ -48,15 +49,19 @@ bool note_written(LBConfig& config, const std::string& body, bool ipv6, const st
   return true;
 }
 
-// Notes what the run before left, if nobody else changed it: it need not be written again.
-void note_left(LBConfig& config, const std::string& left, const LBWorkerContext& worker,
-               const RouteSyntax& syntax) {
+// The routes that the run before left. If nobody else changed their file it is noted, since it need
+// not be written again.
+std::vector<StaticRoute> take_left(LBConfig& config, const LBWorkerContext& worker,
+                                   const RouteSyntax& syntax) {
+  const bool ipv6 = worker.ipv6;
+  const std::string text = RoutingDaemon(worker.vrf, ipv6).read_file();
+  std::vector<StaticRoute> routes = read_static_routes(text, ipv6, syntax);
   std::string body;
-  for (const StaticRoute& route : read_static_routes(left, worker.ipv6, syntax)) {
-    body += syntax.line(route);
+  for (const StaticRoute& route : routes) body += syntax.line(route);
+  if (!body.empty() && protocol_static_text(body, ipv6) == text) {
+    note_written(config, body, ipv6, worker.vrf);
   }
-  if (body.empty() || protocol_static_text(body, worker.ipv6) != left) return;
-  note_written(config, body, worker.ipv6, worker.vrf);
+  return routes;
 }
 
 }  // namespace
@@ -73,12 +78,9 @@ void LBDecision::run(LBConfig& config, const LBWorkerContext& worker) {
   bool in_force = false;
   if (config.options->keeps_last_routes) {
     RouteKeeper& keeper = keeper_of(worker);
-    std::string left;
-    if (!keeper.has_started()) {
-      left = RoutingDaemon(worker.vrf, ipv6).read_file();
-      note_left(config, left, worker, syntax);
-    }
-    RouteKeeper::Kept kept = keeper.keep(std::move(plan), left, config, worker, syntax);
+    std::vector<StaticRoute> left;
+    if (!keeper.has_started()) left = take_left(config, worker, syntax);
+    RouteKeeper::Kept kept = keeper.keep(std::move(plan), std::move(left), config, worker, syntax);
     plan = std::move(kept.plan);
     in_force = kept.in_force;
   }

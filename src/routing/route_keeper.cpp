@@ -53,10 +53,10 @@ int64_t detection_time(const LBInterface& interface) {
 
 }  // namespace
 
-RouteKeeper::Kept RouteKeeper::keep(RoutePlan fresh, const std::string& file_text,
+RouteKeeper::Kept RouteKeeper::keep(RoutePlan fresh, std::vector<StaticRoute> left,
                                     const LBConfig& config, const LBWorkerContext& worker,
                                     const RouteSyntax& syntax) {
-  if (!std::exchange(started_, true)) take_over(file_text, fresh, config, worker, syntax);
+  if (!std::exchange(started_, true)) take_over(std::move(left), fresh, config, worker, syntax);
   Kept kept{std::move(fresh), is_holding(config, worker)};
   for (RulePlan& rule : kept.plan) {
     const char* const name = rule.rule.c_str();
@@ -77,11 +77,10 @@ RouteKeeper::Kept RouteKeeper::keep(RoutePlan fresh, const std::string& file_tex
   return kept;
 }
 
-void RouteKeeper::take_over(const std::string& file_text, const RoutePlan& rules,
+void RouteKeeper::take_over(std::vector<StaticRoute> routes, const RoutePlan& rules,
                             const LBConfig& config, const LBWorkerContext& worker,
                             const RouteSyntax& syntax) {
   const bool ipv6 = worker.ipv6;
-  const std::vector<StaticRoute> routes = read_static_routes(file_text, ipv6, syntax);
   if (routes.empty()) return;
   // In the order of the rules, as the file is. What no rule has as its own, since metric or members
   // are others now, goes to the first that has the destination.
@@ -112,7 +111,7 @@ void RouteKeeper::take_over(const std::string& file_text, const RoutePlan& rules
   for (const auto& [rule, targets] : claimed) {
     for (const auto& [target, route] : targets) last_[rule].push_back({target, route});
   }
-  hold_ = Hold{monotonic_now(), routes};
+  hold_ = Hold{monotonic_now(), std::move(routes)};
   LB_INSTANCE("wan_lb: VRF %s: IPv%d routes of the run before stay until their interfaces settle",
               worker.vrf.c_str(), worker.family().version);
 }

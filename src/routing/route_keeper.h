@@ -28,10 +28,10 @@ class RouteKeeper {
   // False until the first keep().
   bool has_started() const { return started_; }
 
-  // What holds instead of `fresh`, the plan of the present states. `file_text` is what the routing
-  // daemon's file holds when this is called first; later it is not looked at. Each change from
+  // What holds instead of `fresh`, the plan of the present states. `left` are the routes in the
+  // routing daemon's file when this is called first; later they are not looked at. Each change from
   // following the interfaces to keeping, or back, is logged.
-  Kept keep(RoutePlan fresh, const std::string& file_text, const LBConfig& config,
+  Kept keep(RoutePlan fresh, std::vector<StaticRoute> left, const LBConfig& config,
             const LBWorkerContext& worker, const RouteSyntax& syntax);
 
  private:
@@ -42,7 +42,7 @@ class RouteKeeper {
   };
 
   // Gives every route of the file to a rule.
-  void take_over(const std::string& file_text, const RoutePlan& rules, const LBConfig& config,
+  void take_over(std::vector<StaticRoute> routes, const RoutePlan& rules, const LBConfig& config,
                  const LBWorkerContext& worker, const RouteSyntax& syntax);
   bool is_holding(const LBConfig& config, const LBWorkerContext& worker);
 
