@@ -1,0 +1,89 @@
+"""The costs that the repository has, and what differs from them."""
+
+import json
+import os
+import platform
+import subprocess
+
+BASELINE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "baseline")
+INSTRUCTIONS = os.path.join(BASELINE, "instructions.json")
+SYSTEM_CALLS = os.path.join(BASELINE, "system_calls.json")
+
+# Of every cost, and so many calls per probe: what a cycle does once is a fraction of one.
+SHARE = 0.05
+CALLS = 0.1
+
+# How often threads wait for each other's locks is up to the scheduler.
+SCHEDULED = {"futex", "sched_yield"}
+SCHEDULED_CALLS = 2.0
+
+
+def toolchain():
+    """What instructions depend on beside the sources."""
+    compiler = subprocess.run(["g++", "-dumpfullversion"], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return {"compiler": f"g++ {compiler.strip()}", "C library": os.confstr("CS_GNU_LIBC_VERSION"),
+            "machine": platform.machine()}
+
+
+def _read(path):
+    with open(path, encoding="utf-8") as file:
+        return json.load(file)
+
+
+def toolchain_differences():
+    """Texts; none when the instructions that are written down are of this toolchain."""
+    if not os.path.exists(INSTRUCTIONS):
+        return ["there are none yet"]
+    here, theirs = toolchain(), _read(INSTRUCTIONS)["toolchain"]
+    return [f"{name} {theirs[name]} there and {here[name]} here" for name in here if here[name] != theirs[name]]
+
+
+def _dump(path, content):
+    with open(path, "w", encoding="utf-8") as file:
+        json.dump(content, file, indent=2, sort_keys=True)
+        file.write("\n")
+    print(f"costs: wrote {os.path.relpath(path)}")
+
+
+def write(instructions, system_calls):
+    _dump(INSTRUCTIONS, {"toolchain": toolchain(), "instructions": instructions})
+    _dump(SYSTEM_CALLS, system_calls)
+
+
+def _allowed_calls(name, before):
+    return max(SCHEDULED_CALLS if name in SCHEDULED else CALLS, SHARE * before)
+
+
+def _changes(costs, baseline, allowed):
+    """(share of growth, line) of every cost that is not what it was."""
+    for name in sorted(costs.keys() | baseline.keys()):
+        now, before = costs.get(name, 0), baseline.get(name, 0)
+        if abs(now - before) <= allowed(name, before):
+            continue
+        share = (now - before) / before if before else float("inf")
+        change = f"{share:+.1%}" if before else "new"
+        yield share, f"{'dearer' if now > before else 'cheaper'}  {change:>8}  {before:>12,} -> {now:>12,}  {name}"
+
+
+def changes(instructions, system_calls, baseline_instructions, baseline_system_calls):
+    """Lines, what has become dearest first."""
+    found = list(_changes(instructions, baseline_instructions, lambda name, before: SHARE * before))
+    for path in sorted(system_calls.keys() | baseline_system_calls.keys()):
+        found += [(share, f"{line} per probe, {path}") for share, line in
+                  _changes(system_calls.get(path, {}), baseline_system_calls.get(path, {}), _allowed_calls)]
+    return [line for _, line in sorted(found, key=lambda change: (-change[0], change[1]))]
+
+
+def compare(instructions, system_calls):
+    """Prints what differs, or that nothing does; returns the exit status."""
+    lines = changes(instructions, system_calls, _read(INSTRUCTIONS)["instructions"], _read(SYSTEM_CALLS))
+    for line in lines:
+        print(line)
+    counted = f"{len(instructions)} subjects in instructions, {len(system_calls)} paths in system calls"
+    if not lines:
+        print(f"costs: {counted}: all as they were")
+        return 0
+    dearer = sum(line.startswith("dearer") for line in lines)
+    print(f"costs: {counted}: {dearer} dearer, {len(lines) - dearer} cheaper; if that is meant, commit what "
+          "scripts/costs --update writes along with the change")
+    return 1
