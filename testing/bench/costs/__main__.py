@@ -1,27 +1,46 @@
-"""python3 -m costs DIRECTORY [--update]: the costs of the programs that were built in DIRECTORY."""
+"""python3 -m costs DIRECTORY [--update]: what the programs cost that were built in DIRECTORY."""
 
 import os
 import sys
 from concurrent.futures import ThreadPoolExecutor
 
+from lab.lab import Lab
+
 from . import comparison, instructions, system_calls
+from .healthy_links import LINKS, PATHS, HealthyLinks
 
 # The far ends are to answer at once whatever else this process does.
 sys.setswitchinterval(0.0005)
 os.environ["PATH"] += ":/usr/sbin:/sbin"
 
 
+def cost_of_path(path):
+    """Instructions of a cycle, and {call: number per probe}."""
+    with Lab() as lab:
+        links = HealthyLinks(lab, path)
+        found = instructions.of_cycle(links), system_calls.count(links)
+        problems = lab.finish()
+        assert not problems, "\n".join(problems)
+    return found
+
+
+def count(directory):
+    """{subject: instructions}, {path: {call: number per probe}}"""
+    with ThreadPoolExecutor() as pool:  # the daemons mostly wait meanwhile
+        subjects = pool.submit(instructions.of_subjects, os.path.join(directory, "lb_benchmarks"))
+        paths = {path: cost_of_path(path) for path in PATHS}
+        counted = subjects.result()
+    counted |= {f"cycle of {LINKS} links/{path}": cycle for path, (cycle, _) in paths.items()}
+    return counted, {path: calls for path, (_, calls) in paths.items()}
+
+
 def main(directory, update):
     differences = comparison.toolchain_differences()
     if differences and not update:
-        print("costs: instructions are those of another toolchain, so nothing is compared: " + ", ".join(differences)
-              + ". Build with that one, or write yours down with --update.")
+        print(f"costs: not compared, instructions are those of another toolchain: {', '.join(differences)}; build "
+              "with that one, or have scripts/costs --update write yours down")
         return 2
-    # One counts, the other mostly waits.
-    with ThreadPoolExecutor() as pool:
-        counted = pool.submit(instructions.count, os.path.join(directory, "lb_benchmarks"))
-        called = pool.submit(system_calls.count)
-        costs = counted.result(), called.result()
+    costs = count(directory)
     if update:
         comparison.write(*costs)
         return 0
