@@ -62,13 +62,6 @@ TEST_F(DumpWriterTest, RoutesHaveTheDestinationsThatAreWritten) {
   EXPECT_THAT(log_records(), IsEmpty());
 }
 
-// A reader finds the old file, for a moment an empty one, and then the whole new one.
-TEST_F(DumpWriterTest, OneWritePerFile) {
-  write();
-  EXPECT_EQ(call_count("fopen"), 4);   // outbounds, rules, routes, status
-  EXPECT_EQ(call_count("fwrite"), 3);  // the status report is put as a text
-}
-
 // --- the outbounds dump ---
 
 TEST_F(DumpWriterTest, OutboundsInNameOrder) {
