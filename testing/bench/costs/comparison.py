@@ -16,7 +16,7 @@ CALLS = 0.1
 # Threads wait for each other's locks when the scheduler has it so, and the allocator gives memory back when its
 # arenas happen to end where it may: these come and go with the run.
 UNSTEADY = {"futex", "sched_yield", "brk", "madvise", "mmap", "mprotect", "munmap"}
-UNSTEADY_CALLS = 2.0
+UNSTEADY_CALLS = 4.0
 
 
 def toolchain():

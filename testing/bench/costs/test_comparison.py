@@ -22,7 +22,7 @@ def changes(subjects=None, calls=None):
     ({}, {"sendto": 1.1}),
     ({}, {"recvfrom": 66.0}),
     ({}, {"write": 0.16}),
-    ({}, {"futex": 2.5}),
+    ({}, {"futex": 4.5}),
     ({}, {"getpid": 0.05}),
 ])
 def test_what_is_no_change(subjects, calls):
@@ -36,7 +36,7 @@ def test_what_is_no_change(subjects, calls):
     ({}, {"sendto": 1.2}, "dearer", "sendto per probe, IPv4 raw"),
     ({}, {"sendto": 0.0}, "cheaper", "sendto per probe, IPv4 raw"),
     ({}, {"recvfrom": 68.0}, "dearer", "recvfrom per probe, IPv4 raw"),
-    ({}, {"futex": 2.6}, "dearer", "futex per probe, IPv4 raw"),
+    ({}, {"futex": 4.6}, "dearer", "futex per probe, IPv4 raw"),
     ({}, {"getpid": 1.0}, "dearer", "getpid per probe, IPv4 raw"),
 ])
 def test_what_is_a_change(subjects, calls, word, rest):
