@@ -26,9 +26,9 @@ def cost_of_path(path):
 
 def count(directory):
     """{subject: instructions}, {path: {call: number per probe}}"""
-    with ThreadPoolExecutor() as pool:  # the daemons mostly wait meanwhile
+    with ThreadPoolExecutor(max_workers=1 + len(PATHS)) as pool:  # the daemons mostly wait
         subjects = pool.submit(instructions.of_subjects, os.path.join(directory, "lb_benchmarks"))
-        paths = {path: cost_of_path(path) for path in PATHS}
+        paths = dict(zip(PATHS, pool.map(cost_of_path, PATHS)))
         counted = subjects.result()
     counted |= {f"cycle of {LINKS} links/{path}": cycle for path, (cycle, _) in paths.items()}
     return counted, {path: calls for path, (_, calls) in paths.items()}
