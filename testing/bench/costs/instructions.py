@@ -36,8 +36,8 @@ def _read(path):
 def of_subjects(program):
     """{subject: instructions of a unit}"""
     with tempfile.TemporaryDirectory() as directory:
-        subprocess.run([*_CALLGRIND, "--instr-atstart=no", f"--callgrind-out-file={directory}/dump", program, "--count"],
-                       env={"PATH": os.environ["PATH"], "LC_ALL": "C", **_PLAIN_PROCESSOR}, check=True)
+        argv = [*_CALLGRIND, "--instr-atstart=no", f"--callgrind-out-file={directory}/dump", program, "--count"]
+        subprocess.run(argv, env={"PATH": os.environ["PATH"], "LC_ALL": "C", **_PLAIN_PROCESSOR}, check=True)
         dumps = dict(_read(os.path.join(directory, name)) for name in os.listdir(directory))
     costs = {subject: total for subject, total in dumps.items() if total}
     assert costs, f"{program} counts nothing"
