@@ -1,0 +1,32 @@
+# Several sources in one compilation: what all of them include, and instantiate, is compiled once.
+
+# lb_bundle_sources(VARIABLE NAME SIZE source...): replaces absolute paths of sources by generated ones, which hold SIZE
+# of them each. A source is in a namespace of its own, so that names of one cannot meet those of another; for that, all
+# headers come first. They need guards, and are to be included by lines that begin with #include.
+function(lb_bundle_sources variable name size)
+  set(bundles)
+  list(LENGTH ARGN left)
+  set(at 0)
+  while(left GREATER at)
+    list(SUBLIST ARGN ${at} ${size} members)
+    set(headers)
+    set(bodies)
+    foreach(source IN LISTS members)
+      set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${source})
+      file(STRINGS ${source} lines REGEX "^#include ")
+      list(APPEND headers ${lines})
+      file(RELATIVE_PATH place ${CMAKE_CURRENT_SOURCE_DIR} ${source})
+      string(MAKE_C_IDENTIFIER ${place} namespace)
+      string(APPEND bodies "namespace in_${namespace} {\n#include \"${source}\"\n}\n")
+    endforeach()
+    list(REMOVE_DUPLICATES headers)
+    list(JOIN headers "\n" headers)
+    # g++ takes it that other compilations see an included file's classes too.
+    set(warning "#if !defined(__clang__)\n#pragma GCC diagnostic ignored \"-Wsubobject-linkage\"\n#endif")
+    set(bundle ${CMAKE_CURRENT_BINARY_DIR}/${name}_${at}.cpp)
+    file(CONFIGURE OUTPUT ${bundle} @ONLY CONTENT "${headers}\n${warning}\n${bodies}")
+    list(APPEND bundles ${bundle})
+    math(EXPR at "${at} + ${size}")
+  endwhile()
+  set(${variable} ${bundles} PARENT_SCOPE)
+endfunction()
