@@ -49,20 +49,24 @@ say() { printf '\n== %s\n' "$*"; }
 # figures STAGE: what is shown below the stage's line, from its log; a script may have its own.
 figures() { :; }
 
-# stage NAME COMMAND...: a step that passes or fails as one; shows its output only when it fails, and when it began.
-# The log and the result go to $reports. Several may run at once: what one shows stays together.
+# stage NAME COMMAND...: a step that passes or fails as one; shows its output only when it fails, how long it took, when
+# it began, and what it had of the processor. The log and the result go to $reports. Several may run at once: what one
+# shows stays together.
 stage() {
-  local name=$1 started=$SECONDS status=1 times
+  local name=$1 started=$SECONDS status=fail used times
+  local TIMEFORMAT='%0U %0S'
   shift
   echo fail >"$reports/$name.stage"  # until it has passed, also when it never ends
-  if "$@" >"$reports/$name.log" 2>&1 </dev/null; then
+  if { time "$@" >"$reports/$name.log" 2>&1 </dev/null; } 2>"$reports/$name.time"; then
+    status=pass
     echo pass >"$reports/$name.stage"
-    status=0
   fi
-  printf -v times '%s s, from %d:%02d' $((SECONDS - started)) $((started / 60)) $((started % 60))
+  read -r -a used <"$reports/$name.time"
+  printf -v times '%d s from %d:%02d, processor %d s' $((SECONDS - started)) \
+    $((started / 60)) $((started % 60)) $((used[0] + used[1]))
   {
     flock 9
-    if [ $status -eq 0 ]; then
+    if [ $status = pass ]; then
       echo "ok      $name ($times)"
     else
       echo "FAILED  $name ($times):"
@@ -70,7 +74,7 @@ stage() {
     fi
     figures "$name"
   } 9>>"$reports/output.lock"
-  return $status
+  [ $status = pass ]
 }
 
 # What failed, and why, comes first: the log's end may be cut off where this is shown.

@@ -31,8 +31,8 @@ def pytest_sessionstart(session):
 
 
 def pytest_collection_modifyitems(items):
-    """The long scenarios first, and the longest before them, so that none is left over at the end; neighbours in a file apart, since they
-    wait for the same things at the same time. The order is the same in every run."""
+    """The long scenarios first, so that none of them is left over at the end, and the longest before them; neighbours
+    in a file apart, since they wait for the same things at the same time. The order is the same in every run."""
     items.sort(key=lambda item: ("test_router_loss" not in item.nodeid,
                                  not any(word in item.nodeid for word in _LONG),
                                  hashlib.md5(item.nodeid.encode()).digest()))
