@@ -86,3 +86,19 @@ what_failed() {
     tail -n "${LB_CHECK_LINES:-60}" "$reports/$1.log"
   } | cut -c 1-400 | sed 's/^/    /'
 }
+
+# lanes FUNCTION...: all of them at once, to their ends; a later one finds the processes of those before it in groups.
+# An interruption ends what they have started.
+groups=()
+lanes() {
+  local lane
+  trap 'kill -- "${groups[@]/#/-}" 2>/dev/null; exit 130' INT TERM
+  set -m  # a process group each
+  for lane in "$@"; do
+    "$lane" &
+    groups+=($!)
+  done
+  set +m
+  wait
+  trap - INT TERM
+}

@@ -1,0 +1,61 @@
+"""The steps of the check (scripts/stages.sh): what is shown of each, and that none outlives an interrupted check."""
+
+import os
+import signal
+import subprocess
+
+from lab import waiting
+
+_STAGES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "scripts", "stages.sh")
+
+
+def _start(directory, script):
+    return subprocess.Popen(["bash", "-c", f"reports={directory}; source {_STAGES}\n{script}"],
+                            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, start_new_session=True)
+
+
+def _shown(directory, script):
+    process = _start(directory, script)
+    text, _ = process.communicate(timeout=waiting.scaled(waiting.PATIENCE))
+    return text.splitlines(), process.returncode
+
+
+def test_passed_and_failed(tmp_path):
+    lines, status = _shown(tmp_path, "figures() { echo figures of $1; }\n"
+                                     "bad() { echo one; echo 'x: error: two'; return 3; }\n"
+                                     "stage good true && ! stage bad bad && stage last true")
+    assert status == 0
+    assert lines[0].startswith("ok      good (") and lines[0].endswith(" s)")
+    assert lines[1:3] == ["figures of good", lines[2]] and lines[2].startswith("FAILED  bad (")
+    assert lines[3:9] == ["    x: error: two", "    --- the end of bad.log:", "    one", "    x: error: two",
+                          "figures of bad", lines[8]] and lines[8].startswith("ok      last (")
+    assert [(tmp_path / f"{name}.stage").read_text().strip() for name in ("good", "bad")] == ["pass", "fail"]
+
+
+def test_stages_at_once_are_not_mixed(tmp_path):
+    lines, _ = _shown(tmp_path, "bad() { for ((i = 0; i < 60; i++)); do printf '%s%0390d\\n' $1 0; done; return 1; }\n"
+                                "for name in a b c d e f; do stage $name bad $name & done; wait")
+    assert len(lines) == 6 * 62  # the stage, where the log's end begins, the log
+    for at in range(0, len(lines), 62):
+        name = lines[at].split()[1]
+        assert lines[at].startswith("FAILED ")
+        assert {line.strip()[0] for line in lines[at + 2:at + 62]} == {name}
+
+
+def test_later_lane_finds_the_one_before(tmp_path):
+    lines, status = _shown(tmp_path, "one() { sleep 0.5; }\n"
+                                     "other() { kill -0 ${groups[0]} && echo there; wait_gone; echo gone; }\n"
+                                     "wait_gone() { while kill -0 ${groups[0]} 2>/dev/null; do sleep 0.1; done; }\n"
+                                     "lanes one other")
+    assert (lines, status) == (["there", "gone"], 0)
+
+
+def test_interrupted_lanes_end_what_they_started(tmp_path):
+    process = _start(tmp_path, f"deep() {{ (echo $BASHPID >{tmp_path}/$1; sleep 1000); }}\n"
+                               "one() { stage one deep first; }\nother() { stage other deep second; }\nlanes one other")
+    started = [tmp_path / "first", tmp_path / "second"]
+    waiting.wait_until(lambda: all(path.exists() and path.read_text() for path in started), "both lanes' programs")
+    process.send_signal(signal.SIGTERM)
+    assert process.wait(timeout=waiting.scaled(waiting.PATIENCE)) == 130
+    waiting.wait_until(lambda: not any(os.path.exists(f"/proc/{path.read_text().strip()}") for path in started),
+                       "the end of what the lanes started")
