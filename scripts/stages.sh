@@ -74,7 +74,14 @@ stage() {
     fi
     figures "$name"
   } 9>>"$reports/output.lock"
+  : >"$reports/$name.ended"
   [ $status = pass ]
+}
+
+# await STAGE: until the first lane, if that is another one, has ended it or is gone; true when the stage has passed.
+await() {
+  until [ -e "$reports/$1.ended" ] || ! kill -0 "${groups[0]:-none}" 2>/dev/null; do sleep 0.5; done
+  [ -e "$reports/$1.ended" ] && [ "$(cat "$reports/$1.stage")" = pass ]
 }
 
 # What failed, and why, comes first: the log's end may be cut off where this is shown.
@@ -87,8 +94,7 @@ what_failed() {
   } | cut -c 1-400 | sed 's/^/    /'
 }
 
-# lanes FUNCTION...: all of them at once, to their ends; a later one finds the processes of those before it in groups.
-# An interruption ends what they have started.
+# lanes FUNCTION...: all of them at once, to their ends. An interruption ends what they have started.
 groups=()
 lanes() {
   local lane

@@ -42,12 +42,12 @@ def test_stages_at_once_are_not_mixed(tmp_path):
         assert {line.strip()[0] for line in lines[at + 2:at + 62]} == {name}
 
 
-def test_later_lane_finds_the_one_before(tmp_path):
-    lines, status = _shown(tmp_path, "one() { sleep 0.5; }\n"
-                                     "other() { kill -0 ${groups[0]} && echo there; wait_gone; echo gone; }\n"
-                                     "wait_gone() { while kill -0 ${groups[0]} 2>/dev/null; do sleep 0.1; done; }\n"
-                                     "lanes one other")
-    assert (lines, status) == (["there", "gone"], 0)
+def test_lane_waits_for_stages_of_the_first(tmp_path):
+    lines, status = _shown(tmp_path, "one() { stage good sleep 1; stage bad false; sleep 0.2; }\n"
+                                     "other() { for name in good bad never; do await $name; echo $name $?; done; }\n"
+                                     "what_failed() { :; }\nlanes one other")
+    assert (lines[0].split()[:2], status) == (["ok", "good"], 0)
+    assert [line for line in lines if line[-1] in "01"] == ["good 0", "bad 1", "never 1"]
 
 
 def test_interrupted_lanes_end_what_they_started(tmp_path):
