@@ -52,8 +52,8 @@ def test_row_of_equal_rounds():
 
 
 @pytest.mark.parametrize("side", ["even", "burst"])
-@pytest.mark.parametrize("probes, refused", [(128, False), (64, False), (192, False), (63, True), (193, True),
-                                             (0, True)])
+@pytest.mark.parametrize("probes, refused", [(128, False), (120, False), (136, False), (119, True), (137, True),
+                                             (64, True), (0, True)])
 def test_no_ratio_of_unequal_numbers_of_probes(side, probes, refused):
     made = row.row(Case(64), [one_round(), one_round(**{side: window(probes=probes)})])
     assert bool(made.refusal) == refused

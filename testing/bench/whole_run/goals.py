@@ -50,8 +50,9 @@ def _holdings(row):
                        " kB")
     # A receiver for each interface, a worker, a link receiver and a VRF's thread for each VRF, main and log.
     yield _at_most(f"{case}: threads", case.interfaces + 3 * case.vrfs + 2, row.threads, 0)
-    # Three for each interface; standard ones, the log's, and the VRF's for links and connection tracking.
-    yield _at_most(f"{case}: descriptors", 3 * case.interfaces + 6 + 6 * case.vrfs, row.descriptors, 0)
+    # Three for each interface; standard ones and the log's; the VRF's for resolving, for questions to the kernel and
+    # for connection tracking.
+    yield _at_most(f"{case}: descriptors", 3 * case.interfaces + 6 + 9 * case.vrfs, row.descriptors, 0)
 
 
 def of_rows(rows):

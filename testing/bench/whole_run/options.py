@@ -64,7 +64,7 @@ def parse(arguments):
     options.path = options.path or list(PATHS)
     options.part = options.part or (["costs"] if quick else list(PARTS))
     options.rounds = options.rounds or (2 if quick else 3)
-    options.seconds = options.seconds or (2 if quick else 6)
+    options.seconds = options.seconds or (1.5 if quick else 6)
     return options
 
 

@@ -17,7 +17,8 @@ from .row import row, tell_memory_per_interface
 from .switching import switching
 from .windows import rounds
 
-_NEEDED = ("unshare", "ip", "sysctl", "nft", "fping", "bird")
+_NEEDED = {"costs": ("fping",), "vrfs": ("fping",), "dead-gateway": (), "switching": ("bird", "nft")}
+_ALWAYS = {"unshare", "ip", "sysctl"}
 
 
 @dataclass
@@ -36,7 +37,8 @@ def _end(*_):
 
 
 def _missing(options):
-    missing = [name for name in _NEEDED if not shutil.which(name)]
+    needed = _ALWAYS.union(*(_NEEDED[part] for part in options.part))
+    missing = [name for name in sorted(needed) if not shutil.which(name)]
     if options.svg and not plot.available():
         missing.append(f"{plot.PROGRAM} (scripts/bootstrap bench)")
     return missing + [path for path in [daemon.program()] if not os.path.exists(path)]
@@ -50,7 +52,8 @@ def main(arguments):
         _tell(f"bench: missing: {', '.join(missing)}")
         return 1
     for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, _end)
+        if signal.getsignal(number) != signal.SIG_IGN:  # nohup
+            signal.signal(number, _end)
     results = Results()
     try:
         measure(options, results)
