@@ -166,7 +166,7 @@ class Daemon:
         last = [b""]
 
         def whole():
-            """The file is written record by record: it is whole when it stays as it is for some looks."""
+            """A write may be looked at half way: the file is whole when it stays as it is for some looks."""
             try:
                 data = self.dump(name)
             except FileNotFoundError:
