@@ -1,5 +1,6 @@
 """The daemon under test: starting it, looking at what it leaves behind, ending it."""
 
+import functools
 import mmap
 import os
 import signal
@@ -14,26 +15,27 @@ def program():
     return os.environ.get("LB_PROGRAM") or os.path.join(_REPOSITORY, "build", "lb")
 
 
-def _holds(path, words):
+@functools.lru_cache(maxsize=None)  # to search a program takes longer than to start it
+def _holds(path, *words):
     with open(path, "rb") as file, mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ) as content:
         return any(content.find(word) >= 0 for word in words)
 
 
 def is_thread_sanitizer(path):
-    return _holds(path, [b"__tsan_init"])
+    return _holds(path, b"__tsan_init")
 
 
 def is_undefined_behaviour_sanitizer(path):
-    return _holds(path, [b"__ubsan_handle"])
+    return _holds(path, b"__ubsan_handle")
 
 
 def has_sanitizer(path):
-    return _holds(path, [b"__tsan_init", b"__asan_init", b"__ubsan_handle"])
+    return _holds(path, b"__tsan_init", b"__asan_init", b"__ubsan_handle")
 
 
 def ends_by_itself_on_sigterm(path):
     """A build that writes coverage data, or looks for leaks, when it is told to end."""
-    return _holds(path, [b"end_instrumented_daemon"])
+    return _holds(path, b"end_instrumented_daemon")
 
 
 def sanitizer_environment(directory):
