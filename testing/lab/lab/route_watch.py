@@ -18,6 +18,7 @@ STATE_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|ina
 _LAG = 6.0
 # The clock of the files goes by ticks and may be behind the one of the log by as much.
 _TICK = 0.02
+_NO_FILE = (None, None, 0)
 
 
 def _shortly(text, wanted):
@@ -37,7 +38,8 @@ class RouteWatch:
         self._path, self._explain, self._family, self._interval = lab.path(name), explain, family, interval
         self._log = lab.log
         self.contents = []  # (since when, by the file's own stamp, text), each different from the one before
-        self._stop = threading.Event()
+        self._running = threading.Lock()  # to wait for it is cheaper than for an Event
+        self._running.acquire()
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
         lab.closing(self)
@@ -54,9 +56,22 @@ class RouteWatch:
         except FileNotFoundError:
             return "", None
 
+    def _look(self):
+        """What another look at the file has in common with this one when nothing has been written between them."""
+        try:
+            status = os.stat(self._path)
+        except FileNotFoundError:
+            return _NO_FILE
+        return status.st_ino, status.st_size, status.st_mtime
+
     def _run(self):
-        last_written = None
-        while not self._stop.wait(self._interval):
+        last_written, last_look = None, None
+        while not self._running.acquire(timeout=self._interval):
+            look, now = self._look(), time.time()
+            if look == last_look:
+                continue
+            # Within a tick of the clock of files it may be written again and look the same.
+            last_look = look if abs(now - look[-1]) > _TICK else None
             text, written = self._read()
             if not self.contents:
                 self.contents.append((time.monotonic(), text))
@@ -104,5 +119,5 @@ class RouteWatch:
         return len(contents)
 
     def close(self):
-        self._stop.set()
+        self._running.release()
         self._thread.join()

@@ -27,13 +27,14 @@ class Watcher:
 
     def __init__(self):
         self.noted = []  # seconds of each
-        self._stop = threading.Event()
+        self._running = threading.Lock()  # to wait for it is cheaper than for an Event
+        self._running.acquire()
         self._thread = threading.Thread(target=self._run, name="stalls", daemon=True)
         self._thread.start()
 
     def _run(self):
         before = time.monotonic()
-        while not self._stop.wait(MOMENT):
+        while not self._running.acquire(timeout=MOMENT):
             before = self._note(before)
         self._note(before)
 
@@ -45,7 +46,7 @@ class Watcher:
 
     def stop(self):
         """Returns the seconds of the longest stall, 0 if there was none."""
-        self._stop.set()
+        self._running.release()
         self._thread.join()
         return max(self.noted, default=0.0)
 
