@@ -36,7 +36,8 @@ class Process:
         return self.enclosure.exits.get(self.pid)
 
     def wait(self, timeout=waiting.PATIENCE):
-        waiting.wait_until(lambda: self.status is not None, f"end of {self.argv}", timeout=timeout)
+        if not self.enclosure.await_exit(self.pid, waiting.scaled(timeout)):
+            raise waiting.TimedOut(f"not within {waiting.scaled(timeout):g} s: end of {self.argv}")
         return self.status
 
     def signal(self, number):
@@ -67,6 +68,7 @@ class Enclosure:
         self._left_running = False
         rootview.make_directories(self.top)
         self.exits = {}
+        self._exited = threading.Condition()
         self._answers = queue.Queue()
         self._lock = threading.Lock()
         self._counter = 0
@@ -112,7 +114,9 @@ class Enclosure:
                 return
             message = json.loads(data)
             if "exit" in message:
-                self.exits[message["exit"]] = message["status"]
+                with self._exited:
+                    self.exits[message["exit"]] = message["status"]
+                    self._exited.notify_all()
             else:
                 self._answers.put((message, descriptors))
 
@@ -132,8 +136,12 @@ class Enclosure:
             socket.send_fds(self.control, [json.dumps(message).encode()], list(descriptors))
             return self._next_answer("answer")
 
-    def spawn(self, argv, netns=None, env=None, stdin=None, cwd="/", nofile=0,
-              fixed_addresses=False):
+    def await_exit(self, pid, seconds):
+        """True when that process has ended, or does so in time."""
+        with self._exited:
+            return self._exited.wait_for(lambda: pid in self.exits, seconds)
+
+    def spawn(self, argv, netns=None, env=None, stdin=None, fixed_addresses=False):
         """Starts a program; its output goes to files below the lab's directory."""
         self._counter += 1
         stem = self.path(f"{self._counter}.{os.path.basename(argv[0])}")
@@ -141,8 +149,8 @@ class Enclosure:
         with open(stdin or os.devnull, "rb") as source, open(stem + ".out", "wb") as out, \
                 open(stem + ".err", "wb") as err:
             pid, _ = self.request(
-                {"op": "spawn", "argv": list(argv), "env": environment, "netns": netns, "cwd": cwd,
-                 "nofile": nofile, "fixed_addresses": fixed_addresses},
+                {"op": "spawn", "argv": list(argv), "env": environment, "netns": netns,
+                 "fixed_addresses": fixed_addresses},
                 [source.fileno(), out.fileno(), err.fileno()])
         return Process(self, pid, argv, stem + ".out", stem + ".err")
 
@@ -165,6 +173,19 @@ class Enclosure:
             {"op": "socket", "family": int(family), "type": int(type), "protocol": protocol,
              "netns": netns, "interface": interface})
         return socket.socket(fileno=descriptors[0])
+
+    def sysctl(self, settings, netns=None):
+        """Makes settings of the kernel: NAME=VALUE, NAME as for sysctl(8)."""
+        self.request({"op": "sysctl", "settings": list(settings), "netns": netns})
+
+    def add_netns(self, name):
+        """Makes a named network namespace, whose loopback is up."""
+        self.request({"op": "netns", "name": name})
+
+    def holdings(self, pid):
+        """Threads, descriptors, children, and KiB of memory of its own that a process has now."""
+        answer, _ = self.request({"op": "holdings", "pid": pid})
+        return answer
 
     def tun(self, name, mode="tun", netns=None):
         """The descriptor of a new tun or tap device."""

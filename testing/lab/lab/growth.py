@@ -1,7 +1,7 @@
 """What a daemon holds: threads, descriptors, children and memory; faults must not make it hold more for good."""
 
 import os
-import re
+import time
 
 from . import daemon, waiting
 
@@ -20,12 +20,7 @@ class Holdings:
 
 def holdings(lab, lb):
     """Now, as the kernel sees it."""
-    base = f"/proc/{lb.pid}"
-    text = lab.run(["sh", "-c", f"ls {base}/task | wc -l; ls {base}/fd | wc -l; cat {base}/task/*/children; echo; "
-                                f"grep RssAnon {base}/status"]).stdout
-    threads, descriptors, *children, memory = text.splitlines()
-    return Holdings(int(threads), int(descriptors), len(" ".join(children).split()),
-                    int(re.search(r"(\d+) kB", memory)[1]))
+    return Holdings(*lab.enclosure.holdings(lb.pid))
 
 
 class Growth:
@@ -34,7 +29,7 @@ class Growth:
     Sockets, shell commands and reports come and go within a cycle, so both take the least of several looks.
     """
 
-    LOOKS = 20
+    LOOKS, BETWEEN_LOOKS = 20, 0.02
 
     def __init__(self, lab, lb, closed_sockets=0):
         """`closed_sockets`: so many descriptors may be closed just now, for the daemon to open when it needs them."""
@@ -54,7 +49,10 @@ class Growth:
         return (self.before.threads, self.before.descriptors) == (earlier.threads, earlier.descriptors)
 
     def _calm(self):
-        looks = [holdings(self.lab, self.lb) for _ in range(self.LOOKS)]
+        looks = []
+        for _ in range(self.LOOKS):
+            looks.append(holdings(self.lab, self.lb))
+            time.sleep(self.BETWEEN_LOOKS)
         return Holdings(*(min(getattr(look, name) for look in looks)
                           for name in ("threads", "descriptors", "children", "memory_kib")))
 

@@ -6,52 +6,98 @@ they happen. When the other side of the socket goes away the holder ends, and th
 is left in its pid namespace.
 
 Requests:
-  spawn    argv, env, netns, cwd, nofile, fixed_addresses; descriptors: standard input, output, error
+  spawn    argv, env, netns, fixed_addresses; descriptors: standard input, output, error
   kill     pid, signal
+  sysctl   settings, netns: "net.ipv4.conf.all.rp_filter=0" and the like
+  netns    name: makes that network namespace, as `ip netns add` does, with its loopback up
+  holdings pid: what /proc says that it holds
   socket   family, type, protocol, netns, interface; answers with the descriptor
   tun      name, mode, netns; answers with the descriptor
   detach   go on without the other side
 """
 
 import ctypes
+import errno
 import fcntl
 import json
 import os
-import resource
 import select
 import signal
 import socket
 import struct
 import sys
+import threading
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 from lab import rootview  # noqa: E402  (the path above is needed first)
 
 CLONE_NEWNET = 0x40000000
-ADDR_NO_RANDOMIZE = 0x0040000
+ADDR_NO_RANDOMIZE, ASK_PERSONALITY = 0x0040000, 0xFFFFFFFF
+SIOCGIFFLAGS, SIOCSIFFLAGS, IFF_UP = 0x8913, 0x8914, 1
 TUNSETIFF, IFF_TUN, IFF_TAP, IFF_NO_PI = 0x400454CA, 1, 2, 0x1000
 
+_SIGNALS = signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}
 _libc = ctypes.CDLL(None, use_errno=True)
+_libc.personality.argtypes = [ctypes.c_ulong]
+
+
+def _found(program, path):
+    """The file of a program, looked for as a shell does."""
+    if "/" in program:
+        return program
+    for directory in path.split(":"):
+        if os.access(os.path.join(directory, program), os.X_OK):
+            return os.path.join(directory, program)
+    raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), program)
+
+
+def _in_thread(action):
+    """What `action` returns. It may enter a network namespace: process 1 itself, which programs of the lab may look
+    at or name, is in the lab's own at every moment."""
+    ends = []
+
+    def run():
+        try:
+            ends.append((action(), None))
+        except OSError as error:
+            ends.append((None, error))
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    thread.join()
+    result, error = ends[0]
+    if error:
+        raise error
+    return result
 
 
 def _enter_netns(name):
-    """Moves the calling process into a named network namespace, or into the lab's own for None."""
-    path = f"/run/netns/{name}" if name else "/proc/1/ns/net"
-    descriptor = os.open(path, os.O_RDONLY | os.O_CLOEXEC)
+    """Moves the calling thread into a named network namespace."""
+    descriptor = os.open(f"/run/netns/{name}", os.O_RDONLY | os.O_CLOEXEC)
     try:
         if _libc.setns(descriptor, CLONE_NEWNET) != 0:
-            number = ctypes.get_errno()
-            raise OSError(number, os.strerror(number), f"setns {name}")
+            raise _last_error(f"setns {name}")
     finally:
         os.close(descriptor)
+
+
+def _last_error(call):
+    number = ctypes.get_errno()
+    return OSError(number, os.strerror(number), call)
+
+
+def _loopback_up():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
+        request = fcntl.ioctl(asker, SIOCGIFFLAGS, struct.pack("16s24x", b"lo"))
+        flags, = struct.unpack_from("H", request, 16)
+        fcntl.ioctl(asker, SIOCSIFFLAGS, struct.pack("16sH22x", b"lo", flags | IFF_UP))
 
 
 class Holder:
     def __init__(self, control):
         self.control = control
         self.detached = False
-        self.own_netns = os.open("/proc/self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
 
     def serve(self):
         wake_read, wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
@@ -89,7 +135,7 @@ class Holder:
                 pass
 
     def handle_request(self):
-        data, descriptors, _, _ = socket.recv_fds(self.control, 1 << 20, 8)
+        data, descriptors, _, _ = socket.recv_fds(self.control, 1 << 20, 8, socket.MSG_CMSG_CLOEXEC)
         if not data:
             return False
         request = json.loads(data)
@@ -104,53 +150,68 @@ class Holder:
             os.close(descriptor)
         return True
 
-    def do_spawn(self, descriptors, argv, env, netns, cwd, nofile, fixed_addresses):
-        failed_read, failed_write = os.pipe2(os.O_CLOEXEC)
-        pid = os.fork()
-        if pid == 0:
-            try:
-                self.become(descriptors, argv, env, netns, cwd, nofile, fixed_addresses)
-            except BaseException as error:  # noqa: B902  (a child that must not return)
-                os.write(failed_write, str(error).encode())
-            os._exit(127)
-        os.close(failed_write)
-        failure = os.read(failed_read, 4096)
-        os.close(failed_read)
-        if failure:
-            raise OSError(0, failure.decode())
-        return pid, []
-
-    @staticmethod
-    def become(descriptors, argv, env, netns, cwd, nofile, fixed_addresses):
-        if netns:
-            _enter_netns(netns)
-        os.chdir(cwd)
-        if nofile:
-            # As usual the soft limit is lower: a program that needs more raises it.
-            resource.setrlimit(resource.RLIMIT_NOFILE, (min(nofile, 1024), nofile))
+    def do_spawn(self, descriptors, argv, env, netns, fixed_addresses):
+        """A copy of this process for the child would cost more than most programs that run here: the child shares
+        its memory until it is another program, and everything else as it is at the moment."""
+        usual = _libc.personality(ASK_PERSONALITY)
         if fixed_addresses:
-            _libc.personality(ADDR_NO_RANDOMIZE)
-        signal.set_wakeup_fd(-1)
-        os.setsid()
-        for number in range(3):
-            os.dup2(descriptors[number], number)
-        # A lab may be started by one who ignores SIGHUP, for example.
-        for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
-            signal.signal(number, signal.SIG_DFL)
-        os.execvpe(argv[0], argv, env)
+            _libc.personality(usual | ADDR_NO_RANDOMIZE)
+        try:
+            # A lab may be started by one who ignores SIGHUP, for example.
+            pid = self.in_netns(netns, lambda: os.posix_spawn(
+                _found(argv[0], env["PATH"]), argv, env, setsid=True, setsigdef=_SIGNALS,
+                file_actions=[(os.POSIX_SPAWN_DUP2, descriptors[number], number) for number in range(3)]))
+        finally:
+            _libc.personality(usual)
+        return pid, []
 
     def do_kill(self, _, pid, signal_number):
         os.kill(pid, signal_number)
         return True, []
 
-    def in_netns(self, netns, action):
+    @staticmethod
+    def in_netns(netns, action):
         if not netns:
             return action()
-        _enter_netns(netns)
-        try:
-            return action()
-        finally:
-            _libc.setns(self.own_netns, CLONE_NEWNET)
+        return _in_thread(lambda: (_enter_netns(netns), action())[1])
+
+    def do_sysctl(self, _, settings, netns):
+        def write():
+            for setting in settings:
+                name, value = setting.split("=", 1)
+                # As for sysctl(8): names with a slash may have dots in them.
+                path = name if "/" in name else name.replace(".", "/")
+                with open(f"/proc/sys/{path}", "w", encoding="ascii") as file:
+                    file.write(value)
+
+        self.in_netns(netns, write)
+        return True, []
+
+    def do_netns(self, _, name):
+        os.close(os.open(f"/run/netns/{name}", os.O_RDONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0))
+
+        def make():
+            if _libc.unshare(CLONE_NEWNET) != 0:
+                raise _last_error("unshare")
+            rootview.mount("/proc/thread-self/ns/net", f"/run/netns/{name}", None, rootview.MS_BIND)
+            _loopback_up()
+
+        _in_thread(make)
+        return True, []
+
+    def do_holdings(self, _, pid):
+        base = f"/proc/{pid}"
+        children = 0
+        threads = os.listdir(f"{base}/task")
+        for thread in threads:
+            try:
+                with open(f"{base}/task/{thread}/children", encoding="ascii") as file:
+                    children += len(file.read().split())
+            except (FileNotFoundError, ProcessLookupError):  # it has just ended
+                pass
+        with open(f"{base}/status", encoding="utf-8") as file:
+            memory, = [int(line.split()[1]) for line in file if line.startswith("RssAnon:")]
+        return [len(threads), len(os.listdir(f"{base}/fd")), children, memory], []
 
     def do_socket(self, _, family, type, protocol, netns, interface):  # pylint: disable=redefined-builtin
         def make():
@@ -188,6 +249,7 @@ def main():
             counter.write("70000")
     except OSError:
         pass
+    _loopback_up()
     Holder(control).serve()
 
 

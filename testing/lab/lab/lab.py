@@ -13,9 +13,9 @@ from .sniffer import Sniffer
 
 _FAKES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "fakes")
 
-# Runs before the real command and leaves a line in ip.calls: time, network namespace, arguments.
+# Runs before the real command and leaves a line in ip.calls: network namespace, arguments.
 _RECORDING_IP = """#!/bin/sh
-printf '%s %s %s\\n' "$(date +%s.%N)" "$(readlink /proc/self/ns/net)" "$*" >> {top}/ip.calls
+printf '%s %s\\n' "$(readlink /proc/self/ns/net)" "$*" >> {top}/ip.calls
 PATH=/usr/sbin:/usr/bin:/sbin:/bin exec ip "$@"
 """
 
@@ -33,7 +33,6 @@ class Lab:
         self.write("bin/ip", _RECORDING_IP.format(top=self.enclosure.top))
         os.chmod(self.path("bin/ip"), 0o755)
         self.sysctl(*network.quiet_settings())
-        self.ip("link set lo up")
 
     def __enter__(self):
         return self
@@ -107,7 +106,7 @@ class Lab:
         return self.run(["ip", *line.split()], netns).stdout
 
     def sysctl(self, *settings, netns=None):
-        self.run(["sysctl", "-q", *[word for setting in settings for word in ("-w", setting)]], netns)
+        self.enclosure.sysctl(settings, netns)
 
     def nft(self, text, netns=None):
         """Loads nftables rules."""
@@ -127,16 +126,15 @@ class Lab:
         """Argument texts of the `ip` commands that the daemon ran, in order."""
         if not self.exists("ip.calls"):
             return []
-        calls = [line.split(" ", 2) for line in self.read("ip.calls").splitlines()]
-        return [call[2] for call in calls if netns_inode in (None, call[1])]
+        calls = [line.split(" ", 1) for line in self.read("ip.calls").splitlines()]
+        return [arguments for inode, arguments in calls if netns_inode in (None, inode)]
 
     # Network
 
     def add_netns(self, name):
         """A named network namespace: a far end, or a VRF of the daemon."""
-        self.ip(f"netns add {name}")
+        self.enclosure.add_netns(name)
         self.sysctl(*network.quiet_settings(), netns=name)
-        self.ip("link set lo up", netns=name)
         return name
 
     def netns_inode(self, name=None):
@@ -170,7 +168,7 @@ class Lab:
             if ipv6:
                 far.append(f"addr add {link.gateway6}/64 dev {link.far_name} nodad")
             far += [f"addr add {address} dev lo" for address in (target, target6) if address]
-        self.ip(*far, "link set lo up", netns=link.far)
+        self.ip(*far, netns=link.far)
         if far_end == "responder":
             link.responder = self.closing(responder.Responder(self.enclosure, link.far_name, link.far))
         return link
@@ -210,7 +208,10 @@ class Lab:
             argv = ["-f", self.path(config), "-o", out, *args]
         environment = {**daemon.sanitizer_environment(self.path("san")),
                        "PATH": f"{self.path('bin')}:/usr/sbin:/usr/bin:/sbin:/bin", **(env or {})}
-        process = self.enclosure.spawn([*prefix, program, *argv], netns=netns, env=environment, nofile=nofile,
+        if nofile:
+            # As usual the soft limit is lower: a program that needs more raises it.
+            prefix = ["prlimit", f"--nofile={min(nofile, 1024)}:{nofile}", *prefix]
+        process = self.enclosure.spawn([*prefix, program, *argv], netns=netns, env=environment,
                                        fixed_addresses=daemon.is_thread_sanitizer(program))
         self.daemons.append(daemon.Daemon(process, out))
         return self.daemons[-1]
