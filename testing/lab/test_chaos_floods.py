@@ -20,6 +20,8 @@ from lab.route_watch import RouteWatch
 PLAIN = not daemon.has_sanitizer(daemon.program())
 # A sanitizer makes a frame some ten times as dear to the daemon.
 RATE = 10000 if PLAIN else 1500
+# Milliseconds for a reply. One that is lost shows all the same, in the time until the next probe.
+PATIENCE = waiting.milliseconds(900)
 # A busy machine sends less, and that is a flood still: hundreds of frames for each probe.
 LEAST_RATE = 0.2 * RATE
 # Of these frames, as a busy machine may drop some before the interface counts them.
@@ -37,7 +39,7 @@ class Flooded:
         self.links = ManyLinks(lab, [frame, control, burst, raw, raw_burst])
         blocks = [interface(strand.name, [self._test(strand, strand in (burst, raw_burst))], success_ct=1,
                             nexthop=strand.gateway4) for strand in self.links.strands]
-        blocks += [interface(strand.name, [ping(strand.gateway6, resp_time=900)], ipv6=True, success_ct=1,
+        blocks += [interface(strand.name, [ping(strand.gateway6, resp_time=PATIENCE)], ipv6=True, success_ct=1,
                              nexthop=strand.gateway6) for strand in (frame, control)]
         both = [frame, control]
         self.routes = [RouteWatch(lab, "usr_etc/routing-wlb.conf", explained_by(self.links.strands, 4)),
@@ -56,7 +58,7 @@ class Flooded:
     def _test(strand, burst):
         if burst:
             return ping_ext(strand.gateway4, count=3, period=1, timeout=1000, rtt=5000, jitter=5000)
-        return ping(strand.gateway4, resp_time=900)
+        return ping(strand.gateway4, resp_time=PATIENCE)
 
     def take_turn(self):
         """Waits until nobody else floods; the turn lasts until `finish`."""
