@@ -69,10 +69,14 @@ def test_restart_waits_for_a_slow_reply(lab):
     """The second uplink's replies come after the cycle of their request, and its next hop after the first cycle."""
     links = [lab.uplink(number) for number in (1, 2)]
     links[1].responder.delay(0.06)
+    # The routes stay for as many probes as settle a target, and one more, of two seconds each; it takes seven cycles.
+    # Those of a slow daemon take more than a second, so it gets more time.
+    failure_ct = 3 if waiting.SLOW == 1 else 6
     for link in links:
         lab.ip(f"route append default via {link.gateway} dev {link.name} proto dhcp metric 1024")
     text = KEEP + configtext.build(
-        [configtext.interface(link.name, [configtext.ping(resp_time=150)], success_ct=3, nexthop="kernel")
+        [configtext.interface(link.name, [configtext.ping(resp_time=900)], success_ct=3, failure_ct=failure_ct,
+                              nexthop="kernel")
          for link in links],
         [configtext.rule("1_ipv4", {link.name: 1 for link in links}, {"0.0.0.0/0": None})])
     files = []
