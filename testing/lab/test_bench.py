@@ -276,7 +276,7 @@ def test_two_interfaces(capsys):
     assert not result.refusal and result.probes >= 2 and rounds[0].even.probes >= 2
     assert 5 < result.lb_us < 50_000 and 5 < result.even_us < 50_000
     assert 0 < result.ratio_even < 500 and 0 < result.switches < 500
-    assert 1.0 <= result.cycle < 5 and result.resident_kib > 1000 and result.threads >= 5 and result.descriptors >= 10
+    assert 0.95 <= result.cycle < 5 and result.resident_kib > 1000 and result.threads >= 5 and result.descriptors >= 10
     text = capsys.readouterr().out
     assert re.search(r"\| +2 \| +IPv4 \| +frame \|", text) and "round 1 of 1" in text
     assert not os.path.exists(made.lab.enclosure.top)

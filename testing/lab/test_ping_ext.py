@@ -212,6 +212,7 @@ def test_both_kinds_on_one_interface(lab, arp):
                    success_ct=3, failure_ct=2, check_all=True, nexthop=link.gateway, source_address=link.address)],
         [rule("1_ipv4", {"wan1": 1}, {"0.0.0.0/0": None})]))
     lb.wait_status("wan1", "active", timeout=90)
+    lab.log.wait_for("changed state to active")  # it may come after the report
     mark = lab.log.mark()
 
     def enough(since=len(link.responder.requests)):
