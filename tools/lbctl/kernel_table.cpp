@@ -1,0 +1,78 @@
+#include "lbctl/kernel_table.h"
+
+#include <net/if.h>
+
+#include <array>
+#include <cerrno>
+#include <map>
+#include <system_error>
+#include <thread>
+
+#include "lbctl/kernel_route_message.h"
+#include "packets/default_route.h"
+#include "packets/packet_reader.h"
+#include "platform/netns.h"
+#include "platform/places.h"
+#include "routing/bird2_syntax.h"
+#include "routing/route_dump.h"
+
+namespace lbctl {
+
+namespace {
+
+using Table = std::optional<std::vector<KernelRoute>>;
+
+// Names of devices in the calling thread's namespace; each is asked for once.
+class DeviceNames {
+ public:
+  std::string operator()(unsigned int index) {
+    const auto [entry, is_new] = names_.try_emplace(index);
+    std::array<char, IF_NAMESIZE> name{};
+    if (is_new && if_indextoname(index, name.data()) != nullptr) entry->second = name.data();
+    return entry->second;
+  }
+
+ private:
+  std::map<unsigned int, std::string> names_;
+};
+
+Table read_own_table(const Family& family) {
+  // It asks for the whole main table, of which the daemon takes the default routes.
+  const DefaultRouteRequest request = make_default_route_request(family);
+  DeviceNames names;
+  const DeviceName name_of = [&names](unsigned int index) { return names(index); };
+  auto dump = dump_entries<KernelRoute>(
+      bytes_of(request), [&](const NetlinkMessage& message, std::vector<KernelRoute>& routes) {
+        append_kernel_route(message, family, name_of, routes);
+      });
+  // The main table of a namespace comes into being with its first route.
+  if (dump.error == ENOENT) return std::vector<KernelRoute>();
+  if (dump.error != 0) return std::nullopt;
+  return std::move(dump.entries);
+}
+
+}  // namespace
+
+Table read_kernel_routes(const std::string& vrf, bool ipv6) {
+  const Family& family = family_of(ipv6);
+  if (vrf == kDefaultNamespace) return read_own_table(family);
+  // A name from a file must not lead to another directory.
+  if (vrf.empty() || vrf.find('/') != std::string::npos) return std::nullopt;
+  Table table;
+  try {
+    // A thread of its own: one cannot be sure to come back from a namespace.
+    std::thread reader([&] {
+      if (lh_netns_set(vrf.c_str()) == 0) table = read_own_table(family);
+    });
+    reader.join();
+  } catch (const std::system_error&) {  // no thread could be started
+    return std::nullopt;
+  }
+  return table;
+}
+
+std::string canonical_destination(const std::string& text, bool ipv6) {
+  return Bird2Syntax().written_destination(text, ipv6);
+}
+
+}  // namespace lbctl
