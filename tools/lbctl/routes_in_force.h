@@ -1,0 +1,45 @@
+// Whether the kernel forwards as the rules of one VRF and family have it.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "lbctl/dumps.h"
+#include "lbctl/kernel_table.h"
+
+namespace lbctl {
+
+class RoutesInForce {
+ public:
+  // `dumps` must outlive the object.
+  RoutesInForce(const Dumps& dumps, const std::string& vrf, bool ipv6,
+                std::vector<KernelRoute> table);
+
+  // Whether of the kernel's routes to the destination the preferred one leads where the rule wants
+  // it: to the next hop that a failover rule has chosen, else to those of the active members. The
+  // routing daemon joins the routes of rules that share a destination into one; the others' next
+  // hops may then be there too.
+  bool has(const RuleDump& rule, const RouteDump& route) const;
+
+ private:
+  // Where traffic is to go: by any of the devices.
+  struct Way {
+    std::string address;
+    std::vector<std::string> devices;
+  };
+
+  std::vector<Way> ways_of(const RuleDump& rule, const RouteDump& route) const;
+  std::vector<Way> ways_of_active_members(const RuleDump& rule) const;
+  std::vector<const InterfaceDump*> interfaces_of_members(const RuleDump& rule) const;
+  bool leads_by(const std::string& device, const std::string& nexthop) const;
+  static bool matches(const Way& way, const KernelNexthop& nexthop);
+
+  const bool ipv6_;
+  const std::vector<KernelRoute> table_;
+  std::vector<const InterfaceDump*> interfaces_;      // of the VRF and family
+  std::map<std::string, std::vector<Way>> wanted_;    // by canonical destination, of all rules
+  std::map<std::string, const KernelRoute*> chosen_;  // the preferred one to each destination
+};
+
+}  // namespace lbctl
