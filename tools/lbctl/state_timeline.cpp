@@ -30,17 +30,17 @@ std::string StateTimeline::picture(const std::string& interface, int64_t now,
   const std::deque<Change>& changes = found->second;
   const int64_t start = now - kSpan;
   const auto count = static_cast<int64_t>(columns);
-  // The column that a moment is in, from 0 to `count`.
+  // The column that a moment is in.
   const auto column_of = [start, count](int64_t time) {
-    return std::clamp<int64_t>((time - start) * count / kSpan, 0, count);
+    return std::clamp<int64_t>((time - start) * count / kSpan, 0, count - 1);
   };
   for (size_t at = 0; at < changes.size(); ++at) {
     const bool is_last = at + 1 == changes.size();
     const int64_t first = column_of(changes[at].time);
     const int64_t end_time = is_last ? now : changes[at + 1].time;
-    if (end_time < start) continue;
-    // A state has a part of the column that it ends in.
-    const int64_t last = is_last ? count - 1 : std::min(column_of(end_time), count - 1);
+    if (end_time <= start) continue;
+    // However short it was, it is seen.
+    const int64_t last = std::clamp(is_last ? count : column_of(end_time - 1), first, count - 1);
     for (int64_t column = first; column <= last; ++column) {
       char& shown = picture[static_cast<size_t>(column)];
       if (shown != kFailed) shown = changes[at].state;

@@ -172,22 +172,20 @@ void append_route(const RuleStatus& rule, const RouteStatus& status, Lines& line
     force = *status.in_force ? TextPart{"in force", Colour::kGreen}
                              : TextPart{"not in force", Colour::kRed};
   }
-  std::string way = plain(route.destination);
-  if (route.metric != -1) way += fmt::format("  metric {}", route.metric);
+  std::string target = "  " + plain(route.destination);
+  if (route.metric != -1) target += fmt::format("  metric {}", route.metric);
+  std::string way;
   if (rule.rule.failover)
-    way += route.nexthop.empty() ? "  no next hop" : "  via " + plain(route.nexthop);
-  const std::string line = "  " + way + "  ";
+    way = route.nexthop.empty() ? "  no next hop" : "  via " + plain(route.nexthop);
   TextLine shown;
   shown.subject = fmt::format("route {}/{} {} {}", rule.rule.number, rule.rule.ipv6 ? 6 : 4,
                               rule.rule.vrf, route.index);
   shown.content = fmt::format("{} {} {}", route.destination, route.nexthop, force.text);
-  if (line.size() + force.text.size() <= kTableWidth) {
-    shown.parts = {{line, {}}, force};
-    lines.push_back(std::move(shown));
-    return;
+  if (target.size() + way.size() + kGap + force.text.size() > kTableWidth) {
+    lines.push_back({{{target, {}}}, "", ""});
+    target = "  ";
   }
-  lines.push_back({{{cut("  " + way, kTableWidth), {}}}, "", ""});
-  shown.parts = {{"    ", {}}, force};
+  shown.parts = {{target + way + "  ", {}}, force};
   lines.push_back(std::move(shown));
 }
 

@@ -44,7 +44,7 @@ Bytes prefix_route() {
 }
 
 // A next hop of RTA_MULTIPATH.
-Bytes hop(const std::string& gateway, uint32_t ifindex, uint8_t weight, uint8_t flags = 0) {
+Bytes hop(const std::string& gateway, uint32_t ifindex, int weight, uint8_t flags = 0) {
   Bytes bytes(8);
   bytes[2] = flags;
   bytes[3] = static_cast<uint8_t>(weight - 1);

@@ -97,7 +97,7 @@ class OutputDirectory : public TemporaryDirectory {
   }
   // Makes the file look as if it was written at that time.
   void date(const std::string& name, std::time_t time) const {
-    const timespec times[2] = {{time, 0}, {time, 0}};
+    const timespec times[2] = {{.tv_sec = time, .tv_nsec = 0}, {.tv_sec = time, .tv_nsec = 0}};
     EXPECT_EQ(utimensat(AT_FDCWD, file("wlb_dump/" + name).c_str(), times, 0), 0);
   }
 };
