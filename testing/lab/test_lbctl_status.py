@@ -95,25 +95,25 @@ def test_vrfs_have_tables_of_their_own(lab):
     sections = [interface(f"line{number}", [ping(resp_time=900)], success_ct=1, nexthop=link.gateway,
                           origin=link.name, **({"namespace": "red"} if number > 1 else {}))
                 for number, link in links.items()]
-    rules = [rule("1_ipv4", {"line1": 1}, {"0.0.0.0/0": None}),
-             rule("2_ipv4", {"line2": 10, "line3": 1}, {"0.0.0.0/0": None, "10.77.0.0/16": 5}, namespace="red",
+    rules = [rule("2_ipv4", {"line1": 1}, {"0.0.0.0/0": None}),
+             rule("1_ipv4", {"line2": 10, "line3": 1}, {"0.0.0.0/0": None, "10.77.0.0/16": 5}, namespace="red",
                   failover=True)]
     lb = lab.start_lb(configtext.build(sections, rules))
     for number in links:
         lb.wait_status(f"line{number}", "active")
     out = ("-o", lb.out)
-    found = wait_document(lab, lambda seen: all(route["nexthop"] for route in seen["rules"][1]["routes"]), *out)
-    red = found["rules"][1]
+    found = wait_document(lab, lambda seen: all(route["nexthop"] for route in seen["rules"][0]["routes"]), *out)
+    red = found["rules"][0]
     assert red["failover"] and {route["nexthop"] for route in red["routes"]} == {links[2].gateway}
     assert [route["metric"] for route in red["routes"]] == [None, 5]
-    assert in_force(found) == {(1, 4, "default"): [False], (2, 4, "red"): [False, False]}
+    assert in_force(found) == {(1, 4, "red"): [False, False], (2, 4, "default"): [False]}
 
     lab.ip(f"route add default via {links[2].gateway}", netns="red")
     lab.ip(f"route add default via {links[1].gateway}")
     found = document(lab, "status", "status", "--json", *out)
-    assert in_force(found) == {(1, 4, "default"): [True], (2, 4, "red"): [True, False]}
+    assert in_force(found) == {(1, 4, "red"): [True, False], (2, 4, "default"): [True]}
     lab.ip(f"route replace default via {links[3].gateway}", netns="red")
-    assert in_force(document(lab, "status", "status", "--json", *out))[(2, 4, "red")] == [False, False]
+    assert in_force(document(lab, "status", "status", "--json", *out))[(1, 4, "red")] == [False, False]
 
     # Who may not enter the namespace is told so, and the rest all the same.
     shown = lab.run(["setpriv", "--bounding-set=-all", "--inh-caps=-all", program(), "status", *out], check=False)

@@ -4,6 +4,7 @@
 #include "lbctl/routes_in_force.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "packets/family.h"
@@ -28,11 +29,12 @@ bool contains(const std::string& prefix, const std::string& address, bool ipv6) 
 }  // namespace
 
 RoutesInForce::RoutesInForce(const Dumps& dumps, const std::string& vrf, bool ipv6,
-                             std::vector<KernelRoute> table)
-    : ipv6_(ipv6), table_(std::move(table)) {
+                             const std::vector<KernelRoute>& table)
+    : ipv6_(ipv6) {
   for (const InterfaceDump& interface : dumps.interfaces) {
     if (interface.ipv6 == ipv6 && interface.vrf == vrf) interfaces_.push_back(&interface);
   }
+  for (const KernelRoute& route : table) note_devices(route);
   for (const RuleDump& rule : dumps.rules) {
     if (rule.ipv6 != ipv6 || rule.vrf != vrf) continue;
     for (const RouteDump& route : rule.routes) {
@@ -41,9 +43,22 @@ RoutesInForce::RoutesInForce(const Dumps& dumps, const std::string& vrf, bool ip
       std::move(ways.begin(), ways.end(), std::back_inserter(all));
     }
   }
-  for (const KernelRoute& route : table_) {
-    const auto [entry, is_new] = chosen_.try_emplace(route.destination, &route);
-    if (!is_new && route.metric < entry->second->metric) entry->second = &route;
+  for (const KernelRoute& route : table) {
+    if (!wanted_.contains(route.destination)) continue;
+    const auto [entry, is_new] = chosen_.try_emplace(route.destination, route);
+    if (!is_new && route.metric < entry->second.metric) entry->second = route;
+  }
+}
+
+void RoutesInForce::note_devices(const KernelRoute& route) {
+  // fe80::/64 is on every device, and a default route holds all: they tell nothing.
+  const bool tells = !route.destination.starts_with("fe80:") && !route.destination.ends_with("/0");
+  for (const KernelNexthop& nexthop : route.nexthops) {
+    if (!nexthop.address.empty()) {
+      gateways_.emplace(nexthop.device, nexthop.address);
+    } else if (tells) {
+      prefixes_.emplace(nexthop.device, route.destination);
+    }
   }
 }
 
@@ -52,7 +67,7 @@ bool RoutesInForce::has(const RuleDump& rule, const RouteDump& route) const {
   const auto chosen = chosen_.find(destination);
   const std::vector<Way> ways = ways_of(rule, route);
   if (chosen == chosen_.end() || ways.empty()) return false;
-  const std::vector<KernelNexthop>& nexthops = chosen->second->nexthops;
+  const std::vector<KernelNexthop>& nexthops = chosen->second.nexthops;
   const auto is_there = [&nexthops](const Way& way) {
     return std::any_of(nexthops.begin(), nexthops.end(),
                        [&way](const KernelNexthop& nexthop) { return matches(way, nexthop); });
@@ -130,15 +145,9 @@ std::vector<const InterfaceDump*> RoutesInForce::interfaces_of_members(const Rul
 // Whether a route of the kernel has this next hop by the device, or the device's own prefix has it.
 bool RoutesInForce::leads_by(const std::string& device, const std::string& nexthop) const {
   const std::string address = canonical_address(nexthop, ipv6_);
-  return std::any_of(table_.begin(), table_.end(), [&](const KernelRoute& route) {
-    return std::any_of(
-        route.nexthops.begin(), route.nexthops.end(), [&](const KernelNexthop& candidate) {
-          if (candidate.device != device) return false;
-          if (candidate.address == address) return true;
-          // fe80::/64 is on every device, and a default route holds all: they tell nothing.
-          return candidate.address.empty() && !route.destination.starts_with("fe80:") &&
-                 !route.destination.ends_with("/0") && contains(route.destination, address, ipv6_);
-        });
+  if (gateways_.contains({device, address})) return true;
+  return std::any_of(prefixes_.begin(), prefixes_.end(), [&](const auto& entry) {
+    return entry.first == device && contains(entry.second, address, ipv6_);
   });
 }
 

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lbctl/dumps.h"
@@ -14,7 +16,7 @@ class RoutesInForce {
  public:
   // `dumps` must outlive the object.
   RoutesInForce(const Dumps& dumps, const std::string& vrf, bool ipv6,
-                std::vector<KernelRoute> table);
+                const std::vector<KernelRoute>& table);
 
   // Whether of the kernel's routes to the destination the preferred one leads where the rule wants
   // it: to the next hop that a failover rule has chosen, else to those of the active members. The
@@ -29,6 +31,7 @@ class RoutesInForce {
     std::vector<std::string> devices;
   };
 
+  void note_devices(const KernelRoute& route);
   std::vector<Way> ways_of(const RuleDump& rule, const RouteDump& route) const;
   std::vector<Way> ways_of_active_members(const RuleDump& rule) const;
   std::vector<const InterfaceDump*> interfaces_of_members(const RuleDump& rule) const;
@@ -36,10 +39,12 @@ class RoutesInForce {
   static bool matches(const Way& way, const KernelNexthop& nexthop);
 
   const bool ipv6_;
-  const std::vector<KernelRoute> table_;
-  std::vector<const InterfaceDump*> interfaces_;      // of the VRF and family
-  std::map<std::string, std::vector<Way>> wanted_;    // by canonical destination, of all rules
-  std::map<std::string, const KernelRoute*> chosen_;  // the preferred one to each destination
+  std::vector<const InterfaceDump*> interfaces_;  // of the VRF and family
+  // What the kernel tells of where addresses are: next hops and prefixes, each with its device.
+  std::set<std::pair<std::string, std::string>> gateways_;
+  std::set<std::pair<std::string, std::string>> prefixes_;
+  std::map<std::string, std::vector<Way>> wanted_;  // by canonical destination, of all rules
+  std::map<std::string, KernelRoute> chosen_;       // the preferred one to each wanted destination
 };
 
 }  // namespace lbctl

@@ -58,7 +58,7 @@ void add_status_command(CLI::App& program, Action& action) {
   command->add_flag("-4", options->ipv4, "IPv4 only");
   command->add_flag("-6", options->ipv6, "IPv6 only");
   CLI::Option* const json = command->add_flag("--json", options->json, "Print a JSON document");
-  command->add_flag("--watch", options->watch, "A live view of the whole terminal; q ends it")
+  command->add_flag("--watch", options->watch, "A live view that takes the whole terminal; q quits")
       ->excludes(json);
   command->callback([&action, options] { action = [options] { return run_status(*options); }; });
 }

@@ -1,6 +1,7 @@
 #include "lbctl/status_model.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <utility>
 
@@ -21,8 +22,8 @@ std::vector<RuleStatus> statuses_of(const Dumps& dumps, const Families& families
     if (rule.routes.empty()) continue;
     const auto [entry, is_new] = tables.try_emplace({rule.vrf, rule.ipv6});
     if (is_new) {
-      if (auto table = read_table(rule.vrf, rule.ipv6))
-        entry->second.emplace(dumps, rule.vrf, rule.ipv6, std::move(*table));
+      if (const auto table = read_table(rule.vrf, rule.ipv6))
+        entry->second.emplace(dumps, rule.vrf, rule.ipv6, *table);
     }
     for (const RouteDump& route : rule.routes) {
       status.routes.push_back({route, std::nullopt});

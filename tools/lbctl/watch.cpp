@@ -7,11 +7,13 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
 #include <ctime>
 #include <map>
+#include <stdexcept>
 #include <utility>
 
 #include "lbctl/command.h"
@@ -43,6 +45,11 @@ class EndSignals {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&set, signal);
     pthread_sigmask(SIG_BLOCK, &set, &before_);
     descriptor_ = FileDescriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    // Without it Ctrl-C would be lost.
+    if (!descriptor_.valid()) {
+      pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+      throw std::runtime_error("no file descriptor is left for signals");
+    }
   }
   ~EndSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
   EndSignals(const EndSignals&) = delete;
