@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "lbctl/command.h"
@@ -87,7 +88,7 @@ TEST_F(DumpsTest, AHalfWrittenFileIsReadAgain) {
   directory_.put("wlb_rules.bin", whole.substr(0, 1000));
   std::thread daemon([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    directory_.put("wlb_rules.bin", whole);
+    std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << whole.substr(1000);
   });
   const Dumps dumps = read_dumps(directory_.path());
   daemon.join();

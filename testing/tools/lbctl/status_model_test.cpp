@@ -151,7 +151,8 @@ TEST_F(SameNames, EachTableIsReadOnceAndOnlyWhereItIsNeeded) {
 }
 
 TEST_F(SameNames, AnotherVrfHasInterfacesOfItsOwn) {
-  dumps_.interfaces.push_back(interface_dump("ppp0", true, "10.9.9.1"));
+  dumps_.interfaces[2].nexthop = "10.9.9.1";  // the same there, and failed
+  dumps_.interfaces.push_back(interface_dump("line", true, "10.9.9.1"));
   dumps_.interfaces.back().vrf = "red";
   dumps_.rules = {rule_dump(3, false, {{"ppp0", 1}}, {{"0.0.0.0/0", ""}})};
   dumps_.rules[0].vrf = "red";
@@ -237,6 +238,15 @@ TEST_F(OwnNames, RulesOfAllInterfacesAreInTheirOrder) {
   EXPECT_EQ(in_force(), false);
   tables_["default/6"] = {link_local,
                           kernel_route("::/0", {{"fe80::1", "eth2"}, {"fe80::2", "eth1"}})};
+  EXPECT_EQ(in_force(), true);
+}
+
+TEST_F(OwnNames, LinkLocalPrefixesTellNothing) {
+  dumps_.interfaces = {interface_dump("alpha", false, "fe80::1", true),
+                       interface_dump("beta", true, "fe80::2", true)};
+  dumps_.rules = {rule_dump(1, false, {{"eth2", 1}, {"eth1", 1}}, {{"::/0", ""}}, true)};
+  tables_["default/6"] = {kernel_route("fe80::/64", {{"", "eth1"}}, 256),
+                          kernel_route("::/0", {{"fe80::2", "eth1"}})};
   EXPECT_EQ(in_force(), true);
 }
 

@@ -67,6 +67,11 @@ TEST(StatusTextTest, Colours) {
   EXPECT_NE(text.find("\033[31mfailed\033[0m"), std::string::npos);
   EXPECT_NE(text.find("\033[31mloss 40 of 20 %\033[0m"), std::string::npos) << "beyond its limit";
   EXPECT_EQ(text.find("\033[31mrtt"), std::string::npos);
+  Status at_limit = sample();
+  at_limit.interfaces[0].tests[1].measurement->measured_rtt = 200;
+  EXPECT_NE(joined(status_text(at_limit), true).find("\033[31mrtt 200 of 200 ms"),
+            std::string::npos)
+      << "a burst fails at its limit";
   EXPECT_NE(text.find("\033[31mnot in force\033[0m"), std::string::npos);
 }
 
