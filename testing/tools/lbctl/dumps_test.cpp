@@ -86,7 +86,7 @@ TEST_F(DumpsTest, AHalfWrittenFileIsReadAgain) {
   directory_.put_all();
   const std::string whole = rule_record().bytes();
   directory_.put("wlb_rules.bin", whole.substr(0, 1000));
-  std::thread daemon([&] {
+  std::jthread daemon([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << whole.substr(1000);
   });
