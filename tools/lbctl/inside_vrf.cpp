@@ -1,0 +1,38 @@
+#include "lbctl/inside_vrf.h"
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "platform/netns.h"
+#include "platform/places.h"
+
+namespace lbctl {
+
+std::string run_inside_vrf(const std::string& vrf, const std::function<void()>& ask) {
+  if (vrf == kDefaultNamespace) {
+    ask();
+    return "";
+  }
+  int error = 0;
+  std::exception_ptr thrown;
+  std::thread([&] {
+    if (lh_netns_set(vrf.c_str()) != 0) {
+      error = errno;
+      return;
+    }
+    try {
+      ask();
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+  }).join();
+  if (thrown) std::rethrow_exception(thrown);
+  if (error == 0) return "";
+  return fmt::format("VRF {} cannot be entered: {}", vrf, std::strerror(error));
+}
+
+}  // namespace lbctl
