@@ -1,5 +1,7 @@
 #include "lbctl/discovered_nexthops.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 
 #include "config/worker_context.h"
@@ -61,20 +63,27 @@ std::vector<std::string> discover_nexthops(LBConfig& config, const std::string& 
   });
   if (interfaces.empty()) return {};
 
+  LBWorkerContext worker;
+  worker.ipv6 = ipv6;
+  worker.vrf = vrf;
   std::vector<std::string> sentences;
-  const std::string refusal = run_inside_vrf(vrf, [&] {
-    LBWorkerContext worker;
-    worker.ipv6 = ipv6;
-    worker.vrf = vrf;
-    take_log_messages();
-    resolve_dhcp_nexthops(looked_at, worker);
-    resolve_tunnel_nexthops(looked_at, worker);
-    resolve_kernel_nexthops(looked_at, worker);
-    sentences = readable(take_log_messages());
-    std::erase_if(sentences, is_said_anyway);
-  });
-  if (!refusal.empty()) {
-    sentences.push_back(fmt::format("{}; its next hops can be given by --nexthop", refusal));
+  const auto note = [&sentences] {
+    for (std::string& sentence : readable(take_log_messages())) {
+      if (!is_said_anyway(sentence)) sentences.push_back(std::move(sentence));
+    }
+  };
+  take_log_messages();
+  resolve_dhcp_nexthops(looked_at, worker);  // files: no namespace is needed
+  note();
+  if (std::any_of(interfaces.begin(), interfaces.end(),
+                  [](const auto& entry) { return entry.second.nexthop != "dhcp"; })) {
+    const std::string refusal = run_inside_vrf(vrf, [&] {
+      take_log_messages();
+      resolve_tunnel_nexthops(looked_at, worker);
+      resolve_kernel_nexthops(looked_at, worker);
+      note();
+    });
+    if (!refusal.empty()) sentences.push_back(refusal + "; --nexthop can give what it knows");
   }
   for (const auto& [name, interface] : interfaces) {
     const std::string address = found_address(interface);

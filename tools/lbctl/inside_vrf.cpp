@@ -17,6 +17,10 @@ std::string run_inside_vrf(const std::string& vrf, const std::function<void()>& 
     ask();
     return "";
   }
+  // A name from a file must not lead to another directory.
+  if (vrf.empty() || vrf.find('/') != std::string::npos) {
+    return fmt::format("VRF '{}' cannot be entered: no name of a network namespace", vrf);
+  }
   int error = 0;
   std::exception_ptr thrown;
   std::thread([&] {

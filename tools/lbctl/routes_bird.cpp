@@ -35,13 +35,11 @@ constexpr int kHeadLines = 4;
 constexpr int kConfiguration = 3;
 constexpr const char* kConfigurationPath = "/proc/self/fd/3";
 
-// Administrators have sbin in their path, others may not.
-std::string find_bird() {
-  const char* const path = std::getenv("PATH");
-  std::istringstream directories(std::string(path == nullptr ? "" : path) +
-                                 ":/usr/sbin:/usr/local/sbin:/sbin");
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    const std::string program = directory + "/bird";
+// In one of the directories, between colons.
+std::string find_bird(const std::string& directories) {
+  std::istringstream all(directories);
+  for (std::string directory; std::getline(all, directory, ':');) {
+    std::string program = directory + "/bird";
     if (!directory.empty() && access(program.c_str(), X_OK) == 0) return program;
   }
   return "";
@@ -114,8 +112,14 @@ std::string in_terms_of(const std::string& name, const std::string& words) {
 
 }  // namespace
 
-BirdVerdict ask_bird(const std::string& text, const std::string& name) {
-  const std::string program = find_bird();
+std::string bird_directories() {
+  const char* const path = std::getenv("PATH");
+  return std::string(path == nullptr ? "" : path) + ":/usr/sbin:/usr/local/sbin:/sbin";
+}
+
+BirdVerdict ask_bird(const std::string& text, const std::string& name,
+                     const std::string& directories) {
+  const std::string program = find_bird(directories);
   if (program.empty()) return {};
   const Run run = run_bird(program, memory_file(program, std::string(kHead) + text));
   BirdVerdict verdict;
