@@ -1,0 +1,128 @@
+#include "lbctl/explain_kernel.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <set>
+
+#include <fmt/format.h>
+
+#include "lbctl/kernel_table.h"
+#include "lbctl/print.h"
+#include "platform/places.h"
+
+namespace lbctl {
+
+namespace {
+
+// rtnetlink(7), /etc/iproute2/rt_protos.
+std::string protocol_name(uint8_t protocol) {
+  switch (protocol) {
+    case RTPROT_KERNEL:
+      return "the kernel";
+    case RTPROT_BOOT:
+      return "ip route";
+    case RTPROT_STATIC:
+      return "a static configuration";
+    case RTPROT_RA:
+      return "a router advertisement";
+    case RTPROT_DHCP:
+      return "a DHCP client";
+    case RTPROT_BIRD:
+      return "the routing daemon";
+    default:
+      return fmt::format("protocol {}", protocol);
+  }
+}
+
+std::set<std::string> addresses_of(const KernelRoute& route) {
+  std::set<std::string> addresses;
+  for (const KernelNexthop& nexthop : route.nexthops) addresses.insert(nexthop.address);
+  return addresses;
+}
+
+std::string way_of(const KernelRoute& route) {
+  std::string way;
+  for (const KernelNexthop& nexthop : route.nexthops) {
+    way += way.empty() ? "by " : ", ";
+    way += nexthop.address.empty() ? "" : nexthop.address + " ";
+    way += "dev " + nexthop.device;
+  }
+  return fmt::format("{} (metric {}, from {})", way, route.metric, protocol_name(route.protocol));
+}
+
+// Why the routing daemon did not bring the route into the kernel.
+void explain_refusal(const View& view, const RuleDump& rule, const StaticRoute& route,
+                     const std::string& file_text, Explanation& explanation) {
+  const std::string path = route_file_path(rule.vrf, rule.ipv6);
+  explanation.add(
+      fmt::format("It is in the routing daemon's file {}, but not in the kernel's "
+                  "table: the routing daemon refused it or does not run.",
+                  path));
+  const std::string fault = view.machine.routing_daemon_fault(rule.vrf);
+  if (!fault.empty()) {
+    explanation.add(fmt::format("The routing daemon does not seem to run: {}.", fault),
+                    fmt::format("Start the routing daemon with {} as its pid file (bird -P).",
+                                routing_pid_path(rule.vrf)));
+    return;
+  }
+  const BirdVerdict verdict = view.machine.bird(file_text, path);
+  if (verdict.is_installed && !verdict.accepts) {
+    explanation.add(
+        fmt::format("bird refuses the whole file: {}.", verdict.words),
+        view.configuration == nullptr
+            ? "Mend what it names: lbctl check FILE, and lbctl routes FILE --check-bird"
+            : fmt::format("Mend what it names: lbctl check {}, and lbctl routes {} --check-bird",
+                          view.configuration->path, view.configuration->path));
+    return;
+  }
+  explanation.next_step = fmt::format(
+      "See what the routing daemon makes of it: birdc show route for {} all. Its next hop must be "
+      "within a prefix of its interface, or the option \"routing-daemon bird2\" set.",
+      canonical_destination(route.destination, rule.ipv6));
+}
+
+}  // namespace
+
+bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& route,
+                    const std::string& file_text, Explanation& explanation) {
+  const auto table = view.machine.kernel_routes(rule.vrf, rule.ipv6);
+  if (!table) {
+    const std::string refusal = view.machine.vrf_refusal(rule.vrf);
+    explanation.add(
+        fmt::format("It is in the routing daemon's file; the kernel's table was not "
+                    "looked at: {}.",
+                    refusal.empty() ? "it could not be read" : refusal));
+    return true;
+  }
+  std::set<std::string> wanted;
+  for (const Nexthop& nexthop : route.nexthops) wanted.insert(nexthop.address);
+  const std::string destination = canonical_destination(route.destination, rule.ipv6);
+  std::vector<const KernelRoute*> there;
+  for (const KernelRoute& candidate : *table) {
+    if (candidate.destination == destination) there.push_back(&candidate);
+  }
+  std::stable_sort(there.begin(), there.end(),
+                   [](const KernelRoute* first, const KernelRoute* second) {
+                     return first->metric < second->metric;
+                   });
+  const auto is_it = [&](const KernelRoute* candidate) {
+    return addresses_of(*candidate) == wanted;
+  };
+  const auto own = std::find_if(there.begin(), there.end(), is_it);
+  if (own == there.end()) {
+    for (const KernelRoute* other : there) {
+      explanation.add(fmt::format("The kernel's route to it goes {}.", way_of(*other)));
+    }
+    explain_refusal(view, rule, route, file_text, explanation);
+    return false;
+  }
+  if (own == there.begin()) return true;
+  explanation.add(
+      fmt::format("It is in the kernel's table with metric {}, but another route is preferred: {}.",
+                  (*own)->metric, way_of(*there.front())),
+      "Take the other route away, or give it a higher metric than the routing daemon's.");
+  return false;
+}
+
+}  // namespace lbctl

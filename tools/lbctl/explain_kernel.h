@@ -1,0 +1,15 @@
+// Whether a route that the routing daemon was given is in force.
+#pragma once
+
+#include <string>
+
+#include "lbctl/explain_view.h"
+#include "routing/static_routes.h"
+
+namespace lbctl {
+
+// `file_text` is what the route stands in. True when the kernel uses the route, or did not say.
+bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& route,
+                    const std::string& file_text, Explanation& explanation);
+
+}  // namespace lbctl

@@ -1,0 +1,71 @@
+// What this machine can be asked to explain a state. A contract: tests put answers of their own in
+// its place.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lbctl/kernel_table.h"
+#include "lbctl/routes_bird.h"
+
+namespace lbctl {
+
+struct DeviceState {
+  bool exists = false;
+  bool is_up = false;
+  bool has_carrier = false;
+  bool resolves = false;  // link-layer addresses, by ARP or neighbour solicitations
+};
+
+struct FileLook {
+  std::string fault;  // why it cannot be read; empty: `text` is what it holds
+  bool is_absent = false;
+  std::string text;
+};
+
+class Machine {
+ public:
+  virtual ~Machine() = default;
+
+  // Why the VRF cannot be looked into; empty where it can.
+  virtual std::string vrf_refusal(const std::string& vrf) const = 0;
+  virtual bool has_vrf(const std::string& vrf) const = 0;
+
+  // No value where the machine did not say.
+  virtual std::optional<DeviceState> device(const std::string& vrf,
+                                            const std::string& name) const = 0;
+
+  // The state (NUD_*) of the kernel's neighbour entry, 0 without one; no value where it did not
+  // say.
+  virtual std::optional<uint16_t> neighbor(const std::string& vrf, bool ipv6,
+                                           const std::string& device,
+                                           const std::string& address) const = 0;
+  virtual std::optional<std::vector<KernelRoute>> kernel_routes(const std::string& vrf,
+                                                                bool ipv6) const = 0;
+
+  // A file that another program writes: routes or a lease.
+  virtual FileLook file(const std::string& path) const = 0;
+
+  // Why the VRF's routing daemon cannot be there; empty where it seems to run.
+  virtual std::string routing_daemon_fault(const std::string& vrf) const = 0;
+  virtual BirdVerdict bird(const std::string& text, const std::string& name) const = 0;
+};
+
+// The one that lbctl runs on.
+class ThisMachine : public Machine {
+ public:
+  std::string vrf_refusal(const std::string& vrf) const override;
+  bool has_vrf(const std::string& vrf) const override;
+  std::optional<DeviceState> device(const std::string& vrf, const std::string& name) const override;
+  std::optional<uint16_t> neighbor(const std::string& vrf, bool ipv6, const std::string& device,
+                                   const std::string& address) const override;
+  std::optional<std::vector<KernelRoute>> kernel_routes(const std::string& vrf,
+                                                        bool ipv6) const override;
+  FileLook file(const std::string& path) const override;
+  std::string routing_daemon_fault(const std::string& vrf) const override;
+  BirdVerdict bird(const std::string& text, const std::string& name) const override;
+};
+
+}  // namespace lbctl

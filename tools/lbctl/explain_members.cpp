@@ -1,0 +1,133 @@
+#include "lbctl/explain_members.h"
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "lbctl/discovered_nexthops.h"
+#include "lbctl/print.h"
+
+namespace lbctl {
+
+namespace {
+
+struct Member {
+  std::string label;
+  bool ipv6 = false;
+  int32_t weight = 0;
+  const InterfaceDump* interface = nullptr;
+};
+
+// From the configuration, which has names and whole weights, else from the records.
+std::vector<Member> members_of(const View& view, const RuleDump& rule) {
+  std::vector<Member> members;
+  if (const LBRule* const known = view.configured(rule)) {
+    for (const auto& [name, member] : known->members) {
+      members.push_back({interface_label(name, member.ipv6), member.ipv6, member.weight,
+                         view.interface_dump(name, member.ipv6)});
+    }
+    return members;
+  }
+  for (const MemberDump& member : rule.members) {
+    members.push_back({interface_label(member.device, member.ipv6), member.ipv6, member.weight,
+                       view.interface_dump(member.device, member.ipv6)});
+  }
+  return members;
+}
+
+bool requires_nexthop(const View& view) {
+  return view.configuration != nullptr && view.configuration->model.options->bird2_routes;
+}
+
+std::string place_of(const View& view, const InterfaceDump& interface) {
+  const LBInterface* const known = view.configured(interface);
+  const std::string place = known == nullptr ? "" : place_of_nexthop(*known);
+  return place.empty() ? "" : fmt::format("; it is looked for in {}", place);
+}
+
+// Why the member cannot even be chosen; empty when it can.
+std::string fault_of(const View& view, const RuleDump& rule, const Member& member,
+                     std::string& next_step) {
+  if (member.ipv6 != rule.ipv6) {
+    next_step = "Put it into a rule of its own family.";
+    return "is of the other family";
+  }
+  if (member.interface == nullptr && view.configured(rule) == nullptr) {
+    next_step = "Name the configuration (-f FILE): only it tells which interface has that device.";
+    return "is a device that no interface has as its name";
+  }
+  if (member.interface == nullptr) {
+    next_step =
+        "Give it a block in the health section, or correct the name; then restart the "
+        "daemon.";
+    return "has no interface of that name in the health section";
+  }
+  if (member.interface->vrf != rule.vrf) {
+    next_step = "Give the rule and the interface the same \"namespace\".";
+    return fmt::format("is in VRF {}, and the rule is in VRF {}", member.interface->vrf, rule.vrf);
+  }
+  if (!member.interface->active) {
+    next_step = fmt::format("lbctl explain {}", member.label);
+    return fmt::format("is FAILED for {}", span(member.interface->change_age));
+  }
+  if (requires_nexthop(view) && member.interface->nexthop.empty()) {
+    next_step = fmt::format("lbctl explain {}", member.label);
+    return "is ACTIVE, but has no next hop yet" + place_of(view, *member.interface);
+  }
+  return "";
+}
+
+}  // namespace
+
+MemberReport report_members(const View& view, const RuleDump& rule) {
+  MemberReport report;
+  std::vector<Member> eligible;
+  const auto set_step = [&report](const std::string& step) {
+    if (report.next_step.empty()) report.next_step = step;
+  };
+  for (const Member& member : members_of(view, rule)) {
+    std::string step;
+    const std::string fault = fault_of(view, rule, member, step);
+    if (fault.empty()) {
+      eligible.push_back(member);
+      continue;
+    }
+    report.sentences.push_back(fmt::format("{} {}.", member.label, fault));
+    set_step(step);
+  }
+  if (report.sentences.empty() && eligible.empty()) {
+    report.sentences.emplace_back("The rule has no members.");
+    set_step("Give the rule members (\"interface NAME {\" with a weight).");
+  }
+
+  const auto best = std::max_element(
+      eligible.begin(), eligible.end(),
+      [](const Member& first, const Member& second) { return first.weight < second.weight; });
+  for (const Member& member : eligible) {
+    const InterfaceDump& interface = *member.interface;
+    if (rule.failover && member.label != best->label) {
+      report.sentences.push_back(
+          best->weight == member.weight
+              ? fmt::format("{} stands by: {} has the same weight {} and comes first by name.",
+                            member.label, best->label, best->weight)
+              : fmt::format("{} stands by: {} is heavier (weight {} against {}).", member.label,
+                            best->label, best->weight, member.weight));
+    } else if (member.weight == 0) {
+      report.sentences.push_back(
+          fmt::format("{} has no weight in the rule, so it carries nothing.", member.label));
+      set_step("Give the member a weight of 1 or more, then restart the daemon.");
+    } else if (interface.nexthop.empty()) {
+      report.sentences.push_back(fmt::format("{} is ACTIVE{}, but has no next hop yet{}.",
+                                             member.label, rule.failover ? " and the heaviest" : "",
+                                             place_of(view, interface)));
+      set_step(fmt::format("lbctl explain {}", member.label));
+    } else {
+      report.sentences.push_back(fmt::format("{} carries it by {}, weight {}.", member.label,
+                                             interface.nexthop, member.weight));
+      report.carriers.push_back({member.label, interface.nexthop, member.weight});
+    }
+  }
+  return report;
+}
+
+}  // namespace lbctl

@@ -1,0 +1,26 @@
+// Who carries a rule's routes, and why the others do not.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "lbctl/explain_view.h"
+
+namespace lbctl {
+
+struct Carrier {
+  std::string label;    // "wan1/6"
+  std::string address;  // next hop
+  int32_t weight = 0;
+};
+
+struct MemberReport {
+  std::vector<Carrier> carriers;
+  std::vector<std::string> sentences;  // one per member
+  std::string next_step;               // where nobody carries
+};
+
+// For the worker of the rule's own family.
+MemberReport report_members(const View& view, const RuleDump& rule);
+
+}  // namespace lbctl

@@ -1,0 +1,14 @@
+// What the kernel knows of an interface's next hop.
+#pragma once
+
+#include <string>
+
+#include "lbctl/explain_view.h"
+
+namespace lbctl {
+
+// For a device with link-layer addresses; nothing without a next hop.
+void explain_neighbor(const View& view, const InterfaceDump& interface, const std::string& device,
+                      Explanation& explanation);
+
+}  // namespace lbctl

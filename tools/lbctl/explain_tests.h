@@ -1,0 +1,19 @@
+// What the probes of an interface found, and what would change its state.
+#pragma once
+
+#include <string>
+
+#include "lbctl/explain_view.h"
+
+namespace lbctl {
+
+// A sentence per test. True when all that is needed is settled as reached.
+bool explain_tests(const View& view, const InterfaceDump& interface, Explanation& explanation);
+
+// What would bring a failed interface back.
+void explain_way_back(const View& view, const InterfaceDump& interface, Explanation& explanation);
+
+// A target that is not reached, else the next hop.
+std::string failed_target(const InterfaceDump& interface);
+
+}  // namespace lbctl
