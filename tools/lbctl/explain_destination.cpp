@@ -134,6 +134,13 @@ bool explain_file(const View& view, const Destination& destination, const Member
   }
   const StaticRoute& route = most_like(routes, wanted);
   const std::set<std::string> written = addresses_of(route.nexthops);
+  if (!members.is_complete) {
+    explanation.add(
+        fmt::format("The routing daemon's file {} has it by {}.", path, listed(written)));
+    if (!explain_kernel(view, rule, route, look.text, explanation)) return false;
+    explanation.next_step = members.next_step;
+    return true;
+  }
   if (written != wanted) {
     explanation.add(
         fmt::format("The routing daemon's file {} has it by {}{}.", path, listed(written),
@@ -200,9 +207,14 @@ Explanation explain_destination(const View& view, const Destination& destination
   for (const Carrier& carrier : members.carriers) {
     carriers += (carriers.empty() ? "" : ", ") + carrier.label;
   }
-  explanation.headline += carriers.empty()      ? " has no next hop."
-                          : explanation.is_well ? fmt::format(" leads to {}.", carriers)
-                                                : fmt::format(" should lead to {}.", carriers);
+  if (!members.is_complete) {
+    explanation.headline += explanation.is_well ? " is routed." : " is not in force.";
+  } else if (carriers.empty()) {
+    explanation.headline += " has no next hop.";
+  } else {
+    explanation.headline +=
+        fmt::format(" {} {}.", explanation.is_well ? "leads to" : "should lead to", carriers);
+  }
   if (explanation.next_step.empty()) explanation.next_step = "none, all is well with it.";
   return explanation;
 }

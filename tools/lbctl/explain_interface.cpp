@@ -59,10 +59,12 @@ bool explain_device(const View& view, const InterfaceDump& interface, const std:
   if (!state->exists) {
     explanation.add(
         fmt::format("There is no device {} in VRF {}.", device, interface.vrf),
-        "Look for it with \"ip link\"; if it has another name, give that as \"origin\".");
+        fmt::format("Look for it with \"{}\"; if it has another name, give that as \"origin\".",
+                    command_in(interface.vrf, "ip link")));
   } else if (!state->is_up) {
-    explanation.add(fmt::format("The device {} is down.", device),
-                    fmt::format("Bring it up: ip link set {} up", device));
+    explanation.add(
+        fmt::format("The device {} is down.", device),
+        "Bring it up: " + command_in(interface.vrf, fmt::format("ip link set {} up", device)));
   } else if (!state->has_carrier) {
     explanation.add(fmt::format("The device {} is up, but has no carrier.", device),
                     "Check the cable, and whether the modem or switch at its other end is on.");
@@ -100,13 +102,16 @@ void explain_missing_nexthop(const View& view, const InterfaceDump& interface,
         known == nullptr
             ? "No next hop has been found: it is the tunnel's point-to-point peer."
             : fmt::format("No next hop has been found: it is {}.", place_of_nexthop(*known)),
-        "Check that the tunnel is there and has a peer address: ip addr show");
+        "Check that the tunnel is there and has a peer address: " +
+            command_in(interface.vrf, "ip addr show"));
   } else if (known != nullptr) {
-    explanation.add(fmt::format("No next hop has been found: it is looked for among {}.",
-                                place_of_nexthop(*known)),
-                    fmt::format("Check that another program than the routing daemon puts a default "
-                                "route there: ip -{} route show default dev {}",
-                                version_of(interface), known->origin));
+    explanation.add(
+        fmt::format("No next hop has been found: it is looked for among {}.",
+                    place_of_nexthop(*known)),
+        fmt::format(
+            "Check that another program than the routing daemon puts a default route there: {}",
+            command_in(interface.vrf, fmt::format("ip -{} route show default dev {}",
+                                                  version_of(interface), known->origin))));
   } else {
     explanation.add("It has no next hop: none is configured, or the kernel has no default route.",
                     "Name the configuration (-f FILE) to be told where it is looked for.");
@@ -138,14 +143,15 @@ void explain_failure(const View& view, const InterfaceDump& interface, Explanati
         "is.");
   }
   if (interface.nexthop.empty()) explain_missing_nexthop(view, interface, explanation);
-  if (!explain_tests(view, interface, explanation) && !is_dead && state && state->resolves) {
+  if (explain_tests(view, interface, explanation) && !is_dead && state && state->resolves) {
     explain_neighbor(view, interface, *device, explanation);
   }
   explain_way_back(view, interface, explanation);
   if (!explanation.next_step.empty()) return;
   explanation.next_step =
-      device ? fmt::format("Try from the router: ping -{} -I {} {}", version_of(interface), *device,
-                           failed_target(interface))
+      device ? "Try from the router: " +
+                   command_in(interface.vrf, fmt::format("ping -{} -I {} {}", version_of(interface),
+                                                         *device, failed_target(interface)))
              : "Try to reach the targets from the router, by that interface.";
 }
 

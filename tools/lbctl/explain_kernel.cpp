@@ -53,12 +53,16 @@ std::string way_of(const KernelRoute& route) {
 
 // Why the routing daemon did not bring the route into the kernel.
 void explain_refusal(const View& view, const RuleDump& rule, const StaticRoute& route,
-                     const std::string& file_text, Explanation& explanation) {
+                     const std::vector<const KernelRoute*>& others, const std::string& file_text,
+                     Explanation& explanation) {
   const std::string path = route_file_path(rule.vrf, rule.ipv6);
   explanation.add(
       fmt::format("It is in the routing daemon's file {}, but not in the kernel's "
                   "table: the routing daemon refused it or does not run.",
                   path));
+  for (const KernelRoute* other : others) {
+    explanation.add(fmt::format("The kernel's route to it goes {} instead.", way_of(*other)));
+  }
   const std::string fault = view.machine.routing_daemon_fault(rule.vrf);
   if (!fault.empty()) {
     explanation.add(fmt::format("The routing daemon does not seem to run: {}.", fault),
@@ -89,10 +93,10 @@ bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& r
   const auto table = view.machine.kernel_routes(rule.vrf, rule.ipv6);
   if (!table) {
     const std::string refusal = view.machine.vrf_refusal(rule.vrf);
-    explanation.add(
-        fmt::format("It is in the routing daemon's file; the kernel's table was not "
-                    "looked at: {}.",
-                    refusal.empty() ? "it could not be read" : refusal));
+    explanation.add(fmt::format("It is in the routing daemon's file; the kernel's table was not "
+                                "looked at: {}.",
+                                refusal.empty() ? "it could not be read" : refusal),
+                    "Ask again as root to be told whether it is in force.");
     return true;
   }
   std::set<std::string> wanted;
@@ -106,15 +110,14 @@ bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& r
                    [](const KernelRoute* first, const KernelRoute* second) {
                      return first->metric < second->metric;
                    });
-  const auto is_it = [&](const KernelRoute* candidate) {
-    return addresses_of(*candidate) == wanted;
+  // The routing daemon may merge routes of several rules into one.
+  const auto has_it = [&](const KernelRoute* candidate) {
+    const std::set<std::string> used = addresses_of(*candidate);
+    return std::includes(used.begin(), used.end(), wanted.begin(), wanted.end());
   };
-  const auto own = std::find_if(there.begin(), there.end(), is_it);
+  const auto own = std::find_if(there.begin(), there.end(), has_it);
   if (own == there.end()) {
-    for (const KernelRoute* other : there) {
-      explanation.add(fmt::format("The kernel's route to it goes {}.", way_of(*other)));
-    }
-    explain_refusal(view, rule, route, file_text, explanation);
+    explain_refusal(view, rule, route, there, file_text, explanation);
     return false;
   }
   if (own == there.begin()) return true;

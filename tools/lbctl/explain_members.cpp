@@ -93,6 +93,8 @@ MemberReport report_members(const View& view, const RuleDump& rule) {
       continue;
     }
     report.sentences.push_back(fmt::format("{} {}.", member.label, fault));
+    const bool is_untold = member.interface == nullptr && view.configured(rule) == nullptr;
+    report.is_complete = report.is_complete && !(is_untold && member.ipv6 == rule.ipv6);
     set_step(step);
   }
   if (report.sentences.empty() && eligible.empty()) {

@@ -18,6 +18,7 @@ struct MemberReport {
   std::vector<Carrier> carriers;
   std::vector<std::string> sentences;  // one per member
   std::string next_step;               // where nobody carries
+  bool is_complete = true;             // false: a member could not be told
 };
 
 // For the worker of the rule's own family.

@@ -26,9 +26,9 @@ void explain_neighbor(const View& view, const InterfaceDump& interface, const st
   const auto state = view.machine.neighbor(interface.vrf, interface.ipv6, device, nexthop);
   const char* const protocol = interface.ipv6 ? "neighbour solicitations" : "ARP requests";
   const std::string look = fmt::format(
-      "See whether the gateway is on that link: ip -{} neigh show dev {}; check cable, VLAN, and "
-      "the next hop's address.",
-      interface.ipv6 ? 6 : 4, device);
+      "See whether the gateway is on that link: {}; check cable, VLAN, and the next hop's address.",
+      command_in(interface.vrf,
+                 fmt::format("ip -{} neigh show dev {}", interface.ipv6 ? 6 : 4, device)));
   if (!state) {
     explanation.add(
         fmt::format("The kernel did not say what it knows of the next hop {}.", nexthop));
@@ -45,8 +45,8 @@ void explain_neighbor(const View& view, const InterfaceDump& interface, const st
                     look);
   } else {
     explanation.add(
-        fmt::format("The next hop {} is known on {} (neighbour entry {}), so the fault is likely "
-                    "behind it.",
+        fmt::format("The next hop {} is known on {} (neighbour entry {}): what does not answer is "
+                    "behind it, or refuses echo requests.",
                     nexthop, device, name_of(*state)));
   }
 }

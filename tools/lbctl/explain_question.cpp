@@ -54,7 +54,14 @@ std::vector<Explanation> explain_faults(const View& view) {
   return explanations;
 }
 
-// The states of the dumps, for what is said of the daemon's file.
+std::unique_ptr<Configuration> load_named(const std::string& path) {
+  if (!path.empty()) return load_configuration(path);
+  const FileLook look = ThisMachine().file(kUsualConfiguration);
+  return look.fault.empty() ? load_configuration(kUsualConfiguration) : nullptr;
+}
+
+}  // namespace
+
 void take_over_states(const Dumps& dumps, LBConfig& model) {
   assume_all(model, false);
   for (const InterfaceDump& dump : dumps.interfaces) {
@@ -63,14 +70,6 @@ void take_over_states(const Dumps& dumps, LBConfig& model) {
     assume_nexthop(model, {{dump.name, dump.ipv6}, dump.nexthop});
   }
 }
-
-std::unique_ptr<Configuration> load_named(const std::string& path) {
-  if (!path.empty()) return load_configuration(path);
-  const FileLook look = ThisMachine().file(kUsualConfiguration);
-  return look.fault.empty() ? load_configuration(kUsualConfiguration) : nullptr;
-}
-
-}  // namespace
 
 Answer answer(const View& view, const std::string& subject, std::time_t now) {
   Answer answer{true, ""};

@@ -19,6 +19,9 @@ struct Answer {
   std::string text;
 };
 
+// Puts the states of the dumps into the configuration's model.
+void take_over_states(const Dumps& dumps, LBConfig& model);
+
 // The same from what was read. A Failure (kExitUsage) for a subject that nobody knows.
 Answer answer(const View& view, const std::string& subject, std::time_t now);
 

@@ -100,6 +100,20 @@ bool is_healthy(const View& view, const InterfaceDump& interface) {
                                     : std::any_of(tests.begin(), tests.end(), reached);
 }
 
+// What is still to come: a test that has begun to succeed, or has no outcome as yet.
+const char* what_to_wait_for(const InterfaceDump& interface) {
+  const auto has = [&](int32_t result) {
+    return std::any_of(interface.tests.begin(), interface.tests.end(),
+                       [result](const TestDump& test) { return test.result == result; });
+  };
+  if (has(kResultSuccess)) return "Wait a moment: a target answers again.";
+  if (has(kResultNone)) {
+    return "Wait for the first outcome (a burst takes up to its count times its timeout); if none "
+           "comes, look into the daemon's log.";
+  }
+  return "";
+}
+
 }  // namespace
 
 bool explain_tests(const View& view, const InterfaceDump& interface, Explanation& explanation) {
@@ -110,12 +124,14 @@ bool explain_tests(const View& view, const InterfaceDump& interface, Explanation
         "has by default only where the whole configuration could be read.",
         "Look for brackets that do not match: lbctl check FILE");
   }
+  bool fails = false;
   for (size_t at = 0; at < interface.tests.size(); ++at) {
     const TestDump& test = interface.tests[at];
     if (explain_hopeless(interface, test, configured_at(known, at), explanation)) continue;
     explanation.add(fmt::format("Target {}: {}.", test.target, outcome_of(interface, test)));
+    fails = fails || test.result == kResultFailure;
   }
-  return is_healthy(view, interface);
+  return fails;
 }
 
 void explain_way_back(const View& view, const InterfaceDump& interface, Explanation& explanation) {
@@ -147,8 +163,10 @@ void explain_way_back(const View& view, const InterfaceDump& interface, Explanat
   explanation.add(fmt::format(
       "It comes back when {} been reached {}{}.", whose,
       interface.success_ct == 1 ? "once" : counted(interface.success_ct, "time") + " in a row",
-      hold_down > 0 ? fmt::format(", and that for {} (hold-down)", span(hold_down))
-                    : std::string()));
+      hold_down > 0 ? fmt::format(", and that for {} (hold-down)", span(hold_down)) : ""));
+  if (explanation.next_step.empty() && !needs_all(view, interface)) {
+    explanation.next_step = what_to_wait_for(interface);
+  }
 }
 
 std::string failed_target(const InterfaceDump& interface) {

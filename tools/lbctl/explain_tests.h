@@ -7,7 +7,7 @@
 
 namespace lbctl {
 
-// A sentence per test. True when all that is needed is settled as reached.
+// A sentence per test. True when one of them was probed and is not reached.
 bool explain_tests(const View& view, const InterfaceDump& interface, Explanation& explanation);
 
 // What would bring a failed interface back.

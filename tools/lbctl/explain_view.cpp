@@ -65,6 +65,10 @@ std::string in_vrf(const std::string& vrf) {
   return vrf == kDefaultNamespace ? "" : " in VRF " + vrf;
 }
 
+std::string command_in(const std::string& vrf, const std::string& command) {
+  return vrf == kDefaultNamespace ? command : fmt::format("ip netns exec {} {}", vrf, command);
+}
+
 std::string counted(int64_t count, const std::string& noun) {
   if (count == 1) return fmt::format("1 {}", noun);
   return fmt::format("{} {}{}", count, noun, noun.ends_with("success") ? "es" : "s");

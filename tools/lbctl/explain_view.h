@@ -52,6 +52,9 @@ std::string rule_name(const RuleDump& rule);
 // "" for the default VRF, else " in VRF red".
 std::string in_vrf(const std::string& vrf);
 
+// A command for the VRF: "ip netns exec red ping ...".
+std::string command_in(const std::string& vrf, const std::string& command);
+
 // "1 failure", "3 failures".
 std::string counted(int64_t count, const std::string& noun);
 
