@@ -29,6 +29,7 @@ std::vector<Explanation> explain_named(const View& view, const std::string& subj
     if (interface != nullptr) return {explain_interface(view, *interface)};
   }
   const auto destinations = find_destinations(view.dumps, subject);
+  explanations.reserve(destinations.size());
   for (const Destination& destination : destinations) {
     explanations.push_back(explain_destination(view, destination));
   }

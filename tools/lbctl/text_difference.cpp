@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kContext = 3;
 
 // Beyond so many edits the script is not worth its memory: all is deleted and inserted again.
-constexpr int kMostEdits = 2000;
+constexpr ptrdiff_t kMostEdits = 2000;
 
 using Lines = std::vector<std::string_view>;
 
@@ -40,26 +40,30 @@ using Script = std::vector<Edit>;
 struct Part {
   const Lines& old_lines;
   const Lines& new_lines;
-  int old_begin, old_end, new_begin, new_end;
+  ptrdiff_t old_begin, old_end, new_begin, new_end;
 
-  int old_size() const { return old_end - old_begin; }
-  int new_size() const { return new_end - new_begin; }
-  std::string_view old_line(int at) const { return old_lines[static_cast<size_t>(old_begin + at)]; }
-  std::string_view new_line(int at) const { return new_lines[static_cast<size_t>(new_begin + at)]; }
+  ptrdiff_t old_size() const { return old_end - old_begin; }
+  ptrdiff_t new_size() const { return new_end - new_begin; }
+  std::string_view old_line(ptrdiff_t at) const {
+    return old_lines[static_cast<size_t>(old_begin + at)];
+  }
+  std::string_view new_line(ptrdiff_t at) const {
+    return new_lines[static_cast<size_t>(new_begin + at)];
+  }
 };
 
 // The farthest old line that is reached on each diagonal after 0, 1, 2, ... edits. Diagonal k (old
 // less new) stands at k + edits + 1.
-using Frontiers = std::vector<std::vector<int>>;
+using Frontiers = std::vector<std::vector<ptrdiff_t>>;
 
 // How a diagonal is reached with one more edit than `before`: from the one above by an insertion,
 // or from the one below by a deletion.
 struct Step {
   bool inserts;
-  int start;  // the old line behind the edit
+  ptrdiff_t start;  // the old line behind the edit
 };
-Step step_onto(int diagonal, const std::vector<int>& before, int edits) {
-  const auto reached = [&](int other) { return before[static_cast<size_t>(other + edits)]; };
+Step step_onto(ptrdiff_t diagonal, const std::vector<ptrdiff_t>& before, ptrdiff_t edits) {
+  const auto reached = [&](ptrdiff_t other) { return before[static_cast<size_t>(other + edits)]; };
   const bool inserts =
       diagonal == -edits || (diagonal != edits && reached(diagonal - 1) < reached(diagonal + 1));
   return {inserts, inserts ? reached(diagonal + 1) : reached(diagonal - 1) + 1};
@@ -67,11 +71,11 @@ Step step_onto(int diagonal, const std::vector<int>& before, int edits) {
 
 // False when it takes too many edits.
 bool find_frontiers(const Part& part, Frontiers& frontiers) {
-  const int most = std::min(part.old_size() + part.new_size(), kMostEdits);
-  for (int edits = 0; edits <= most; ++edits) {
-    std::vector<int> frontier(static_cast<size_t>(2 * edits + 3), -1);
-    for (int diagonal = -edits; diagonal <= edits; diagonal += 2) {
-      int x = edits == 0 ? 0 : step_onto(diagonal, frontiers.back(), edits).start;
+  const ptrdiff_t most = std::min(part.old_size() + part.new_size(), kMostEdits);
+  for (ptrdiff_t edits = 0; edits <= most; ++edits) {
+    std::vector<ptrdiff_t> frontier(static_cast<size_t>(2 * edits + 3), -1);
+    for (ptrdiff_t diagonal = -edits; diagonal <= edits; diagonal += 2) {
+      ptrdiff_t x = edits == 0 ? 0 : step_onto(diagonal, frontiers.back(), edits).start;
       while (x < part.old_size() && x - diagonal < part.new_size() && x - diagonal >= 0 &&
              part.old_line(x) == part.new_line(x - diagonal)) {
         ++x;
@@ -88,17 +92,17 @@ bool find_frontiers(const Part& part, Frontiers& frontiers) {
 }
 
 void append_replacement(const Part& part, Script& script) {
-  for (int at = 0; at < part.old_size(); ++at) script.push_back({'-', part.old_line(at)});
-  for (int at = 0; at < part.new_size(); ++at) script.push_back({'+', part.new_line(at)});
+  for (ptrdiff_t at = 0; at < part.old_size(); ++at) script.push_back({'-', part.old_line(at)});
+  for (ptrdiff_t at = 0; at < part.new_size(); ++at) script.push_back({'+', part.new_line(at)});
 }
 
 void append_shortest(const Part& part, Script& script) {
   Frontiers frontiers;
   if (!find_frontiers(part, frontiers)) return append_replacement(part, script);
   Script reversed;
-  int x = part.old_size();
-  int y = part.new_size();
-  for (int edits = static_cast<int>(frontiers.size()) - 1; edits > 0; --edits) {
+  ptrdiff_t x = part.old_size();
+  ptrdiff_t y = part.new_size();
+  for (ptrdiff_t edits = static_cast<ptrdiff_t>(frontiers.size()) - 1; edits > 0; --edits) {
     const Step step = step_onto(x - y, frontiers[static_cast<size_t>(edits - 1)], edits);
     for (; x > step.start; --x, --y) reversed.push_back({' ', part.old_line(x - 1)});
     if (step.inserts) {
@@ -122,10 +126,10 @@ Script script_of(const Lines& old_lines, const Lines& new_lines) {
   }
   Script script;
   for (size_t at = 0; at < head; ++at) script.push_back({' ', old_lines[at]});
-  append_shortest(
-      {old_lines, new_lines, static_cast<int>(head), static_cast<int>(old_lines.size() - tail),
-       static_cast<int>(head), static_cast<int>(new_lines.size() - tail)},
-      script);
+  append_shortest({old_lines, new_lines, static_cast<ptrdiff_t>(head),
+                   static_cast<ptrdiff_t>(old_lines.size() - tail), static_cast<ptrdiff_t>(head),
+                   static_cast<ptrdiff_t>(new_lines.size() - tail)},
+                  script);
   for (size_t at = old_lines.size() - tail; at < old_lines.size(); ++at) {
     script.push_back({' ', old_lines[at]});
   }
