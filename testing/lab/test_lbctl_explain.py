@@ -57,8 +57,8 @@ def test_from_all_well_over_a_cut_and_back(lab, links):
                      "1 settles it as failed.", "It comes back when its target has been reached once.",
                      "Next step: Try from the router: ping -4 -I wan1 198.51.100.1")
     assert "wan2 is" not in text, text
-    wait_said(lab, "0.0.0.0/0 (rule 1_ipv4) leads to wan2.", "wan1 is FAILED for", "wan2 carries it by 10.2.0.1, weight 2.",
-              of=["default"], status=0)
+    wait_said(lab, "0.0.0.0/0 (rule 1_ipv4) leads to wan2.", "wan1 is FAILED for",
+              "wan2 carries it by 10.2.0.1, weight 2.", of=["default"], status=0)
     wait_said(lab, "0.0.0.0/0 (rule 1_ipv4) leads to wan2.", of=["203.0.113.5"], status=0)
     links[2].cut()
     wait_said(lab, "0.0.0.0/0 (rule 1_ipv4) has no next hop.", "Next step: lbctl explain wan1")
@@ -72,8 +72,8 @@ def test_dead_gateway_and_dead_device(lab, links):
     lab.start_lb(config(links)).wait_status("wan1", "active")
     lab.ip("addr del 10.1.0.1/24 dev f1", "addr add 10.1.0.9/24 dev f1", netns="far1")
     lab.ip("neigh flush dev wan1")
-    wait_said(lab, "ARP requests", "next hop 10.1.0.1", "See whether the gateway is on that link: ip -4 neigh show dev wan1",
-              of=["wan1"])
+    wait_said(lab, "ARP requests", "next hop 10.1.0.1",
+              "See whether the gateway is on that link: ip -4 neigh show dev wan1", of=["wan1"])
     lab.ip("link set f1 down", netns="far1")
     wait_said(lab, "The device wan1 is up, but has no carrier.", of=["wan1"])
     lab.ip("link set wan1 down")
@@ -89,8 +89,8 @@ def test_next_hop_that_nobody_names(lab, links):
     lab.write("var_db/dhclient_wan1.leases", "lease {\n}\n")
     wait_said(lab, "(it names no router that is in force)", of=["wan1"])
     # Without the configuration less can be said, and that is said.
-    wait_said(lab, "No next hop has been found: it is looked for in a DHCP lease.", "The configuration was not looked at",
-              of=["wan1"], conf=False)
+    wait_said(lab, "No next hop has been found: it is looked for in a DHCP lease.",
+              "The configuration was not looked at", of=["wan1"], conf=False)
     lab.write("etc/wan_lb/lb.conf", lab.read("lb.conf"))
     assert "The configuration was not looked at" not in explain(lab, "wan1", conf=False).stdout
     lab.write("var_db/dhclient_wan1.leases", "  option routers 10.1.0.1;\n")
@@ -134,7 +134,8 @@ def test_route_of_another_program_is_preferred(lab, links):
 def test_file_cannot_be_written(lab, links):
     os.mkdir(lab.path(FILE))
     lab.start_lb(config(links)).wait_status("wan1", "active")
-    wait_said(lab, "The routing daemon's file /usr/etc/routing-wlb.conf cannot be read: not a regular file.", of=["default"])
+    wait_said(lab, "The routing daemon's file /usr/etc/routing-wlb.conf cannot be read: not a regular file.",
+              of=["default"])
     os.rmdir(lab.path(FILE))
     wait_said(lab, "cannot be read: No such file or directory.", "look for \"error writing file\" in the log",
               of=["default"])

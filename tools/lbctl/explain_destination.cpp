@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <set>
+#include <sstream>
 
 #include <fmt/format.h>
 
@@ -52,19 +53,20 @@ std::set<std::string> addresses_of(const std::vector<Nexthop>& nexthops) {
   return addresses;
 }
 
-// The routes to the destination in the file, in whichever of the two forms.
+// The routes to the destination in the file: as the rule has it, or in its canonical form. Each
+// line is in one of the two syntaxes.
 std::vector<StaticRoute> routes_in(const std::string& text, const std::string& destination,
                                    bool ipv6) {
+  const std::string as_configured = "route " + destination + " ";
+  const std::string canonical = "route " + canonical_destination(destination, ipv6) + " ";
   std::vector<StaticRoute> found;
-  const std::string canonical = canonical_destination(destination, ipv6);
-  for (const bool bird2 : {false, true}) {
-    Options options;
-    options.bird2_routes = bird2;
-    for (StaticRoute& route : read_static_routes(text, ipv6, route_syntax(options))) {
-      if (route.destination == destination ||
-          (!canonical.empty() && canonical_destination(route.destination, ipv6) == canonical)) {
-        found.push_back(std::move(route));
-      }
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with(as_configured) && !line.starts_with(canonical)) continue;
+    for (const bool bird2 : {false, true}) {
+      Options options;
+      options.bird2_routes = bird2;
+      if (auto route = route_syntax(options).parse(line, ipv6)) found.push_back(std::move(*route));
     }
   }
   return found;

@@ -92,11 +92,15 @@ std::optional<uint16_t> ThisMachine::neighbor(const std::string& vrf, bool ipv6,
 
 std::optional<std::vector<KernelRoute>> ThisMachine::kernel_routes(const std::string& vrf,
                                                                    bool ipv6) const {
-  return read_kernel_routes(vrf, ipv6);
+  const auto [entry, is_new] = tables_.try_emplace({vrf, ipv6});
+  if (is_new) entry->second = read_kernel_routes(vrf, ipv6);
+  return entry->second;
 }
 
 FileLook ThisMachine::file(const std::string& path) const {
-  FileLook look;
+  const auto [entry, is_new] = files_.try_emplace(path);
+  FileLook& look = entry->second;
+  if (!is_new) return look;
   const FileDescriptor file = open_to_read(path);
   if (!file.valid()) {
     look.fault = std::strerror(errno);
@@ -121,7 +125,9 @@ std::string ThisMachine::routing_daemon_fault(const std::string& vrf) const {
 }
 
 BirdVerdict ThisMachine::bird(const std::string& text, const std::string& name) const {
-  return ask_bird(text, name);
+  const auto [entry, is_new] = verdicts_.try_emplace(name);
+  if (is_new) entry->second = ask_bird(text, name);
+  return entry->second;
 }
 
 }  // namespace lbctl

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "lbctl/kernel_table.h"
@@ -53,7 +55,8 @@ class Machine {
   virtual BirdVerdict bird(const std::string& text, const std::string& name) const = 0;
 };
 
-// The one that lbctl runs on.
+// The one that lbctl runs on. Files, tables and the routing daemon are asked once: many
+// destinations are explained by the same answers.
 class ThisMachine : public Machine {
  public:
   std::string vrf_refusal(const std::string& vrf) const override;
@@ -66,6 +69,12 @@ class ThisMachine : public Machine {
   FileLook file(const std::string& path) const override;
   std::string routing_daemon_fault(const std::string& vrf) const override;
   BirdVerdict bird(const std::string& text, const std::string& name) const override;
+
+ private:
+  using Table = std::optional<std::vector<KernelRoute>>;
+  mutable std::map<std::string, FileLook> files_;
+  mutable std::map<std::pair<std::string, bool>, Table> tables_;
+  mutable std::map<std::string, BirdVerdict> verdicts_;  // by the file's name
 };
 
 }  // namespace lbctl
