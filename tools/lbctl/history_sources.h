@@ -1,0 +1,21 @@
+// Where state changes are read from: log files, or the journal.
+#pragma once
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "lbctl/log_line.h"
+
+namespace lbctl {
+
+// Adds the changes in the file ("-": standard input). A Failure that names it when it cannot be
+// read. A change that is stamped before the one above it (a clock that was set back, the hour that
+// comes twice in autumn) counts from that one's time.
+void read_log_file(const std::string& path, std::time_t now, std::vector<StateChange>& changes);
+
+// The changes in the system's journal, or in the journal files of `directory` if there is one. A
+// Failure when it cannot be read.
+std::vector<StateChange> read_journal(const std::string& directory);
+
+}  // namespace lbctl
