@@ -37,11 +37,17 @@ class Recorder::Lines {
  public:
   Lines(const InterfaceDump& interface, int64_t time)
       : label_(trace_word(interface_label(interface.name, interface.ipv6))),
+        ipv6_(interface.ipv6),
         time_(fmt::format("{}.{:03}", time / kNanosecondsPerSecond,
                           time % kNanosecondsPerSecond / 1'000'000)) {}
 
+  // What is no address was configured so, and changes nothing in a simulation.
   void add_nexthop(const std::string& address) {
-    add("nexthop", address.empty() ? "-" : trace_word(address));
+    if (address.empty()) {
+      add("nexthop", "-");
+    } else if (is_trace_address(address, ipv6_)) {
+      add("nexthop", address);
+    }
   }
 
   void add_probes(const std::string& target, bool is_good, int32_t count) {
@@ -75,6 +81,7 @@ class Recorder::Lines {
   }
 
   const std::string label_;
+  const bool ipv6_;
   const std::string time_;
   std::string text_;
 };
@@ -85,9 +92,8 @@ std::string Recorder::take(const std::vector<InterfaceDump>& interfaces, bool ip
     Lines lines(interface, time);
     const auto [entry, is_first] = known_.try_emplace({interface.name, ipv6});
     Known& known = entry->second;
-    if (is_first || known.nexthop != interface.nexthop) {
-      if (!is_first || !interface.nexthop.empty()) lines.add_nexthop(interface.nexthop);
-    }
+    if (is_first) begin_nexthop(interface, lines);
+    if (!is_first && known.nexthop != interface.nexthop) lines.add_nexthop(interface.nexthop);
     if (is_first) {
       begin(interface, lines);
     } else {
@@ -114,6 +120,21 @@ std::string Recorder::take(const std::vector<InterfaceDump>& interfaces, bool ip
     text += lines.take();
   }
   return text;
+}
+
+// A test may go on with a next hop that there is no more. It was found once, so it is told first; a
+// configured target takes no notice of that. (Which of several targets it is no dump tells.)
+void Recorder::begin_nexthop(const InterfaceDump& interface, Lines& lines) {
+  std::set<std::string> targets;
+  for (const TestDump& test : interface.tests) {
+    if (!test.target.empty()) targets.insert(test.target);
+  }
+  // One that is configured, or follows the kernel's routes, is the target itself.
+  const bool may_differ =
+      interface.nexthop.empty() || interface.nexthop_is_dhcp || interface.nexthop_is_tunnel;
+  const bool has_other = may_differ && targets.size() == 1 && *targets.begin() != interface.nexthop;
+  if (has_other) lines.add_nexthop(*targets.begin());
+  if (has_other || !interface.nexthop.empty()) lines.add_nexthop(interface.nexthop);
 }
 
 // A dump does not show what a target has settled to while it has too few equal outcomes to settle

@@ -38,6 +38,7 @@ class Recorder {
 
   class Lines;
 
+  static void begin_nexthop(const InterfaceDump& interface, Lines& lines);
   static void begin(const InterfaceDump& interface, Lines& lines);
   static void follow_targets(const InterfaceDump& interface, Known& known);
   static void tell_test(const InterfaceDump& interface, const TestDump& test,

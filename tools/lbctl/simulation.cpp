@@ -1,8 +1,5 @@
 #include "lbctl/simulation.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <tuple>
 
@@ -20,11 +17,6 @@ namespace lbctl {
 namespace {
 
 constexpr size_t kMostSubjects = 100'000;  // a trace may write the same in many ways
-
-bool is_address(std::string_view text, bool ipv6) {
-  in6_addr address{};
-  return inet_pton(ipv6 ? AF_INET6 : AF_INET, std::string(text).c_str(), &address) == 1;
-}
 
 }  // namespace
 
@@ -157,7 +149,7 @@ void Simulation::take(const TraceLine& line) {
 void Simulation::take_nexthop(const TraceLine& line) {
   Watched& watched = find_interface(line.interface);
   LBInterface& interface = watched.interface;
-  if (!line.address.empty() && !is_address(line.address, interface.ipv6)) {
+  if (!line.address.empty() && !is_trace_address(line.address, interface.ipv6)) {
     throw usage_error(
         fmt::format("the next hop '{}' is no IPv{} address", line.address, interface.ipv6 ? 6 : 4));
   }

@@ -1,5 +1,8 @@
 #include "lbctl/trace_line.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <charconv>
 
@@ -123,6 +126,11 @@ const char* parse_trace_line(std::string_view text, TraceLine& line) {
   if (words.next(word)) return "there are more words than the event has";
   line.kind = kind;
   return nullptr;
+}
+
+bool is_trace_address(std::string_view text, bool ipv6) {
+  in6_addr address{};
+  return inet_pton(ipv6 ? AF_INET6 : AF_INET, std::string(text).c_str(), &address) == 1;
 }
 
 std::string trace_word(std::string_view word) {

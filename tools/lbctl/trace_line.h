@@ -36,6 +36,9 @@ const char* parse_trace_line(std::string_view text, TraceLine& line);
 // A time as a trace has it, "12.5", into nanoseconds. False for another text.
 bool parse_trace_time(std::string_view text, int64_t& time);
 
+// Whether the text is an address of the family, as a next hop must be.
+bool is_trace_address(std::string_view text, bool ipv6);
+
 // The word as a line of a trace has it. Empty when it has no place there.
 std::string trace_word(std::string_view word);
 
