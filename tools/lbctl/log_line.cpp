@@ -176,7 +176,9 @@ std::optional<StateChange> parse_log_line(std::string_view line, std::time_t now
   std::optional<int64_t> time = take_rfc3339(line);
   if (!time) time = take_classic_stamp(line, now);
   if (!time || !line.starts_with(' ')) return std::nullopt;
-  if (!is_daemons_tag(take_word(line)) && !is_daemons_tag(take_word(line))) return std::nullopt;
+  // Behind the host's name, which some logs leave out.
+  const bool has_no_host = is_daemons_tag(take_word(line));
+  if (!has_no_host && !is_daemons_tag(take_word(line))) return std::nullopt;
   if (!take_prefix(line, " ")) return std::nullopt;
   std::optional<StateChange> change = parse_state_message(line);
   if (change) change->time = *time;
