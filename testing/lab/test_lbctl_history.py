@@ -46,8 +46,9 @@ def outage(lab):
 
 @pytest.mark.parametrize("rfc3339", [False, True])
 def test_the_daemons_own_log(lab, outage, rfc3339):
-    others = ["Jan  1 00:00:00 router sudo[1]: root : COMMAND=/bin/grep %WAN-I-INSTANCE: IP interface wan9 changed "
-              "state to active", "-- Reboot --", "er wan_lb[9]: %WAN-I-INSTANCE: IP interface wan9 changed state to active"]
+    quoted = "%WAN-I-INSTANCE: IP interface wan9 changed state to active"
+    others = [f"Jan  1 00:00:00 router sudo[1]: root : COMMAND=/bin/grep {quoted}", "-- Reboot --",
+              f"er wan_lb[9]: {quoted}"]
     lines = as_syslog(lab, rfc3339)
     log = lab.write("var/log/lb.log", "\n".join(others + lines) + "\n")
     picture = lab.path("history.svg")
@@ -66,7 +67,8 @@ def test_the_daemons_own_log(lab, outage, rfc3339):
 def test_text_and_rotated_logs(lab):
     start = "2026-01-0{}T00:00:00+00:00 router wan_lb[7]: %WAN-I-INSTANCE: IP{} interface {} changed state to {}\n"
     first = lab.write("lb.log.1", start.format(1, "", "wan1", "inactive") + start.format(2, "", "wan1", "active"))
-    second = lab.write("lb.log", start.format(3, "v6", "Provider B", "active") + start.format(4, "", "wan1", "inactive"))
+    second = lab.write("lb.log", start.format(3, "v6", "Provider B", "active")
+                       + start.format(4, "", "wan1", "inactive"))
     ended = tool.ctl(lab, "history", "--log", first, "--log", second, "--until", "2026-01-05T00:00:00Z")
     assert (ended.status, ended.stderr) == (0, "")
     assert ended.stdout == """\
@@ -118,7 +120,8 @@ def test_journal(lab):
     os.mkdir(directory)
     subprocess.run([writer, "-o", os.path.join(directory, "lb.journal"), export], check=True, capture_output=True,
                    timeout=60)
-    found = tool.document(lab, "history", "history", "--journal", directory, "--until", "2026-01-01T00:20:00Z", "--json")
+    found = tool.document(lab, "history", "history", "--journal", directory, "--until", "2026-01-01T00:20:00Z",
+                          "--json")
     assert [(change["time"], change["state"], change["duration"]) for change in found["changes"]] == [
         ("2026-01-01T00:00:00Z", "failed", 300), ("2026-01-01T00:05:00Z", "active", 600),
         ("2026-01-01T00:15:00Z", "failed", 300)]

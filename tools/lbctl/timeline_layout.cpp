@@ -64,8 +64,9 @@ std::vector<double> axis_ticks(const Timeline& timeline) {
   std::vector<double> ticks;
   if (!(timeline.end > timeline.begin)) return {timeline.begin};
   const double step = tick_step(timeline.end - timeline.begin);
-  for (double tick = std::ceil(timeline.begin / step) * step; tick <= timeline.end; tick += step)
-    ticks.push_back(tick);
+  const double first = std::ceil(timeline.begin / step);
+  const auto count = static_cast<int>(std::floor(timeline.end / step) - first) + 1;
+  for (int at = 0; at < count; ++at) ticks.push_back((first + at) * step);
   return ticks;
 }
 
