@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <csignal>
+
 #include <array>
 #include <optional>
 #include <string>
@@ -20,8 +22,8 @@ class DumpWatch {
  public:
   explicit DumpWatch(const std::string& output_directory);
 
-  // Waits until a file may be new, a quarter of a second at most, or a signal of `ended_by`
-  // arrives, which is held back at other times.
+  // Waits until a file may be new, a quarter of a second at most, or until a signal arrives that
+  // the mask `while_waiting` lets through.
   void wait(const sigset_t& while_waiting);
 
   // The interfaces of a family, if its file was written since they were read last. Nothing for a
