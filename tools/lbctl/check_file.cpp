@@ -1,5 +1,6 @@
 #include "lbctl/check_file.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -18,12 +19,12 @@ namespace lbctl {
 
 namespace {
 
-// Errors are what the reader's messages are about.
-bool has_error(const Findings& findings) {
-  for (const Finding& finding : findings.all()) {
-    if (severity_of(finding.code) == Severity::kError) return true;
-  }
-  return false;
+// The reader's messages are about errors, and about what a line becomes that is cut in two.
+bool explains_messages(const Findings& findings) {
+  return findings.has("long-line") ||
+         std::any_of(findings.all().begin(), findings.all().end(), [](const Finding& finding) {
+           return severity_of(finding.code) == Severity::kError;
+         });
 }
 
 // Without the mark of the log: "%WAN-W-ERR: ".
@@ -34,7 +35,7 @@ std::string message_text(const std::string& text) {
 
 void tell_messages(const std::string& text, Findings& findings) {
   const auto configuration = load_configuration_text(text, "configuration");
-  if (configuration->messages.empty() || has_error(findings)) return;
+  if (configuration->messages.empty() || explains_messages(findings)) return;
   findings.add(
       {1, 1}, "reader-message",
       fmt::format("the daemon logs: {}", message_text(configuration->messages.front().text)),

@@ -209,6 +209,7 @@ class Builder {
       return;
     }
     node.value = text.substr(first + 1, last - first - 1);
+    if (std::count(text.begin(), text.end(), '"') % 2 != 0) return;  // the same
     const auto behind = std::find_if(words.begin(), words.end(), [&](const Word& word) {
       return static_cast<size_t>(word.place.column - segment.line->place.column) > last;
     });
@@ -281,14 +282,16 @@ class Builder {
       nodes.pop_back();
     }
     node.is_block = true;
-    findings_.add(brace.place, "brace-alone",
-                  belongs
-                      ? fmt::format("the '{{' of '{}' stands on a line of its own: the daemon "
-                                    "opens a block that has no keyword",
-                                    node.key.text)
-                      : "the '{' has no keyword before it: the daemon opens a block that it has "
-                        "no use for",
-                  "put the '{' at the end of the line with the block's keyword");
+    if (std::exchange(line_of_last_alone_, brace.place.line) != brace.place.line) {
+      findings_.add(brace.place, "brace-alone",
+                    belongs
+                        ? fmt::format("the '{{' of '{}' stands on a line of its own: the daemon "
+                                      "opens a block that has no keyword",
+                                      node.key.text)
+                        : "the '{' has no keyword before it: the daemon opens a block that it has "
+                          "no use for",
+                    "put the '{' at the end of the line with the block's keyword");
+    }
     open(std::move(node), brace);
   }
 
@@ -328,6 +331,7 @@ class Builder {
   bool brace_follows_ = false;      // on the next line
   bool last_is_statement_ = false;  // so that a bracket on the next line may be meant for it
   bool extra_told_ = false;
+  int line_of_last_alone_ = 0;
 };
 
 }  // namespace

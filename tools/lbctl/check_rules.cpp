@@ -105,6 +105,8 @@ class RuleChecks {
       if (interface.ipv6 == member.ipv6) known.push_back(interface.name);
     }
     const std::string nearest = nearest_word(member.name, known);
+    // That it is in no rule has the same cause.
+    if (const auto* meant = view_.find(nearest, member.ipv6)) elsewhere_.insert(meant);
     const bool is_other = view_.find(member.name, !member.ipv6) != nullptr;
     const char* const block = member.ipv6 ? "interface6" : "interface";
     findings_.add(
@@ -237,7 +239,8 @@ class RuleChecks {
       tell(rule.destinations[kDumpMaxRoutes].place, rule.destinations.size(), "destinations",
            kDumpMaxRoutes);
     }
-    if (rule.members.empty() || rule.destinations.empty()) {
+    const bool is_refused = static_cast<int32_t>(read_number(rule.name).value) < 1;
+    if (!is_refused && (rule.members.empty() || rule.destinations.empty())) {
       findings_.add(rule.place, "empty-rule",
                     fmt::format("rule {} has no {}: the daemon writes no route for it", rule.name,
                                 rule.members.empty() ? "interface" : "destination"),
@@ -322,7 +325,7 @@ class RuleChecks {
   const View& view_;
   Findings& findings_;
   std::set<std::string> troubled_;            // rules with a member that was told of
-  std::set<const InterfaceView*> elsewhere_;  // members of rules of another VRF
+  std::set<const InterfaceView*> elsewhere_;  // members of rules, with a fault that was told
   std::map<std::tuple<std::string, bool, std::string>, Place> destinations_;
 };
 

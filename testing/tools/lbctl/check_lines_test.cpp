@@ -1,0 +1,69 @@
+// Lines, words and places, and what the bytes of a file tell.
+#include "lbctl/check_lines.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "lbctl/check_fixture.h"
+
+namespace lbctl {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<std::string> words(const std::string& text) {
+  std::vector<std::string> found;
+  for (const ReadLine& line : read_lines(text)) {
+    for (const Word& word : line.words) {
+      found.push_back(fmt::format("{}:{} {}", word.place.line, word.place.column, word.text));
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+TEST(CheckLinesTest, WordsStandBetweenBlanksTabsAndTildes) {
+  EXPECT_THAT(words("a b\n\tc~~d {\n"), ElementsAre("1:1 a", "1:3 b", "2:2 c", "2:5 d", "2:7 {"));
+}
+
+TEST(CheckLinesTest, ACommentEndsALineInQuotesToo) {
+  EXPECT_THAT(words("a \"b # c\"\n"), ElementsAre("1:1 a", "1:3 \"b"));
+}
+
+TEST(CheckLinesTest, TheLastLineMayHaveNoEnd) { EXPECT_THAT(words("\na"), ElementsAre("2:1 a")); }
+
+TEST(CheckLinesTest, AMarkAndCarriageReturnsAreNoWords) {
+  EXPECT_THAT(words("\xEF\xBB\xBF"
+                    "a {\r\n}\r\n"),
+              ElementsAre("1:4 a", "1:6 {", "2:1 }"));
+}
+
+TEST(CheckLinesTest, ALongLineIsCutBehind1023Characters) {
+  EXPECT_THAT(told("#" + std::string(1022, 'x') + "\n"), IsEmpty());
+  EXPECT_THAT(told("#" + std::string(1022, 'x') + "y\n"), ElementsAre("1:1024 long-line"));
+  EXPECT_THAT(words(std::string(1023, 'x') + "y z"),
+              ElementsAre("1:1 " + std::string(1023, 'x'), "1:1024 y", "1:1026 z"));
+}
+
+TEST(CheckLinesTest, ALineIsToldOnceHoweverLong) {
+  EXPECT_THAT(told("#" + std::string(5000, 'x') + "\n"), ElementsAre("1:1024 long-line"));
+}
+
+TEST(CheckLinesTest, BlanksBehindTheCutAreNothing) {
+  EXPECT_THAT(told("#" + std::string(1022, 'x') + std::string(50, ' ') + "\n"), IsEmpty());
+}
+
+TEST(CheckLinesTest, ABraceBehindAHashIsToldWhereItsLineHasNone) {
+  EXPECT_THAT(told("health # {\n}\n"), ElementsAre("1:1 brackets", "1:10 brace-in-comment-cut"));
+  EXPECT_THAT(told("# health {\n"), IsEmpty());
+  EXPECT_THAT(told("health { # {\n}\n"), IsEmpty());
+}
+
+TEST(CheckLinesTest, CarriageReturnsAreToldAtTheFirst) {
+  EXPECT_THAT(told("health {\n}\r\n\r\n"), ElementsAre("2:2 carriage-returns"));
+  EXPECT_THAT(told("health {\n}\r"), ElementsAre("2:2 carriage-returns"));
+}
+
+}  // namespace lbctl
