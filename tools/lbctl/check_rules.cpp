@@ -86,7 +86,7 @@ class RuleChecks {
     }
     const InterfaceView* const interface = view_.find(member.name, member.ipv6);
     if (interface == nullptr) {
-      tell_missing(member);
+      tell_missing(rule, member);
       troubled_.insert(rule.name);
     } else if (interface->vrf() != rule.vrf()) {
       findings_.add(member.place, "other-vrf",
@@ -99,10 +99,13 @@ class RuleChecks {
     check_weight(member);
   }
 
-  void tell_missing(const MemberView& member) {
+  void tell_missing(const RuleView& rule, const MemberView& member) {
     std::vector<std::string_view> known;
     for (const InterfaceView& interface : view_.interfaces) {
-      if (interface.ipv6 == member.ipv6) known.push_back(interface.name);
+      const bool is_member =
+          std::any_of(rule.members.begin(), rule.members.end(),
+                      [&](const MemberView& other) { return other.name == interface.name; });
+      if (interface.ipv6 == member.ipv6 && !is_member) known.push_back(interface.name);
     }
     const std::string nearest = nearest_word(member.name, known);
     // That it is in no rule has the same cause.

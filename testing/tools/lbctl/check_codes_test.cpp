@@ -73,7 +73,7 @@ const std::map<std::string, std::string> kPlaces = {
     {"raw-ipv6", "2:5"},
     {"rp-filter", "7:20"},
     {"same-target-twice", "10:20"},
-    {"shadowed-default", "16:17"},
+    {"shadowed-default", "15:17"},
     {"slow-detection", "7:19"},
     {"test-without-type", "4:9"},
     {"text-on-block-line", "18:22"},
