@@ -37,7 +37,7 @@ def test_devices_and_vrfs_of_the_machine(lab):
     lab.ip("link add blue1 type veth peer name blue2", netns="blue")
     assert codes(lab, text_with()) == {}
     assert codes(lab, text_with(name="wan7")) == {"no-such-device": 5}
-    assert codes(lab, text_with(origin="wan7")) == {"no-such-device": 6}
+    assert codes(lab, text_with(origin="wan7")) == {"no-such-device": 7}
     assert codes(lab, text_with(name="blue1", namespace="blue")) == {}
     assert codes(lab, text_with(name="wan1", namespace="blue")) == {"no-such-device": 5}
     assert codes(lab, text_with(namespace="red")) == {"no-such-vrf": 7}
