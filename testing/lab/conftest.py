@@ -14,7 +14,8 @@ from lab import daemon, scenario, stalls  # noqa: E402  pylint: disable=wrong-im
 # The far ends are threads of the test; they are to answer at once even while it decodes packets.
 sys.setswitchinterval(0.0005)
 
-_NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird", "dnsmasq", "dhclient", "dhcpcd", "fping")
+_NEEDED = ("unshare", "ip", "nft", "conntrack", "sysctl", "bird", "dnsmasq", "dhclient", "dhcpcd", "fping", "tmux",
+           "promtool")
 _LONG = ("test_chaos_", "test_many_", "test_router_")
 
 

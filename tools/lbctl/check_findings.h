@@ -2,7 +2,6 @@
 // printed.
 #pragma once
 
-#include <compare>
 #include <span>
 #include <string>
 #include <string_view>
@@ -17,7 +16,10 @@ struct Place {
   int line = 1;
   int column = 1;
 
-  auto operator<=>(const Place&) const = default;
+  bool operator==(const Place&) const = default;
+  bool operator<(const Place& other) const {
+    return line != other.line ? line < other.line : column < other.column;
+  }
 };
 
 enum class Severity { kError, kWarning };

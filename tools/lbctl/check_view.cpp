@@ -165,7 +165,7 @@ class Maker {
     }
     for (const Node& child : node.children) {
       if (child.keyword == nullptr) continue;
-      if (found->weight && found->weight->key >= node.place()) {
+      if (found->weight && !(found->weight->key < node.place())) {
         tell_twice(child.place(), "'weight'", "the daemon takes the last one", findings_);
       }
       found->weight = Setting{child.value, child.place(), child.value_place};
@@ -233,7 +233,8 @@ std::string InterfaceView::origin() const {
 }
 
 Place InterfaceView::origin_place() const {
-  return find("origin") == nullptr ? name_place : find("origin")->place;
+  const Setting* const setting = find("origin");
+  return setting == nullptr ? name_place : setting->place;
 }
 
 std::string InterfaceView::vrf() const {

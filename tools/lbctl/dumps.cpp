@@ -55,13 +55,16 @@ class Reader {
   // `parse(bytes)` gives a Parsed; nothing, and no complaint, without a file.
   template <class Value, class Parse>
   std::vector<Value> read(const std::string& path, Parse parse) {
+    int empties = 0;  // in a row
     for (int pauses = 0;; ++pauses) {
       const std::optional<DumpFile> file = read_file(path);
       if (!file) return {};
+      empties = file->bytes.empty() ? empties + 1 : 0;
       Parsed<Value> parsed = parse(
           std::span(reinterpret_cast<const uint8_t*>(file->bytes.data()), file->bytes.size()));
-      const bool may_go_on = pauses < (file->bytes.empty() ? kMostPausesEmpty : kMostPauses);
-      if ((file->bytes.empty() || !parsed.error.empty()) && may_go_on) {
+      const bool may_change =
+          file->bytes.empty() ? empties <= kMostPausesEmpty : !parsed.error.empty();
+      if (may_change && pauses < kMostPauses) {
         nanosleep(&kPause, nullptr);
         continue;
       }

@@ -67,8 +67,12 @@ std::optional<std::vector<InterfaceDump>> DumpWatch::read_new(bool ipv6) {
   const std::string bytes = read_up_to(opened, kLargestFile);
   auto parsed = parse_outbounds(
       std::span(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()), ipv6);
-  if (!parsed.error.empty() || parsed.values.size() < file.records || parsed.values.empty())
+  if (!parsed.error.empty() || parsed.values.empty()) return std::nullopt;
+  // A part of what is being written, or another configuration: then it stays so.
+  if (parsed.values.size() < file.records && !is_same(status, file.fewer)) {
+    file.fewer = status;
     return std::nullopt;
+  }
   file.read = status;
   file.records = parsed.values.size();
   return std::move(parsed.values);

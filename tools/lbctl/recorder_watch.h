@@ -34,7 +34,8 @@ class DumpWatch {
   struct File {
     std::string path;
     struct stat read {};   // as it was when it was read last
-    size_t records = 0;    // a daemon's interfaces stay: fewer are not all of them yet
+    size_t records = 0;    // a daemon's interfaces stay: fewer may be not all of them yet
+    struct stat fewer {};  // as it was when it had fewer
     bool was_told = true;  // written, as the kernel says
   };
 

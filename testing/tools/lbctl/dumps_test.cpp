@@ -96,6 +96,22 @@ TEST_F(DumpsTest, AHalfWrittenFileIsReadAgain) {
   EXPECT_EQ(dumps.rules[0].number, 7);
 }
 
+// The daemon empties a file before it writes it anew: what follows a long half is not empty for good.
+TEST_F(DumpsTest, AFileThatIsEmptyForAMomentIsReadAgain) {
+  directory_.put_all();
+  const std::string whole = rule_record().bytes();
+  directory_.put("wlb_rules.bin", whole.substr(0, 1000));
+  std::jthread daemon([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    directory_.put("wlb_rules.bin", "");
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << whole;
+  });
+  const Dumps dumps = read_dumps(directory_.path());
+  daemon.join();
+  ASSERT_EQ(dumps.rules.size(), 1U);
+}
+
 TEST_F(DumpsTest, AHalfWrittenFileIsWaitedForASecondAtMost) {
   directory_.put_all();
   directory_.put("wlb_rules.bin", "x");
