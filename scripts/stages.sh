@@ -32,7 +32,7 @@ configure() {
 
 configure_and_build() { configure "$@" && cmake --build "$1"; }
 
-# build_daemon [ECHO]: build/lb, as a user builds it; ECHO is told what is going on.
+# build_daemon [ECHO [TARGET...]]: build/lb, as a user builds it, and what else is named; ECHO is told what is going on.
 build_daemon() {
   local tell=${1:-:}
   scripts/bootstrap || return
@@ -41,7 +41,7 @@ build_daemon() {
     cmake -S . -B build -G Ninja >/dev/null || return
   fi
   "$tell" "building ..."
-  cmake --build build --target lb >/dev/null
+  cmake --build build --target lb "${@:2}" >/dev/null
 }
 
 say() { printf '\n== %s\n' "$*"; }

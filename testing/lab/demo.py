@@ -3,6 +3,8 @@
 import os
 import random
 import re
+import shutil
+import signal
 import socket
 import sys
 import threading
@@ -10,7 +12,7 @@ import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from lab import waiting  # noqa: E402  pylint: disable=wrong-import-position
+from lab import tool, waiting  # noqa: E402  pylint: disable=wrong-import-position
 from lab.two_uplinks import TwoUplinks  # noqa: E402  pylint: disable=wrong-import-position
 
 SERVERS = {4: "203.0.113.1", 6: "2001:db8:ffff::1"}
@@ -138,6 +140,36 @@ class Demonstration:
             for line in self.network.kernel_routes(family).splitlines():
                 print("           " + " ".join(line.split()))
 
+    def has_dumps(self):
+        return all(os.path.exists(os.path.join(self.network.lb.out, "wlb_dump", f"wlb_ipv{family}_outbounds.bin"))
+                   for family in (4, 6))
+
+    def show_status(self):
+        """What an administrator sees on the router."""
+        print(paint("         $ lbctl status", "bold"))
+        for line in tool.ctl(self.network.lab, "status", "-o", self.network.lb.out).stdout.splitlines():
+            print("           " + line)
+
+    def begin_timeline(self):
+        """Has all that the daemon finds recorded."""
+        return self.network.lab.enclosure.spawn([tool.program(), "record", "-o", self.network.lb.out])
+
+    def draw_timeline(self, recorder):
+        """Draws what was recorded into DEMO_SVG, if that is set."""
+        recorder.signal(signal.SIGTERM)
+        recorder.wait()
+        picture = os.environ.get("DEMO_SVG")
+        if not picture:
+            return
+        lab = self.network.lab
+        drawn = lab.path("run/demo.svg")
+        done = tool.ctl(lab, "simulate", lab.write("run/demo.conf", self.network.config_text),
+                        lab.write("run/demo.trace", recorder.stdout), "--svg", drawn)
+        if done.status != 0:
+            raise StageFailed(f"the timeline was not drawn: {done.stderr}")
+        shutil.copy(drawn, picture)
+        self.say(f"The timeline of this run is in {picture}.", "bold")
+
     def show_traffic(self, expected):
         """expected: the links that must carry traffic now; the others must carry none."""
         for family in (4, 6):
@@ -153,8 +185,11 @@ class Demonstration:
         self.say("Two uplinks, wan1 (weight 1) and wan2 (weight 2); starting bird2 and lb.", "bold")
         network.start()
         self.traffic = Traffic(network)
+        self.wait("the daemon's first dumps", self.has_dumps)
+        recorder = self.begin_timeline()
         self.wait_each_family("start to routes by both links", network.uses_both)
         self.say("Both links are up.", "bold")
+        self.show_status()
         self.show_routes()
         self.show_traffic({1, 2})
 
@@ -162,6 +197,7 @@ class Demonstration:
         network.cut(1)
         self.wait_each_family("cut of link 1 to routes by link 2 only", lambda family: network.uses_only(2, family))
         self.say("Traffic has moved to link 2.", "bold")
+        self.show_status()
         self.show_routes()
         self.show_traffic({2})
 
@@ -172,6 +208,7 @@ class Demonstration:
         self.show_routes()
         self.show_traffic({1, 2})
 
+        self.draw_timeline(recorder)
         print(paint("\nMeasured switch times", "bold"))
         for what, seconds in self.times:
             print(f"  {what:<50} {seconds:5.2f} s")
