@@ -164,7 +164,9 @@ class Demonstration:
         lab = self.network.lab
         drawn = lab.path("run/demo.svg")
         done = tool.ctl(lab, "simulate", lab.write("run/demo.conf", self.network.config_text),
-                        lab.write("run/demo.trace", recorder.stdout), "--svg", drawn)
+                        lab.write("run/demo.trace", recorder.stdout), "--svg", drawn,
+                        # To where the last outcome has shown its effect.
+                        "--until", str(int(max(map(float, re.findall(r"^[\d.]+", recorder.stdout, re.M)))) + 3))
         if done.status != 0:
             raise StageFailed(f"the timeline was not drawn: {done.stderr}")
         shutil.copy(drawn, picture)
