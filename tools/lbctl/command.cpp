@@ -63,7 +63,9 @@ int run_lbctl(int argc, const char* const* argv) {
   } catch (const CLI::Success& wanted) {  // --help, --version
     return finish(program.exit(wanted));
   } catch (const CLI::ParseError& error) {
-    complain(error.what());
+    const bool is_unknown = program.get_subcommands().empty() && argc > 1;
+    complain(is_unknown ? fmt::format("there is no subcommand or option '{}'", argv[1])
+                        : error.what());
     std::fprintf(stderr, "%s\n", usage_line(program).c_str());
     return kExitUsage;
   } catch (const Failure& failure) {

@@ -52,6 +52,23 @@ class RecordReader {
     return 0;
   }
 
+  // Any number from 1. A large one may be a small one of the other byte order: the whole file
+  // tells.
+  void positive(int32_t value) {
+    constexpr int32_t kLarge = 1 << 24;
+    constexpr int32_t kSmall = 1 << 16;
+    const bool other = swapped(value) >= 1 && swapped(value) < kSmall;
+    if (value < 1) fail(other ? kOtherByteOrder : kForeign);
+    if (value >= kLarge && other) {
+      ++doubtful_;
+    } else {
+      ++sure_;
+    }
+  }
+
+  // Whether numbers were met, and each of them was more likely one of the other byte order.
+  bool is_of_other_order() const { return doubtful_ > 0 && sure_ == 0; }
+
   // A number that tells the byte order.
   void ordered(int32_t value, int32_t most) {
     const Order order = order_of(value, most);
@@ -66,6 +83,8 @@ class RecordReader {
 
  private:
   const char* fault_ = nullptr;
+  size_t doubtful_ = 0;
+  size_t sure_ = 0;
 };
 
 TestDump test_of(const DumpTest& record, bool ipv6, RecordReader& reader) {
@@ -84,10 +103,8 @@ TestDump test_of(const DumpTest& record, bool ipv6, RecordReader& reader) {
 }
 
 InterfaceDump interface_of(const DumpOutbound& record, bool ipv6, RecordReader& reader) {
-  // Thresholds are small in any configuration that is in use.
-  constexpr int32_t kMostThreshold = 1 << 20;
-  reader.ordered(record.success_ct, kMostThreshold);
-  reader.ordered(record.failure_ct, kMostThreshold);
+  reader.positive(record.success_ct);
+  reader.positive(record.failure_ct);
   InterfaceDump interface;
   interface.ipv6 = ipv6;
   interface.name = reader.text(record.name);
@@ -97,9 +114,10 @@ InterfaceDump interface_of(const DumpOutbound& record, bool ipv6, RecordReader& 
   const int count = reader.number(record.test_count, kDumpMaxTests);
   for (int at = 0; at < count; ++at)
     interface.tests.push_back(test_of(record.tests[at], ipv6, reader));
-  interface.success_age = record.success_age;
-  interface.failure_age = record.failure_age;
-  interface.change_age = record.change_age;
+  // Below 0 after the clock was set back.
+  interface.success_age = std::max(record.success_age, 0);
+  interface.failure_age = std::max(record.failure_age, 0);
+  interface.change_age = std::max(record.change_age, 0);
   interface.success_ct = record.success_ct;
   interface.failure_ct = record.failure_ct;
   interface.nexthop_is_dhcp = reader.flag(record.nexthop_is_dhcp);
@@ -110,7 +128,7 @@ InterfaceDump interface_of(const DumpOutbound& record, bool ipv6, RecordReader& 
 }
 
 RuleDump rule_of(const DumpRule& record, RecordReader& reader) {
-  reader.ordered(record.number, 1 << 23);
+  reader.positive(record.number);
   if (record.reserved != 0) reader.fail(kForeign);
   RuleDump rule;
   rule.number = record.number;
@@ -127,7 +145,7 @@ RuleDump rule_of(const DumpRule& record, RecordReader& reader) {
 
 RouteOfRule route_of(const DumpRoute& record, RecordReader& reader) {
   reader.ordered(record.index, kDumpMaxRoutes);
-  reader.ordered(record.rule_number, 1 << 23);
+  if (record.rule_number < 1) reader.fail(kForeign);  // the index has told the byte order
   RouteOfRule route;
   route.route.destination = reader.text(record.destination);
   route.route.nexthop = reader.text(record.nexthop);
@@ -148,10 +166,10 @@ Parsed<Value> parse(std::span<const uint8_t> bytes, Make make) {
                     bytes.size(), sizeof(Record));
     return parsed;
   }
+  RecordReader reader;
   for (size_t at = 0; at < bytes.size(); at += sizeof(Record)) {
     Record record;  // a copy: in the file's bytes its numbers stand at odd addresses
     std::memcpy(&record, bytes.data() + at, sizeof(record));
-    RecordReader reader;
     Value value = make(record, reader);
     if (reader.fault() != nullptr) {
       parsed.error = fmt::format("{} (record {})", reader.fault(), at / sizeof(Record) + 1);
@@ -160,12 +178,18 @@ Parsed<Value> parse(std::span<const uint8_t> bytes, Make make) {
     }
     parsed.values.push_back(std::move(value));
   }
+  if (reader.is_of_other_order()) {
+    parsed.error = fmt::format("{} (record 1)", kOtherByteOrder);
+    parsed.values.clear();
+  }
   return parsed;
 }
 
 }  // namespace
 
 Parsed<InterfaceDump> parse_outbounds(std::span<const uint8_t> bytes, bool ipv6) {
+  // The daemon writes none without interfaces, so this is one that it could not fill.
+  if (bytes.empty()) return {.values = {}, .error = "empty; is the disk full?"};
   return parse<DumpOutbound, InterfaceDump>(
       bytes, [ipv6](const DumpOutbound& record, RecordReader& reader) {
         return interface_of(record, ipv6, reader);

@@ -63,7 +63,7 @@ class Reader {
       Parsed<Value> parsed = parse(
           std::span(reinterpret_cast<const uint8_t*>(file->bytes.data()), file->bytes.size()));
       const bool may_change =
-          file->bytes.empty() ? empties <= kMostPausesEmpty : !parsed.error.empty();
+          !parsed.error.empty() || (file->bytes.empty() && empties <= kMostPausesEmpty);
       if (may_change && pauses < kMostPauses) {
         nanosleep(&kPause, nullptr);
         continue;

@@ -82,19 +82,19 @@ const StaticRoute& most_like(const std::vector<StaticRoute>& routes,
 }
 
 // What the syntax leaves out of the file is told with the configuration only.
-void add_left_out(const View& view, const RuleDump& rule, Explanation& explanation) {
-  if (view.configuration == nullptr) return;
-  const auto file = make_route_file(view.configuration->model, rule.vrf, rule.ipv6);
+void add_left_out(const Situation& situation, const RuleDump& rule, Explanation& explanation) {
+  if (situation.configuration == nullptr) return;
+  const auto file = make_route_file(situation.configuration->model, rule.vrf, rule.ipv6);
   for (const std::string& remark : file.remarks) {
     if (remark.starts_with("rule " + rule_name(rule) + ":")) {
       explanation.add(fmt::format("The daemon leaves it out: {}.", remark),
-                      fmt::format("Mend the rule: lbctl check {}", view.configuration->path));
+                      fmt::format("Mend the rule: lbctl check {}", situation.configuration->path));
     }
   }
 }
 
-void explain_absence(const View& view, const Destination& destination, const std::string& path,
-                     const FileLook& look, Explanation& explanation) {
+void explain_absence(const Situation& situation, const Destination& destination,
+                     const std::string& path, const FileLook& look, Explanation& explanation) {
   if (!look.fault.empty()) {
     explanation.add(
         fmt::format("The routing daemon's file {} cannot be read: {}.", path, look.fault),
@@ -104,7 +104,7 @@ void explain_absence(const View& view, const Destination& destination, const std
     return;
   }
   explanation.add(fmt::format("It is not in the routing daemon's file {}.", path));
-  add_left_out(view, *destination.rule, explanation);
+  add_left_out(situation, *destination.rule, explanation);
   if (!explanation.next_step.empty()) return;
   explanation.next_step = fmt::format(
       "Look for \"error writing file\" in the log, and whether another program writes {}; a "
@@ -118,11 +118,11 @@ std::string listed(const std::set<std::string>& addresses) {
 }
 
 // True when the route is in the file as the states want it.
-bool explain_file(const View& view, const Destination& destination, const MemberReport& members,
-                  Explanation& explanation) {
+bool explain_file(const Situation& situation, const Destination& destination,
+                  const MemberReport& members, Explanation& explanation) {
   const RuleDump& rule = *destination.rule;
   const std::string path = route_file_path(rule.vrf, rule.ipv6);
-  const FileLook look = view.machine.file(path);
+  const FileLook look = situation.machine.file(path);
   const auto routes = routes_in(look.text, destination.route->destination, rule.ipv6);
   std::set<std::string> wanted;
   for (const Carrier& carrier : members.carriers) wanted.insert(carrier.address);
@@ -130,7 +130,7 @@ bool explain_file(const View& view, const Destination& destination, const Member
     if (wanted.empty()) {
       explanation.next_step = members.next_step;
     } else {
-      explain_absence(view, destination, path, look, explanation);
+      explain_absence(situation, destination, path, look, explanation);
     }
     return false;
   }
@@ -139,7 +139,7 @@ bool explain_file(const View& view, const Destination& destination, const Member
   if (!members.is_complete) {
     explanation.add(
         fmt::format("The routing daemon's file {} has it by {}.", path, listed(written)));
-    if (!explain_kernel(view, rule, route, look.text, explanation)) return false;
+    if (!explain_kernel(situation, rule, route, look.text, explanation)) return false;
     explanation.next_step = members.next_step;
     return true;
   }
@@ -153,7 +153,7 @@ bool explain_file(const View& view, const Destination& destination, const Member
                        : "Look again in a moment; if it stays so, look for \"error writing file\" "
                          "in the log.");
   }
-  return explain_kernel(view, rule, route, look.text, explanation) && written == wanted;
+  return explain_kernel(situation, rule, route, look.text, explanation) && written == wanted;
 }
 
 }  // namespace
@@ -187,13 +187,13 @@ std::vector<Destination> find_destinations(const Dumps& dumps, const std::string
   return found;
 }
 
-Explanation explain_destination(const View& view, const Destination& destination) {
+Explanation explain_destination(const Situation& situation, const Destination& destination) {
   const RuleDump& rule = *destination.rule;
   Explanation explanation;
   explanation.headline =
       fmt::format("{} (rule {}{}{})", destination.route->destination, rule_name(rule),
                   in_vrf(rule.vrf), rule.failover ? ", failover" : "");
-  if (!view.has_interfaces(rule.vrf, rule.ipv6)) {
+  if (!situation.has_interfaces(rule.vrf, rule.ipv6)) {
     explanation.headline += " has no next hop.";
     explanation.add(fmt::format("VRF {} has no IPv{} interface in the health section, so the "
                                 "daemon does not work there.",
@@ -202,9 +202,9 @@ Explanation explain_destination(const View& view, const Destination& destination
                     "daemon.");
     return explanation;
   }
-  const MemberReport members = report_members(view, rule);
+  const MemberReport members = report_members(situation, rule);
   for (const std::string& sentence : members.sentences) explanation.add(sentence);
-  explanation.is_well = explain_file(view, destination, members, explanation);
+  explanation.is_well = explain_file(situation, destination, members, explanation);
   std::string carriers;
   for (const Carrier& carrier : members.carriers) {
     carriers += (carriers.empty() ? "" : ", ") + carrier.label;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 
 namespace lbctl {
 
@@ -20,6 +20,6 @@ struct Destination {
 std::vector<Destination> all_destinations(const Dumps& dumps);
 std::vector<Destination> find_destinations(const Dumps& dumps, const std::string& prefix);
 
-Explanation explain_destination(const View& view, const Destination& destination);
+Explanation explain_destination(const Situation& situation, const Destination& destination);
 
 }  // namespace lbctl

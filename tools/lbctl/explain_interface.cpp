@@ -23,8 +23,9 @@ std::string headline_of(const InterfaceDump& interface) {
 }
 
 // True when nobody probes the interface.
-bool explain_unserved(const View& view, const InterfaceDump& interface, Explanation& explanation) {
-  if (!view.has_rules(interface.vrf, interface.ipv6)) {
+bool explain_unserved(const Situation& situation, const InterfaceDump& interface,
+                      Explanation& explanation) {
+  if (!situation.has_rules(interface.vrf, interface.ipv6)) {
     explanation.add(
         fmt::format("It is never probed: VRF {} has no IPv{} rule, and the daemon works only where "
                     "a family has interfaces and rules.",
@@ -35,7 +36,7 @@ bool explain_unserved(const View& view, const InterfaceDump& interface, Explanat
             version_of(interface), version_of(interface)));
     return true;
   }
-  if (!view.machine.has_vrf(interface.vrf)) {
+  if (!situation.machine.has_vrf(interface.vrf)) {
     explanation.add(fmt::format("It is never probed: there is no network namespace {} "
                                 "(/var/run/netns/{}).",
                                 interface.vrf, interface.vrf),
@@ -48,10 +49,11 @@ bool explain_unserved(const View& view, const InterfaceDump& interface, Explanat
 }
 
 // True when the device cannot carry anything.
-bool explain_device(const View& view, const InterfaceDump& interface, const std::string& device,
-                    const std::optional<DeviceState>& state, Explanation& explanation) {
+bool explain_device(const Situation& situation, const InterfaceDump& interface,
+                    const std::string& device, const std::optional<DeviceState>& state,
+                    Explanation& explanation) {
   if (!state) {
-    const std::string refusal = view.machine.vrf_refusal(interface.vrf);
+    const std::string refusal = situation.machine.vrf_refusal(interface.vrf);
     explanation.add(fmt::format("The device {} was not looked at: {}.", device,
                                 refusal.empty() ? "the kernel did not say" : refusal));
     return false;
@@ -79,15 +81,15 @@ bool explain_device(const View& view, const InterfaceDump& interface, const std:
   return true;
 }
 
-std::string lease_fault(const View& view, const LBInterface& known) {
+std::string lease_fault(const Situation& situation, const LBInterface& known) {
   const std::string place = place_of_nexthop(known);
-  const FileLook look = view.machine.file(place.substr(place.find('/')));
+  const FileLook look = situation.machine.file(place.substr(place.find('/')));
   return look.fault.empty() ? "it names no router that is in force" : look.fault;
 }
 
-void explain_missing_nexthop(const View& view, const InterfaceDump& interface,
+void explain_missing_nexthop(const Situation& situation, const InterfaceDump& interface,
                              Explanation& explanation) {
-  const LBInterface* const known = view.configured(interface);
+  const LBInterface* const known = situation.configured(interface);
   if (known != nullptr && !known->discovers_nexthop()) {
     explanation.add("It has no next hop: the configuration gives none.",
                     "Give it one: \"nexthop ADDRESS\" (or dhcp, tunnel, kernel) in its block.");
@@ -95,7 +97,7 @@ void explain_missing_nexthop(const View& view, const InterfaceDump& interface,
     explanation.add(
         known == nullptr ? "No next hop has been found: it is looked for in a DHCP lease."
                          : fmt::format("No next hop has been found: it is looked for in {} ({}).",
-                                       place_of_nexthop(*known), lease_fault(view, *known)),
+                                       place_of_nexthop(*known), lease_fault(situation, *known)),
         "Check that the DHCP client runs, got a lease with a router, and keeps it in that file.");
   } else if (interface.nexthop_is_tunnel) {
     explanation.add(
@@ -118,35 +120,36 @@ void explain_missing_nexthop(const View& view, const InterfaceDump& interface,
   }
 }
 
-void explain_foreign_configuration(const View& view, const InterfaceDump& interface,
+void explain_foreign_configuration(const Situation& situation, const InterfaceDump& interface,
                                    Explanation& explanation) {
-  if (view.configuration == nullptr || view.configured(interface) != nullptr) return;
+  if (situation.configuration == nullptr || situation.configured(interface) != nullptr) return;
   explanation.add(
       fmt::format("{} has no such interface: the daemon runs with another configuration, or the "
                   "file was changed since it started.",
-                  view.configuration->path),
+                  situation.configuration->path),
       "Restart the daemon, or name the file that it runs with (-f FILE).");
 }
 
-void explain_failure(const View& view, const InterfaceDump& interface, Explanation& explanation) {
-  if (explain_unserved(view, interface, explanation)) return;
-  explain_foreign_configuration(view, interface, explanation);
-  const std::optional<std::string> device = view.device_of(interface);
+void explain_failure(const Situation& situation, const InterfaceDump& interface,
+                     Explanation& explanation) {
+  if (explain_unserved(situation, interface, explanation)) return;
+  explain_foreign_configuration(situation, interface, explanation);
+  const std::optional<std::string> device = situation.device_of(interface);
   std::optional<DeviceState> state;
   bool is_dead = false;
   if (device) {
-    state = view.machine.device(interface.vrf, *device);
-    is_dead = explain_device(view, interface, *device, state, explanation);
+    state = situation.machine.device(interface.vrf, *device);
+    is_dead = explain_device(situation, interface, *device, state, explanation);
   } else {
     explanation.add(
         "Its device was not looked at: only the configuration (-f FILE) tells which it "
         "is.");
   }
-  if (interface.nexthop.empty()) explain_missing_nexthop(view, interface, explanation);
-  if (explain_tests(view, interface, explanation) && !is_dead && state && state->resolves) {
-    explain_neighbor(view, interface, *device, explanation);
+  if (interface.nexthop.empty()) explain_missing_nexthop(situation, interface, explanation);
+  if (explain_tests(situation, interface, explanation) && !is_dead && state && state->resolves) {
+    explain_neighbor(situation, interface, *device, explanation);
   }
-  explain_way_back(view, interface, explanation);
+  explain_way_back(situation, interface, explanation);
   if (!explanation.next_step.empty()) return;
   explanation.next_step =
       device ? "Try from the router: " +
@@ -155,11 +158,12 @@ void explain_failure(const View& view, const InterfaceDump& interface, Explanati
              : "Try to reach the targets from the router, by that interface.";
 }
 
-void explain_success(const View& view, const InterfaceDump& interface, Explanation& explanation) {
-  explain_tests(view, interface, explanation);
+void explain_success(const Situation& situation, const InterfaceDump& interface,
+                     Explanation& explanation) {
+  explain_tests(situation, interface, explanation);
   explanation.is_well = !interface.nexthop.empty();
   if (interface.nexthop.empty()) {
-    explain_missing_nexthop(view, interface, explanation);
+    explain_missing_nexthop(situation, interface, explanation);
     explanation.add("It carries no routes as long as it has no next hop.");
   }
   if (explanation.is_well) explanation.next_step = "none, all is well with it.";
@@ -167,13 +171,13 @@ void explain_success(const View& view, const InterfaceDump& interface, Explanati
 
 }  // namespace
 
-Explanation explain_interface(const View& view, const InterfaceDump& interface) {
+Explanation explain_interface(const Situation& situation, const InterfaceDump& interface) {
   Explanation explanation;
   explanation.headline = headline_of(interface);
   if (interface.active) {
-    explain_success(view, interface, explanation);
+    explain_success(situation, interface, explanation);
   } else {
-    explain_failure(view, interface, explanation);
+    explain_failure(situation, interface, explanation);
   }
   return explanation;
 }

@@ -52,7 +52,7 @@ std::string way_of(const KernelRoute& route) {
 }
 
 // Why the routing daemon did not bring the route into the kernel.
-void explain_refusal(const View& view, const RuleDump& rule, const StaticRoute& route,
+void explain_refusal(const Situation& situation, const RuleDump& rule, const StaticRoute& route,
                      const std::vector<const KernelRoute*>& others, const std::string& file_text,
                      Explanation& explanation) {
   const std::string path = route_file_path(rule.vrf, rule.ipv6);
@@ -63,21 +63,21 @@ void explain_refusal(const View& view, const RuleDump& rule, const StaticRoute& 
   for (const KernelRoute* other : others) {
     explanation.add(fmt::format("The kernel's route to it goes {} instead.", way_of(*other)));
   }
-  const std::string fault = view.machine.routing_daemon_fault(rule.vrf);
+  const std::string fault = situation.machine.routing_daemon_fault(rule.vrf);
   if (!fault.empty()) {
     explanation.add(fmt::format("The routing daemon does not seem to run: {}.", fault),
                     fmt::format("Start the routing daemon with {} as its pid file (bird -P).",
                                 routing_pid_path(rule.vrf)));
     return;
   }
-  const BirdVerdict verdict = view.machine.bird(file_text, path);
+  const BirdVerdict verdict = situation.machine.bird(file_text, path);
   if (verdict.is_installed && !verdict.accepts) {
     explanation.add(
         fmt::format("bird refuses the whole file: {}.", verdict.words),
-        view.configuration == nullptr
+        situation.configuration == nullptr
             ? "Mend what it names: lbctl check FILE, and lbctl routes FILE --check-bird"
             : fmt::format("Mend what it names: lbctl check {}, and lbctl routes {} --check-bird",
-                          view.configuration->path, view.configuration->path));
+                          situation.configuration->path, situation.configuration->path));
     return;
   }
   explanation.next_step = fmt::format(
@@ -88,11 +88,11 @@ void explain_refusal(const View& view, const RuleDump& rule, const StaticRoute& 
 
 }  // namespace
 
-bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& route,
+bool explain_kernel(const Situation& situation, const RuleDump& rule, const StaticRoute& route,
                     const std::string& file_text, Explanation& explanation) {
-  const auto table = view.machine.kernel_routes(rule.vrf, rule.ipv6);
+  const auto table = situation.machine.kernel_routes(rule.vrf, rule.ipv6);
   if (!table) {
-    const std::string refusal = view.machine.vrf_refusal(rule.vrf);
+    const std::string refusal = situation.machine.vrf_refusal(rule.vrf);
     explanation.add(fmt::format("It is in the routing daemon's file; the kernel's table was not "
                                 "looked at: {}.",
                                 refusal.empty() ? "it could not be read" : refusal),
@@ -117,7 +117,7 @@ bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& r
   };
   const auto own = std::find_if(there.begin(), there.end(), has_it);
   if (own == there.end()) {
-    explain_refusal(view, rule, route, there, file_text, explanation);
+    explain_refusal(situation, rule, route, there, file_text, explanation);
     return false;
   }
   if (own == there.begin()) return true;

@@ -3,13 +3,13 @@
 
 #include <string>
 
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 #include "routing/static_routes.h"
 
 namespace lbctl {
 
 // `file_text` is what the route stands in. True when the kernel uses the route, or did not say.
-bool explain_kernel(const View& view, const RuleDump& rule, const StaticRoute& route,
+bool explain_kernel(const Situation& situation, const RuleDump& rule, const StaticRoute& route,
                     const std::string& file_text, Explanation& explanation);
 
 }  // namespace lbctl

@@ -67,37 +67,37 @@ std::optional<uint16_t> own_neighbor(const Family& family, const std::string& de
 
 }  // namespace
 
-std::string ThisMachine::vrf_refusal(const std::string& vrf) const {
+std::string ThisRouter::vrf_refusal(const std::string& vrf) const {
   return run_inside_vrf(vrf, [] {});
 }
 
-bool ThisMachine::has_vrf(const std::string& vrf) const {
+bool ThisRouter::has_vrf(const std::string& vrf) const {
   return vrf == kDefaultNamespace || access(("/var/run/netns/" + vrf).c_str(), F_OK) == 0;
 }
 
-std::optional<DeviceState> ThisMachine::device(const std::string& vrf,
-                                               const std::string& name) const {
+std::optional<DeviceState> ThisRouter::device(const std::string& vrf,
+                                              const std::string& name) const {
   std::optional<DeviceState> state;
   run_inside_vrf(vrf, [&] { state = own_device(name); });
   return state;
 }
 
-std::optional<uint16_t> ThisMachine::neighbor(const std::string& vrf, bool ipv6,
-                                              const std::string& device,
-                                              const std::string& address) const {
+std::optional<uint16_t> ThisRouter::neighbor(const std::string& vrf, bool ipv6,
+                                             const std::string& device,
+                                             const std::string& address) const {
   std::optional<uint16_t> state;
   run_inside_vrf(vrf, [&] { state = own_neighbor(family_of(ipv6), device, address); });
   return state;
 }
 
-std::optional<std::vector<KernelRoute>> ThisMachine::kernel_routes(const std::string& vrf,
-                                                                   bool ipv6) const {
+std::optional<std::vector<KernelRoute>> ThisRouter::kernel_routes(const std::string& vrf,
+                                                                  bool ipv6) const {
   const auto [entry, is_new] = tables_.try_emplace({vrf, ipv6});
   if (is_new) entry->second = read_kernel_routes(vrf, ipv6);
   return entry->second;
 }
 
-FileLook ThisMachine::file(const std::string& path) const {
+FileLook ThisRouter::file(const std::string& path) const {
   const auto [entry, is_new] = files_.try_emplace(path);
   FileLook& look = entry->second;
   if (!is_new) return look;
@@ -113,7 +113,7 @@ FileLook ThisMachine::file(const std::string& path) const {
   return look;
 }
 
-std::string ThisMachine::routing_daemon_fault(const std::string& vrf) const {
+std::string ThisRouter::routing_daemon_fault(const std::string& vrf) const {
   const std::string path = routing_pid_path(vrf);
   const FileLook look = file(path);
   if (!look.fault.empty()) return fmt::format("its pid file {}: {}", path, look.fault);
@@ -124,7 +124,7 @@ std::string ThisMachine::routing_daemon_fault(const std::string& vrf) const {
   return fmt::format("its pid file {} names the process {}, which is no more", path, *pid);
 }
 
-BirdVerdict ThisMachine::bird(const std::string& text, const std::string& name) const {
+BirdVerdict ThisRouter::bird(const std::string& text, const std::string& name) const {
   const auto [entry, is_new] = verdicts_.try_emplace(name);
   if (is_new) entry->second = ask_bird(text, name);
   return entry->second;

@@ -27,9 +27,9 @@ struct FileLook {
   std::string text;
 };
 
-class Machine {
+class Router {
  public:
-  virtual ~Machine() = default;
+  virtual ~Router() = default;
 
   // Why the VRF cannot be looked into; empty where it can.
   virtual std::string vrf_refusal(const std::string& vrf) const = 0;
@@ -57,7 +57,7 @@ class Machine {
 
 // The one that lbctl runs on. Files, tables and the routing daemon are asked once: many
 // destinations are explained by the same answers.
-class ThisMachine : public Machine {
+class ThisRouter : public Router {
  public:
   std::string vrf_refusal(const std::string& vrf) const override;
   bool has_vrf(const std::string& vrf) const override;

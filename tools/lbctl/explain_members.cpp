@@ -19,40 +19,40 @@ struct Member {
 };
 
 // From the configuration, which has names and whole weights, else from the records.
-std::vector<Member> members_of(const View& view, const RuleDump& rule) {
+std::vector<Member> members_of(const Situation& situation, const RuleDump& rule) {
   std::vector<Member> members;
-  if (const LBRule* const known = view.configured(rule)) {
+  if (const LBRule* const known = situation.configured(rule)) {
     for (const auto& [name, member] : known->members) {
       members.push_back({interface_label(name, member.ipv6), member.ipv6, member.weight,
-                         view.interface_dump(name, member.ipv6)});
+                         situation.interface_dump(name, member.ipv6)});
     }
     return members;
   }
   for (const MemberDump& member : rule.members) {
     members.push_back({interface_label(member.device, member.ipv6), member.ipv6, member.weight,
-                       view.interface_dump(member.device, member.ipv6)});
+                       situation.interface_dump(member.device, member.ipv6)});
   }
   return members;
 }
 
-bool requires_nexthop(const View& view) {
-  return view.configuration != nullptr && view.configuration->model.options->bird2_routes;
+bool requires_nexthop(const Situation& situation) {
+  return situation.configuration != nullptr && situation.configuration->model.options->bird2_routes;
 }
 
-std::string place_of(const View& view, const InterfaceDump& interface) {
-  const LBInterface* const known = view.configured(interface);
+std::string place_of(const Situation& situation, const InterfaceDump& interface) {
+  const LBInterface* const known = situation.configured(interface);
   const std::string place = known == nullptr ? "" : place_of_nexthop(*known);
   return place.empty() ? "" : fmt::format("; it is looked for in {}", place);
 }
 
 // Why the member cannot even be chosen; empty when it can.
-std::string fault_of(const View& view, const RuleDump& rule, const Member& member,
+std::string fault_of(const Situation& situation, const RuleDump& rule, const Member& member,
                      std::string& next_step) {
   if (member.ipv6 != rule.ipv6) {
     next_step = "Put it into a rule of its own family.";
     return "is of the other family";
   }
-  if (member.interface == nullptr && view.configured(rule) == nullptr) {
+  if (member.interface == nullptr && situation.configured(rule) == nullptr) {
     next_step = "Name the configuration (-f FILE): only it tells which interface has that device.";
     return "is a device that no interface has as its name";
   }
@@ -70,30 +70,30 @@ std::string fault_of(const View& view, const RuleDump& rule, const Member& membe
     next_step = fmt::format("lbctl explain {}", member.label);
     return fmt::format("is FAILED for {}", span(member.interface->change_age));
   }
-  if (requires_nexthop(view) && member.interface->nexthop.empty()) {
+  if (requires_nexthop(situation) && member.interface->nexthop.empty()) {
     next_step = fmt::format("lbctl explain {}", member.label);
-    return "is ACTIVE, but has no next hop yet" + place_of(view, *member.interface);
+    return "is ACTIVE, but has no next hop yet" + place_of(situation, *member.interface);
   }
   return "";
 }
 
 }  // namespace
 
-MemberReport report_members(const View& view, const RuleDump& rule) {
+MemberReport report_members(const Situation& situation, const RuleDump& rule) {
   MemberReport report;
   std::vector<Member> eligible;
   const auto set_step = [&report](const std::string& step) {
     if (report.next_step.empty()) report.next_step = step;
   };
-  for (const Member& member : members_of(view, rule)) {
+  for (const Member& member : members_of(situation, rule)) {
     std::string step;
-    const std::string fault = fault_of(view, rule, member, step);
+    const std::string fault = fault_of(situation, rule, member, step);
     if (fault.empty()) {
       eligible.push_back(member);
       continue;
     }
     report.sentences.push_back(fmt::format("{} {}.", member.label, fault));
-    const bool is_untold = member.interface == nullptr && view.configured(rule) == nullptr;
+    const bool is_untold = member.interface == nullptr && situation.configured(rule) == nullptr;
     report.is_complete = report.is_complete && !(is_untold && member.ipv6 == rule.ipv6);
     set_step(step);
   }
@@ -121,7 +121,7 @@ MemberReport report_members(const View& view, const RuleDump& rule) {
     } else if (interface.nexthop.empty()) {
       report.sentences.push_back(fmt::format("{} is ACTIVE{}, but has no next hop yet{}.",
                                              member.label, rule.failover ? " and the heaviest" : "",
-                                             place_of(view, interface)));
+                                             place_of(situation, interface)));
       set_step(fmt::format("lbctl explain {}", member.label));
     } else {
       report.sentences.push_back(fmt::format("{} carries it by {}, weight {}.", member.label,

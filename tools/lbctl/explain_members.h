@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 
 namespace lbctl {
 
@@ -22,6 +22,6 @@ struct MemberReport {
 };
 
 // For the worker of the rule's own family.
-MemberReport report_members(const View& view, const RuleDump& rule);
+MemberReport report_members(const Situation& situation, const RuleDump& rule);
 
 }  // namespace lbctl

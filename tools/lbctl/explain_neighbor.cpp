@@ -19,11 +19,11 @@ const char* name_of(uint16_t state) {
 
 }  // namespace
 
-void explain_neighbor(const View& view, const InterfaceDump& interface, const std::string& device,
-                      Explanation& explanation) {
+void explain_neighbor(const Situation& situation, const InterfaceDump& interface,
+                      const std::string& device, Explanation& explanation) {
   const std::string& nexthop = interface.nexthop;
   if (nexthop.empty()) return;
-  const auto state = view.machine.neighbor(interface.vrf, interface.ipv6, device, nexthop);
+  const auto state = situation.machine.neighbor(interface.vrf, interface.ipv6, device, nexthop);
   const char* const protocol = interface.ipv6 ? "neighbour solicitations" : "ARP requests";
   const std::string look = fmt::format(
       "See whether the gateway is on that link: {}; check cable, VLAN, and the next hop's address.",
@@ -43,6 +43,12 @@ void explain_neighbor(const View& view, const InterfaceDump& interface, const st
                                 "get no answer.",
                                 nexthop, device, protocol),
                     look);
+  } else if ((*state & (NUD_STALE | NUD_DELAY | NUD_PROBE)) != 0) {
+    explanation.add(
+        fmt::format("The next hop {} was known on {}, but the kernel has not confirmed it lately "
+                    "(neighbour entry {}).",
+                    nexthop, device, name_of(*state)),
+        look);
   } else {
     explanation.add(
         fmt::format("The next hop {} is known on {} (neighbour entry {}): what does not answer is "

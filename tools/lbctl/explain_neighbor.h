@@ -3,12 +3,12 @@
 
 #include <string>
 
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 
 namespace lbctl {
 
 // For a device with link-layer addresses; nothing without a next hop.
-void explain_neighbor(const View& view, const InterfaceDump& interface, const std::string& device,
-                      Explanation& explanation);
+void explain_neighbor(const Situation& situation, const InterfaceDump& interface,
+                      const std::string& device, Explanation& explanation);
 
 }  // namespace lbctl

@@ -18,20 +18,20 @@ namespace {
 
 constexpr const char* kUsualConfiguration = "/etc/wan_lb/lb.conf";
 
-std::vector<Explanation> explain_named(const View& view, const std::string& subject) {
+std::vector<Explanation> explain_named(const Situation& situation, const std::string& subject) {
   std::vector<Explanation> explanations;
   std::string name;
   bool ipv6 = false;
   if (parse_interface_label(subject, name, ipv6)) {
-    const InterfaceDump* interface = view.interface_dump(name, ipv6);
+    const InterfaceDump* interface = situation.interface_dump(name, ipv6);
     // A name that only the other family has is meant for that one.
-    if (interface == nullptr && !ipv6) interface = view.interface_dump(name, true);
-    if (interface != nullptr) return {explain_interface(view, *interface)};
+    if (interface == nullptr && !ipv6) interface = situation.interface_dump(name, true);
+    if (interface != nullptr) return {explain_interface(situation, *interface)};
   }
-  const auto destinations = find_destinations(view.dumps, subject);
+  const auto destinations = find_destinations(situation.dumps, subject);
   explanations.reserve(destinations.size());
   for (const Destination& destination : destinations) {
-    explanations.push_back(explain_destination(view, destination));
+    explanations.push_back(explain_destination(situation, destination));
   }
   if (explanations.empty()) {
     throw usage_error(fmt::format(
@@ -42,14 +42,14 @@ std::vector<Explanation> explain_named(const View& view, const std::string& subj
   return explanations;
 }
 
-std::vector<Explanation> explain_faults(const View& view) {
+std::vector<Explanation> explain_faults(const Situation& situation) {
   std::vector<Explanation> explanations;
-  for (const InterfaceDump& interface : view.dumps.interfaces) {
-    Explanation explanation = explain_interface(view, interface);
+  for (const InterfaceDump& interface : situation.dumps.interfaces) {
+    Explanation explanation = explain_interface(situation, interface);
     if (!explanation.is_well) explanations.push_back(std::move(explanation));
   }
-  for (const Destination& destination : all_destinations(view.dumps)) {
-    Explanation explanation = explain_destination(view, destination);
+  for (const Destination& destination : all_destinations(situation.dumps)) {
+    Explanation explanation = explain_destination(situation, destination);
     if (!explanation.is_well) explanations.push_back(std::move(explanation));
   }
   return explanations;
@@ -57,7 +57,7 @@ std::vector<Explanation> explain_faults(const View& view) {
 
 std::unique_ptr<Configuration> load_named(const std::string& path) {
   if (!path.empty()) return load_configuration(path);
-  const FileLook look = ThisMachine().file(kUsualConfiguration);
+  const FileLook look = ThisRouter().file(kUsualConfiguration);
   return look.fault.empty() ? load_configuration(kUsualConfiguration) : nullptr;
 }
 
@@ -72,9 +72,10 @@ void take_over_states(const Dumps& dumps, LBConfig& model) {
   }
 }
 
-Answer answer(const View& view, const std::string& subject, std::time_t now) {
+Answer answer(const Situation& situation, const std::string& subject, std::time_t now) {
   Answer answer{true, ""};
-  const auto explanations = subject.empty() ? explain_faults(view) : explain_named(view, subject);
+  const auto explanations =
+      subject.empty() ? explain_faults(situation) : explain_named(situation, subject);
   for (const Explanation& explanation : explanations) {
     answer.is_well = answer.is_well && explanation.is_well;
     answer.text += text_of(explanation);
@@ -82,18 +83,18 @@ Answer answer(const View& view, const std::string& subject, std::time_t now) {
   if (explanations.empty()) {
     answer.text = fmt::format(
         "All is well: {} active, {} routed.\n",
-        counted(static_cast<int64_t>(view.dumps.interfaces.size()), "interface"),
-        counted(static_cast<int64_t>(all_destinations(view.dumps).size()), "destination"));
+        counted(static_cast<int64_t>(situation.dumps.interfaces.size()), "interface"),
+        counted(static_cast<int64_t>(all_destinations(situation.dumps).size()), "destination"));
   }
-  if (view.dumps.is_stale(now)) {
+  if (situation.dumps.is_stale(now)) {
     Explanation stale;
     stale.headline = fmt::format("The dump files are {} old: all below was so then.",
-                                 span(now - view.dumps.newest.tv_sec));
+                                 span(now - situation.dumps.newest.tv_sec));
     stale.add("The daemon writes them every second: it does not run, or hangs.",
               "See whether the daemon runs: pgrep -x lb, and its log.");
     answer = {false, text_of(stale) + answer.text};
   }
-  if (view.configuration == nullptr) {
+  if (situation.configuration == nullptr) {
     answer.text +=
         "The configuration was not looked at (-f FILE): it tells devices, where next hops are "
         "looked for, hold-down, check_all, and time-outs.\n";
@@ -110,7 +111,7 @@ int run_explain(const ExplainRequest& request) {
     }
     take_over_states(dumps, configuration->model);
   }
-  const ThisMachine machine;
+  const ThisRouter machine;
   const Answer found =
       answer({dumps, configuration.get(), machine}, request.subject, wall_now().tv_sec);
   print_text(found.text);

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <string>
 
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 
 namespace lbctl {
 
@@ -23,7 +23,7 @@ struct Answer {
 void take_over_states(const Dumps& dumps, LBConfig& model);
 
 // The same from what was read. A Failure (kExitUsage) for a subject that nobody knows.
-Answer answer(const View& view, const std::string& subject, std::time_t now);
+Answer answer(const Situation& situation, const std::string& subject, std::time_t now);
 
 // The exit status.
 int run_explain(const ExplainRequest& request);

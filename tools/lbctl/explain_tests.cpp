@@ -10,6 +10,7 @@
 #include "config/health_test.h"
 #include "lbctl/print.h"
 #include "packets/family.h"
+#include "tests/burst_judge.h"
 
 namespace lbctl {
 
@@ -36,11 +37,19 @@ std::string figure(const char* name, int32_t value, int32_t limit, const char* u
                      value >= limit ? ", reached" : "");
 }
 
-std::string figures_of(const TestDump::Measurement& burst) {
-  return fmt::format("the last burst had {}, {} and {}",
-                     figure("loss", burst.measured_loss, burst.loss, "%"),
-                     figure("mean round trip", burst.measured_rtt, burst.rtt, "ms"),
-                     figure("jitter", burst.measured_jitter, burst.jitter, "ms"));
+// A burst that ends early, because a request was not answered, leaves the figures of the one
+// before.
+std::string figures_of(const TestDump::Measurement& burst, bool succeeded) {
+  const bool ended_early =
+      !succeeded && is_acceptable({burst.measured_jitter, burst.measured_loss, burst.measured_rtt},
+                                  {burst.jitter, burst.loss, burst.rtt});
+  return fmt::format(
+      "{} had {}, {} and {}",
+      ended_early ? "a request of the last burst was not answered, which ended it; the burst before"
+                  : "the last burst",
+      figure("loss", burst.measured_loss, burst.loss, "%"),
+      figure("mean round trip", burst.measured_rtt, burst.rtt, "ms"),
+      figure("jitter", burst.measured_jitter, burst.jitter, "ms"));
 }
 
 std::string outcome_of(const InterfaceDump& interface, const TestDump& test) {
@@ -48,7 +57,7 @@ std::string outcome_of(const InterfaceDump& interface, const TestDump& test) {
   const bool succeeded = test.result == kResultSuccess;
   const int32_t count = succeeded ? test.success_count : test.failure_count;
   const int32_t threshold = succeeded ? interface.success_ct : interface.failure_ct;
-  const std::string last = test.measurement ? figures_of(*test.measurement)
+  const std::string last = test.measurement ? figures_of(*test.measurement, succeeded)
                            : succeeded      ? "the last probe was answered"
                                             : "the last probe was not answered";
   return fmt::format("{}; {} in a row, {} settle{} it as {}", last,
@@ -87,17 +96,17 @@ bool explain_hopeless(const InterfaceDump& interface, const TestDump& test,
   return true;
 }
 
-bool needs_all(const View& view, const InterfaceDump& interface) {
-  const LBInterface* const known = view.configured(interface);
+bool needs_all(const Situation& situation, const InterfaceDump& interface) {
+  const LBInterface* const known = situation.configured(interface);
   return known != nullptr && known->check_all;
 }
 
-bool is_healthy(const View& view, const InterfaceDump& interface) {
+bool is_healthy(const Situation& situation, const InterfaceDump& interface) {
   const auto reached = [&](const TestDump& test) { return is_reached(interface, test); };
   const auto& tests = interface.tests;
   if (tests.empty()) return false;
-  return needs_all(view, interface) ? std::all_of(tests.begin(), tests.end(), reached)
-                                    : std::any_of(tests.begin(), tests.end(), reached);
+  return needs_all(situation, interface) ? std::all_of(tests.begin(), tests.end(), reached)
+                                         : std::any_of(tests.begin(), tests.end(), reached);
 }
 
 // What is still to come: a test that has begun to succeed, or has no outcome as yet.
@@ -116,8 +125,9 @@ const char* what_to_wait_for(const InterfaceDump& interface) {
 
 }  // namespace
 
-bool explain_tests(const View& view, const InterfaceDump& interface, Explanation& explanation) {
-  const LBInterface* const known = view.configured(interface);
+bool explain_tests(const Situation& situation, const InterfaceDump& interface,
+                   Explanation& explanation) {
+  const LBInterface* const known = situation.configured(interface);
   if (interface.tests.empty()) {
     explanation.add(
         "It has no test, so it never becomes active: the daemon adds the one that it "
@@ -134,10 +144,11 @@ bool explain_tests(const View& view, const InterfaceDump& interface, Explanation
   return fails;
 }
 
-void explain_way_back(const View& view, const InterfaceDump& interface, Explanation& explanation) {
-  const LBInterface* const known = view.configured(interface);
+void explain_way_back(const Situation& situation, const InterfaceDump& interface,
+                      Explanation& explanation) {
+  const LBInterface* const known = situation.configured(interface);
   const int32_t hold_down = known == nullptr ? 0 : known->hold_down;
-  if (is_healthy(view, interface)) {
+  if (is_healthy(situation, interface)) {
     if (hold_down > 0) {
       const int64_t rest = std::max<int64_t>(0, int64_t{hold_down} - interface.failure_age);
       explanation.add(
@@ -156,15 +167,15 @@ void explain_way_back(const View& view, const InterfaceDump& interface, Explanat
     return;
   }
   if (interface.tests.empty()) return;
-  const char* const whose = interface.tests.size() == 1  ? "its target has"
-                            : needs_all(view, interface) ? "every target (check_all) has"
+  const char* const whose = interface.tests.size() == 1       ? "its target has"
+                            : needs_all(situation, interface) ? "every target (check_all) has"
                             : known == nullptr ? "one of its targets (with check_all, each) has"
                                                : "any one of its targets has";
   explanation.add(fmt::format(
       "It comes back when {} been reached {}{}.", whose,
       interface.success_ct == 1 ? "once" : counted(interface.success_ct, "time") + " in a row",
       hold_down > 0 ? fmt::format(", and that for {} (hold-down)", span(hold_down)) : ""));
-  if (explanation.next_step.empty() && !needs_all(view, interface)) {
+  if (explanation.next_step.empty() && !needs_all(situation, interface)) {
     explanation.next_step = what_to_wait_for(interface);
   }
 }

@@ -46,9 +46,18 @@ void complain(const std::string& text) {
 
 std::string printable(std::string_view text) {
   std::string result(text);
-  for (char& character : result) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte < 0x20 || byte == 0x7F) character = '?';
+  int left = 0;  // bytes that the UTF-8 character still has
+  for (size_t at = 0; at < result.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(result[at]);
+    const bool follows = (byte & 0xC0) == 0x80;
+    if (follows && left > 0) {
+      --left;
+      if (byte < 0xA0 && result[at - 1] == '\xC2') result[at - 1] = result[at] = '?';
+      continue;
+    }
+    left = 0;
+    if (byte >= 0xC0) left = byte >= 0xF0 ? 3 : byte >= 0xE0 ? 2 : 1;
+    if (byte < 0x20 || byte == 0x7F || (follows && byte < 0xA0)) result[at] = '?';
   }
   return result;
 }

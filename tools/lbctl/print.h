@@ -26,7 +26,8 @@ void print_text(std::string_view text);
 // One line on standard error, after "lbctl: ".
 void complain(const std::string& text);
 
-// The text without what could steer a terminal: control characters become '?'.
+// The text without what could steer a terminal: control characters, also those of the second set
+// (U+0080 to U+009F, and the same as bytes outside of UTF-8), become '?'.
 std::string printable(std::string_view text);
 
 // Whether results may be coloured: on a terminal only, and not with NO_COLOR

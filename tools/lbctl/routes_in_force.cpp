@@ -77,8 +77,10 @@ bool RoutesInForce::has(const RuleDump& rule, const RouteDump& route) const {
     return std::any_of(wanted.begin(), wanted.end(),
                        [&nexthop](const Way& way) { return matches(way, nexthop); });
   };
-  return std::all_of(ways.begin(), ways.end(), is_there) &&
-         std::all_of(nexthops.begin(), nexthops.end(), is_wanted);
+  // Without an active member a rule may keep its last routes, by any of them.
+  const bool are_there = has_active_member(rule) ? std::all_of(ways.begin(), ways.end(), is_there)
+                                                 : std::any_of(ways.begin(), ways.end(), is_there);
+  return are_there && std::all_of(nexthops.begin(), nexthops.end(), is_wanted);
 }
 
 bool RoutesInForce::matches(const Way& way, const KernelNexthop& nexthop) {
@@ -88,25 +90,35 @@ bool RoutesInForce::matches(const Way& way, const KernelNexthop& nexthop) {
 
 std::vector<RoutesInForce::Way> RoutesInForce::ways_of(const RuleDump& rule,
                                                        const RouteDump& route) const {
-  if (!rule.failover) return ways_of_active_members(rule);
+  const bool some_are_active = has_active_member(rule);
+  if (!rule.failover) return ways_of_members(rule, some_are_active);
   if (route.nexthop.empty()) return {};
   // Members may have next hops of the same address: the way leads by one that is active.
   Way way{.address = canonical_address(route.nexthop, ipv6_), .devices = {}};
   const auto interfaces = interfaces_of_members(rule);
   for (size_t at = 0; at < rule.members.size(); ++at) {
-    if (interfaces[at] == nullptr || interfaces[at]->active)
+    if (interfaces[at] == nullptr || interfaces[at]->active || !some_are_active)
       way.devices.push_back(rule.members[at].device);
   }
   return {way};
 }
 
-std::vector<RoutesInForce::Way> RoutesInForce::ways_of_active_members(const RuleDump& rule) const {
+bool RoutesInForce::has_active_member(const RuleDump& rule) const {
+  const auto interfaces = interfaces_of_members(rule);
+  return std::any_of(interfaces.begin(), interfaces.end(), [](const InterfaceDump* interface) {
+    return interface != nullptr && interface->active;
+  });
+}
+
+std::vector<RoutesInForce::Way> RoutesInForce::ways_of_members(const RuleDump& rule,
+                                                               bool active_only) const {
   std::vector<Way> ways;
   const auto interfaces = interfaces_of_members(rule);
   for (size_t at = 0; at < rule.members.size(); ++at) {
     const InterfaceDump* const interface = interfaces[at];
     const MemberDump& member = rule.members[at];
-    if (interface == nullptr || !interface->active || interface->nexthop.empty()) continue;
+    if (interface == nullptr || interface->nexthop.empty()) continue;
+    if (active_only && !interface->active) continue;
     if (member.weight == 0) continue;  // it carries nothing
     ways.push_back({canonical_address(interface->nexthop, ipv6_), {member.device}});
   }

@@ -19,7 +19,8 @@ class RoutesInForce {
                 const std::vector<KernelRoute>& table);
 
   // Whether of the kernel's routes to the destination the preferred one leads where the rule wants
-  // it: to the next hop that a failover rule has chosen, else to those of the active members. The
+  // it: to the next hop that a failover rule has chosen, else to those of the active members; where
+  // none is active, to that of any member (a kept route). The
   // routing daemon joins the routes of rules that share a destination into one; the others' next
   // hops may then be there too.
   bool has(const RuleDump& rule, const RouteDump& route) const;
@@ -33,7 +34,8 @@ class RoutesInForce {
 
   void note_devices(const KernelRoute& route);
   std::vector<Way> ways_of(const RuleDump& rule, const RouteDump& route) const;
-  std::vector<Way> ways_of_active_members(const RuleDump& rule) const;
+  std::vector<Way> ways_of_members(const RuleDump& rule, bool active_only) const;
+  bool has_active_member(const RuleDump& rule) const;
   std::vector<const InterfaceDump*> interfaces_of_members(const RuleDump& rule) const;
   bool leads_by(const std::string& device, const std::string& nexthop) const;
   static bool matches(const Way& way, const KernelNexthop& nexthop);

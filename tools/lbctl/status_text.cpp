@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "config/health_test.h"
+#include "tests/burst_judge.h"
 
 namespace lbctl {
 
@@ -138,7 +139,13 @@ void append_test(const InterfaceDump& interface, size_t at, const TestColumns& c
   lines.push_back(std::move(line));
   if (!test.measurement) return;
   const TestDump::Measurement& found = *test.measurement;
-  lines.push_back({{{"      ", {}},
+  // A burst that ends early, because a request was not answered, leaves the figures of the one
+  // before.
+  const bool ended_early =
+      test.result == kResultFailure &&
+      is_acceptable({found.measured_jitter, found.measured_loss, found.measured_rtt},
+                    {found.jitter, found.loss, found.rtt});
+  lines.push_back({{{ended_early ? "      no answer; before: " : "      ", {}},
                     figure("loss", found.measured_loss, found.loss, "%"),
                     {"   ", {}},
                     figure("rtt", found.measured_rtt, found.rtt, "ms"),

@@ -34,6 +34,8 @@ TEST(Command, UnknownOptionGetsAUsageLineOnStandardError) {
 TEST(Command, UnknownSubcommandGetsAUsageLine) {
   const Outcome outcome = run({"stauts"});
   EXPECT_EQ(outcome.status, kExitUsage);
+  EXPECT_NE(outcome.complaint.find("no subcommand or option 'stauts'"), std::string::npos)
+      << outcome.complaint;
   EXPECT_NE(outcome.complaint.find("usage: lbctl SUBCOMMAND"), std::string::npos)
       << outcome.complaint;
 }

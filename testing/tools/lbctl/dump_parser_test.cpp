@@ -79,8 +79,8 @@ TEST(DumpParserTest, SeveralRecordsInTheirOrder) {
   const auto parsed = parse_outbounds(span_of(bytes), false);
   ASSERT_EQ(parsed.values.size(), 2U);
   EXPECT_EQ(parsed.values[1].name, "wan2");
-  EXPECT_TRUE(parse_outbounds({}, false).error.empty());
-  EXPECT_TRUE(parse_outbounds({}, false).values.empty());
+  EXPECT_EQ(parse_outbounds({}, false).error, "empty; is the disk full?");
+  EXPECT_TRUE(parse_rules({}).error.empty());
 }
 
 TEST(DumpParserTest, RuleAndRouteFields) {
@@ -157,9 +157,20 @@ TEST(DumpParserTest, ForeignRulesAndRoutes) {
   EXPECT_EQ(fault_of_route(route_record().text(50, std::string(46, 'x'))), kForeign);
 }
 
+TEST(DumpParserTest, AgesAreNotBelowZero) {
+  const auto parsed = parse_outbounds(span_of(outbound_record().number(4297, -5).bytes()), false);
+  ASSERT_EQ(parsed.values.size(), 1U);
+  EXPECT_EQ(parsed.values[0].change_age, 0);
+}
+
 TEST(DumpParserTest, OtherByteOrder) {
   EXPECT_EQ(fault_of_outbound(outbound_record().swapped(4301, 3).swapped(4305, 2)), kOtherOrder);
   EXPECT_EQ(fault_of_rule(rule_record().swapped(3337, 7)), kOtherOrder);
+  // Large numbers that anybody may configure.
+  EXPECT_EQ(fault_of_rule(rule_record().number(3337, 20261122)), "");
+  EXPECT_EQ(fault_of_outbound(outbound_record().number(4301, 2000000)), "");
+  const std::string some = rule_record().bytes() + rule_record().number(3337, 16777216).bytes();
+  EXPECT_EQ(parse_rules(span_of(some)).error, "") << "the first one tells the order";
   EXPECT_EQ(fault_of_route(route_record().swapped(100, 1).swapped(104, 7)), kOtherOrder);
 }
 

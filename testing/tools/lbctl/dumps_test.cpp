@@ -62,9 +62,21 @@ TEST_F(DumpsTest, NoneAtAll) {
   EXPECT_NE(complaint().find("no dump files"), std::string::npos) << complaint();
 }
 
-TEST_F(DumpsTest, EmptyFilesAreFilesOfNothing) {
+TEST_F(DumpsTest, EmptyFilesOfRulesAreFilesOfNothing) {
+  directory_.put_all();
+  directory_.put("wlb_rules.bin", "");
+  directory_.put("wlb_routes.bin", "");
+  const Dumps dumps = read_dumps(directory_.path());
+  EXPECT_FALSE(dumps.interfaces.empty());
+  EXPECT_TRUE(dumps.rules.empty());
+}
+
+// It would pass for a router without any interface, on which all is well.
+TEST_F(DumpsTest, EmptyFileOfInterfacesIsNoFileOfNone) {
+  directory_.put_all();
   directory_.put("wlb_ipv4_outbounds.bin", "");
-  EXPECT_TRUE(read_dumps(directory_.path()).interfaces.empty());
+  EXPECT_EQ(complaint(),
+            directory_.file("wlb_dump/wlb_ipv4_outbounds.bin") + ": empty; is the disk full?");
 }
 
 TEST_F(DumpsTest, TheFileThatIsWrongIsNamed) {
@@ -96,7 +108,8 @@ TEST_F(DumpsTest, AHalfWrittenFileIsReadAgain) {
   EXPECT_EQ(dumps.rules[0].number, 7);
 }
 
-// The daemon empties a file before it writes it anew: what follows a long half is not empty for good.
+// The daemon empties a file before it writes it anew: what follows a long half is not empty for
+// good.
 TEST_F(DumpsTest, AFileThatIsEmptyForAMomentIsReadAgain) {
   directory_.put_all();
   const std::string whole = rule_record().bytes();

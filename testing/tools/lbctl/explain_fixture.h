@@ -22,7 +22,7 @@ namespace lbctl {
 
 // By device, address, path. What is not given is healthy: a device that is up, a neighbour that is
 // reachable; files and kernel routes are not there.
-class FakeMachine : public Machine {
+class FakeRouter : public Router {
  public:
   std::string vrf_refusal(const std::string& vrf) const override {
     return closed_vrfs.contains(vrf) ? "VRF " + vrf + " cannot be entered: Operation not permitted"
@@ -143,7 +143,7 @@ class ExplainFixture : public RedirectedPlacesTest {
   static constexpr std::time_t kNow = 1'700'000'000;
   Dumps dumps_;
   std::unique_ptr<Configuration> configuration_;
-  FakeMachine machine_;
+  FakeRouter machine_;
   bool is_well_ = false;
 };
 

@@ -54,6 +54,28 @@ TEST_F(ExplainInterface, BurstReachesItsLimits) {
 )");
 }
 
+TEST_F(ExplainInterface, BurstThatEndedEarlyHasTheFiguresOfTheOneBefore) {
+  auto& dump = add_failed("wan1");
+  dump.tests.front().measurement = {.measured_jitter = 0,
+                                    .measured_loss = 0,
+                                    .measured_rtt = 1,
+                                    .jitter = 50,
+                                    .loss = 1,
+                                    .rtt = 200};
+  EXPECT_THAT(explained("wan1"),
+              testing::HasSubstr("a request of the last burst was not answered, which ended it; "
+                                 "the burst before had loss 0 % (limit 1 %), "
+                                 "mean round trip 1 ms (limit 200 ms) and jitter 0 ms (limit 50 "
+                                 "ms); 2 failures in a row"));
+}
+
+TEST_F(ExplainInterface, NeighbourThatWasNotConfirmedLatelySaysNothing) {
+  add_failed("wan1");
+  machine_.neighbor_state = NUD_STALE;
+  EXPECT_THAT(explained("wan1"),
+              testing::HasSubstr("was known on eth0, but the kernel has not confirmed it lately"));
+}
+
 TEST_F(ExplainInterface, EveryTargetIsNeeded) {
   configure(health_with("interface wan1 {\n nexthop 192.0.2.1\n check_all\n}"));
   auto& dump = add_failed("wan1");

@@ -26,6 +26,10 @@ TEST(PrintTest, DocumentsAreUtf8WhateverIsInThem) {
 
 TEST(PrintTest, ControlCharactersDoNotReachTheTerminal) {
   EXPECT_EQ(printable("a\033[31mb\tc\x7F\n"), "a?[31mb?c??");
+  EXPECT_EQ(printable("a\x9B[2J"), "a?[2J") << "the second set as one byte";
+  EXPECT_EQ(printable("a\xC2\x9B[2J"), "a??[2J") << "the same in UTF-8";
+  EXPECT_EQ(printable("B\xC3\xBCro \xE2\x82\xAC \xF0\x9F\x98\x80"),
+            "B\xC3\xBCro \xE2\x82\xAC \xF0\x9F\x98\x80");
   testing::internal::CaptureStderr();
   complain("no\nway");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "lbctl: no?way\n");

@@ -84,6 +84,18 @@ TEST_F(SameNames, NoActiveMemberHasNoRouteInForce) {
   EXPECT_EQ(in_force(), false);
 }
 
+TEST_F(SameNames, KeptRouteOfAMemberThatHasFailedIsInForce) {
+  for (InterfaceDump& interface : dumps_.interfaces) interface.active = false;
+  set_table({kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}})});
+  EXPECT_EQ(in_force(), true);
+  set_table({kernel_route("0.0.0.0/0", {{"192.0.2.99", "eth0"}})});
+  EXPECT_EQ(in_force(), false) << "nobody's next hop";
+  dumps_.rules[0].failover = true;
+  dumps_.rules[0].routes[0].nexthop = "192.0.2.1";
+  set_table({kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}})});
+  EXPECT_EQ(in_force(), true);
+}
+
 TEST_F(SameNames, MembersOfWeightZeroOrWithoutNextHopCarryNothing) {
   dumps_.rules[0].members[1].weight = 0;
   set_table({kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}})});

@@ -27,10 +27,10 @@ struct Explanation {
 
 std::string text_of(const Explanation& explanation);
 
-struct View {
+struct Situation {
   const Dumps& dumps;
   const Configuration* configuration;  // null: what only it knows stays unsaid
-  const Machine& machine;
+  const Router& machine;
 
   const InterfaceDump* interface_dump(const std::string& name, bool ipv6) const;
 

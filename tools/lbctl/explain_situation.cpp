@@ -1,4 +1,4 @@
-#include "lbctl/explain_view.h"
+#include "lbctl/explain_situation.h"
 
 #include <algorithm>
 
@@ -16,27 +16,27 @@ std::string text_of(const Explanation& explanation) {
   return text;
 }
 
-const InterfaceDump* View::interface_dump(const std::string& name, bool ipv6) const {
+const InterfaceDump* Situation::interface_dump(const std::string& name, bool ipv6) const {
   const auto found = std::find_if(
       dumps.interfaces.begin(), dumps.interfaces.end(),
       [&](const InterfaceDump& dump) { return dump.name == name && dump.ipv6 == ipv6; });
   return found == dumps.interfaces.end() ? nullptr : &*found;
 }
 
-const LBInterface* View::configured(const InterfaceDump& interface) const {
+const LBInterface* Situation::configured(const InterfaceDump& interface) const {
   if (configuration == nullptr) return nullptr;
   const InterfaceMap& interfaces = configuration->model.interfaces_of(interface.ipv6);
   const auto found = interfaces.find(interface.name);
   return found == interfaces.end() ? nullptr : &found->second;
 }
 
-const LBRule* View::configured(const RuleDump& rule) const {
+const LBRule* Situation::configured(const RuleDump& rule) const {
   if (configuration == nullptr) return nullptr;
   const auto found = configuration->model.rules.find(rule_name(rule));
   return found == configuration->model.rules.end() ? nullptr : &found->second;
 }
 
-std::optional<std::string> View::device_of(const InterfaceDump& interface) const {
+std::optional<std::string> Situation::device_of(const InterfaceDump& interface) const {
   if (const LBInterface* const known = configured(interface)) return known->origin;
   for (const RuleDump& rule : dumps.rules) {
     for (const MemberDump& member : rule.members) {
@@ -46,12 +46,12 @@ std::optional<std::string> View::device_of(const InterfaceDump& interface) const
   return std::nullopt;
 }
 
-bool View::has_rules(const std::string& vrf, bool ipv6) const {
+bool Situation::has_rules(const std::string& vrf, bool ipv6) const {
   return std::any_of(dumps.rules.begin(), dumps.rules.end(),
                      [&](const RuleDump& rule) { return rule.vrf == vrf && rule.ipv6 == ipv6; });
 }
 
-bool View::has_interfaces(const std::string& vrf, bool ipv6) const {
+bool Situation::has_interfaces(const std::string& vrf, bool ipv6) const {
   return std::any_of(
       dumps.interfaces.begin(), dumps.interfaces.end(),
       [&](const InterfaceDump& dump) { return dump.vrf == vrf && dump.ipv6 == ipv6; });
