@@ -47,8 +47,7 @@ void explain_neighbor(const Situation& situation, const InterfaceDump& interface
     explanation.add(
         fmt::format("The next hop {} was known on {}, but the kernel has not confirmed it lately "
                     "(neighbour entry {}).",
-                    nexthop, device, name_of(*state)),
-        look);
+                    nexthop, device, name_of(*state)));
   } else {
     explanation.add(
         fmt::format("The next hop {} is known on {} (neighbour entry {}): what does not answer is "
