@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include "lbctl/check_grammar.h"
+
 namespace lbctl {
 
 namespace {
@@ -48,11 +50,23 @@ bool is_blank(std::string_view text) {
   return text.find_first_not_of(kSeparators) == std::string_view::npos;
 }
 
-// Of a line with words and without a brace of its own: the one that stands first behind its "#".
+// Whether the line lacks a brace unless it has one: "target" does in a rule, where it stands alone.
+bool must_open(const ReadLine& line) {
+  const auto keywords = check_keywords();
+  return std::any_of(keywords.begin(), keywords.end(), [&line](const Keyword& keyword) {
+    return keyword.must_open && keyword.word == line.words.front().text &&
+           (keyword.value != ValueKind::kNone || line.words.size() == 1);
+  });
+}
+
+// Of a line that must open a block and has no brace of its own: the one that stands first behind
+// its "#".
 size_t brace_behind_hash(const ReadLine& line) {
   const bool has_brace = std::any_of(line.words.begin(), line.words.end(),
                                      [](const Word& word) { return word.is_brace(); });
-  if (line.words.empty() || has_brace || line.comment.empty()) return std::string::npos;
+  if (line.words.empty() || has_brace || line.comment.empty() || !must_open(line)) {
+    return std::string::npos;
+  }
   const size_t first = line.comment.find_first_not_of(kBlanks, 1);
   return first != std::string::npos && line.comment[first] == '{' ? first : std::string::npos;
 }

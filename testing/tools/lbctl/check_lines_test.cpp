@@ -61,6 +61,16 @@ TEST(CheckLinesTest, ABraceBehindAHashIsToldWhereItsLineHasNone) {
   EXPECT_THAT(told("health { # {\n}\n"), IsEmpty());
 }
 
+TEST(CheckLinesTest, ABraceInTheCommentOfALineThatOpensNoBlockIsNothing) {
+  EXPECT_THAT(told("health {\ninterface a {\nnexthop 192.0.2.1\ncheck_all # { see ticket 12 }\n"
+                   "failure-ct 2 # {2..3}\ntest 1 {\ntype ping # {\ntarget 198.51.100.7 # {\n}\n}\n"
+                   "}\nrule 1_ipv4 {\ninterface a {\nweight 1\n}\ntarget {\n"
+                   "address 0.0.0.0/0\n}\n}\n"),
+              IsEmpty());
+  EXPECT_THAT(told("rule 1_ipv4 {\ntarget # {\naddress 0.0.0.0/0\n}\n}\n"),
+              testing::Contains("2:10 brace-in-comment-cut"));
+}
+
 TEST(CheckLinesTest, CarriageReturnsAreToldAtTheFirst) {
   EXPECT_THAT(told("health {\n}\r\n\r\n"), ElementsAre("2:2 carriage-returns"));
   EXPECT_THAT(told("health {\n}\r"), ElementsAre("2:2 carriage-returns"));
