@@ -28,6 +28,7 @@ class RuleChecks {
     for (const RuleView& rule : view_.rules) {
       check_name(rule);
       for (const MemberView& member : rule.members) check_member(rule, member);
+      for (const MemberView& member : rule.lost) tell_lost(rule, member);
       for (const DestinationView& target : rule.destinations) check_destination(rule, target);
       check_failover(rule);
       check_sizes(rule);
@@ -97,6 +98,17 @@ class RuleChecks {
       elsewhere_.insert(interface);
     }
     check_weight(member);
+  }
+
+  void tell_lost(const RuleView& rule, const MemberView& member) {
+    findings_.add(member.place, "wrong-family",
+                  fmt::format("the rule has '{}' as an {} interface already: the daemon takes this "
+                              "one for that, and the {} one carries nothing",
+                              member.name, family_name(!member.ipv6), family_name(member.ipv6)),
+                  "make a rule of its own for each family");
+    troubled_.insert(rule.name);
+    // That it is in no rule has the same cause.
+    if (const auto* meant = view_.find(member.name, member.ipv6)) elsewhere_.insert(meant);
   }
 
   void tell_missing(const RuleView& rule, const MemberView& member) {

@@ -157,11 +157,11 @@ class Maker {
     if (found == rule.members.end()) {
       found = rule.members.insert(found,
                                   {node.value, ipv6, node.place(), node.value_place, std::nullopt});
+    } else if (found->ipv6 != ipv6) {
+      rule.lost.push_back({node.value, ipv6, node.place(), node.value_place, std::nullopt});
     } else {
       tell_twice(node.place(), "the rule's interface " + node.value,
-                 found->ipv6 == ipv6 ? "the daemon takes the last weight"
-                                     : "the daemon keeps the family of the first",
-                 findings_);
+                 "the daemon takes the last weight", findings_);
     }
     for (const Node& child : node.children) {
       if (child.keyword == nullptr) continue;

@@ -76,6 +76,8 @@ struct RuleView {
   bool failover = false;
   std::optional<Setting> vrf_setting;
   std::vector<MemberView> members;
+  // That have the name of a member of the other family: the daemon takes them for that one.
+  std::vector<MemberView> lost;
   std::vector<DestinationView> destinations;
 
   std::string vrf() const { return vrf_setting ? vrf_setting->value : kDefaultNamespace; }

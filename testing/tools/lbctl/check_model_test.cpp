@@ -107,6 +107,15 @@ TEST(CheckModelTest, ARuleOfBothFamiliesNeedsBird2) {
   EXPECT_THAT(told(kBird2 + health + "rule 1_ipv4 {\n" + lines + "}\n" + other), IsEmpty());
 }
 
+TEST(CheckModelTest, ARuleHasANameInOneFamilyOnly) {
+  const std::string members = "interface a {\nweight 1\n}\ninterface6 a {\nweight 1\n}\n";
+  const std::string target = "target {\naddress 0.0.0.0/0\n}\n";
+  EXPECT_THAT(told(with_rule(members + target)), ElementsAre("13:1 wrong-family"));
+  EXPECT_THAT(told(kBird2 + with_rule(members + target)), ElementsAre("16:1 wrong-family"));
+  EXPECT_THAT(told(with_rule("interface a {\nweight 1\n}\n" + members + target)),
+              ElementsAre("13:1 given-twice", "16:1 wrong-family"));
+}
+
 TEST(CheckModelTest, WeightsAndMetricsAreForBird2) {
   const std::string lines =
       "interface a {\nweight 300\n}\ntarget {\naddress 203.0.113.7/24\nmetric 3000000000\n}\n";
