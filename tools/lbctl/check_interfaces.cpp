@@ -168,8 +168,8 @@ void check_type(const InterfaceView& interface, const TestView& test, Findings& 
   }
 }
 
-// Origin, family, VRF, target: what one probe serves.
-using Probed = std::map<std::tuple<std::string, bool, std::string, std::string>, Place>;
+// Origin, family, VRF, target: what one probe serves, or outcomes are counted by.
+using Probed = std::map<std::tuple<std::string, bool, std::string, std::string>, const TestView*>;
 
 void check_probed(const InterfaceView& interface, const TestView& test, Probed& probed,
                   Findings& findings) {
@@ -178,12 +178,15 @@ void check_probed(const InterfaceView& interface, const TestView& test, Probed& 
   const std::string nexthop = interface.value("nexthop");
   const std::string text = has_target ? target->value : nexthop;
   const auto [entry, is_new] =
-      probed.try_emplace({interface.origin(), interface.ipv6, interface.vrf(), text}, test.place);
+      probed.try_emplace({interface.origin(), interface.ipv6, interface.vrf(), text}, &test);
   if (is_new) return;
-  findings.add(has_target ? target->place : test.place, "same-target-twice",
-               fmt::format("{} is probed by the test in line {} too: one probe serves both",
-                           text.empty() ? "the next hop" : "'" + text + "'", entry->second.line),
-               "take one of the tests away, or give it another target");
+  const bool has_burst = test.type() == "ping_ext" || entry->second->type() == "ping_ext";
+  findings.add(
+      has_target ? target->place : test.place, "same-target-twice",
+      fmt::format("{} is probed by the test in line {} too: {}",
+                  text.empty() ? "the next hop" : "'" + text + "'", entry->second->place.line,
+                  has_burst ? "their outcomes are counted together" : "one probe serves both"),
+      "take one of the tests away, or give it another target");
 }
 
 void check_tests(const InterfaceView& interface, Probed& probed, Findings& findings) {

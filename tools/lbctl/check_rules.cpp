@@ -80,8 +80,10 @@ class RuleChecks {
                     fmt::format("'{}' is an {} interface in an {} rule: its next hops stand in a "
                                 "file of the other family, which the routing daemon refuses",
                                 member.name, family_name(member.ipv6), family_name(rule.ipv6)),
-                    fmt::format("write '{} {}', or make a rule of its own for each family",
-                                rule.ipv6 ? "interface6" : "interface", member.name));
+                    view_.find(member.name, rule.ipv6) == nullptr
+                        ? "make a rule of its own for each family"
+                        : fmt::format("write '{} {}', or make a rule of its own for each family",
+                                      rule.ipv6 ? "interface6" : "interface", member.name));
       troubled_.insert(rule.name);
       return;
     }
@@ -186,13 +188,23 @@ class RuleChecks {
   void check_twice(const RuleView& rule, const DestinationView& target, const PrefixText& prefix,
                    bool ipv6) {
     const auto [entry, is_new] =
-        destinations_.try_emplace({rule.vrf(), ipv6, prefix.canonical}, target.place);
+        destinations_.try_emplace({rule.vrf(), ipv6, prefix.canonical}, RoutedBy{&rule, &target});
     if (is_new) return;
+    const DestinationView& first = *entry->second.target;
+    if (entry->second.rule == &rule) {
+      findings_.add(target.place, "duplicate-destination",
+                    fmt::format("'{}' is a destination of this rule in line {} already: {}",
+                                target.text, first.place.line,
+                                target.text == first.text ? "the daemon takes both for one"
+                                                          : "the second adds nothing to the first"),
+                    "take one of the two away");
+      return;
+    }
     findings_.add(
         target.place, "duplicate-destination",
         fmt::format("'{}' is routed in line {} too: the routing daemon gets two routes to "
                     "one destination, and neither backs up the other",
-                    target.text, entry->second.line),
+                    target.text, first.place.line),
         "put all interfaces of a destination into one rule, 'failover' for a backup");
   }
 
@@ -341,7 +353,11 @@ class RuleChecks {
   Findings& findings_;
   std::set<std::string> troubled_;            // rules with a member that was told of
   std::set<const InterfaceView*> elsewhere_;  // members of rules, with a fault that was told
-  std::map<std::tuple<std::string, bool, std::string>, Place> destinations_;
+  struct RoutedBy {
+    const RuleView* rule;
+    const DestinationView* target;
+  };
+  std::map<std::tuple<std::string, bool, std::string>, RoutedBy> destinations_;
 };
 
 }  // namespace

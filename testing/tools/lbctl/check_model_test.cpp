@@ -139,6 +139,51 @@ TEST(CheckModelTest, DestinationsHaveALengthAndNoHostBits) {
               ElementsAre("12:9 duplicate-destination"));
 }
 
+TEST(CheckModelTest, ADestinationTwiceInOneRuleIsOne) {
+  const auto text_of = [](const std::string& destinations) {
+    const Findings findings = check_text(
+        with_interface("").replace(with_interface("").find("0.0.0.0/0"), 9, destinations), nullptr);
+    return findings.all().size() == 1 ? findings.all().front().text : std::string();
+  };
+  EXPECT_EQ(text_of("0.0.0.0/0\naddress 0.0.0.0/0"),
+            "'0.0.0.0/0' is a destination of this rule in line 11 already: the daemon takes both "
+            "for one");
+  EXPECT_EQ(text_of("0.0.0.0/0\naddress 0.0.0.0/00"),
+            "'0.0.0.0/00' is a destination of this rule in line 11 already: the second adds "
+            "nothing to the first");
+}
+
+TEST(CheckModelTest, BurstsToOneTargetAreCountedTogether) {
+  const auto text_of = [](const std::string& first, const std::string& second) {
+    const Findings findings = check_text(
+        with_interface("test 1 {\ntype " + first + "\n}\ntest 2 {\ntype " + second + "\n}\n"),
+        nullptr);
+    return findings.all().size() == 1 ? findings.all().front().text : std::string();
+  };
+  const std::string probed = "'192.0.2.1' is probed by the test in line 4 too: ";
+  EXPECT_EQ(text_of("ping", "ping"), probed + "one probe serves both");
+  EXPECT_EQ(text_of("ping", "ping_ext"), probed + "their outcomes are counted together");
+  EXPECT_EQ(text_of("ping_ext", "ping"), probed + "their outcomes are counted together");
+  EXPECT_EQ(text_of("ping_ext", "ping_ext"), probed + "their outcomes are counted together");
+}
+
+TEST(CheckModelTest, AMemberOfTheOtherFamilyIsNotRenamedToWhatHealthLacks) {
+  const auto hint_of = [](const std::string& health) {
+    const Findings findings =
+        check_text("health {\n" + health + "}\nrule 1_ipv4 {\ninterface6 a {\nweight 1\n}\n" +
+                       "target {\naddress 0.0.0.0/0\n}\n}\n",
+                   nullptr);
+    for (const Finding& finding : findings.all()) {
+      if (finding.code == "wrong-family") return finding.hint;
+    }
+    return std::string();
+  };
+  const std::string six = "interface6 a {\nnexthop dhcp\n}\n";
+  EXPECT_EQ(hint_of(six), "make a rule of its own for each family");
+  EXPECT_EQ(hint_of("interface a {\nnexthop dhcp\n}\n" + six),
+            "write 'interface a', or make a rule of its own for each family");
+}
+
 TEST(CheckModelTest, AMisspeltMemberIsToldOnce) {
   EXPECT_THAT(told("health {\ninterface wan1 {\nnexthop dhcp\n}\n}\nrule 1_ipv4 {\n"
                    "interface wna1 {\nweight 1\n}\ntarget {\naddress 0.0.0.0/0\n}\n}\n"),
