@@ -44,6 +44,7 @@ class Builder {
     for (size_t i = 0; i < lines_.size(); ++i) {
       // What is cut off a line was told; it says nothing of what is meant.
       if (lines_[i].continues) continue;
+      if (lines_[i].words.empty()) continue;
       brace_follows_ = begins_with_brace(i + 1);
       read(lines_[i]);
     }
@@ -179,7 +180,8 @@ class Builder {
       const Context outer = depth == 0 ? Context::kFile : stack_[depth - 1]->inside();
       const Keyword* const keyword = find_keyword(outer, node.key.text);
       if (keyword == nullptr || !keyword->may_open) continue;
-      if (stack_.size() - depth > missing_closers_) return;
+      if (stack_.size() + too_deep_ - depth > missing_closers_) return;
+      missing_closers_ -= std::exchange(too_deep_, 0);
       while (stack_.size() > depth) {
         tell_open(*stack_.back());
         close();
@@ -257,14 +259,19 @@ class Builder {
         return;
       }
     }
+    if (too_deep_ > 0) return;
     here().push_back(std::move(node));
     last_is_statement_ = true;
   }
 
   void open(Node node, const Word& brace) {
-    stack_.push_back(std::make_unique<Node>(std::move(node)));
     last_is_statement_ = false;
-    if (stack_.size() == kDeepest + 1) {
+    if (stack_.size() < kDeepest) {
+      stack_.push_back(std::make_unique<Node>(std::move(node)));
+      return;
+    }
+    ++too_deep_;
+    if (!std::exchange(too_deep_told_, true)) {
       findings_.add(brace.place, "brackets",
                     "blocks stand in one another more than 31 deep: the daemon reads no further",
                     "no block of a configuration stands deeper than 5");
@@ -297,7 +304,9 @@ class Builder {
 
   void close_one(const Word& brace) {
     last_is_statement_ = false;
-    if (!stack_.empty()) {
+    if (too_deep_ > 0) {
+      --too_deep_;
+    } else if (!stack_.empty()) {
       close();
     } else if (!extra_told_) {
       extra_told_ = true;
@@ -324,7 +333,9 @@ class Builder {
 
   const std::vector<ReadLine>& lines_;
   Findings& findings_;
-  std::vector<std::unique_ptr<Node>> stack_;  // the open blocks
+  std::vector<std::unique_ptr<Node>> stack_;  // the open blocks, kDeepest at most
+  size_t too_deep_ = 0;                       // open blocks within these, which nobody reads
+  bool too_deep_told_ = false;
   std::vector<Node> top_;
   size_t missing_closers_ = 0;
   size_t missing_openers_ = 0;

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "lbctl/check_fixture.h"
 
 namespace lbctl {
@@ -78,6 +80,25 @@ TEST(CheckOutlineTest, BlocksDeeperThanTheReaderGoesAreTold) {
   for (int i = 0; i < 33; ++i) text += "a {\n";
   for (int i = 0; i < 33; ++i) text += "}\n";
   EXPECT_THAT(told_of_blocks(text), ElementsAre("1:1 unknown-section", "32:3 brackets"));
+  EXPECT_THAT(told_of_blocks(text + text),
+              ElementsAre("1:1 unknown-section", "32:3 brackets", "67:1 unknown-section"));
+}
+
+TEST(CheckOutlineTest, BlocksThatAreNeverClosedAreToldUpToTheDeepest) {
+  constexpr int kMany = 200'000;
+  std::string text;
+  for (int i = 0; i < kMany; ++i) text += "health {\ninterface a {\n";
+  const auto begin = std::chrono::steady_clock::now();
+  // Each section ends the block before it; none of these blocks has an end of its own.
+  EXPECT_GE(told_of_blocks(text).size(), size_t{kMany});
+  std::string unknown;
+  for (int i = 0; i < kMany; ++i) unknown += "a {\n";
+  std::vector<std::string> expected = {"1:1 brackets", "1:1 unknown-section"};
+  for (int i = 2; i <= 31; ++i) expected.push_back(fmt::format("{}:1 brackets", i));
+  expected.emplace_back("32:3 brackets");
+  EXPECT_THAT(told_of_blocks(unknown), testing::ElementsAreArray(expected));
+  // With the depth it would take hours.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
 }  // namespace lbctl
