@@ -15,7 +15,8 @@ namespace lbctl {
 void read_log_file(const std::string& path, std::time_t now, std::vector<StateChange>& changes);
 
 // The changes in the system's journal, or in the journal files of `directory` if there is one. A
-// Failure when it cannot be read.
+// Failure when it cannot be read, also for want of rights, or when there is none; what is damaged
+// beside files with changes is complained about and passed over.
 std::vector<StateChange> read_journal(const std::string& directory);
 
 }  // namespace lbctl
