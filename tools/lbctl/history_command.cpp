@@ -45,7 +45,7 @@ int run_history(const HistoryOptions& options) {
   const auto since = time_of("--since", options.since, now);
   const auto until = time_of("--until", options.until, now);
   std::vector<StateChange> changes;
-  if (options.logs.empty()) changes = read_journal(options.journal);
+  if (options.logs.empty()) changes = read_journal(options.journal, now);
   for (const std::string& log : options.logs) read_log_file(log, now, changes);
 
   const int64_t present = int64_t{now} * 1'000'000 + clock.tv_nsec / 1000;

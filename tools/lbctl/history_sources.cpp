@@ -23,10 +23,36 @@ namespace lbctl {
 
 namespace {
 
-void add_in_order(StateChange change, std::vector<StateChange>& changes) {
-  if (!changes.empty()) change.time = std::max(change.time, changes.back().time);
-  changes.push_back(std::move(change));
-}
+// Puts the changes of one source in order. One from the future (a clock that was not set yet) would
+// take all that follow it along.
+class Sorter {
+ public:
+  Sorter(std::time_t now, std::vector<StateChange>& changes)
+      : end_((int64_t{now} + 1) * kMicrosecond), changes_(changes) {}
+
+  void add(StateChange change) {
+    if (change.time >= end_) {
+      ++future_;
+      return;
+    }
+    if (!changes_.empty()) change.time = std::max(change.time, changes_.back().time);
+    changes_.push_back(std::move(change));
+  }
+
+  void tell_future(const std::string& source) const {
+    if (future_ == 0) return;
+    complain(
+        fmt::format("{}: {} passed over, stamped later than now", source,
+                    future_ == 1 ? "1 state change" : fmt::format("{} state changes", future_)));
+  }
+
+ private:
+  static constexpr int64_t kMicrosecond = 1'000'000;
+
+  int64_t end_;
+  std::vector<StateChange>& changes_;
+  size_t future_ = 0;
+};
 
 struct JournalCloser {
   void operator()(sd_journal* journal) const { sd_journal_close(journal); }
@@ -35,9 +61,12 @@ using Journal = std::unique_ptr<sd_journal, JournalCloser>;
 
 constexpr const char* kSystemsPlaces[] = {"/var/log/journal", "/run/log/journal"};
 
+std::string name_of(const std::string& directory) {
+  return directory.empty() ? "the journal" : directory;
+}
+
 [[noreturn]] void fail(const std::string& directory, int result) {
-  throw unreadable(fmt::format("{}: {}; --log FILE reads a log file instead",
-                               directory.empty() ? "the journal" : directory,
+  throw unreadable(fmt::format("{}: {}; --log FILE reads a log file instead", name_of(directory),
                                std::strerror(-result)));
 }
 
@@ -135,15 +164,17 @@ std::string_view field_of(sd_journal* journal, const char* name) {
 
 void read_log_file(const std::string& path, std::time_t now, std::vector<StateChange>& changes) {
   LineReader lines(path);
+  Sorter sorter(now, changes);
   std::string_view line;
   for (auto found = lines.next(line); found != LineReader::Found::kEnd; found = lines.next(line)) {
     // A line that is too long is of another program.
     if (found == LineReader::Found::kTooLong) continue;
-    if (auto change = parse_log_line(line, now)) add_in_order(std::move(*change), changes);
+    if (auto change = parse_log_line(line, now)) sorter.add(std::move(*change));
   }
+  sorter.tell_future(lines.name());
 }
 
-std::vector<StateChange> read_journal(const std::string& directory) {
+std::vector<StateChange> read_journal(const std::string& directory, std::time_t now) {
   const Journal journal = open_journal(directory);
   const JournalFiles files(directory);
   if (!files.has_readable()) {
@@ -156,14 +187,16 @@ std::vector<StateChange> read_journal(const std::string& directory) {
   if (result >= 0) result = sd_journal_seek_head(journal.get());
   if (result < 0) fail(directory, result);
   std::vector<StateChange> changes;
+  Sorter sorter(now, changes);
   while ((result = sd_journal_next(journal.get())) > 0) {
     auto change = parse_state_message(field_of(journal.get(), "MESSAGE"));
     uint64_t time = 0;
     if (!change || sd_journal_get_realtime_usec(journal.get(), &time) < 0) continue;
     change->time = static_cast<int64_t>(time);
-    add_in_order(std::move(*change), changes);
+    sorter.add(std::move(*change));
   }
   if (result < 0) fail(directory, result);
+  sorter.tell_future(name_of(directory));
   if (files.fault() && changes.empty()) throw unreadable(*files.fault());
   if (files.fault()) complain(*files.fault() + ": passed over");
   return changes;

@@ -4,10 +4,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "lbctl/command.h"
 #include "support/temporary_directory.h"
@@ -18,7 +19,7 @@ namespace {
 // What reading the journal ends with.
 std::string complaint_of(const std::string& directory) {
   try {
-    read_journal(directory);
+    read_journal(directory, 1'800'000'000);
   } catch (const Failure& failure) {
     EXPECT_EQ(failure.exit_status(), kExitUnreadable);
     return failure.what();
@@ -42,6 +43,27 @@ TEST_F(HistorySourcesTest, FilesThatAreNoJournalAreNamed) {
       << complaint_of(directory_.path());
   directory_.write(name, std::string(10'000, 'x'));
   EXPECT_NE(complaint_of(directory_.path()).find(cut), std::string::npos);
+}
+
+TEST_F(HistorySourcesTest, ALineFromTheFutureIsPassedOver) {
+  const std::string message =
+      " router wan_lb[7]: %WAN-I-INSTANCE: IP interface wan1 changed state to ";
+  const std::string log = directory_.write(
+      "lb.log", "2026-01-01T00:00:00Z" + message + "inactive\n" + "2038-01-01T00:00:00Z" + message +
+                    "active\n" + "2026-01-01T00:01:00Z" + message + "active\n" +
+                    "2026-01-01T00:00:30Z" + message + "inactive\n");
+  constexpr std::time_t kStart = 1'767'225'600;  // the first line's
+  std::vector<StateChange> changes;
+  testing::internal::CaptureStderr();
+  read_log_file(log, kStart + 60, changes);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "lbctl: " + log + ": 1 state change passed over, stamped later than now\n");
+  ASSERT_EQ(changes.size(), 3U);
+  EXPECT_EQ(changes[0].time, kStart * 1'000'000);
+  EXPECT_EQ(changes[1].time, (kStart + 60) * 1'000'000);
+  EXPECT_TRUE(changes[1].active);
+  // A clock that was set back still counts from the line above.
+  EXPECT_EQ(changes[2].time, (kStart + 60) * 1'000'000);
 }
 
 // Root may read all: another user tells what happens, in a process of its own.
