@@ -65,6 +65,14 @@ const Keyword* find_keyword(Context context, std::string_view word) {
   return nullptr;
 }
 
+std::vector<std::string_view> words_of(Context context) {
+  std::vector<std::string_view> words;
+  for (const Keyword& keyword : kKeywords) {
+    if (keyword.context == context) words.push_back(keyword.word);
+  }
+  return words;
+}
+
 std::string_view name_of(Context context) {
   switch (context) {
     case kFile:

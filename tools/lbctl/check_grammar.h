@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lbctl {
 
@@ -36,6 +37,9 @@ std::span<const Keyword> check_keywords();
 
 // Null when the context has no such keyword.
 const Keyword* find_keyword(Context context, std::string_view word);
+
+// Those of the context.
+std::vector<std::string_view> words_of(Context context);
 
 // For texts: "a rule", "the section health".
 std::string_view name_of(Context context);

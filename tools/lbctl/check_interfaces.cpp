@@ -135,6 +135,7 @@ void check_burst(const TestView& test, Findings& findings) {
 void check_type(const InterfaceView& interface, const TestView& test, Findings& findings) {
   const Setting* const type = test.find("type");
   if (type == nullptr) {
+    if (test.meant.contains("type")) return;
     findings.add(test.place, "test-without-type",
                  "the test has no type: the daemon makes no test of it, and takes its lines for "
                  "the test that was read before",
@@ -229,7 +230,8 @@ void check_interfaces(const View& view, Findings& findings) {
     check_source(interface, findings);
     check_lease_use(interface, findings);
     check_tests(interface, probed, findings);
-    if (interface.find("nexthop") == nullptr && is_used(view, interface)) {
+    if (interface.find("nexthop") == nullptr && !interface.meant.contains("nexthop") &&
+        is_used(view, interface)) {
       findings.add(interface.place, "no-nexthop",
                    fmt::format("{} carries a rule and has no next hop: {}", interface.label(),
                                view.options.bird2_routes

@@ -141,6 +141,7 @@ class RuleChecks {
 
   void check_weight(const MemberView& member) {
     if (!member.weight) {
+      if (member.meant.contains("weight")) return;
       findings_.add(member.place, "no-weight",
                     fmt::format("'{}' has no weight: the daemon takes 0, and it carries nothing",
                                 member.name),
@@ -266,7 +267,10 @@ class RuleChecks {
       tell(rule.destinations[kDumpMaxRoutes].place, rule.destinations.size(), "destinations",
            kDumpMaxRoutes);
     }
-    const bool is_refused = static_cast<int32_t>(read_number(rule.name).value) < 1;
+    const bool is_misspelt =
+        rule.members.empty() ? rule.meant.contains("interface") || rule.meant.contains("interface6")
+                             : rule.meant.contains("target") || rule.meant.contains("address");
+    const bool is_refused = is_misspelt || static_cast<int32_t>(read_number(rule.name).value) < 1;
     if (!is_refused && (rule.members.empty() || rule.destinations.empty())) {
       findings_.add(rule.place, "empty-rule",
                     fmt::format("rule {} has no {}: the daemon writes no route for it", rule.name,

@@ -12,14 +12,6 @@ namespace lbctl {
 
 namespace {
 
-std::vector<std::string_view> words_of(Context context) {
-  std::vector<std::string_view> words;
-  for (const Keyword& keyword : check_keywords()) {
-    if (keyword.context == context) words.push_back(keyword.word);
-  }
-  return words;
-}
-
 std::string joined(const std::vector<std::string_view>& words) {
   return fmt::format("{}", fmt::join(words, ", "));
 }

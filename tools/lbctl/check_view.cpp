@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "config/lb_config.h"
+#include "lbctl/check_nearest_word.h"
 
 namespace lbctl {
 
@@ -20,6 +21,11 @@ void tell_twice(Place place, const std::string& what, const std::string& effect,
                 Findings& findings) {
   findings.add(place, "given-twice", fmt::format("{} is given twice: {}", what, effect),
                "take one of the two away");
+}
+
+void take_misspelt(const Node& node, Meant& meant) {
+  if (home_of(node.key.text) != Context::kUnknown) return;
+  meant.insert(nearest_word(node.key.text, words_of(node.context)));
 }
 
 class Maker {
@@ -75,12 +81,16 @@ class Maker {
       return interface.name == node.value && interface.ipv6 == ipv6;
     });
     if (found == interfaces.end()) {
-      found = interfaces.insert(found, {node.value, ipv6, node.place(), node.value_place, {}, {}});
+      found =
+          interfaces.insert(found, {node.value, ipv6, node.place(), node.value_place, {}, {}, {}});
     } else {
       tell_twice(node.place(), found->label(), "the daemon puts both blocks together", findings_);
     }
     for (const Node& child : node.children) {
-      if (child.keyword == nullptr) continue;
+      if (child.keyword == nullptr) {
+        take_misspelt(child, found->meant);
+        continue;
+      }
       if (child.key.text != "test") {
         if (!child.is_block) set(found->settings, child);
       } else if (child.is_block) {
@@ -90,10 +100,10 @@ class Maker {
   }
 
   void take_test(const Node& node, InterfaceView& interface) {
-    TestView test{node.place(), static_cast<int32_t>(read_number(node.value).value), {}};
+    TestView test{node.place(), static_cast<int32_t>(read_number(node.value).value), {}, {}};
     bool has_type = false;
     const auto take = [&](const Node& child) {
-      if (child.keyword == nullptr) return;
+      if (child.keyword == nullptr) return take_misspelt(child, test.meant);
       if (child.key.text == "type") {
         has_type = true;
       } else if (!has_type && has_type_later(node)) {
@@ -133,7 +143,10 @@ class Maker {
                  findings_);
     }
     for (const Node& child : node.children) {
-      if (child.keyword == nullptr) continue;
+      if (child.keyword == nullptr) {
+        take_misspelt(child, found->meant);
+        continue;
+      }
       const std::string& key = child.key.text;
       if (child.keyword->must_open != child.is_block) continue;
       if (key == "failover") found->failover = true;
@@ -155,16 +168,19 @@ class Maker {
     auto found = std::find_if(rule.members.begin(), rule.members.end(),
                               [&](const MemberView& member) { return member.name == node.value; });
     if (found == rule.members.end()) {
-      found = rule.members.insert(found,
-                                  {node.value, ipv6, node.place(), node.value_place, std::nullopt});
+      found = rule.members.insert(
+          found, {node.value, ipv6, node.place(), node.value_place, std::nullopt, {}});
     } else if (found->ipv6 != ipv6) {
-      rule.lost.push_back({node.value, ipv6, node.place(), node.value_place, std::nullopt});
+      rule.lost.push_back({node.value, ipv6, node.place(), node.value_place, std::nullopt, {}});
     } else {
       tell_twice(node.place(), "the rule's interface " + node.value,
                  "the daemon takes the last weight", findings_);
     }
     for (const Node& child : node.children) {
-      if (child.keyword == nullptr) continue;
+      if (child.keyword == nullptr) {
+        take_misspelt(child, found->meant);
+        continue;
+      }
       if (found->weight && !(found->weight->key < node.place())) {
         tell_twice(child.place(), "'weight'", "the daemon takes the last one", findings_);
       }
@@ -175,7 +191,10 @@ class Maker {
   void take_target(const Node& node, RuleView& rule) {
     DestinationView* current = nullptr;
     for (const Node& child : node.children) {
-      if (child.keyword == nullptr) continue;
+      if (child.keyword == nullptr) {
+        take_misspelt(child, rule.meant);
+        continue;
+      }
       if (child.key.text == "address") {
         if (child.value.empty()) continue;
         current = &rule.destinations.emplace_back(

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,10 +24,14 @@ struct Setting {
 
 using Settings = std::map<std::string, Setting>;
 
+// Keywords of a block that are misspelt in it: that they are missing has the same cause.
+using Meant = std::set<std::string>;
+
 struct TestView {
   Place place;
   int32_t index = 0;
   Settings settings;  // "type" and "target" too
+  Meant meant;
 
   const Setting* find(const std::string& key) const;
   std::string type() const;  // empty: none
@@ -41,6 +46,7 @@ struct InterfaceView {
   Place name_place;
   Settings settings;
   std::vector<TestView> tests;
+  Meant meant;
 
   const Setting* find(const std::string& key) const;
   std::string value(const std::string& key) const;
@@ -56,6 +62,7 @@ struct MemberView {
   Place place;
   Place name_place;
   std::optional<Setting> weight;
+  Meant meant;
 
   // As the daemon takes it: 0 carries nothing.
   int64_t weight_number() const;
@@ -79,6 +86,7 @@ struct RuleView {
   // That have the name of a member of the other family: the daemon takes them for that one.
   std::vector<MemberView> lost;
   std::vector<DestinationView> destinations;
+  Meant meant;
 
   std::string vrf() const { return vrf_setting ? vrf_setting->value : kDefaultNamespace; }
   bool has_members(bool of_ipv6) const;

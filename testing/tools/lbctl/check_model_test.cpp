@@ -190,6 +190,22 @@ TEST(CheckModelTest, AMisspeltMemberIsToldOnce) {
               ElementsAre("7:11 no-such-interface"));
 }
 
+TEST(CheckModelTest, WhatAMisspeltKeywordLeavesOutIsNotTold) {
+  const auto with = [](const std::string& word, const std::string& other) {
+    std::string text = with_test("type ping\n");
+    return text.replace(text.rfind(word), word.size(), other);
+  };
+  EXPECT_THAT(told(with("weight", "wieght")), ElementsAre("11:1 unknown-keyword"));
+  EXPECT_THAT(told(with("nexthop", "NextHop")), ElementsAre("3:1 unknown-keyword"));
+  EXPECT_THAT(told(with("type", "tpye")), ElementsAre("5:1 unknown-keyword"));
+  EXPECT_THAT(told(with("target", "tagret")), ElementsAre("13:1 unknown-keyword"));
+  EXPECT_THAT(told(with("address", "adress")), ElementsAre("14:1 unknown-keyword"));
+  EXPECT_THAT(told(with("weight", "colour")),
+              ElementsAre("10:1 no-weight", "11:1 unknown-keyword"));
+  // A word of another block has not been misspelt.
+  EXPECT_THAT(told(with("weight", "rtt")), ElementsAre("10:1 no-weight", "11:1 wrong-depth"));
+}
+
 TEST(CheckModelTest, KeywordsInTheWrongBlockAreTold) {
   EXPECT_THAT(
       told(with_rule("weight 2\n", "1_ipv6")),
