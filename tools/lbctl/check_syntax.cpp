@@ -137,16 +137,19 @@ void check_number(const Node& node, Findings& findings) {
   if (key == "metric") return;  // what it can be is up to the routing daemon
   const bool counts = key == "success-ct" || key == "failure-ct" || key == "weight";
   const int64_t least = key == "test" ? INT32_MIN : counts || key == "count" ? 1 : 0;
-  if (number.fits && number.value >= least) return;
+  // The time between two bursts is counted in milliseconds of 32 bits.
+  const int64_t most = key == "period" ? INT32_MAX / 1000 : INT32_MAX;
+  if (number.fits && number.value >= least && number.value <= most) return;
   const char* const effect =
-      !number.fits      ? "the daemon keeps its low 32 bits only"
-      : key == "weight" ? "the daemon refuses it, and the interface carries nothing"
-      : counts          ? "the daemon refuses it, and the default stays"
-      : key == "count"  ? "every burst fails without a request"
-                        : "the daemon takes it as it is, which no test can meet";
+      !number.fits          ? "the daemon keeps its low 32 bits only"
+      : key == "weight"     ? "the daemon refuses it, and the interface carries nothing"
+      : counts              ? "the daemon refuses it, and the default stays"
+      : number.value > most ? "the daemon takes another time for it"
+      : key == "count"      ? "every burst fails without a request"
+                            : "the daemon takes it as it is, which no test can meet";
   findings.add(node.value_place, "out-of-range",
                fmt::format("'{}' is out of the range of '{}': {}", node.value, key, effect),
-               fmt::format("write a number from {} to 2147483647", least));
+               fmt::format("write a number from {} to {}", least, most));
 }
 
 void check_value(const Node& node, Findings& findings) {
