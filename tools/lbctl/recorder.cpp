@@ -55,9 +55,12 @@ class Recorder::Lines {
       add("probe", trace_word(target), is_good ? " ok" : " fail");
   }
 
-  // A burst that measured nothing leaves the figures of an earlier one: it is told as an outcome.
+  // A burst that measured nothing leaves the figures of an earlier one: it is told as an outcome,
+  // and so is one with a negative time, which a trace does not have.
   void add_outcome(const TestDump& test, bool was_good) {
-    if (test.measurement && is_good(*test.measurement) == was_good) {
+    const bool has_figures = test.measurement && test.measurement->measured_rtt >= 0 &&
+                             test.measurement->measured_jitter >= 0;
+    if (has_figures && is_good(*test.measurement) == was_good) {
       const TestDump::Measurement& measured = *test.measurement;
       add("burst", trace_word(test.target),
           fmt::format(" {} {} {}", measured.measured_loss, measured.measured_rtt,

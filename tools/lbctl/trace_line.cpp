@@ -67,6 +67,7 @@ const char* parse_figures(Words& words, TraceLine& line) {
       return "a figure is no whole number: LOSS in percent, RTT and JITTER in milliseconds";
   }
   if (line.loss < 0 || line.loss > 100) return "the loss is not from 0 to 100 percent";
+  if (line.rtt < 0 || line.jitter < 0) return "a time is negative: RTT and JITTER in milliseconds";
   return nullptr;
 }
 

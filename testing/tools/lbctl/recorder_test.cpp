@@ -106,6 +106,10 @@ TEST(Recorder, BurstsHaveTheirFigures) {
   interface.tests[0].measurement->measured_jitter = 7;  // at the threshold
   EXPECT_EQ(lines_of(recorder.take({interface}, false, 2 * kSecond)),
             "2.000 burst wan1 198.51.100.7 0 33 7\n");
+  // A trace has no negative times.
+  interface.tests[0].measurement->measured_jitter = -1;
+  EXPECT_EQ(lines_of(recorder.take({interface}, false, 2 * kSecond)),
+            "2.000 probe wan1 198.51.100.7 ok\n");
   // A dead link measures nothing: the figures of the last burst stay.
   interface.tests[0].success_count = 0;
   interface.tests[0].failure_count = 1;

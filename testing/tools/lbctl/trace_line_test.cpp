@@ -40,11 +40,11 @@ TEST(TraceLine, Probe) {
 }
 
 TEST(TraceLine, Burst) {
-  const TraceLine line = parsed("\t30 burst wan2 198.51.100.8 20 150 -3 # late");
+  const TraceLine line = parsed("\t30 burst wan2 198.51.100.8 20 150 0 # late");
   EXPECT_EQ(line.kind, TraceKind::kBurst);
   EXPECT_EQ(line.loss, 20);
   EXPECT_EQ(line.rtt, 150);
-  EXPECT_EQ(line.jitter, -3);
+  EXPECT_EQ(line.jitter, 0);
 }
 
 TEST(TraceLine, Nexthop) {
@@ -98,6 +98,8 @@ TEST(TraceLine, BadLinesAreRefusedWithTheirReason) {
       {"1 burst wan1 t 1 2 3ms", "whole number"},
       {"1 burst wan1 t 1.5 2 3", "whole number"},
       {"1 burst wan1 t 101 2 3", "0 to 100"},
+      {"1 burst wan1 t 1 -2 3", "negative"},
+      {"1 burst wan1 t 1 2 -3", "negative"},
       {"1 burst wan1 t 1 2 99999999999", "whole number"},
       {"1 nexthop wan1", "next hop is missing"},
   };
