@@ -39,7 +39,7 @@ def complete(tmp_path):
 
 
 def test_subcommands(complete):
-    assert complete("") == {"status", "check", "routes", "explain", "simulate", "record", "history", "metrics"}
+    assert complete("") == {"status", "check", "routes", "explain", "simulate", "record", "history", "metrics", "watch"}
     assert complete("s") == {"status", "simulate"}
 
 

@@ -57,6 +57,7 @@ int run_lbctl(int argc, const char* const* argv) {
   add_record_command(program, action);
   add_history_command(program, action);
   add_metrics_command(program, action);
+  add_watch_command(program, action);
   try {
     program.parse(argc, argv);
     return finish(action());

@@ -69,5 +69,6 @@ void add_record_command(CLI::App& program, Action& action);
 void add_explain_command(CLI::App& program, Action& action);
 void add_metrics_command(CLI::App& program, Action& action);
 void add_history_command(CLI::App& program, Action& action);
+void add_watch_command(CLI::App& program, Action& action);
 
 }  // namespace lbctl

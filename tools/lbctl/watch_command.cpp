@@ -1,0 +1,98 @@
+// lbctl watch: a command for each change of an interface's state.
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include <fmt/format.h>
+#include <CLI/CLI.hpp>
+
+#include "lbctl/change_hook.h"
+#include "lbctl/command.h"
+#include "lbctl/dumps.h"
+#include "lbctl/print.h"
+#include "lbctl/recorder_watch.h"
+#include "platform/clock.h"
+
+namespace lbctl {
+
+namespace {
+
+struct WatchOptions {
+  std::string directory = kDefaultOutputDirectory;
+  std::string command;
+  int limit = 30;
+};
+
+volatile std::sig_atomic_t end_wanted = 0;
+
+// Holds SIGINT and SIGTERM back but for the time of a wait, and lets the end of a command wake
+// that. The mask for waiting.
+sigset_t take_signals() {
+  struct sigaction action {};
+  sigset_t held;
+  sigset_t while_waiting;
+  sigemptyset(&held);
+  for (const int number : {SIGINT, SIGTERM, SIGCHLD}) {
+    if (number == SIGCHLD) {
+      action.sa_handler = [](int) {};
+    } else {
+      action.sa_handler = [](int) { end_wanted = 1; };
+    }
+    sigaction(number, &action, nullptr);
+    sigaddset(&held, number);
+  }
+  sigprocmask(SIG_BLOCK, &held, &while_waiting);
+  for (const int number : {SIGINT, SIGTERM, SIGCHLD}) sigdelset(&while_waiting, number);
+  return while_waiting;
+}
+
+// What the change looks like on standard output.
+std::string line_of(const StateChange& change) {
+  return fmt::format("{} {} {}\n", rfc3339(change.time),
+                     printable(interface_label(change.interface, change.ipv6)),
+                     change.active ? "ACTIVE" : "FAILED");
+}
+
+int run_watch(const WatchOptions& options) {
+  const sigset_t while_waiting = take_signals();
+  DumpWatch watch(options.directory);
+  read_dumps(options.directory);  // says what is wrong with them
+  ChangeFinder finder;
+  ChangeHook hook(options.command, options.limit);
+  while (end_wanted == 0) {
+    for (const bool ipv6 : {false, true}) {
+      const auto interfaces = watch.read_new(ipv6);
+      if (!interfaces) continue;
+      for (const StateChange& change : finder.take(*interfaces, ipv6, wall_now().tv_sec)) {
+        print_text(line_of(change));
+        if (!options.command.empty()) hook.add(change);
+      }
+    }
+    if (std::fflush(stdout) != 0) break;  // told at the end
+    hook.attend(monotonic_now());
+    watch.wait(while_waiting);
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
+void add_watch_command(CLI::App& program, Action& action) {
+  const auto options = std::make_shared<WatchOptions>();
+  CLI::App* const command = add_command(
+      program, "watch",
+      "Print each change of an interface's state, until Ctrl-C (or SIGTERM), and run a command for "
+      "it.\n"
+      "The command finds the change in its environment: WAN_LB_INTERFACE, WAN_LB_FAMILY (4 or 6),\n"
+      "WAN_LB_VRF, WAN_LB_STATE (active or failed), WAN_LB_NEXTHOP and WAN_LB_TIME.",
+      "lbctl watch --exec 'logger \"$WAN_LB_INTERFACE is $WAN_LB_STATE\"'");
+  command->add_option("-o", options->directory, "The daemon's output directory")
+      ->capture_default_str();
+  command->add_option("--exec", options->command, "The command, for /bin/sh; one runs at a time");
+  command->add_option("--limit", options->limit, "Seconds after which a command is killed")
+      ->check(CLI::Range(1, 3600))
+      ->capture_default_str();
+  command->callback([&action, options] { action = [options] { return run_watch(*options); }; });
+}
+
+}  // namespace lbctl
