@@ -1,0 +1,101 @@
+"""The guide for two ISPs, carried out on a machine that has nothing but the packages.
+
+    machine eth0 192.0.2.10    2001:db8:1::10 ------- isp1: 203.0.113.1, 2001:db8:ff::1
+    machine eth1 198.51.100.10 2001:db8:2::10 ------- isp2: 203.0.113.2, 2001:db8:ff::2
+"""
+
+import pytest
+
+from package_lab import guide
+from package_lab.machine import wait_until
+
+_DEFAULTS = {4: ["ip", "route", "show", "default"], 6: ["ip", "-6", "route", "show", "default"]}
+
+
+@pytest.fixture
+def isps(machine):
+    made = [machine.isp("eth0", "192.0.2.1/24", "2001:db8:1::1/64", "fe80::1/64", "203.0.113.1/32",
+                        "2001:db8:ff::1/128"),
+            machine.isp("eth1", "198.51.100.1/24", "2001:db8:2::1/64", "fe80::1/64", "203.0.113.2/32",
+                        "2001:db8:ff::2/128")]
+    # No duplicate address detection, which takes seconds.
+    machine.run("sysctl", "-qw", "net.ipv6.conf.eth0.accept_dad=0", "net.ipv6.conf.eth1.accept_dad=0")
+    return made
+
+
+def _devices(machine, family):
+    """The devices of the default route, in order."""
+    words = machine.run(*_DEFAULTS[family]).stdout.split()
+    return sorted(word for at, word in enumerate(words) if at and words[at - 1] == "dev")
+
+
+def _wait_devices(machine, family, devices):
+    wait_until(lambda: _devices(machine, family) == devices,
+               lambda: f"{devices} in\n{machine.run(*_DEFAULTS[family]).stdout}\n{machine.journal()}"
+                       f"\n{machine.run('lbctl', 'status', check=False).stdout}\n{machine.journal('bird')}")
+
+
+@pytest.fixture
+def router(machine, isps):
+    """The machine after the guide's steps up to the last one; the packages are installed."""
+    for step in guide.steps("two-isps.md"):
+        if step[0].startswith(("2.", "3.", "4.")):
+            guide.carry_out(machine, [step])
+    del isps
+    _wait_devices(machine, 4, ["eth0", "eth1"])
+    _wait_devices(machine, 6, ["eth0"])
+    return machine
+
+
+def test_guide(router, isps):
+    printed = guide.carry_out(router, [step for step in guide.steps("two-isps.md")
+                                       if step[0].startswith("5.")][:1])
+    assert "isp1" in printed and "active" in printed
+    isps[0].answers(False)
+    _wait_devices(router, 4, ["eth1"])
+    _wait_devices(router, 6, ["eth1"])
+    assert router.run("lbctl", "status", check=False).returncode == 1
+    isps[0].answers(True)
+    _wait_devices(router, 4, ["eth0", "eth1"])
+    _wait_devices(router, 6, ["eth0"])
+    assert router.run("lbctl", "status", check=False).returncode == 0
+    assert router.run("systemctl", "is-active", "wan-lb").stdout == "active\n"
+
+
+def _pid(machine):
+    return machine.run("systemctl", "show", "-P", "MainPID", "wan-lb").stdout.strip()
+
+
+def test_reload_starts_anew_and_changes_no_route(router):
+    """Every change of the kernel's routes from before the reload until well after it would be seen."""
+    before = _pid(router)
+    router.run("sh", "-c", "ip -ts monitor route >/run/routes.seen 2>&1 &")
+    router.run("systemctl", "reload", "wan-lb")
+    wait_until(lambda: _pid(router) not in (before, "0"), "another process of the daemon")
+    wait_until(lambda: router.run("lbctl", "status", check=False).returncode == 0, "all links to be active again")
+    assert router.read("/run/routes.seen") == ""
+
+
+def test_reload_with_errors_leaves_the_daemon_alone(router):
+    before = _pid(router)
+    router.run("sed", "-i", "s/nexthop 192.0.2.1/nexthop 192.0.2.300/", "/etc/wan_lb/lb.conf")
+    assert router.run("systemctl", "reload", "wan-lb", check=False).returncode != 0
+    assert "192.0.2.300" in router.journal()
+    assert _pid(router) == before
+
+
+def test_daemon_that_hangs_is_started_anew(router):
+    """The watchdog; a short one, so that nobody waits a minute."""
+    router.write("/etc/systemd/system/wan-lb.service.d/short.conf", "[Service]\nWatchdogSec=5\n")
+    router.run("systemctl", "daemon-reload")
+    router.run("systemctl", "restart", "wan-lb")
+    before = _pid(router)
+    router.run("kill", "-STOP", before)
+    wait_until(lambda: _pid(router) not in (before, "0"), "another process of the daemon")
+    assert _devices(router, 4) == ["eth0", "eth1"]
+
+
+def test_configuration_with_errors_is_not_started(machine):
+    machine.write("/etc/wan_lb/lb.conf", "health {\n")
+    assert machine.run("systemctl", "start", "wan-lb", check=False).returncode != 0
+    assert "unbalanced" in machine.journal() or "brackets" in machine.journal(), machine.journal()
