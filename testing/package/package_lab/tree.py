@@ -45,7 +45,8 @@ def copy(tree, work):
 
 def run(root, *argv, check=True):
     """A command in the tree, without a service manager."""
-    done = subprocess.run(["unshare", "-n", "--", "chroot", root, "/usr/bin/env", "-i",
+    done = subprocess.run(["unshare", "-n", "-m", "-p", "--fork", "--kill-child", "sh", "-ec",
+                           'mount -t proc proc "$0/proc"; exec chroot "$0" /usr/bin/env -i "$@"', root,
                            "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", *argv],
                           capture_output=True, text=True, check=False, timeout=300)
     assert not check or done.returncode == 0, f"{argv}: {done.returncode}\n{done.stdout}{done.stderr}"

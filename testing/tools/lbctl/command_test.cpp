@@ -53,8 +53,8 @@ TEST(Command, VersionIsTheProjects) {
 }
 
 TEST(Command, HelpOfEachSubcommandShowsOneExample) {
-  for (const char* name :
-       {"status", "check", "routes", "explain", "simulate", "record", "history", "metrics", "watch"}) {
+  for (const char* name : {"status", "check", "routes", "explain", "simulate", "record", "history",
+                           "metrics", "watch"}) {
     const Outcome outcome = run({name, "--help"});
     EXPECT_EQ(outcome.status, kExitOk) << name;
     EXPECT_NE(outcome.output.find("Example:\n  lbctl " + std::string(name)), std::string::npos)
