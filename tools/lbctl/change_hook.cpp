@@ -19,7 +19,7 @@ namespace lbctl {
 
 namespace {
 
-std::string name_of(const StateChange& change) {
+std::string name_of(const InterfaceChange& change) {
   return fmt::format("the command for {} {}", interface_label(change.interface, change.ipv6),
                      change.active ? "active" : "failed");
 }
@@ -50,7 +50,7 @@ std::vector<char*> environment_with(std::vector<std::string>& added) {
 
 }  // namespace
 
-std::vector<std::string> environment_of(const StateChange& change) {
+std::vector<std::string> environment_of(const InterfaceChange& change) {
   return {"WAN_LB_INTERFACE=" + change.interface,
           fmt::format("WAN_LB_FAMILY={}", change.ipv6 ? 6 : 4),
           "WAN_LB_VRF=" + change.vrf,
@@ -59,9 +59,9 @@ std::vector<std::string> environment_of(const StateChange& change) {
           "WAN_LB_TIME=" + rfc3339(change.time)};
 }
 
-std::vector<StateChange> ChangeFinder::take(const std::vector<InterfaceDump>& interfaces, bool ipv6,
-                                            std::time_t now) {
-  std::vector<StateChange> changes;
+std::vector<InterfaceChange> ChangeFinder::take(const std::vector<InterfaceDump>& interfaces,
+                                                bool ipv6, std::time_t now) {
+  std::vector<InterfaceChange> changes;
   std::vector<InterfaceDump>& before = before_[ipv6 ? 1 : 0];
   for (const InterfaceDump& interface : interfaces) {
     const auto known = std::find_if(
@@ -93,12 +93,12 @@ void ChangeHook::attend(const timespec& now) {
     return;
   }
   if (waiting_.empty()) return;
-  StateChange next = std::move(waiting_.front());
+  InterfaceChange next = std::move(waiting_.front());
   waiting_.pop_front();
   start(std::move(next), now);
 }
 
-void ChangeHook::start(StateChange change, const timespec& now) {
+void ChangeHook::start(InterfaceChange change, const timespec& now) {
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   make_fresh(attributes);

@@ -14,7 +14,7 @@
 
 namespace lbctl {
 
-struct StateChange {
+struct InterfaceChange {
   std::string interface;
   bool ipv6 = false;
   std::string vrf;
@@ -24,14 +24,14 @@ struct StateChange {
 };
 
 // The change as the command's environment has it: "WAN_LB_INTERFACE=wan1" and so on.
-std::vector<std::string> environment_of(const StateChange& change);
+std::vector<std::string> environment_of(const InterfaceChange& change);
 
 // Finds the changes between one dump of a family and the next. What is there at first, or new
 // later, has not changed.
 class ChangeFinder {
  public:
-  std::vector<StateChange> take(const std::vector<InterfaceDump>& interfaces, bool ipv6,
-                                std::time_t now);
+  std::vector<InterfaceChange> take(const std::vector<InterfaceDump>& interfaces, bool ipv6,
+                                    std::time_t now);
 
  private:
   std::vector<InterfaceDump> before_[2];
@@ -47,7 +47,7 @@ class ChangeHook {
   ChangeHook(const ChangeHook&) = delete;
   ChangeHook& operator=(const ChangeHook&) = delete;
 
-  void add(StateChange change) { waiting_.push_back(std::move(change)); }
+  void add(InterfaceChange change) { waiting_.push_back(std::move(change)); }
 
   // Sees to the run that goes on, and starts the next one when there is none. Does not wait. A run
   // that failed or took too long is complained of.
@@ -59,16 +59,16 @@ class ChangeHook {
   struct Run {
     pid_t pid;
     timespec started;
-    StateChange change;
+    InterfaceChange change;
     bool killed = false;
   };
 
-  void start(StateChange change, const timespec& now);
+  void start(InterfaceChange change, const timespec& now);
   bool has_ended();
 
   const std::string command_;
   const int limit_;
-  std::deque<StateChange> waiting_;
+  std::deque<InterfaceChange> waiting_;
   std::optional<Run> running_;
 };
 

@@ -15,6 +15,7 @@
 #include <span>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 #include "lbctl/check_machine.h"
 #include "packets/family.h"
@@ -111,6 +112,7 @@ RouteQuestion make_question(const in_addr& source, const in_addr& target) {
   question.route.rtm_family = AF_INET;
   question.route.rtm_dst_len = 32;
   question.route.rtm_src_len = 32;
+  question.route.rtm_flags = RTM_F_FIB_MATCH;  // the route itself, with all of its next hops
   question.target_head = {.rta_len = RTA_LENGTH(sizeof(in_addr)), .rta_type = RTA_DST};
   question.target = target;
   question.source_head = {.rta_len = RTA_LENGTH(sizeof(in_addr)), .rta_type = RTA_SRC};
@@ -118,22 +120,40 @@ RouteQuestion make_question(const in_addr& source, const in_addr& target) {
   return question;
 }
 
-// The device of the route that the answer tells; empty for a refusal: there is no route.
-std::optional<std::string> device_in(std::span<const uint8_t> answer) {
+bool add_device(uint32_t index, std::vector<std::string>& devices) {
+  std::array<char, IF_NAMESIZE> name{};
+  if (if_indextoname(index, name.data()) == nullptr) return false;
+  devices.emplace_back(name.data());
+  return true;
+}
+
+// The devices of the route that the answer tells, none for a refusal: there is no route. No value
+// where they cannot be told.
+std::optional<std::vector<std::string>> devices_in(std::span<const uint8_t> answer) {
   const auto message = take_message(answer);
   if (!message) return std::nullopt;
-  if (message->header.nlmsg_type != RTM_NEWROUTE) return std::string();
+  std::vector<std::string> devices;
+  if (message->header.nlmsg_type != RTM_NEWROUTE) return devices;
   if (message->payload.size() < sizeof(rtmsg)) return std::nullopt;
   std::span<const uint8_t> attributes = message->payload.subspan(sizeof(rtmsg));
   while (const auto attribute = take_attribute(attributes)) {
-    if (attribute->type != RTA_OIF || attribute->data.size() < sizeof(uint32_t)) continue;
-    uint32_t index = 0;
-    std::memcpy(&index, attribute->data.data(), sizeof(index));
-    std::array<char, IF_NAMESIZE> name{};
-    if (if_indextoname(index, name.data()) == nullptr) return std::nullopt;
-    return std::string(name.data());
+    if (attribute->type == RTA_OIF && attribute->data.size() >= sizeof(uint32_t)) {
+      uint32_t index = 0;
+      std::memcpy(&index, attribute->data.data(), sizeof(index));
+      if (!add_device(index, devices)) return std::nullopt;
+    } else if (attribute->type == RTA_MULTIPATH) {
+      std::span<const uint8_t> nexthops = attribute->data;
+      rtnexthop nexthop{};
+      while (nexthops.size() >= sizeof(nexthop)) {
+        std::memcpy(&nexthop, nexthops.data(), sizeof(nexthop));
+        const size_t length = RTNH_ALIGN(nexthop.rtnh_len);
+        if (!add_device(static_cast<uint32_t>(nexthop.rtnh_ifindex), devices)) return std::nullopt;
+        if (length < sizeof(nexthop) || length > nexthops.size()) break;
+        nexthops = nexthops.subspan(length);
+      }
+    }
   }
-  return std::string();
+  return devices;
 }
 
 std::optional<std::string> own_way_back(const std::string& device, const std::string& source,
@@ -154,7 +174,11 @@ std::optional<std::string> own_way_back(const std::string& device, const std::st
   std::array<uint8_t, kAnswerSize> answer;
   const ssize_t size = recv(fd.get(), answer.data(), answer.size(), 0);
   if (size <= 0) return std::nullopt;
-  return device_in({answer.data(), static_cast<size_t>(size)});
+  const auto devices = devices_in({answer.data(), static_cast<size_t>(size)});
+  if (!devices) return std::nullopt;
+  // The filter takes any next hop of a multipath route for the way back.
+  if (std::find(devices->begin(), devices->end(), device) != devices->end()) return device;
+  return devices->empty() ? std::string() : devices->front();
 }
 
 class ThisMachine : public Machine {

@@ -30,6 +30,15 @@ bool is_good(const TestDump::Measurement& measurement) {
       {measurement.jitter, measurement.loss, measurement.rtt});
 }
 
+// Whether a target's counts show why the interface failed: they stand at the threshold then, or at
+// nothing after a restart.
+bool shows_failure(const InterfaceDump& interface) {
+  return std::any_of(interface.tests.begin(), interface.tests.end(), [&](const TestDump& test) {
+    return test.failure_count >= interface.failure_ct ||
+           test.success_count + test.failure_count == 0;
+  });
+}
+
 }  // namespace
 
 // The lines of one interface. What has no place in a trace's line becomes a comment.
@@ -104,9 +113,12 @@ std::string Recorder::take(const std::vector<InterfaceDump>& interfaces, bool ip
     }
 
     // A target's counts are the same in all of its tests; the first one tells them.
+    const bool was_missed =
+        !is_first && known.active && !interface.active && !shows_failure(interface);
     std::map<std::string, Counts> counts;
     for (const TestDump& test : interface.tests) {
       if (test.target.empty() || counts.contains(test.target)) continue;
+      if (was_missed) tell_missed(interface, test, known, lines);
       const auto before = known.counts.find(test.target);
       tell_test(interface, test,
                 before == known.counts.end() ? std::nullopt : std::optional(before->second), lines);
@@ -163,6 +175,19 @@ void Recorder::follow_targets(const InterfaceDump& interface, Known& known) {
     const auto old = known.counts.find(from);
     if (from != to && old != known.counts.end()) known.counts.try_emplace(to, old->second);
   }
+}
+
+// The interface failed by outcomes that no dump was seen of. They are told where the counts have
+// moved.
+void Recorder::tell_missed(const InterfaceDump& interface, const TestDump& test, Known& known,
+                           Lines& lines) {
+  const auto before = known.counts.find(test.target);
+  if (before == known.counts.end()) return;
+  Counts& counts = before->second;
+  if (counts.successes == test.success_count && counts.failures == test.failure_count) return;
+  lines.add_probes(test.target, false, interface.failure_ct);
+  counts.successes = 0;
+  counts.failures = interface.failure_ct;
 }
 
 // One of the counts is 0 always, and an outcome that counts for one sets the other to 0.

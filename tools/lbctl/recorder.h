@@ -40,6 +40,8 @@ class Recorder {
 
   static void begin_nexthop(const InterfaceDump& interface, Lines& lines);
   static void begin(const InterfaceDump& interface, Lines& lines);
+  static void tell_missed(const InterfaceDump& interface, const TestDump& test, Known& known,
+                          Lines& lines);
   static void follow_targets(const InterfaceDump& interface, Known& known);
   static void tell_test(const InterfaceDump& interface, const TestDump& test,
                         const std::optional<Counts>& before, Lines& lines);

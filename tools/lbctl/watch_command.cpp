@@ -47,7 +47,7 @@ sigset_t take_signals() {
 }
 
 // What the change looks like on standard output.
-std::string line_of(const StateChange& change) {
+std::string line_of(const InterfaceChange& change) {
   return fmt::format("{} {} {}\n", rfc3339(change.time),
                      printable(interface_label(change.interface, change.ipv6)),
                      change.active ? "ACTIVE" : "FAILED");
@@ -63,7 +63,7 @@ int run_watch(const WatchOptions& options) {
     for (const bool ipv6 : {false, true}) {
       const auto interfaces = watch.read_new(ipv6);
       if (!interfaces) continue;
-      for (const StateChange& change : finder.take(*interfaces, ipv6, wall_now().tv_sec)) {
+      for (const InterfaceChange& change : finder.take(*interfaces, ipv6, wall_now().tv_sec)) {
         print_text(line_of(change));
         if (!options.command.empty()) hook.add(change);
       }

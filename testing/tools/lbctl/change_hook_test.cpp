@@ -29,7 +29,7 @@ InterfaceDump interface(const std::string& name, bool active, int32_t change_age
   return dump;
 }
 
-StateChange change(const std::string& name) {
+InterfaceChange change(const std::string& name) {
   return {name, true, "blue", false, "fe80::1", 1'000'000'000};
 }
 

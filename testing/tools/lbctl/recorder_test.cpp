@@ -85,6 +85,16 @@ TEST(Recorder, CountsThatMoveAreOutcomes) {
             "9.000 probe wan1 198.51.100.7 fail\n9.000 probe wan1 198.51.100.7 ok\n");
 }
 
+// A dump or more was missed: the counts alone would not lead to the state.
+TEST(Recorder, AChangeThatTheCountsDoNotExplainIsTold) {
+  Recorder recorder;
+  recorder.take({dump_of(3, 0, true)}, false, 0);
+  EXPECT_EQ(lines_of(recorder.take({dump_of(1, 0, false)}, false, kSecond)),
+            "1.000 probe wan1 198.51.100.7 fail\n"
+            "1.000 probe wan1 198.51.100.7 fail\n"
+            "1.000 probe wan1 198.51.100.7 ok\n");
+}
+
 TEST(Recorder, ARestartOfTheDaemonFailsWhatWasThere) {
   Recorder recorder;
   recorder.take({dump_of(3, 0, true)}, false, 0);
