@@ -24,6 +24,10 @@ int32_t swapped(int32_t value) {
   return static_cast<int32_t>(__builtin_bswap32(static_cast<uint32_t>(value)));
 }
 
+// Ages are below 0 after the clock was set back. By value: the record's numbers stand at odd
+// addresses.
+int32_t not_negative(int32_t age) { return std::max(age, 0); }
+
 // A number of which the daemon only writes those from 1 to `most`, and its like in the other byte
 // order.
 enum class Order { kOurs, kOther, kNeither };
@@ -114,10 +118,9 @@ InterfaceDump interface_of(const DumpOutbound& record, bool ipv6, RecordReader& 
   const int count = reader.number(record.test_count, kDumpMaxTests);
   for (int at = 0; at < count; ++at)
     interface.tests.push_back(test_of(record.tests[at], ipv6, reader));
-  // Below 0 after the clock was set back.
-  interface.success_age = std::max(record.success_age, 0);
-  interface.failure_age = std::max(record.failure_age, 0);
-  interface.change_age = std::max(record.change_age, 0);
+  interface.success_age = not_negative(record.success_age);
+  interface.failure_age = not_negative(record.failure_age);
+  interface.change_age = not_negative(record.change_age);
   interface.success_ct = record.success_ct;
   interface.failure_ct = record.failure_ct;
   interface.nexthop_is_dhcp = reader.flag(record.nexthop_is_dhcp);
