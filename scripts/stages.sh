@@ -61,7 +61,8 @@ stage() {
     status=pass
     echo pass >"$reports/$name.stage"
   fi
-  read -r -a used <"$reports/$name.time"
+  # The shell's word of a command that a signal has ended comes before.
+  read -r -a used < <(tail -n 1 "$reports/$name.time")
   printf -v times '%d s from %d:%02d, processor %d s' $((SECONDS - started)) \
     $((started / 60)) $((started % 60)) $((used[0] + used[1]))
   {

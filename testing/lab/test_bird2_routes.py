@@ -103,4 +103,5 @@ def test_failover_passes_over_a_member_without_a_next_hop(lab):
     lab.ip(f"neigh replace 10.1.0.2 lladdr {network.links[1].mac} dev f1", netns="far1")
     lab.ip(f"link set wan1 address {network.links[1].mac}")
     wait_routes(lab, r"^default via 10\.2\.0\.1 dev wan2")
-    assert lb.routes()[0]["nexthop"] == "10.2.0.1"
+    # The kernel may have the route before the dump is written.
+    waiting.wait_until(lambda: lb.routes()[0]["nexthop"] == "10.2.0.1", lambda: str(lb.routes()))

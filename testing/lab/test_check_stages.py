@@ -59,3 +59,10 @@ def test_interrupted_lanes_end_what_they_started(tmp_path):
     assert process.wait(timeout=waiting.scaled(waiting.PATIENCE)) == 130
     waiting.wait_until(lambda: not any(os.path.exists(f"/proc/{path.read_text().strip()}") for path in started),
                        "the end of what the lanes started")
+
+
+def test_stage_that_a_signal_has_ended(tmp_path):
+    """What the shell says of it is not what the stage had of the processor."""
+    lines, status = _shown(tmp_path, "set -u\nstage bad bash -c 'kill -ABRT $$'; stage good true")
+    assert status == 0
+    assert lines[0].startswith("FAILED  bad (") and lines[-1].startswith("ok      good (")

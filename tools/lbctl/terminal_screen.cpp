@@ -9,6 +9,7 @@
 #define NCURSES_NOMACROS 1
 #include <curses.h>
 #include <fmt/format.h>
+#include <term.h>
 
 #include "lbctl/command.h"
 
@@ -53,7 +54,12 @@ TerminalScreen::TerminalScreen() {
     throw usage_error(
         "--watch needs a terminal as standard input and output; for scripts there is --json");
   }
-  screen_ = newterm(nullptr, stdout, stdin);
+  // Asked first: what newterm() has got together for an unknown type it does not give back.
+  int found = 0;
+  if (setupterm(nullptr, STDOUT_FILENO, &found) == OK) {
+    del_curterm(cur_term);
+    screen_ = newterm(nullptr, stdout, stdin);
+  }
   if (screen_ == nullptr) {
     const char* const type = std::getenv("TERM");
     throw usage_error(fmt::format("--watch: the terminal's type (TERM={}) is not known",
