@@ -66,6 +66,7 @@ std::vector<double> axis_ticks(const Timeline& timeline) {
   const double step = tick_step(timeline.end - timeline.begin);
   const double first = std::ceil(timeline.begin / step);
   const auto count = static_cast<int>(std::floor(timeline.end / step) - first) + 1;
+  ticks.reserve(static_cast<size_t>(std::max(count, 0)));
   for (int at = 0; at < count; ++at) ticks.push_back((first + at) * step);
   return ticks;
 }
