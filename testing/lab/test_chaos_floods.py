@@ -74,7 +74,7 @@ class Flooded:
         """Ends a flood, which was one."""
         rate = running.finish()
         fcntl.flock(self.turns, fcntl.LOCK_UN)
-        assert rate > LEAST_RATE, f"only {rate:.0f} frames a second were sent"
+        assert rate > LEAST_RATE / waiting.scaled(1), f"only {rate:.0f} frames a second were sent"
 
     def arrived(self):
         """Frames that have come in by the first link."""
