@@ -11,18 +11,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <span>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #include "lbctl/check_machine.h"
+#include "lbctl/inside_vrf.h"
 #include "packets/family.h"
 #include "packets/netlink_dump.h"
 #include "packets/packet_reader.h"
 #include "platform/file_descriptor.h"
-#include "platform/netns.h"
 #include "platform/regular_file.h"
 
 namespace lbctl {
@@ -30,28 +27,6 @@ namespace lbctl {
 namespace {
 
 constexpr size_t kAnswerSize = 8192;
-
-// Runs in the VRF's network namespace; false where that cannot be entered.
-bool in_vrf(const std::string& vrf, const std::function<void()>& act) {
-  if (vrf == kDefaultNamespace) {
-    act();
-    return true;
-  }
-  // A name from a file must not lead to another directory.
-  if (vrf.empty() || vrf.find('/') != std::string::npos) return false;
-  bool entered = false;
-  try {
-    // A thread of its own: one cannot be sure to come back from a namespace.
-    std::thread thread([&] {
-      entered = lh_netns_set(vrf.c_str()) == 0;
-      if (entered) act();
-    });
-    thread.join();
-  } catch (const std::system_error&) {  // no thread could be started
-    return false;
-  }
-  return entered;
-}
 
 std::optional<int> setting(const std::string& device, const char* name) {
   if (device.find('/') != std::string::npos) return std::nullopt;
@@ -192,7 +167,7 @@ class ThisMachine : public Machine {
   std::optional<DeviceFacts> device(const std::string& vrf,
                                     const std::string& name) const override {
     std::optional<DeviceFacts> facts;
-    in_vrf(vrf, [&] { facts = own_device(name); });
+    run_inside_vrf(vrf, [&] { facts = own_device(name); });
     return facts;
   }
 
@@ -200,7 +175,7 @@ class ThisMachine : public Machine {
                                       const std::string& source,
                                       const std::string& target) const override {
     std::optional<std::string> way;
-    in_vrf(vrf, [&] { way = own_way_back(device, source, target); });
+    run_inside_vrf(vrf, [&] { way = own_way_back(device, source, target); });
     return way;
   }
 

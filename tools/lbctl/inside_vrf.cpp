@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <system_error>
 #include <thread>
 
 #include <fmt/format.h>
@@ -23,7 +24,7 @@ std::string run_inside_vrf(const std::string& vrf, const std::function<void()>& 
   }
   int error = 0;
   std::exception_ptr thrown;
-  std::thread([&] {
+  const auto enter_and_ask = [&] {
     if (lh_netns_set(vrf.c_str()) != 0) {
       error = errno;
       return;
@@ -33,7 +34,12 @@ std::string run_inside_vrf(const std::string& vrf, const std::function<void()>& 
     } catch (...) {
       thrown = std::current_exception();
     }
-  }).join();
+  };
+  try {
+    std::thread(enter_and_ask).join();
+  } catch (const std::system_error& failure) {  // no thread could be started
+    error = failure.code().value();
+  }
   if (thrown) std::rethrow_exception(thrown);
   if (error == 0) return "";
   return fmt::format("VRF {} cannot be entered: {}", vrf, std::strerror(error));

@@ -5,14 +5,11 @@
 #include <array>
 #include <cerrno>
 #include <map>
-#include <system_error>
-#include <thread>
 
+#include "lbctl/inside_vrf.h"
 #include "lbctl/kernel_route_message.h"
 #include "packets/default_route.h"
 #include "packets/packet_reader.h"
-#include "platform/netns.h"
-#include "platform/places.h"
 #include "routing/bird2_syntax.h"
 #include "routing/route_dump.h"
 
@@ -55,19 +52,8 @@ Table read_own_table(const Family& family) {
 
 Table read_kernel_routes(const std::string& vrf, bool ipv6) {
   const Family& family = family_of(ipv6);
-  if (vrf == kDefaultNamespace) return read_own_table(family);
-  // A name from a file must not lead to another directory.
-  if (vrf.empty() || vrf.find('/') != std::string::npos) return std::nullopt;
   Table table;
-  try {
-    // A thread of its own: one cannot be sure to come back from a namespace.
-    std::thread reader([&] {
-      if (lh_netns_set(vrf.c_str()) == 0) table = read_own_table(family);
-    });
-    reader.join();
-  } catch (const std::system_error&) {  // no thread could be started
-    return std::nullopt;
-  }
+  run_inside_vrf(vrf, [&] { table = read_own_table(family); });
   return table;
 }
 
