@@ -1,5 +1,4 @@
 // lbctl record: a trace of what the running daemon's dumps show, for lbctl simulate.
-#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <memory>
@@ -10,6 +9,7 @@
 
 #include "lbctl/command.h"
 #include "lbctl/dumps.h"
+#include "lbctl/end_signals.h"
 #include "lbctl/print.h"
 #include "lbctl/recorder.h"
 #include "lbctl/recorder_watch.h"
@@ -19,39 +19,20 @@ namespace lbctl {
 
 namespace {
 
-volatile std::sig_atomic_t end_wanted = 0;
-
-// Holds SIGINT and SIGTERM back but for the time of a wait, so that none is missed and no line is
-// cut. The mask for waiting.
-sigset_t take_signals() {
-  struct sigaction action {};
-  action.sa_handler = [](int) { end_wanted = 1; };
-  sigset_t held;
-  sigset_t before;
-  sigemptyset(&held);
-  for (const int number : {SIGINT, SIGTERM}) {
-    sigaction(number, &action, nullptr);
-    sigaddset(&held, number);
-  }
-  sigprocmask(SIG_BLOCK, &held, &before);
-  for (const int number : {SIGINT, SIGTERM}) sigdelset(&before, number);
-  return before;
-}
-
 int64_t nanoseconds_since(const timespec& start) {
   const timespec now = monotonic_now();
   return (int64_t{now.tv_sec} - start.tv_sec) * 1'000'000'000 + (now.tv_nsec - start.tv_nsec);
 }
 
 int run_record(const std::string& directory) {
-  const sigset_t while_waiting = take_signals();
+  const sigset_t while_waiting = take_end_signals();
   DumpWatch watch(directory);
   read_dumps(directory);  // says what is wrong with them
   const timespec start = monotonic_now();
   print_text(fmt::format("# what the dumps in {} show, from {} on\n", printable(directory),
                          rfc3339(wall_now().tv_sec)));
   Recorder recorder;
-  while (end_wanted == 0) {
+  while (!end_is_wanted()) {
     for (const bool ipv6 : {false, true}) {
       if (const auto interfaces = watch.read_new(ipv6))
         print_text(recorder.take(*interfaces, ipv6, nanoseconds_since(start)));

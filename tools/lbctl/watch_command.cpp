@@ -1,5 +1,4 @@
 // lbctl watch: a command for each change of an interface's state.
-#include <csignal>
 #include <memory>
 #include <string>
 
@@ -9,6 +8,7 @@
 #include "lbctl/change_hook.h"
 #include "lbctl/command.h"
 #include "lbctl/dumps.h"
+#include "lbctl/end_signals.h"
 #include "lbctl/print.h"
 #include "lbctl/recorder_watch.h"
 #include "platform/clock.h"
@@ -23,29 +23,6 @@ struct WatchOptions {
   int limit = 30;
 };
 
-volatile std::sig_atomic_t end_wanted = 0;
-
-// Holds SIGINT and SIGTERM back but for the time of a wait, and lets the end of a command wake
-// that. The mask for waiting.
-sigset_t take_signals() {
-  struct sigaction action {};
-  sigset_t held;
-  sigset_t while_waiting;
-  sigemptyset(&held);
-  for (const int number : {SIGINT, SIGTERM, SIGCHLD}) {
-    if (number == SIGCHLD) {
-      action.sa_handler = [](int) {};
-    } else {
-      action.sa_handler = [](int) { end_wanted = 1; };
-    }
-    sigaction(number, &action, nullptr);
-    sigaddset(&held, number);
-  }
-  sigprocmask(SIG_BLOCK, &held, &while_waiting);
-  for (const int number : {SIGINT, SIGTERM, SIGCHLD}) sigdelset(&while_waiting, number);
-  return while_waiting;
-}
-
 // What the change looks like on standard output.
 std::string line_of(const InterfaceChange& change) {
   return fmt::format("{} {} {}\n", rfc3339(change.time),
@@ -54,12 +31,12 @@ std::string line_of(const InterfaceChange& change) {
 }
 
 int run_watch(const WatchOptions& options) {
-  const sigset_t while_waiting = take_signals();
+  const sigset_t while_waiting = take_end_signals();
   DumpWatch watch(options.directory);
   read_dumps(options.directory);  // says what is wrong with them
   ChangeFinder finder;
   ChangeHook hook(options.command, options.limit);
-  while (end_wanted == 0) {
+  while (!end_is_wanted()) {
     for (const bool ipv6 : {false, true}) {
       const auto interfaces = watch.read_new(ipv6);
       if (!interfaces) continue;
