@@ -25,8 +25,8 @@ enum class Context {
 enum class ValueKind { kNone, kText, kNumber };
 
 struct Keyword {
-  Context context;
   std::string_view word;
+  Context context;
   ValueKind value;
   bool may_open;                       // may begin a block
   bool must_open;                      // only as the beginning of a block
