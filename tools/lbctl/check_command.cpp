@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "lbctl/check_file.h"
@@ -52,18 +51,18 @@ int run_check(const CheckOptions& options) {
 
 void add_check_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CheckOptions>();
-  CLI::App* const command =
-      add_command(program, "check",
-                  "Tells what is wrong with a configuration, also what the daemon passes over in "
-                  "silence. Exits with 0 when nothing is, 1 for warnings, 2 for errors, 3 for a "
-                  "file that cannot be read.",
-                  "lbctl check /etc/wan_lb/lb.conf");
-  command->add_option("FILE", options->files, "Configurations")->required();
-  command->add_flag("--json", options->json, "Print one JSON document");
-  command->add_flag("--strict", options->strict, "Take warnings for errors");
-  command->add_flag("--offline", options->offline,
-                    "Ask this machine nothing: the configuration is for another one");
-  command->callback([&action, options] { action = [options] { return run_check(*options); }; });
+  const CommandLine command(
+      program, "check",
+      "Tells what is wrong with a configuration, also what the daemon passes over in "
+      "silence. Exits with 0 when nothing is, 1 for warnings, 2 for errors, 3 for a "
+      "file that cannot be read.",
+      "lbctl check /etc/wan_lb/lb.conf");
+  command.values("FILE", options->files, "Configurations").required();
+  command.flag("--json", options->json, "Print one JSON document");
+  command.flag("--strict", options->strict, "Take warnings for errors");
+  command.flag("--offline", options->offline,
+               "Ask this machine nothing: the configuration is for another one");
+  command.runs(action, [options] { return run_check(*options); });
 }
 
 }  // namespace lbctl

@@ -6,23 +6,19 @@
 //
 //   void add_status_command(CLI::App& program, Action& action) {
 //     const auto options = std::make_shared<StatusOptions>();
-//     CLI::App* const command = add_command(program, "status", "what it is for", "lbctl status
-//     -4"); command->add_option("-o", options->directory, "...")->capture_default_str();
-//     command->callback([&action, options] { action = [options] { return run_status(*options); };
-//     });
+//     const CommandLine command(program, "status", "what it is for", "lbctl status -4");
+//     command.value("-o", options->directory, "...").shows_default();
+//     command.runs(action, [options] { return run_status(*options); });
 //   }
 //
 // What it does is in files of their own, which know nothing of the command line. Results go to
 // standard output, complaints to standard error (complain()).
 #pragma once
 
-#include <functional>
 #include <stdexcept>
 #include <string>
 
-namespace CLI {
-class App;
-}
+#include "lbctl/command_line.h"
 
 namespace lbctl {
 
@@ -49,16 +45,6 @@ class Failure : public std::runtime_error {
 // For what cannot be read: status 3. For what was asked wrongly: status 2.
 inline Failure unreadable(const std::string& complaint) { return {kExitUnreadable, complaint}; }
 inline Failure usage_error(const std::string& complaint) { return {kExitUsage, complaint}; }
-
-// What the chosen subcommand does; the exit status.
-using Action = std::function<int()>;
-
-// A subcommand of `program`, whose help ends with `example`.
-CLI::App* add_command(CLI::App& program, const std::string& name, const std::string& description,
-                      const std::string& example);
-
-// Runs lbctl: reads the command line and calls the chosen subcommand. The exit status.
-int run_lbctl(int argc, const char* const* argv);
 
 // Each in the file NAME_command.cpp.
 void add_status_command(CLI::App& program, Action& action);

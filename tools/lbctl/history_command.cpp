@@ -6,7 +6,6 @@
 #include <vector>
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
 #include "lbctl/command.h"
 #include "lbctl/history_output.h"
@@ -65,27 +64,26 @@ int run_history(const HistoryOptions& options) {
 
 void add_history_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<HistoryOptions>();
-  CLI::App* const command =
-      add_command(program, "history",
-                  "State changes of the interfaces from the journal or a log file, how long each\n"
-                  "state lasted, and for how much of the time the interfaces were active.",
-                  "lbctl history --since 7d --svg week.svg");
-  command->add_option(
-      "--since", options->since,
-      "From this time on: RFC 3339, or a span back such as 7d or 24h; else from the "
-      "first line");
-  command->add_option("--until", options->until, "Up to this time; else up to now");
-  command->add_flag("--json", options->json, "Print one JSON document (wan_lb/history/1)");
-  command->add_option("--svg", options->picture, "Draw the timeline into this file");
-  CLI::Option* const log =
+  const CommandLine command(
+      program, "history",
+      "State changes of the interfaces from the journal or a log file, how long each\n"
+      "state lasted, and for how much of the time the interfaces were active.",
+      "lbctl history --since 7d --svg week.svg");
+  command.value("--since", options->since,
+                "From this time on: RFC 3339, or a span back such as 7d or 24h; else from the "
+                "first line");
+  command.value("--until", options->until, "Up to this time; else up to now");
+  command.flag("--json", options->json, "Print one JSON document (wan_lb/history/1)");
+  command.value("--svg", options->picture, "Draw the timeline into this file");
+  const Option log =
       command
-          ->add_option("--log", options->logs,
-                       "Read this log file instead of the journal (- for standard input); several "
-                       "are read in the order given, the oldest first")
-          ->allow_extra_args(false);
-  command->add_option("--journal", options->journal, "Read the journal files in this directory")
-      ->excludes(log);
-  command->callback([&action, options] { action = [options] { return run_history(*options); }; });
+          .values("--log", options->logs,
+                  "Read this log file instead of the journal (- for standard input); several "
+                  "are read in the order given, the oldest first")
+          .one_value();
+  command.value("--journal", options->journal, "Read the journal files in this directory")
+      .excludes({log});
+  command.runs(action, [options] { return run_history(*options); });
 }
 
 }  // namespace lbctl

@@ -6,7 +6,6 @@
 #include <string>
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
 #include "lbctl/command.h"
 #include "lbctl/dumps.h"
@@ -78,18 +77,17 @@ int run_metrics(const MetricsOptions& options) {
 
 void add_metrics_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<MetricsOptions>();
-  CLI::App* const command =
-      add_command(program, "metrics", "Prints the state as metrics for Prometheus.",
-                  "lbctl metrics --output /var/lib/prometheus/node-exporter/wan_lb.prom");
-  command->add_option("-o", options->directory, "The daemon's output directory (its option -o)")
-      ->type_name("DIR")
-      ->capture_default_str();
+  const CommandLine command(program, "metrics", "Prints the state as metrics for Prometheus.",
+                            "lbctl metrics --output /var/lib/prometheus/node-exporter/wan_lb.prom");
+  command.value("-o", options->directory, "The daemon's output directory (its option -o)")
+      .value_name("DIR")
+      .shows_default();
   command
-      ->add_option("--output", options->output,
-                   "Write the metrics to this file, by writing beside it and renaming. Counters go "
-                   "on from what the file says")
-      ->type_name("FILE");
-  command->callback([&action, options] { action = [options] { return run_metrics(*options); }; });
+      .value("--output", options->output,
+             "Write the metrics to this file, by writing beside it and renaming. Counters go "
+             "on from what the file says")
+      .value_name("FILE");
+  command.runs(action, [options] { return run_metrics(*options); });
 }
 
 }  // namespace lbctl

@@ -5,7 +5,6 @@
 #include <string>
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
 #include "lbctl/command.h"
 #include "lbctl/dumps.h"
@@ -47,14 +46,13 @@ int run_record(const std::string& directory) {
 
 void add_record_command(CLI::App& program, Action& action) {
   const auto directory = std::make_shared<std::string>(kDefaultOutputDirectory);
-  CLI::App* const command =
-      add_command(program, "record",
-                  "Write a trace of what the running daemon finds, until Ctrl-C (or SIGTERM).\n"
-                  "lbctl simulate runs it with this configuration or another one.",
-                  "lbctl record > trace.txt");
-  command->add_option("-o", *directory, "The daemon's output directory")->capture_default_str();
-  command->callback(
-      [&action, directory] { action = [directory] { return run_record(*directory); }; });
+  const CommandLine command(
+      program, "record",
+      "Write a trace of what the running daemon finds, until Ctrl-C (or SIGTERM).\n"
+      "lbctl simulate runs it with this configuration or another one.",
+      "lbctl record > trace.txt");
+  command.value("-o", *directory, "The daemon's output directory").shows_default();
+  command.runs(action, [directory] { return run_record(*directory); });
 }
 
 }  // namespace lbctl

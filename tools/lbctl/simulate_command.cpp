@@ -4,7 +4,6 @@
 #include <string>
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
 #include "lbctl/command.h"
 #include "lbctl/configuration.h"
@@ -69,21 +68,21 @@ int run_simulate(const SimulateOptions& options) {
 
 void add_simulate_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<SimulateOptions>();
-  CLI::App* const command = add_command(
+  const CommandLine command(
       program, "simulate",
       "Run a configuration through a trace of probe results, without touching the network.\n"
       "A trace has lines such as \"12.0 probe wan1 198.51.100.7 fail\",\n"
       "\"30.0 burst wan2 198.51.100.8 20 150 30\" (loss in %, rtt and jitter in ms) and\n"
       "\"31.0 nexthop wan3 192.0.2.1\"; lbctl record writes one. An IPv6 interface is \"wan1/6\".",
       "lbctl simulate /etc/wan_lb/lb.conf trace.txt --svg timeline.svg");
-  command->add_option("FILE", options->configuration, "The configuration")->required();
-  command->add_option("TRACE", options->trace, "The trace; - for standard input")->required();
-  command->add_flag("--json", options->json, "Print one JSON document (wan_lb/simulate/1)");
-  command->add_option("--svg", options->picture, "Draw the timeline into this file");
-  command->add_option("--until", options->until,
-                      "Stop at this time of the trace, in seconds; without later lines it goes on "
-                      "to there");
-  command->callback([&action, options] { action = [options] { return run_simulate(*options); }; });
+  command.value("FILE", options->configuration, "The configuration").required();
+  command.value("TRACE", options->trace, "The trace; - for standard input").required();
+  command.flag("--json", options->json, "Print one JSON document (wan_lb/simulate/1)");
+  command.value("--svg", options->picture, "Draw the timeline into this file");
+  command.value("--until", options->until,
+                "Stop at this time of the trace, in seconds; without later lines it goes on "
+                "to there");
+  command.runs(action, [options] { return run_simulate(*options); });
 }
 
 }  // namespace lbctl

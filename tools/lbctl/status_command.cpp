@@ -3,7 +3,6 @@
 #include <memory>
 #include <string>
 
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include "lbctl/command.h"
@@ -46,21 +45,21 @@ int run_status(const StatusOptions& options) {
 
 void add_status_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<StatusOptions>();
-  CLI::App* const command = add_command(
+  const CommandLine command(
       program, "status",
       "Shows interfaces, tests, rules and whether their routes are in force.\n"
       "Exit status: 0 when every interface is active, 1 when one is failed, 3 when the\n"
       "files are stale (older than 10 seconds) or cannot be read.",
       "lbctl status -4");
-  command->add_option("-o", options->directory, "The daemon's output directory (its option -o)")
-      ->type_name("DIR")
-      ->capture_default_str();
-  command->add_flag("-4", options->ipv4, "IPv4 only");
-  command->add_flag("-6", options->ipv6, "IPv6 only");
-  CLI::Option* const json = command->add_flag("--json", options->json, "Print a JSON document");
-  command->add_flag("--watch", options->watch, "A live view that takes the whole terminal; q quits")
-      ->excludes(json);
-  command->callback([&action, options] { action = [options] { return run_status(*options); }; });
+  command.value("-o", options->directory, "The daemon's output directory (its option -o)")
+      .value_name("DIR")
+      .shows_default();
+  command.flag("-4", options->ipv4, "IPv4 only");
+  command.flag("-6", options->ipv6, "IPv6 only");
+  const Option json = command.flag("--json", options->json, "Print a JSON document");
+  command.flag("--watch", options->watch, "A live view that takes the whole terminal; q quits")
+      .excludes({json});
+  command.runs(action, [options] { return run_status(*options); });
 }
 
 }  // namespace lbctl

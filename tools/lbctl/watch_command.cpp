@@ -3,7 +3,6 @@
 #include <string>
 
 #include <fmt/format.h>
-#include <CLI/CLI.hpp>
 
 #include "lbctl/change_hook.h"
 #include "lbctl/command.h"
@@ -56,20 +55,19 @@ int run_watch(const WatchOptions& options) {
 
 void add_watch_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<WatchOptions>();
-  CLI::App* const command = add_command(
+  const CommandLine command(
       program, "watch",
       "Print each change of an interface's state, until Ctrl-C (or SIGTERM), and run a command for "
       "it.\n"
       "The command finds the change in its environment: WAN_LB_INTERFACE, WAN_LB_FAMILY (4 or 6),\n"
       "WAN_LB_VRF, WAN_LB_STATE (active or failed), WAN_LB_NEXTHOP and WAN_LB_TIME.",
       "lbctl watch --exec 'logger \"$WAN_LB_INTERFACE is $WAN_LB_STATE\"'");
-  command->add_option("-o", options->directory, "The daemon's output directory")
-      ->capture_default_str();
-  command->add_option("--exec", options->command, "The command, for /bin/sh; one runs at a time");
-  command->add_option("--limit", options->limit, "Seconds after which a command is killed")
-      ->check(CLI::Range(1, 3600))
-      ->capture_default_str();
-  command->callback([&action, options] { action = [options] { return run_watch(*options); }; });
+  command.value("-o", options->directory, "The daemon's output directory").shows_default();
+  command.value("--exec", options->command, "The command, for /bin/sh; one runs at a time");
+  command.value("--limit", options->limit, "Seconds after which a command is killed")
+      .range(1, 3600)
+      .shows_default();
+  command.runs(action, [options] { return run_watch(*options); });
 }
 
 }  // namespace lbctl

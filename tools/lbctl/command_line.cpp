@@ -1,14 +1,17 @@
-#include "lbctl/command.h"
+#include "lbctl/command_line.h"
 
 #include <unistd.h>
 
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
 
+#include "lbctl/command.h"
 #include "lbctl/print.h"
 
 namespace lbctl {
@@ -35,11 +38,67 @@ int finish(int status) {
 
 }  // namespace
 
-CLI::App* add_command(CLI::App& program, const std::string& name, const std::string& description,
-                      const std::string& example) {
-  CLI::App* const command = program.add_subcommand(name, description);
-  command->footer("Example:\n  " + example);
-  return command;
+Option Option::required() const {
+  option_->required();
+  return *this;
+}
+
+Option Option::shows_default() const {
+  option_->capture_default_str();
+  return *this;
+}
+
+Option Option::value_name(const std::string& name) const {
+  option_->type_name(name);
+  return *this;
+}
+
+Option Option::one_value() const {
+  option_->allow_extra_args(false);
+  return *this;
+}
+
+Option Option::comma_separated() const {
+  option_->delimiter(',');
+  return *this;
+}
+
+Option Option::range(int least, int most) const {
+  option_->check(CLI::Range(least, most));
+  return *this;
+}
+
+Option Option::excludes(std::initializer_list<Option> others) const {
+  for (const Option& other : others) option_->excludes(other.option_);
+  return *this;
+}
+
+CommandLine::CommandLine(CLI::App& program, const std::string& name, const std::string& description,
+                         const std::string& example)
+    : command_(program.add_subcommand(name, description)) {
+  command_->footer("Example:\n  " + example);
+}
+
+Option CommandLine::flag(const std::string& name, bool& is_given, const std::string& help) const {
+  return Option(command_->add_flag(name, is_given, help));
+}
+
+Option CommandLine::value(const std::string& name, std::string& text,
+                          const std::string& help) const {
+  return Option(command_->add_option(name, text, help));
+}
+
+Option CommandLine::value(const std::string& name, int& number, const std::string& help) const {
+  return Option(command_->add_option(name, number, help));
+}
+
+Option CommandLine::values(const std::string& name, std::vector<std::string>& texts,
+                           const std::string& help) const {
+  return Option(command_->add_option(name, texts, help));
+}
+
+void CommandLine::runs(Action& action, Action run) const {
+  command_->callback([&action, run = std::move(run)] { action = run; });
 }
 
 int run_lbctl(int argc, const char* const* argv) {
