@@ -1,5 +1,16 @@
 # Several sources in one compilation: what all of them include, and instantiate, is compiled once.
 
+# lb_bundle(LIBRARY): LB_BUNDLE sources of the library at once. All are in one namespace then: a name in an unnamed
+# namespace meets those of its neighbours, and two classes of one name, which a linker would not see, are an error.
+function(lb_bundle library)
+  if(LB_BUNDLE)
+    set_target_properties(${library} PROPERTIES
+      UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${LB_BUNDLE}
+      UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
+  endif()
+endfunction()
+
+# For tests, which stand in no namespace of the project's and have many names in common:
 # lb_bundle_sources(VARIABLE NAME SIZE source...): replaces absolute paths of sources by generated ones, which hold SIZE
 # of them each. A source is in a namespace of its own, so that names of one cannot meet those of another; for that, all
 # headers come first. They need guards, and are to be included by lines that begin with #include.

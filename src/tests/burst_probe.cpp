@@ -20,10 +20,7 @@
 
 namespace {
 
-constexpr size_t kReceiveSize = 65535;
 constexpr int kMostLate = 10000;
-
-int64_t whole_milliseconds(const timespec& time) { return elapsed_milliseconds({}, time); }
 
 int64_t elapsed_nanoseconds(const timespec& from, const timespec& to) {
   return (static_cast<int64_t>(to.tv_sec) - from.tv_sec) * 1000000000 + (to.tv_nsec - from.tv_nsec);
@@ -170,7 +167,7 @@ std::optional<int64_t> LBTestPING::await_reply(const ReplySource& source, int so
   if (!wait_.is_valid()) return std::nullopt;
   const timespec start = monotonic_now();
   const int64_t limit = wait_.microseconds() * 1000;
-  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
+  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kLargestReply);
   int64_t remaining = limit;
   // Like select(2), a wait that is over still takes what has come in by then, but no flood of it.
   for (int late = 0; late < kMostLate; late += remaining == 0 ? 1 : 0) {
@@ -181,7 +178,7 @@ std::optional<int64_t> LBTestPING::await_reply(const ReplySource& source, int so
 
     // A packet with a wrong checksum is waited for but not given: never block here.
     const ReceivedReply reply =
-        source.receive(socket, family_, {buffer.get(), kReceiveSize}, MSG_DONTWAIT,
+        source.receive(socket, family_, {buffer.get(), kLargestReply}, MSG_DONTWAIT,
                        /*asks_sender=*/true);
     if (reply.kind != ReceivedReply::Kind::kPacket || !is_same(reply.sender, destination)) continue;
     if (is_burst_reply(reply.packet, sequence, static_cast<uint32_t>(key))) {

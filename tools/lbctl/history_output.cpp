@@ -12,14 +12,12 @@ namespace lbctl {
 
 namespace {
 
-constexpr int64_t kMicrosecond = 1'000'000;
-
 std::string time_text(int64_t time) {
-  return rfc3339(static_cast<std::time_t>(time / kMicrosecond));
+  return rfc3339(static_cast<std::time_t>(time / kMicroseconds));
 }
 
 double seconds(int64_t microseconds) {
-  return static_cast<double>(microseconds) / static_cast<double>(kMicrosecond);
+  return static_cast<double>(microseconds) / static_cast<double>(kMicroseconds);
 }
 
 double rounded(double value, double steps) { return std::round(value * steps) / steps; }
@@ -60,7 +58,7 @@ std::string history_text(const History& history, bool with_colour) {
                         label_of(change.interface, change.ipv6), width,
                         coloured(state_word(change.active),
                                  change.active ? Colour::kGreen : Colour::kRed, with_colour),
-                        span(entry.duration / kMicrosecond));
+                        span(entry.duration / kMicroseconds));
   }
   return text;
 }

@@ -17,6 +17,7 @@
 
 #include "lbctl/command.h"
 #include "lbctl/line_reader.h"
+#include "lbctl/log_line.h"
 #include "lbctl/print.h"
 
 namespace lbctl {
@@ -28,7 +29,7 @@ namespace {
 class Sorter {
  public:
   Sorter(std::time_t now, std::vector<StateChange>& changes)
-      : end_((int64_t{now} + 1) * kMicrosecond), changes_(changes) {}
+      : end_((int64_t{now} + 1) * kMicroseconds), changes_(changes) {}
 
   void add(StateChange change) {
     if (change.time >= end_) {
@@ -47,8 +48,6 @@ class Sorter {
   }
 
  private:
-  static constexpr int64_t kMicrosecond = 1'000'000;
-
   int64_t end_;
   std::vector<StateChange>& changes_;
   size_t future_ = 0;

@@ -10,7 +10,6 @@ namespace {
 
 constexpr std::string_view kProgram = "wan_lb";
 constexpr std::string_view kMessage = "%WAN-I-INSTANCE: IP";
-constexpr int64_t kMicrosecond = 1'000'000;
 
 constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
@@ -46,7 +45,7 @@ int64_t take_fraction(std::string_view& text) {
   if (text.size() < 2 || text.front() != '.' || !is_digit(text[1])) return 0;
   text.remove_prefix(1);
   int64_t value = 0;
-  int64_t unit = kMicrosecond;
+  int64_t unit = kMicroseconds;
   for (; !text.empty() && is_digit(text.front()); text.remove_prefix(1)) {
     unit /= 10;
     value += unit * (text.front() - '0');
@@ -105,7 +104,7 @@ std::optional<int64_t> take_classic_stamp(std::string_view& text, std::time_t no
     const auto time = local_time(parts);
     if (!time || *time > now) continue;
     text = rest;
-    return *time * kMicrosecond + fraction;
+    return *time * kMicroseconds + fraction;
   }
   return std::nullopt;
 }
@@ -149,7 +148,7 @@ std::optional<int64_t> take_rfc3339(std::string_view& text) {
       offset ? std::optional(timegm(&parts) - *offset) : local_time(parts);
   if (!time) return std::nullopt;
   text = rest;
-  return *time * kMicrosecond + fraction;
+  return *time * kMicroseconds + fraction;
 }
 
 // The name is what stands between: it may have blanks in it, and even these words.

@@ -12,6 +12,9 @@
 
 namespace lbctl {
 
+// In a second: the unit of all times of state changes.
+inline constexpr int64_t kMicroseconds = 1'000'000;
+
 struct StateChange {
   int64_t time = 0;       // microseconds since 1970
   std::string interface;  // the device's name for it

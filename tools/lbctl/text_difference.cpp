@@ -17,11 +17,11 @@ constexpr size_t kContext = 3;
 // Beyond so many edits the script is not worth its memory: all is deleted and inserted again.
 constexpr ptrdiff_t kMostEdits = 2000;
 
-using Lines = std::vector<std::string_view>;
+using PlainLines = std::vector<std::string_view>;
 
 // With their newlines; only the last may have none.
-Lines lines_of(std::string_view text) {
-  Lines lines;
+PlainLines lines_of(std::string_view text) {
+  PlainLines lines;
   while (!text.empty()) {
     const size_t length = std::min(text.find('\n'), text.size() - 1) + 1;
     lines.push_back(text.substr(0, length));
@@ -38,8 +38,8 @@ using Script = std::vector<Edit>;
 
 // The script for the parts [old_begin, old_end) and [new_begin, new_end).
 struct Part {
-  const Lines& old_lines;
-  const Lines& new_lines;
+  const PlainLines& old_lines;
+  const PlainLines& new_lines;
   ptrdiff_t old_begin, old_end, new_begin, new_end;
 
   ptrdiff_t old_size() const { return old_end - old_begin; }
@@ -115,7 +115,7 @@ void append_shortest(const Part& part, Script& script) {
   script.insert(script.end(), reversed.rbegin(), reversed.rend());
 }
 
-Script script_of(const Lines& old_lines, const Lines& new_lines) {
+Script script_of(const PlainLines& old_lines, const PlainLines& new_lines) {
   const size_t shorter = std::min(old_lines.size(), new_lines.size());
   size_t head = 0;
   while (head < shorter && old_lines[head] == new_lines[head]) ++head;
@@ -198,8 +198,8 @@ class Hunks {
 std::string unified_difference(std::string_view old_text, std::string_view new_text,
                                const std::string& old_name, const std::string& new_name) {
   if (old_text == new_text) return "";
-  const Lines old_lines = lines_of(old_text);
-  const Lines new_lines = lines_of(new_text);
+  const PlainLines old_lines = lines_of(old_text);
+  const PlainLines new_lines = lines_of(new_text);
   const Script script = script_of(old_lines, new_lines);
   return fmt::format("--- {}\n+++ {}\n{}", old_name, new_name, Hunks(script).text());
 }

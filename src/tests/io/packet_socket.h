@@ -15,6 +15,9 @@
 // failure, with errno set.
 FileDescriptor open_packet_socket(uint16_t ether_type);
 
+// What a filter loads instead of bytes of the packet: the index of the device by which it came.
+inline constexpr uint32_t kByInterface = static_cast<uint32_t>(SKF_AD_OFF) + SKF_AD_IFINDEX;
+
 // What a filter returns to let all of a packet pass.
 inline constexpr uint32_t kWholePacket = 0xffffffff;
 

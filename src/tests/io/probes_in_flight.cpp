@@ -4,11 +4,11 @@ namespace {
 
 constexpr int32_t kKeyModulus = kLargestProbeKey + 1;
 
+}  // namespace
+
 int64_t whole_milliseconds(const timespec& time) {
   return static_cast<int64_t>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
 }
-
-}  // namespace
 
 int64_t elapsed_milliseconds(const timespec& from, const timespec& to) {
   return whole_milliseconds(to) - whole_milliseconds(from);

@@ -31,6 +31,9 @@ struct PendingProbe {
   std::string target;
 };
 
+// The time in milliseconds, cut.
+int64_t whole_milliseconds(const timespec& time);
+
 // Milliseconds from `from` to `to`, each first cut to whole milliseconds.
 int64_t elapsed_milliseconds(const timespec& from, const timespec& to);
 

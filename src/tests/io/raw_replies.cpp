@@ -8,21 +8,21 @@
 
 namespace {
 
-FileDescriptor open_socket(const Family& family, const std::string& /*ifname*/) {
+FileDescriptor open_raw_socket(const Family& family, const std::string& /*ifname*/) {
   FileDescriptor fd(socket(family.address_family, SOCK_RAW | SOCK_CLOEXEC, family.icmp_protocol));
   if (fd.valid()) refuse_foreign_messages(fd.get(), family);
   return fd;
 }
 
 // The replies are the namespace's, by whichever device they come; its receivers share them.
-void follow_device(int fd, const Family& family, const std::string& ifname) {
+void share_by_device(int fd, const Family& family, const std::string& ifname) {
   reply_sharing(family).follow(fd, ifname);
 }
 
 void leave_sharing(int fd, const Family& family) { reply_sharing(family).leave(fd); }
 
-ReceivedReply receive_packet(int fd, const Family& /*family*/, std::span<uint8_t> buffer, int flags,
-                             bool asks_sender) {
+ReceivedReply receive_message(int fd, const Family& /*family*/, std::span<uint8_t> buffer,
+                              int flags, bool asks_sender) {
   ReceivedReply reply;
   ssize_t received = 0;
   if (asks_sender) {
@@ -49,8 +49,8 @@ bool answers_any(const Family& /*family*/, const std::string& /*ifname*/,
 
 }  // namespace
 
-constinit const ReplySource kRawReplies{.open = open_socket,
-                                        .follow = follow_device,
+constinit const ReplySource kRawReplies{.open = open_raw_socket,
+                                        .follow = share_by_device,
                                         .leave = leave_sharing,
-                                        .receive = receive_packet,
+                                        .receive = receive_message,
                                         .answers = answers_any};

@@ -48,8 +48,6 @@ std::span<const sock_filter> keys_of_probes(const Family& family) {
 // A jump on a condition goes 255 instructions far.
 constexpr size_t kTestsInReach = 200;
 
-constexpr uint32_t kByInterface = static_cast<uint32_t>(SKF_AD_OFF) + SKF_AD_IFINDEX;
-
 void append_refusals(std::vector<sock_filter>& program, std::span<const uint32_t> devices) {
   program.push_back(BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kByInterface));
   while (!devices.empty()) {

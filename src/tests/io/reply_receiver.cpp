@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr size_t kReceiveSize = 65535;
-
 constexpr timespec kCatchUpPause{0, 1000000};
 
 // While it exists the receiver is reading; then it waits again.
@@ -42,7 +40,7 @@ class ReplyReader {
   explicit ReplyReader(InterfaceSockets& sockets)
       : sockets_(sockets),
         family_(sockets.family),
-        buffer_(std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize)) {
+        buffer_(std::make_unique_for_overwrite<uint8_t[]>(kLargestReply)) {
     enlarge_receive_queue(socket());
   }
 
@@ -77,7 +75,7 @@ class ReplyReader {
     std::optional<ReadingGuard> reading;
     if (!may_block) reading.emplace(sockets_);
     const ReceivedReply reply =
-        sockets_.replies.receive(socket(), family_, {buffer_.get(), kReceiveSize},
+        sockets_.replies.receive(socket(), family_, {buffer_.get(), kLargestReply},
                                  may_block ? 0 : MSG_DONTWAIT, /*asks_sender=*/false);
     switch (reply.kind) {
       case ReceivedReply::Kind::kNothing:

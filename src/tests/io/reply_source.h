@@ -17,6 +17,9 @@
 #include "tests/io/probes_in_flight.h"
 #include "tests/io/socket_address.h"
 
+// Room for the largest packet that IP can carry.
+inline constexpr size_t kLargestReply = 65535;
+
 // What a read gave.
 struct ReceivedReply {
   enum class Kind {

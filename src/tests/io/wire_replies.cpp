@@ -17,7 +17,6 @@ namespace {
 
 // What the kernel tells of a packet beside its bytes.
 constexpr uint32_t kToWhom = static_cast<uint32_t>(SKF_AD_OFF) + SKF_AD_PKTTYPE;
-constexpr uint32_t kByInterface = static_cast<uint32_t>(SKF_AD_OFF) + SKF_AD_IFINDEX;
 
 // Lets echo replies pass that carry a key, are for this host and came by the device itself. Packets
 // start with the IP header; a load beyond their end refuses them.
@@ -90,7 +89,7 @@ void follow_device(int fd, const Family& family, const std::string& ifname) {
 
 // Without the link-layer header: a packet looks the same on every kind of device. Of no protocol,
 // so that nothing is received until the socket is bound.
-FileDescriptor open_socket(const Family& family, const std::string& ifname) {
+FileDescriptor open_wire_socket(const Family& family, const std::string& ifname) {
   FileDescriptor fd(socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (fd.valid()) follow_device(fd.get(), family, ifname);
   return fd;
@@ -151,7 +150,7 @@ bool answers_own(const Family& family, const std::string& ifname, const SocketAd
 
 }  // namespace
 
-constinit const ReplySource kWireReplies{.open = open_socket,
+constinit const ReplySource kWireReplies{.open = open_wire_socket,
                                          .follow = follow_device,
                                          .leave = [](int /*fd*/, const Family& /*family*/) {},
                                          .receive = receive_packet,

@@ -79,9 +79,10 @@ void add_arp_entry(const ArpReply& reply, const std::string& address, const std:
   }
 }
 
-FileDescriptor open_receiver() { return open_packet_socket(kEtherTypeArp); }
+FileDescriptor open_arp_receiver() { return open_packet_socket(kEtherTypeArp); }
 
-bool handle_frame(std::span<const uint8_t> frame, unsigned int ifindex, WatchedTargets& targets) {
+bool handle_arp_frame(std::span<const uint8_t> frame, unsigned int ifindex,
+                      WatchedTargets& targets) {
   if (const auto reply = parse_arp_reply(frame)) {
     const std::string address = address_to_text(AF_INET, &reply->sender);
     const std::string ifname = interface_name(ifindex);
@@ -103,8 +104,8 @@ constinit const LinkProtocol kArpProtocol{
     .receiver = kReceiver,
     .thread = "arp",
     .unlock_without_socket = true,
-    .open_receiver = open_receiver,
-    .handle_frame = handle_frame,
+    .open_receiver = open_arp_receiver,
+    .handle_frame = handle_arp_frame,
     .log_no_send_socket =
         [](const std::string& vrf) {
           LB_ERROR("<%s> socket() fo _send_sock in %s failed ", "init", vrf.c_str());

@@ -22,7 +22,7 @@
 
 namespace {
 
-constexpr size_t kReceiveSize = 65535;
+constexpr size_t kLargestFrame = 65535;
 
 // Looks at the kernel's table, and the pause between two of them.
 constexpr int kPolls = 101;
@@ -44,7 +44,7 @@ int give_back(const LinkProtocol& protocol, HandshakeLock& mutex, const char* op
 }
 
 void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& targets) {
-  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
+  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kLargestFrame);
   pollfd waiting{fd, POLLIN, 0};
   for (;;) {
     const int ready = poll(&waiting, 1, -1);
@@ -52,8 +52,8 @@ void receive_frames(const LinkProtocol& protocol, int fd, WatchedTargets& target
     if (ready <= 0) return;
     sockaddr_ll from{};
     socklen_t from_size = sizeof(from);
-    const ssize_t length =
-        recvfrom(fd, buffer.get(), kReceiveSize, 0, reinterpret_cast<sockaddr*>(&from), &from_size);
+    const ssize_t length = recvfrom(fd, buffer.get(), kLargestFrame, 0,
+                                    reinterpret_cast<sockaddr*>(&from), &from_size);
     if (length < 0) {
       if (errno == EINTR) continue;
       protocol.log_receive_failure("recv");

@@ -68,7 +68,7 @@ bool read_source_mac(LinkInfo& link, const std::string& ifname, MacAddress& mac)
 
 // A socket of all protocols would also see what leaves by an interface, and on a lower device the
 // frames of a VLAN, bridge or macvlan, without their tag.
-FileDescriptor open_receiver() {
+FileDescriptor open_neighbor_receiver() {
   FileDescriptor fd = open_packet_socket(kEtherTypeIpv6);
   if (!fd.valid()) return fd;
   // A router sees many frames; the kernel keeps the others away from the thread. What it lets
@@ -89,7 +89,8 @@ FileDescriptor open_receiver() {
   return fd;
 }
 
-bool handle_frame(std::span<const uint8_t> frame, unsigned int ifindex, WatchedTargets& targets) {
+bool handle_neighbor_frame(std::span<const uint8_t> frame, unsigned int ifindex,
+                           WatchedTargets& targets) {
   const auto advertisement = parse_neighbor_advertisement(frame);
   if (!advertisement) return true;
   const std::string target = address_to_text(AF_INET6, &advertisement->target);
@@ -114,8 +115,8 @@ constinit const LinkProtocol kNeighborProtocol{
     // A receiver without a socket keeps the lock: requests that nobody would hear the answer of are
     // held back for good.
     .unlock_without_socket = false,
-    .open_receiver = open_receiver,
-    .handle_frame = handle_frame,
+    .open_receiver = open_neighbor_receiver,
+    .handle_frame = handle_neighbor_frame,
     .log_no_send_socket =
         [](const std::string& /*vrf*/) { LB_ERROR("<%s> socket() fo _send_sock failed ", "init"); },
     .log_no_mutex = [](int /*rc*/) { LB_ERROR("wan_lb: error mutex initialization"); },

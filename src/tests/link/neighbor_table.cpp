@@ -9,21 +9,17 @@
 #include <vector>
 
 #include "config/log.h"
-#include "packets/error_text.h"
 #include "packets/route_message.h"
 #include "tests/link/route_netlink.h"
 
 namespace {
-
-// An entry is some hundred bytes.
-constexpr size_t kReceiveSize = 8192;
 
 // The kernel has answered when the request is handed over; kMore when it told nothing of the
 // target.
 RouteAnswer ask(int fd, const std::vector<uint8_t>& request, const std::string& target,
                 unsigned int ifindex) {
   RouteAnswer failed{.kind = RouteAnswer::Kind::kRefused, .error = 0};
-  std::array<uint8_t, kReceiveSize> answer;
+  std::array<uint8_t, kNeighborAnswerSize> answer;
   ssize_t length = -1;
   if (send(fd, request.data(), request.size(), MSG_DONTWAIT) >= 0) {
     length = recv(fd, answer.data(), answer.size(), MSG_DONTWAIT);

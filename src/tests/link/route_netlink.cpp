@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr size_t kReceiveSize = 1048576;
+constexpr size_t kAnswerSize = 1048576;
 
 const sockaddr_nl kKernel{AF_NETLINK, 0, 0, 0};
 
@@ -48,11 +48,11 @@ bool send_request(int fd, iovec* iov, size_t iov_count) {
 
 // Reads until something final comes; kMore when the socket fails before that.
 RouteAnswer read_answer(int fd, const std::string& target, unsigned int ifindex) {
-  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kReceiveSize);
+  const auto buffer = std::make_unique_for_overwrite<uint8_t[]>(kAnswerSize);
   RouteAnswer answer;
   while (answer.kind == RouteAnswer::Kind::kMore) {
     errno = 0;
-    const ssize_t length = recv(fd, buffer.get(), kReceiveSize, 0);
+    const ssize_t length = recv(fd, buffer.get(), kAnswerSize, 0);
     if (length < 1) {
       if (errno == EINTR || errno == EAGAIN) continue;
       break;

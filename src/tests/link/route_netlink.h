@@ -12,6 +12,9 @@
 
 #include "packets/ethernet.h"
 
+// Room for what the kernel tells of one neighbour, which is some hundred bytes.
+inline constexpr size_t kNeighborAnswerSize = 8192;
+
 // Sends the request that `iov` holds and reads the answer. 1: it holds a neighbour entry for
 // `target` (an address in canonical text) on the interface with index `ifindex` (0: on any), whose
 // link-layer address is in `*mac_out`; 0: the answer ended without one, or the kernel acknowledged;

@@ -13,10 +13,9 @@
 
 #include "packets/route_message.h"
 #include "platform/file_descriptor.h"
+#include "tests/link/route_netlink.h"
 
 namespace {
-
-constexpr size_t kReceiveSize = 8192;
 
 // Results alone do not tell: a target that is the next hop has failed from the start.
 bool is_settled_failure(const LBInterface& interface) {
@@ -33,7 +32,7 @@ bool send_request(int fd, const std::vector<uint8_t>& message) {
 
 // The kernel answers while the request is handed over.
 std::optional<uint16_t> answered_state(int fd) {
-  std::array<uint8_t, kReceiveSize> buffer;
+  std::array<uint8_t, kNeighborAnswerSize> buffer;
   const ssize_t length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
   if (length <= 0) return std::nullopt;
   return read_neighbor_state(std::span(buffer).first(static_cast<size_t>(length)));
