@@ -102,7 +102,8 @@ def build_and_enter(top):
         if os.path.exists("/dev/" + name):
             mount("/dev/" + name, f"{root}/dev/{name}", None, MS_BIND)
     mount("shm", root + "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV)
-    _bind("/dev/pts", root + "/dev/pts")
+    # Terminals of its own: the host's ptmx beside its terminals is closed to ordinary users.
+    mount("devpts", root + "/dev/pts", "devpts", MS_NOSUID, "newinstance,ptmxmode=0666,mode=0620")
     for fstype in ("proc", "sysfs"):
         path = "/proc" if fstype == "proc" else "/sys"
         os.mkdir(root + path)
