@@ -9,7 +9,7 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-from package_lab import machine as machines, tree as trees  # noqa: E402  pylint: disable=wrong-import-position
+from package_lab import machine as machines, once, tree as trees  # noqa: E402  pylint: disable=wrong-import-position
 
 
 @pytest.fixture(scope="session")
@@ -27,11 +27,10 @@ def work():
 
 @pytest.fixture(scope="session")
 def installed_tree(packages, work):
-    """A tree with the packages, and BIRD."""
-    if os.environ.get("LB_PACKAGE_TREE"):  # one that was made before, while one works on these tests
-        return os.environ["LB_PACKAGE_TREE"]
+    """A tree with the packages, and BIRD; one for all workers when LB_PACKAGE_TREE says where."""
     debs = [packages["wan-lb"], packages["wan-lb-dev"]]
-    return trees.make(os.path.join(work, "installed"), debs, also=["bird2", "iproute2", "procps", "man-db"])
+    return once.made(os.environ.get("LB_PACKAGE_TREE", os.path.join(work, "installed")), lambda directory: trees.make(
+        directory, debs, also=["bird2", "iproute2", "procps", "man-db"]))
 
 
 @pytest.fixture

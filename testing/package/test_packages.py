@@ -45,9 +45,53 @@ def test_directories_are_made(tree):
 
 
 def test_manual_pages(tree):
+    """man finds them, and has nothing to say against them."""
     for page in ("lb.8", "lb.conf.5", "lbctl.1", "wlb_dump.5"):
-        path = f"{tree}/usr/share/man/man{page[-1]}/{page}.gz"
-        assert os.path.exists(path), path
+        name, section = page.rsplit(".", 1)
+        shown = trees.run(tree, "env", "MANROFFOPT=-ww", "man", "--warnings", "-E", "UTF-8", "-Tutf8", section, name)
+        assert shown.stderr == "" and f"{name}({section})".upper() in shown.stdout.upper(), f"{page}: {shown.stderr}"
+
+
+def test_completion(tree):
+    told = trees.run(tree, "bash", "-c", ". /usr/share/bash-completion/completions/lbctl && complete -p lbctl")
+    assert told.stdout == "complete -F _lbctl lbctl\n", told.stderr
+
+
+def _figure(text):
+    """Something for whoever runs the tests to read."""
+    if os.environ.get("LB_PACKAGE_FIGURES"):
+        with open(os.environ["LB_PACKAGE_FIGURES"], "a", encoding="utf-8") as file:
+            file.write(text + "\n")
+
+
+def _use_vrf_samples(tree):
+    trees.run(tree, "sh", "-ec", f"cd {_EXAMPLES}; mkdir -p /etc/systemd/system/wan-lb.service.d\n"
+              "cp *vrf@.service /etc/systemd/system/; cp wan-lb.service.d/vrf.conf /etc/systemd/system/wan-lb.service.d/")
+
+
+def test_units_are_sound(tree):
+    """Ours and BIRD's with our drop-in, then the samples for VRFs too; their manual pages are looked for as well."""
+    units = ["wan-lb.service", "wan-lb-metrics.service", "wan-lb-metrics.timer", "bird.service"]
+    for more in ([], ["vrf@blue.service", "bird-vrf@blue.service"]):
+        if more:
+            _use_vrf_samples(tree)
+        told = trees.run(tree, "systemd-analyze", "verify", *units, *more, check=False)
+        assert (told.returncode, told.stdout + told.stderr) == (0, "")
+
+
+def _exposure(tree, unit):
+    told = trees.run(tree, "systemd-analyze", "security", "--offline=true", "--no-pager", unit)
+    return float(re.search(r"exposure level for \S+: ([\d.]+)", told.stdout)[1])
+
+
+def test_exposure_of_the_services(tree):
+    """At most 3.0, also with what VRFs need."""
+    plain = {unit: _exposure(tree, unit) for unit in ("wan-lb.service", "wan-lb-metrics.service")}
+    _use_vrf_samples(tree)
+    with_vrfs = {unit: _exposure(tree, unit) for unit in ("wan-lb.service", "bird-vrf@blue.service")}
+    for name, found in (("systemd-analyze security", plain), ("systemd-analyze security, with VRFs", with_vrfs)):
+        _figure(f"{name}: " + ", ".join(f"{unit} {score}" for unit, score in found.items()))
+        assert max(found.values()) <= 3.0, found
 
 
 def test_development_package(tree, tmp_path):
