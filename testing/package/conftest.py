@@ -1,4 +1,4 @@
-"""What the packages bring, on root trees and machines of their own. Needs root, and LB_PACKAGE_DIR with the packages."""
+"""What the packages bring, on root trees and machines. Needs root, and LB_PACKAGE_DIR with the packages."""
 
 import os
 import shutil

@@ -9,8 +9,11 @@ from package_lab import tree as trees
 _EXAMPLES = "/usr/share/doc/wan-lb/examples"
 
 
+_SOURCES = os.path.join(os.path.dirname(__file__), "..", "..")
+
+
 def _version():
-    with open(os.path.join(os.path.dirname(__file__), "..", "..", "CMakeLists.txt"), encoding="utf-8") as file:
+    with open(os.path.join(_SOURCES, "CMakeLists.txt"), encoding="utf-8") as file:
         return re.search(r"^project\(wan_lb VERSION ([\d.]+)", file.read(), re.MULTILINE)[1]
 
 
@@ -19,7 +22,7 @@ def test_version_is_one(tree, packages):
     assert trees.run(tree, "dpkg-query", "-W", "-f", "${Version}", "wan-lb").stdout == _version()
     for name, path in packages.items():
         assert f"_{_version()}_" in path, name
-    with open(os.path.join(os.path.dirname(__file__), "..", "..", "packaging", "man", "lb.8"), encoding="utf-8") as page:
+    with open(os.path.join(_SOURCES, "packaging", "man", "lb.8"), encoding="utf-8") as page:
         assert f'"wan-lb {_version()}"' in page.readline()
 
 
@@ -65,8 +68,8 @@ def _figure(text):
 
 
 def _use_vrf_samples(tree):
-    trees.run(tree, "sh", "-ec", f"cd {_EXAMPLES}; mkdir -p /etc/systemd/system/wan-lb.service.d\n"
-              "cp *vrf@.service /etc/systemd/system/; cp wan-lb.service.d/vrf.conf /etc/systemd/system/wan-lb.service.d/")
+    trees.run(tree, "sh", "-ec", f"cd {_EXAMPLES}; units=/etc/systemd/system; mkdir -p $units/wan-lb.service.d\n"
+              "cp *vrf@.service $units/; cp wan-lb.service.d/vrf.conf $units/wan-lb.service.d/")
 
 
 def test_units_are_sound(tree):

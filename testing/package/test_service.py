@@ -4,6 +4,9 @@
     machine eth1 198.51.100.10 ------ isp2: 203.0.113.2
 """
 
+import os
+import shutil
+
 import pytest
 
 from package_lab.machine import wait_until
@@ -91,7 +94,7 @@ def router(machine):
 
 
 def test_what_comes_late_and_comes_back(machine):
-    """The service starts before its links exist and while BIRD cannot run; then BIRD goes, in each way, and comes back."""
+    """The service starts before its links exist and while BIRD cannot run; then BIRD goes in every way and is back."""
     _write_configurations(machine)
     machine.run("systemctl", "stop", "bird")
     machine.run("systemctl", "mask", "--runtime", "bird")
@@ -156,3 +159,31 @@ def test_service_has_three_capabilities(router):
     sets = dict(line.split(":\t") for line in status.splitlines())
     wanted = f"{1 << 5 | 1 << 12 | 1 << 13:016x}"
     assert sets["CapBnd"] == wanted and sets["CapEff"] == wanted, status
+
+
+def test_upgrade_and_removal(router, tree, packages):
+    """Of a service that runs, with its timer: an upgrade starts them anew, a removal stops them."""
+    deb = shutil.copy(packages["wan-lb"], f"{tree}/root")
+    router.run("mkdir", "-p", "/var/lib/prometheus/node-exporter")
+    router.run("systemctl", "start", "wan-lb-metrics.timer")
+    before = _pid(router)
+    router.run("dpkg", "-i", f"/root/{os.path.basename(deb)}")
+    assert _pid(router) not in (before, "0")
+    assert (_state(router), _state(router, "wan-lb-metrics.timer")) == ("active", "active")
+    assert _devices(router) == ["eth0", "eth1"]
+    router.run("dpkg", "--remove", "wan-lb")
+    assert router.run("pidof", "lb", check=False).stdout == ""
+    assert (_state(router), _state(router, "wan-lb-metrics.timer")) == ("inactive", "inactive")
+    assert _devices(router) == ["eth0", "eth1"]  # they are BIRD's
+
+
+def test_installation_starts_nothing(machine, tree, packages):
+    """With a service manager that runs; what belongs to BIRD is known to it at once."""
+    machine.run("dpkg", "--purge", "wan-lb")
+    deb = shutil.copy(packages["wan-lb"], f"{tree}/root")
+    machine.run("dpkg", "-i", f"/root/{os.path.basename(deb)}")
+    for unit in ("wan-lb.service", "wan-lb-metrics.timer"):
+        assert (_state(machine, unit), machine.run("systemctl", "is-enabled", unit, check=False).stdout) == (
+            "inactive", "disabled\n")
+    assert "-P /run/bird/routing.pid" in machine.run("systemctl", "show", "-P", "ExecStart", "bird").stdout
+    machine.run("test", "-e", "/usr/etc/routing-wlb.conf", "-a", "-h", "/run/routing.pid")
