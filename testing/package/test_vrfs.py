@@ -6,6 +6,8 @@
                    eth3 198.51.100.10 2001:db8:2::10/64 ------- isp: 203.0.113.2, 2001:db8:ff::2
 """
 
+import shutil
+
 import pytest
 
 from package_lab import guide
@@ -51,8 +53,11 @@ def isps(machine):
 
 
 @pytest.fixture
-def router(machine, isps):
-    """The machine after the guide's steps up to the last one; the packages are installed."""
+def router(machine, isps, tree, packages):
+    """The machine after the guide's steps up to the last one."""
+    shutil.copy(packages["wan-lb"], tree)  # where the commands are carried out
+    machine.write("/etc/apt/apt.conf.d/yes", 'APT::Get::Assume-Yes "true";\n')  # the administrator's
+    guide.carry_out(machine, _steps("1."))
     guide.carry_out(machine, _steps("2."))
     for vrf in ("blue", "red"):
         machine.run("ip", "netns", "exec", vrf, "sysctl", "-qw", "net.ipv6.conf.all.accept_dad=0")
@@ -65,6 +70,8 @@ def router(machine, isps):
 
 
 def test_guide(router, isps):
+    before_it = set(router.run("systemctl", "show", "-P", "After", "wan-lb").stdout.split())
+    assert {"vrf@blue.service", "vrf@red.service", "bird-vrf@blue.service", "bird-vrf@red.service"} <= before_it
     printed = guide.carry_out(router, _steps("5."))
     assert "blue1" in printed and "red2" in printed and "203.0.113.99 via" in printed and "failed" not in printed
     # A link of one VRF dies: the other VRF, which has the same addresses, does not notice.
@@ -78,6 +85,18 @@ def test_guide(router, isps):
     _wait_devices(router, _BOTH_UP)
     _all_is_well(router)
     _restart_changes_no_route(router)
+    _namespace_made_anew_is_entered(router)
+
+
+def _namespace_made_anew_is_entered(router):
+    """By the watchdog; a short one, so that nobody waits a minute."""
+    router.write("/etc/systemd/system/wan-lb.service.d/short.conf", "[Service]\nWatchdogSec=5\n")
+    router.run("systemctl", "daemon-reload")
+    router.run("systemctl", "restart", "wan-lb")
+    router.run("sh", "-ec", "ip netns delete red; ip netns add red")
+    namespace = "net:[" + router.run("stat", "-L", "-c", "%i", "/run/netns/red").stdout.strip() + "]"
+    threads = "readlink /proc/$(systemctl show -P MainPID wan-lb)/task/*/ns/net"
+    wait_until(lambda: namespace in router.run("sh", "-c", threads, check=False).stdout, router.journal)
 
 
 def _restart_changes_no_route(router):
