@@ -114,12 +114,13 @@ def test_nothing_is_left(tree):
     """After the removal the configuration is left, after the purge nothing is."""
     with_packages = trees.files(tree)
     assert "/usr/sbin/lb" in with_packages
+    installed = set(trees.run(tree, "dpkg", "-L", "wan-lb", "wan-lb-dev").stdout.split())
     trees.run(tree, "dpkg", "--remove", "wan-lb", "wan-lb-dev")
-    ours = re.compile(r"wan.?lb|wlb|lbctl|sbin/lb$|/lb\.")
+    ours = re.compile(r"wan.?lb|wlb|lbctl|sbin/lb$|/lb\.|load-balance|routing\.pid")
     left = {path for path in trees.files(tree) if ours.search(path)} - {
         "/etc/wan_lb", "/etc/wan_lb/lb.conf",
         # written at run time
-        "/usr/etc/routing-wlb.conf", "/usr/etc/routing-wlb6.conf",
+        "/usr/etc/routing-wlb.conf", "/usr/etc/routing-wlb6.conf", "/run/load-balance", "/run/routing.pid",
         # dpkg's memory of the configuration file
         "/var/lib/dpkg/info/wan-lb.list", "/var/lib/dpkg/info/wan-lb.postrm",
         "/var/lib/systemd/deb-systemd-helper-enabled/wan-lb.service.dsh-also",
@@ -127,5 +128,6 @@ def test_nothing_is_left(tree):
     assert left == set()
     trees.run(tree, "dpkg", "--purge", "wan-lb", "wan-lb-dev")
     assert {path for path in trees.files(tree) if ours.search(path)} == set()
-    for directory in ("/usr/etc", "/var/vrfs", "/var/db"):
-        assert not os.path.exists(tree + directory), directory
+    others = set(trees.run(tree, "sh", "-c", "cat /var/lib/dpkg/info/*.list").stdout.splitlines())
+    for path in installed - others | {"/usr/etc", "/var/vrfs", "/var/db"}:
+        assert not os.path.lexists(tree + path), path
