@@ -1,0 +1,139 @@
+"""The guides for addresses and gateways that others fetch, with Debian's own clients and network managers.
+
+    machine eth0 ------- isp1: dnsmasq, 192.0.2.1,    fe80::1, prefix 2001:db8:1::/64; 203.0.113.1, 2001:db8:ff::1
+    machine eth1 ------- isp2: dnsmasq, 198.51.100.1, fe80::1, prefix 2001:db8:2::/64; 203.0.113.2, 2001:db8:ff::2
+"""
+
+import json
+import tempfile
+
+import pytest
+
+from package_lab import clients, guide, machine as machines, tree as trees
+from package_lab.machine import wait_until
+
+
+@pytest.fixture(scope="session")
+def clients_tree(installed_tree, work):
+    """What lies over what, as an overlay has it: the tree with the packages, and what the clients' bring."""
+    place = tempfile.mkdtemp(dir=work)
+    with trees.copy(installed_tree, place) as root:
+        clients.install(root)
+    return f"{place}/changed:{installed_tree}"
+
+
+@pytest.fixture
+def machine(clients_tree, work):
+    with trees.copy(clients_tree, tempfile.mkdtemp(dir=work)) as root:
+        started = machines.Machine(root)
+        clients.prepare(started)
+        yield started
+        started.close()
+
+
+@pytest.fixture
+def isps(machine):
+    made = [clients.Provider(machine, "eth0", 1), clients.Provider(machine, "eth1", 2)]
+    yield made
+    for isp in made:
+        isp.close()
+
+
+def _routes(machine, family):
+    return json.loads(machine.run("ip", "-j", f"-{family}", "route", "show", "default").stdout)
+
+
+def _hops(machine, family=4):
+    """(gateway, device) of BIRD's default route."""
+    return sorted((hop["gateway"], hop["dev"]) for route in _routes(machine, family) if route["protocol"] == "bird"
+                  for hop in route.get("nexthops", [route]))
+
+
+def _wait_hops(machine, *hops, family=4):
+    wait_until(lambda: _hops(machine, family) == list(hops), lambda: f"{hops} in\n" + "\n".join(
+        machine.run(*command, check=False).stdout
+        for command in (["ip", f"-{family}", "route"], ["ip", "address"], ["lbctl", "status"],
+                        ["journalctl", "--no-pager", "-o", "cat", "-n", "60"])))
+
+
+_FIRST, _SECOND, _OTHER = ("192.0.2.1", "eth0"), ("198.51.100.1", "eth1"), ("192.0.2.254", "eth0")
+_FIRST6, _SECOND6 = ("fe80::1", "eth0"), ("fe80::1", "eth1")
+
+
+def _follow(machine, client):
+    """The page's steps for a client."""
+    steps = guide.steps("addresses.md")
+    assert any(step[0] == client for step in steps)
+    for title in ("Forwarding", client, "Start"):
+        guide.carry_out(machine, [step for step in steps if step[0] == title])
+    _wait_hops(machine, _FIRST, _SECOND)
+    _wait_hops(machine, _FIRST6, _SECOND6, family=6)
+    wait_until(lambda: machine.run("lbctl", "status", check=False).returncode == 0, "all to be well")
+    assert "proto bird" in guide.carry_out(machine, [step for step in steps if step[0] == "Look"])
+
+
+def _check_shadows_nothing(machine, family, present=True):
+    """The client's default routes are there, behind BIRD's."""
+    metrics = [route["metric"] if "metric" in route else 0 for route in _routes(machine, family)
+               if route["protocol"] != "bird"]
+    assert bool(metrics) == present and all(metric > 1000 for metric in metrics), _routes(machine, family)
+
+
+def _check_life(machine, isps):
+    """Another gateway of the first is followed; the second dies meanwhile and is left, and taken again."""
+    isps[0].serve(gateway=254)
+    isps[1].answers(False)
+    _wait_hops(machine, _OTHER)
+    _wait_hops(machine, _FIRST6, family=6)
+    isps[1].answers(True)
+    _wait_hops(machine, _OTHER, _SECOND)
+    _wait_hops(machine, _FIRST6, _SECOND6, family=6)
+
+
+def _check_left_alone(machine, *command):
+    """The command sets eth0 up anew, and removes no route of BIRD's."""
+    machine.run("sh", "-c", "exec ip -o monitor route >/run/routes.seen 2>&1 &")
+    wait_until(lambda: machine.run("pgrep", "-x", "ip", check=False).returncode == 0, "the monitor")
+    machine.run(*command)
+    # Its own default routes go and come.
+    wait_until(lambda: _has_come_back(machine.read("/run/routes.seen")),
+               lambda: "the client's routes in\n" + machine.read("/run/routes.seen"))
+    seen = machine.read("/run/routes.seen")
+    assert not [line for line in seen.splitlines() if line.startswith("Deleted") and "proto bird" in line], seen
+
+
+def _has_come_back(seen):
+    lines = seen.splitlines()
+    return all(any("default" in line and protocol in line and line.startswith("Deleted") for line in lines)
+               and any(line.startswith("default") and protocol in line for line in lines)
+               for protocol in ("proto dhcp", "proto ra"))
+
+
+def test_networkd(machine, isps):
+    _follow(machine, "systemd-networkd")
+    for family in (4, 6):
+        _check_shadows_nothing(machine, family)
+    _check_left_alone(machine, "networkctl", "reconfigure", "eth0")
+    _check_life(machine, isps)
+
+
+def test_network_manager(machine, isps):
+    _follow(machine, "NetworkManager")
+    for family in (4, 6):
+        _check_shadows_nothing(machine, family)
+    _check_left_alone(machine, "nmcli", "connection", "up", "isp1")
+    _check_life(machine, isps)
+
+
+def test_ifupdown_with_dhclient(machine, isps):
+    _follow(machine, "ifupdown with dhclient")
+    _check_shadows_nothing(machine, 4, present=False)
+    _check_shadows_nothing(machine, 6)
+    _check_life(machine, isps)
+
+
+def test_dhcpcd(machine, isps):
+    _follow(machine, "dhcpcd")
+    for family in (4, 6):
+        _check_shadows_nothing(machine, family)
+    _check_life(machine, isps)
