@@ -5,6 +5,7 @@
 """
 
 import json
+import subprocess
 import tempfile
 
 import pytest
@@ -137,3 +138,108 @@ def test_dhcpcd(machine, isps):
     for family in (4, 6):
         _check_shadows_nothing(machine, family)
     _check_life(machine, isps)
+
+
+class Dynamic:
+    """The guide's router with its LAN, and what the first provider sees."""
+
+    def __init__(self, machine, isps):
+        self.machine, self.isps = machine, isps
+        for isp in isps:
+            isp.run("ip", "address", "add", _EVERYBODYS, "dev", "lo")
+        self.lan = machine.isp("eth2")
+        self.prefixes = clients.PrefixServer(isps[0], self._addresses("eth0", "link")[0])
+
+    def _addresses(self, device, scope="global"):
+        text = self.machine.run("ip", "-j", "-6", "address", "show", "dev", device, "scope", scope, "-deprecated").stdout
+        return [address["local"] for link in json.loads(text) for address in link.get("addr_info", [])
+                if address]  # what is filtered out is an empty one
+
+    def wait_address(self, device, prefix):
+        """The only one that is not deprecated."""
+        wait_until(lambda: [address for address in self._addresses(device) if not address.startswith(prefix)] == []
+                   and self._addresses(device), lambda: f"{prefix} in {self._addresses(device)}")
+
+    def reaches(self):
+        """Whether a host of the LAN has an answer from what is behind both."""
+        try:
+            self.lan.run("fping", "-6", "-q", "-c1", "-t500", _EVERYBODYS)
+        except subprocess.CalledProcessError:
+            return False
+        return True
+
+
+_EVERYBODYS = "2001:db8:ff::80"
+
+
+@pytest.fixture
+def dynamic(machine, isps):
+    made = Dynamic(machine, isps)
+    made.prefixes.delegate("2001:db8:100::")
+    yield made
+    made.prefixes.close()
+
+
+def _probes_from(isp, prefix, directory):
+    """How many of the provider's target have come from a prefix since it was first asked for."""
+    path = directory / "counters"
+    isp.run("sh", "-c", f"exec nft -j list counters table ip6 seen >{path}")
+    for entry in json.loads(path.read_text())["nftables"]:
+        if entry.get("counter", {}).get("name") == prefix:
+            return entry["counter"]["packets"]
+    raise AssertionError(path.read_text())
+
+
+def _states(machine):
+    """Every change that the daemon has told."""
+    return [line for line in machine.journal().splitlines() if "changed state" in line]
+
+
+def _advertised(machine):
+    """The devices of the default routes that advertisements gave the kernel."""
+    return {hop["dev"] for route in _routes(machine, 6) if route["protocol"] == "ra"
+            for hop in route.get("nexthops", [route])}
+
+
+def test_ipv6_dynamic(dynamic, machine, isps, tmp_path):
+    steps = guide.steps("ipv6-dynamic.md")
+    installed = machine.run("dpkg-query", "-W", "-f", "${Package}\n").stdout.split()
+    assert set(steps[0][2].split()[3:]) <= set(installed), steps[0]
+    advertised = {"eth0", "eth1"}
+    wait_until(lambda: _advertised(machine) == advertised, "the kernel's own default routes")
+    guide.carry_out(machine, [step for step in steps if step[0].startswith("2.")])
+    assert _advertised(machine) == advertised
+    guide.carry_out(machine, [step for step in steps if step[0].startswith(("3.", "4.", "5."))])
+    _wait_hops(machine, _FIRST6, family=6)
+    wait_until(lambda: machine.run("lbctl", "status", check=False).returncode == 0, "all to be well")
+    dynamic.wait_address("eth2", "2001:db8:100:")
+    printed = guide.carry_out(machine, [step for step in steps if step[0].startswith("6.")])
+    assert "fe80::1" in printed and "2001:db8:100:" in printed
+    wait_until(dynamic.reaches, "the LAN to reach the first provider")
+
+    # Another prefix: the old one is deprecated, then the provider knows it no more.
+    isps[0].run("nft", "table ip6 seen { counter old { }; counter new { }; chain receive { type filter hook input "
+                "priority 0; ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:1::/64 counter name old; "
+                "ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:11::/64 counter name new; }; }")
+    before = _states(machine)
+    machine.run("sh", "-c", "exec ip -6 -o monitor route >/run/routes.seen 2>&1 &")
+    wait_until(lambda: _probes_from(isps[0], "old", tmp_path) >= 2, "probes from the old prefix")
+    isps[0].serve(1, "2001:db8:11::", "dhcp-range=2001:db8:1::,ra-only,64,deprecated")
+    dynamic.wait_address("eth0", "2001:db8:11:")
+    isps[0].run("nft", "insert rule ip6 seen receive ip6 saddr 2001:db8:1::/64 ip6 daddr 2001:db8:ff::/48 drop")
+    wait_until(lambda: _probes_from(isps[0], "new", tmp_path) >= 8, "probes from the new prefix")
+    assert _states(machine) == before and _hops(machine, 6) == [_FIRST6]
+    seen = [line for line in machine.read("/run/routes.seen").splitlines() if "proto bird" in line]
+    # BIRD puts its route in its own place at each scan; nothing else is to be seen.
+    assert all(line.startswith("default via fe80::1 dev eth0") for line in seen), seen
+
+    # Another delegated prefix: the LAN's hosts follow.
+    dynamic.prefixes.delegate("2001:db8:200::")
+    dynamic.wait_address("eth2", "2001:db8:200:")
+    wait_until(dynamic.reaches, "the LAN to reach the first provider from its new prefix")
+
+    isps[0].answers(False)
+    _wait_hops(machine, _SECOND6, family=6)
+    wait_until(dynamic.reaches, "the LAN to reach the second provider")
+    isps[0].answers(True)
+    _wait_hops(machine, _FIRST6, family=6)

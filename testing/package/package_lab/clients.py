@@ -100,3 +100,41 @@ class Provider:
     def close(self):
         self._stop()
         self._directory.cleanup()
+
+
+class PrefixServer:
+    """A provider's DHCPv6 server, which delegates prefixes."""
+
+    def __init__(self, provider, router):
+        """router: the machine's link-local address there, by which the prefixes are routed."""
+        self._provider, self._router = provider, router
+        self._directory = tempfile.TemporaryDirectory(prefix="wan-lb-prefix-")
+
+    def delegate(self, prefix):
+        """(Re)starts the server, which knows nothing of its leases: the only prefix, a /56, that it gives."""
+        self._stop()
+        with open(self._path("leases"), "w", encoding="ascii"):
+            pass
+        with open(self._path("conf"), "w", encoding="ascii") as file:
+            file.write("authoritative; default-lease-time 30; preferred-lifetime 15;\n"
+                       "option dhcp-renewal-time 3; option dhcp-rebinding-time 5;\n"
+                       f"subnet6 2001:db8:1::/64 {{ prefix6 {prefix} {prefix} /56; }}\n")
+        self._provider.run("ip", "-6", "route", "replace", f"{prefix}/56", "via", self._router, "dev", "customer")
+        self._provider.run("dhcpd", "-6", "-q", "-cf", self._path("conf"), "-lf", self._path("leases"), "-pf",
+                           self._path("pid"), "customer")
+
+    def _path(self, name):
+        return os.path.join(self._directory.name, name)
+
+    def _stop(self):
+        if not os.path.exists(self._path("pid")):
+            return
+        with open(self._path("pid"), encoding="ascii") as file:
+            pid = int(file.read())
+        os.kill(pid, signal.SIGTERM)
+        wait_until(lambda: not os.path.exists(f"/proc/{pid}"), "the DHCPv6 server to end")
+        os.unlink(self._path("pid"))
+
+    def close(self):
+        self._stop()
+        self._directory.cleanup()
