@@ -91,23 +91,42 @@ def _check_life(machine, isps):
     _wait_hops(machine, _FIRST6, _SECOND6, family=6)
 
 
+def _watch_routes(machine):
+    """From now on _seen tells every change of a route."""
+    machine.run("sh", "-c", "exec ip -o monitor route >/run/routes.seen 2>&1 &")
+
+    def sees():
+        machine.run("ip", "route", "replace", "blackhole", "240.0.0.1/32")
+        return "240.0.0.1" in machine.read("/run/routes.seen")
+
+    wait_until(sees, "the monitor to see a change")
+
+
+def _seen(machine):
+    return machine.read("/run/routes.seen").splitlines()
+
+
 def _check_left_alone(machine, *command):
     """The command sets eth0 up anew, and removes no route of BIRD's."""
-    machine.run("sh", "-c", "exec ip -o monitor route >/run/routes.seen 2>&1 &")
-    wait_until(lambda: machine.run("pgrep", "-x", "ip", check=False).returncode == 0, "the monitor")
+    _watch_routes(machine)
     machine.run(*command)
     # Its own default routes go and come.
-    wait_until(lambda: _has_come_back(machine.read("/run/routes.seen")),
-               lambda: "the client's routes in\n" + machine.read("/run/routes.seen"))
-    seen = machine.read("/run/routes.seen")
-    assert not [line for line in seen.splitlines() if line.startswith("Deleted") and "proto bird" in line], seen
+    wait_until(lambda: _gone_and_back(_seen(machine)) and "eth0" in _advertised(machine),
+               lambda: "\n".join(["the client's routes in", *_seen(machine), str(_routes(machine, 6))]))
+    seen = _seen(machine)
+    assert not [line for line in seen if line.startswith("Deleted") and "proto bird" in line], seen
 
 
-def _has_come_back(seen):
-    lines = seen.splitlines()
-    return all(any("default" in line and protocol in line and line.startswith("Deleted") for line in lines)
-               and any(line.startswith("default") and protocol in line for line in lines)
-               for protocol in ("proto dhcp", "proto ra"))
+def _gone_and_back(lines):
+    """Whether the IPv4 default route of a client was made again after it had gone."""
+    gone = [at for at, line in enumerate(lines) if line.startswith("Deleted default") and "proto dhcp" in line]
+    return gone and any(line.startswith("default") and "proto dhcp" in line for line in lines[gone[0]:])
+
+
+def _advertised(machine):
+    """The devices of the default routes that advertisements gave the kernel or a client."""
+    return {hop["dev"] for route in _routes(machine, 6) if route["protocol"] == "ra"
+            for hop in route.get("nexthops", [route])}
 
 
 def test_networkd(machine, isps):
@@ -151,7 +170,8 @@ class Dynamic:
         self.prefixes = clients.PrefixServer(isps[0], self._addresses("eth0", "link")[0])
 
     def _addresses(self, device, scope="global"):
-        text = self.machine.run("ip", "-j", "-6", "address", "show", "dev", device, "scope", scope, "-deprecated").stdout
+        text = self.machine.run("ip", "-j", "-6", "address", "show", "dev", device, "scope", scope,
+                                "-deprecated").stdout
         return [address["local"] for link in json.loads(text) for address in link.get("addr_info", [])
                 if address]  # what is filtered out is an empty one
 
@@ -195,12 +215,6 @@ def _states(machine):
     return [line for line in machine.journal().splitlines() if "changed state" in line]
 
 
-def _advertised(machine):
-    """The devices of the default routes that advertisements gave the kernel."""
-    return {hop["dev"] for route in _routes(machine, 6) if route["protocol"] == "ra"
-            for hop in route.get("nexthops", [route])}
-
-
 def test_ipv6_dynamic(dynamic, machine, isps, tmp_path):
     steps = guide.steps("ipv6-dynamic.md")
     installed = machine.run("dpkg-query", "-W", "-f", "${Package}\n").stdout.split()
@@ -222,14 +236,14 @@ def test_ipv6_dynamic(dynamic, machine, isps, tmp_path):
                 "priority 0; ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:1::/64 counter name old; "
                 "ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:11::/64 counter name new; }; }")
     before = _states(machine)
-    machine.run("sh", "-c", "exec ip -6 -o monitor route >/run/routes.seen 2>&1 &")
+    _watch_routes(machine)
     wait_until(lambda: _probes_from(isps[0], "old", tmp_path) >= 2, "probes from the old prefix")
     isps[0].serve(1, "2001:db8:11::", "dhcp-range=2001:db8:1::,ra-only,64,deprecated")
     dynamic.wait_address("eth0", "2001:db8:11:")
     isps[0].run("nft", "insert rule ip6 seen receive ip6 saddr 2001:db8:1::/64 ip6 daddr 2001:db8:ff::/48 drop")
     wait_until(lambda: _probes_from(isps[0], "new", tmp_path) >= 8, "probes from the new prefix")
     assert _states(machine) == before and _hops(machine, 6) == [_FIRST6]
-    seen = [line for line in machine.read("/run/routes.seen").splitlines() if "proto bird" in line]
+    seen = [line for line in _seen(machine) if "proto bird" in line]
     # BIRD puts its route in its own place at each scan; nothing else is to be seen.
     assert all(line.startswith("default via fe80::1 dev eth0") for line in seen), seen
 
