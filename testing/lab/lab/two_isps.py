@@ -4,7 +4,7 @@
                                                                                      router ---- eth2 lan
     203.0.113.2, 2001:db8:ff::2 isp2 198.51.100.1, fe80::1 ---- eth1 198.51.100.10 /
 
-    router eth2 192.168.50.1, 2001:db8:1000::1, 2001:db8:2000::1 ---- lan 192.168.50.2, 2001:db8:1000::2, 2001:db8:2000::2
+    router eth2 192.168.50.1, 2001:db8:N000::1 ---- lan 192.168.50.2, 2001:db8:N000::2 (N: 1 and 2)
 
 Behind both ISPs is everybody's 203.0.113.80 and 2001:db8:ff::80. Each ISP knows its own addresses and prefix only: what
 reaches it from the other's is not answered.
