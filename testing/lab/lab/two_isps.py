@@ -138,10 +138,10 @@ class TwoIsps:
         ways = [f"nexthop via {'fe80::1' if family == 6 else isp.gateway} dev {isp.name}" for isp in isps]
         self.lab.ip(f"-{family} route replace default {' '.join(ways)}")
 
-    def start(self, options=STOCK, failover=False, families=(4,), tests=None, **keywords):
+    def start(self, options=STOCK, failover=False, families=(4,), tests=None, out=None, **keywords):
         """Starts bird, then ours; by default as the guide for two ISPs has it, but quicker.
 
-        tests(isp, ipv6): those of its interface.
+        tests(isp, ipv6): those of its interface. out: the daemon's output directory.
         """
         lab = self.lab
         for name in ("usr_etc/routing-wlb.conf", "usr_etc/routing-wlb6.conf"):
@@ -158,7 +158,7 @@ class TwoIsps:
             rules.append(rule(f"1_ipv{family}", {"isp1": 2, "isp2": 1} if failover else {"isp1": 1, "isp2": 1},
                               {"::/0" if ipv6 else "0.0.0.0/0": None}, failover=failover))
         self.bird = Bird(lab, README_CONFIG.format(log=lab.path("bird.log")))
-        self.lb = lab.start_lb(configtext.options(*options) + configtext.build(sections, rules))
+        self.lb = lab.start_lb(configtext.options(*options) + configtext.build(sections, rules), out=out)
 
     def wait_route(self, *isps, family=4):
         """Waits until the routing daemon's default route in the kernel leads by exactly these."""
