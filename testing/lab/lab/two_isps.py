@@ -118,9 +118,12 @@ class TwoIsps:
 
     # The router's settings
 
-    def firewall(self, *missing, more=""):
-        """Loads the sample, without the lines that have one of `missing`."""
-        self.lab.nft(without(sample("nftables/two-uplinks.nft"), *missing) + more)
+    def firewall(self, *missing, devices=None, more=""):
+        """Loads the sample, without the lines that have one of `missing`. devices: others in the places of its own."""
+        text = without(sample("nftables/two-uplinks.nft"), *missing)
+        for name, other in (devices or {}).items():
+            text = text.replace(f'"{name}"', f'"{other}"')
+        self.lab.nft(text + more)
 
     def settings(self, *missing):
         """The sample of sysctl settings, without the lines that have one of `missing`."""
@@ -138,14 +141,20 @@ class TwoIsps:
         ways = [f"nexthop via {'fe80::1' if family == 6 else isp.gateway} dev {isp.name}" for isp in isps]
         self.lab.ip(f"-{family} route replace default {' '.join(ways)}")
 
-    def start(self, options=STOCK, failover=False, families=(4,), tests=None, out=None, **keywords):
+    def start(self, options=STOCK, failover=False, families=(4,), tests=None, out=None, config=None, **keywords):
         """Starts bird, then ours; by default as the guide for two ISPs has it, but quicker.
 
-        tests(isp, ipv6): those of its interface. out: the daemon's output directory.
+        tests(isp, ipv6): those of its interface. out: the daemon's output directory. config: all of
+        its configuration.
         """
         lab = self.lab
+        config = config or self._config(options, failover, families, tests, keywords)
         for name in ("usr_etc/routing-wlb.conf", "usr_etc/routing-wlb6.conf"):
             lab.write(name, "")
+        self.bird = Bird(lab, README_CONFIG.format(log=lab.path("bird.log")))
+        self.lb = lab.start_lb(config, out=out)
+
+    def _config(self, options, failover, families, tests, keywords):
         patience = waiting.milliseconds(1000)
         tests = tests or (lambda isp, ipv6: [ping(isp.target6 if ipv6 else isp.target, resp_time=patience)])
         sections, rules = [], []
@@ -157,8 +166,7 @@ class TwoIsps:
                 sections.append(interface(f"isp{isp.number}", tests(isp, ipv6), ipv6=ipv6, **settings))
             rules.append(rule(f"1_ipv{family}", {"isp1": 2, "isp2": 1} if failover else {"isp1": 1, "isp2": 1},
                               {"::/0" if ipv6 else "0.0.0.0/0": None}, failover=failover))
-        self.bird = Bird(lab, README_CONFIG.format(log=lab.path("bird.log")))
-        self.lb = lab.start_lb(configtext.options(*options) + configtext.build(sections, rules), out=out)
+        return configtext.options(*options) + configtext.build(sections, rules)
 
     def wait_route(self, *isps, family=4):
         """Waits until the routing daemon's default route in the kernel leads by exactly these."""
@@ -166,7 +174,7 @@ class TwoIsps:
         waiting.wait_until(
             lambda: kernel_routes.hops_of(self.lab, "bird", family) == expected,
             lambda: f"{expected}, but it is\n{self.lab.ip_text(f'-{family} route')}\n{self.lb.report(family)}"
-                    f"\n{self.lab.log.text()}\n{self.bird.log()}", timeout=60, interval=0.05)
+                    f"\n{self.lab.log.text()}\n{self.bird.log()}", timeout=60, interval=0.2)
 
     # Traffic
 
