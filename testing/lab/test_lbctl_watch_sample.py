@@ -118,6 +118,21 @@ def test_flushes_after_the_routes_have_switched(lab, network):
     assert flow.send() == ("isp2", second.address)
 
 
+def test_does_nothing_while_the_routes_stay(lab, network):
+    """No other uplink is left, or the daemon was started anew."""
+    install(lab, "cp /usr/share/doc/wan-lb/examples/hooks/state-change", "chmod")
+    first, _ = network.isps
+    lab.ip(f"route add default via {first.gateway} dev eth0 proto bird",
+           "route add ::/0 via fe80::1 dev eth0 proto bird")
+    flow = Flow(network)
+    flow.wait(("isp1", first.address))
+    hooks = [run_hook(lab), run_hook(lab, family="6", nexthop="fe80::1")]
+    assert [hook.wait() for hook in hooks] == [0, 0]
+    assert " mark=1 " in lab.run(["conntrack", "-L", "-p", "udp"]).stdout
+    assert "unreachable" not in lab.ip_text("-6 route show table 101")
+    assert mails(lab).count("Subject: ") == 2
+
+
 def test_connections_of_the_other_uplink_stay(lab, network):
     install(lab, "cp /usr/share/doc/wan-lb/examples/hooks/state-change", "chmod")
     network.route(network.isps[1])
