@@ -29,7 +29,7 @@ def network(lab):
 def is_served(network, far, address, port, server, ipv6=False):
     """Whether a caller gets a TCP connection to the address; `server` listens. At an ISP he has an address that both
     have: by the default route his answers would go to the other one."""
-    source = "" if far == "lan" else SERVER6 if ipv6 else SERVER
+    source = "" if far in ("lan", None) else SERVER6 if ipv6 else SERVER
     caller = network.socket(socket.SOCK_STREAM, far, (source, 0), ipv6)
     caller.settimeout(waiting.scaled(0.4))
     try:
@@ -369,6 +369,65 @@ def test_answer_to_a_dhcpv6_client(network, line):
     else:
         with pytest.raises(TimeoutError):
             client.recv(20)
+
+
+@WITH_AND_WITHOUT
+def test_the_router_speaks_with_itself(network, line):
+    network.settings()
+    network.firewall(*[] if line else ['"lo" accept'])
+    server = network.listen(None, ("", 80))
+    if line:
+        wait_served(network, None, "127.0.0.1", 80, server)
+    else:
+        assert not is_served(network, None, "127.0.0.1", 80, server)
+
+
+@WITH_AND_WITHOUT
+def test_what_belongs_to_no_connection_does_not_leave(lab, network, line):
+    """An echo reply that nobody asked for: source NAT passes it over, so it would have the LAN's address."""
+    network.settings()
+    network.firewall(*[] if line else ["ct state invalid drop"])
+    network.route(network.isps[0])
+    sender = lab.closing(lab.enclosure.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP, "lan"))
+    seen = lab.closing(lab.enclosure.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP, "isp1"))
+    seen.setblocking(False)
+
+    def is_seen():
+        sender.sendto(bytes.fromhex("0000fffe00010000"), (SERVER, 0))
+        try:
+            return seen.recvfrom(100)[1][0]
+        except BlockingIOError:
+            return None
+
+    if line:
+        waiting.never(is_seen, 0.4)
+    else:
+        assert waiting.wait_until(is_seen, "the reply") == "192.168.50.2"
+
+
+@pytest.mark.parametrize("case", ["with", "firewall", "setting"])
+def test_router_advertisement(lab, network, case):
+    """The firewall's line, and the setting, without which a router that forwards takes none."""
+    lab.sysctl("net.ipv6.conf.eth0.accept_ra=1")
+    network.settings(*["eth0.accept_ra"] * (case == "setting"))
+    network.firewall()
+    if case == "firewall":
+        lab.nft(sample("nftables/two-uplinks.nft").replace(", nd-router-advert", ""))
+    sender = lab.closing(lab.enclosure.socket(socket.AF_INET6, socket.SOCK_RAW, socket.IPPROTO_ICMPV6, "isp1"))
+    scope = int(lab.ip_text("-o link show f1", "isp1").split(":")[0])
+    sender.bind(("fe80::1", 0, 0, scope))
+    for option in (socket.IPV6_MULTICAST_HOPS, socket.IPV6_UNICAST_HOPS):
+        sender.setsockopt(socket.IPPROTO_IPV6, option, 255)
+
+    def has_gateway():
+        # Type 134 with a lifetime of 1800 seconds (RFC 4861, 4.2).
+        sender.sendto(bytes.fromhex("8600000040000708") + bytes(8), ("ff02::1", 0, 0, scope))
+        return "via fe80::1 dev eth0" in lab.ip_text("-6 route show default proto ra")
+
+    if case == "with":
+        waiting.wait_until(has_gateway, "a gateway")
+    else:
+        waiting.never(has_gateway, 0.4)
 
 
 @WITH_AND_WITHOUT
