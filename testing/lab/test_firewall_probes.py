@@ -147,3 +147,16 @@ def test_flows_through_switches(network):
     first.restore()
     network.wait_route(first)
     assert flow.wait(("isp1", first.address)) <= 2
+
+
+def test_ingress_hook_comes_before_the_wire(lab, network):
+    """The only place of nftables where answers read from the device can be dropped."""
+    network.firewall(more='table netdev hold {\nchain receive {\ntype filter hook ingress device "eth0" priority 0;\n'
+                          "icmp type echo-reply drop\n}\n}\n")
+    network.start((*STOCK, "replies wire"))
+    network.lb.wait_status("isp2", "active")
+    network.lb.wait_report("  -Test:")
+    network.lb.wait_cycles(3)
+    assert network.lb.statuses() == {"isp1": "failed", "isp2": "active"}
+    lab.run(["nft", "delete", "table", "netdev", "hold"])
+    network.lb.wait_status("isp1", "active")

@@ -203,13 +203,13 @@ class Flow:
         self.servers = {isp.far: network.socket(socket.SOCK_DGRAM, isp.far, self.server, ipv6)
                         for isp in network.isps}
 
-    def send(self):
-        """Sends a datagram; returns (ISP that heard it, source address that it saw), or None.
+    def send(self, patience=waiting.PATIENCE):
+        """Sends a datagram; returns (ISP that heard it, source address that it saw), or None when nobody did.
 
-        The server has answered it then, where it can. None is after a moment in which nobody did.
+        The server has answered it then, where it can.
         """
         self.client.sendto(b"x", self.server)
-        ready, _, _ = select.select(list(self.servers.values()), [], [], 0.2)
+        ready, _, _ = select.select(list(self.servers.values()), [], [], waiting.scaled(patience))
         for name, server in self.servers.items():
             if server in ready:
                 _, caller = server.recvfrom(10)
@@ -220,14 +220,14 @@ class Flow:
                 return name, caller[0]
         return None
 
-    def answered(self):
-        """The client has got an answer."""
-        ready, _, _ = select.select([self.client], [], [], 0.2)
+    def answered(self, patience=waiting.PATIENCE):
+        """The client gets an answer."""
+        ready, _, _ = select.select([self.client], [], [], waiting.scaled(patience))
         return bool(ready) and self.client.recv(10) == b"y"
 
     def wait(self, expected, timeout=waiting.PATIENCE):
         """Sends until `expected` (ISP, source) hears it; returns how many were sent."""
         seen = []
-        waiting.wait_until(lambda: seen.append(self.send()) or seen[-1] == expected,
+        waiting.wait_until(lambda: seen.append(self.send(2)) or seen[-1] == expected,
                            lambda: f"{expected}; seen {seen}", timeout=timeout)
         return len(seen)
