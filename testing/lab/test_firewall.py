@@ -5,6 +5,7 @@
     203.0.113.80 isp2 198.51.100.1 ---- eth1 /
 """
 
+import os
 import socket
 
 import pytest
@@ -167,6 +168,19 @@ def test_pulled_cable(lab, network, family, line):
 # Rules and marks
 
 
+def test_guides_firewall_may_be_loaded_again(lab, network):
+    """By the guide's own commands; another table stays as it is."""
+    del network
+    if os.path.lexists(lab.path("etc/nftables.conf")):
+        lab.hide("nftables.conf")
+    lab.nft("table inet another {\n}")
+    carry_out(lab, blocks(3))
+    once = lab.run(["nft", "list", "ruleset"]).stdout
+    carry_out(lab, blocks(3))
+    assert lab.run(["nft", "list", "ruleset"]).stdout == once
+    assert "table inet another" in once and 'iifname "eth0" ct state new' in once
+
+
 @pytest.mark.parametrize("missing,served", [
     ([], True), (["ct mark set 2"], False), (["ct mark != 0 meta mark set ct mark"], False)])
 @pytest.mark.parametrize("ipv6", [False, True], ids=["ipv4", "ipv6"])
@@ -290,7 +304,6 @@ def test_masquerading_when_the_address_goes(lab, network):
 def test_fixed_address_at_a_switch(lab, network):
     """The old address by the new uplink, until it is flushed by the guide's command."""
     flow = flow_by_the_first(network, *NO_PINS)
-    own_directories(lab, "nftables")
     carry_out(lab, blocks(4))
     network.route(network.isps[0])
     fixed = Flow(network)
