@@ -4,7 +4,7 @@
     router wan2 10.2.0.2 -------- f2 far2: responder, no ARP (raw path)
     blue   wan3 10.3.0.2 -------- f3 far3: responder
 
-The daemon is root by its user id alone: its bounding set holds what the README lists.
+The daemon is root by its user id alone: its bounding set holds what docs/running.md lists.
 """
 
 import os

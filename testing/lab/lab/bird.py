@@ -26,7 +26,7 @@ include "/usr/etc/routing-wlb.con[f]";
 include "/usr/etc/routing-wlb6.con[f]";
 """
 
-# What an administrator takes from the README, with {log} for the place of a log. Both files must exist. The kernel
+# What an administrator takes from docs/running.md, with {log} for the place of a log. Both files must exist. The kernel
 # drops routes in silence when an interface loses its last address: only a look at them tells bird, which by itself
 # looks once a minute.
 README_CONFIG = """log "{log}" all;

@@ -1,6 +1,6 @@
 """Commands that start a program with few capabilities."""
 
-# What the daemon needs, see the README.
+# What the daemon needs, see docs/running.md.
 NEEDED = ("net_raw", "net_admin", "sys_admin", "kill")
 NOBODY = 65534
 

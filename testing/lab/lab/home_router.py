@@ -1,4 +1,4 @@
-"""A router at home or in a branch: two providers, bird with the README's lines, and ours.
+"""A router at home or in a branch: two providers, bird with the lines of docs/running.md, and ours.
 
     198.51.100.1, 2001:db8:ff::1 far1 ---- wan1 \\
                                                  router: bird + lb, default routes of both families
