@@ -138,6 +138,35 @@ def test_route_file_on_the_page(lab):
     assert shown in made, made
 
 
+def options_in(text):
+    return set(re.findall(r"(?<![\w-])(--?[a-zA-Z0-9][\w-]*)", text))
+
+
+def test_options_of_lbctl_are_on_its_page(lab):
+    """Those that each subcommand's help names, and no others."""
+    page = pages.text_of("packaging/man/lbctl.1")
+    subcommands = re.findall(r"^  (\w+)  ", ctl(lab, "--help").stdout.split("Subcommands:")[1], re.MULTILINE)
+    assert len(subcommands) == 9
+    for name in subcommands:
+        text = page.split(f".TP\n.B {name} ")[1].split(".TP")[0].split(".SH")[0]
+        # A subcommand's environment variables and traces have no hyphens of their own.
+        shown = options_in("\n".join(plain(re.sub(r"\\f[A-Z]", "", line)) for line in text.splitlines()))
+        known = options_in("\n".join(re.findall(r"^  (-.*?)(?:  |$)", ctl(lab, name, "--help").stdout, re.MULTILINE)))
+        # -o is told once, for all.
+        assert shown - {"-o"} == known - {"-h", "--help", "-o"}, name
+
+
+def test_dump_files_are_told_alike():
+    """The manual page has the offsets of the reference, record by record, and those are the header's."""
+    reference = re.findall(r"^\| (\d+) \| (\S+?)(?: × \d+)? \| `(\w+)` \|", pages.text_of("docs/dump-files.md"),
+                           re.MULTILINE)
+    page = [(at, size, name) for name, at, size in
+            re.findall(r"^\\fI(\w+)\\fP \(offset (\d+), (\d+)", pages.text_of("packaging/man/wlb_dump.5"), re.MULTILINE)]
+    assert page == reference
+    asserted = re.findall(r"offsetof\(\w+, (\w+)\) == (\d+)", pages.text_of("src/output/dump_format.h"))
+    assert asserted and not set(asserted) - {(name, at) for at, _, name in reference}
+
+
 @pytest.mark.parametrize("name, section", PAGES)
 def test_man_takes_the_page(name, section):
     """Not a warning, and something to read."""
