@@ -5,7 +5,6 @@
 
 import json
 import os
-import pathlib
 import re
 import shutil
 import subprocess
@@ -13,7 +12,7 @@ import sys
 
 import pytest
 
-from lab import dumps, pages, waiting
+from lab import dumps, file_events, pages, waiting
 from lab.configtext import build, interface, ping, ping_ext, rule
 from lab.tool import ctl
 
@@ -175,20 +174,6 @@ def swap(out, to):
             file.write(data)
 
 
-def wait_slept(pid):
-    """Waits until the process has gone to sleep some more times: it has looked, and will again. Or it has ended."""
-
-    def sleeps():
-        status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
-        if "State:\tZ" in status:
-            return 1000
-        return -1 if status.startswith("Name:\tsh\n") else int(status.split("\nvoluntary_ctxt_switches:\t")[1].split()[0])
-
-    waiting.wait_until(lambda: sleeps() >= 0, "the reader")
-    before = sleeps()
-    waiting.wait_until(lambda: sleeps() >= before + 2 or sleeps() == 1000, "the reader's pauses")
-
-
 @pytest.mark.parametrize("kind", READERS)
 def test_half_written_file_is_waited_for(tmp_path, compiled, kind):
     """Empty, then a part of a record, then whole; and one that never becomes whole is refused."""
@@ -196,10 +181,12 @@ def test_half_written_file_is_waited_for(tmp_path, compiled, kind):
     path = tmp_path / "wlb_dump" / "wlb_ipv4_outbounds.bin"
     record = b"wan1".ljust(64, b"\0") + b"default".ljust(dumps.OUTBOUND_SIZE - 64, b"\0")
     path.write_bytes(b"")
-    with subprocess.Popen(reader(compiled, kind, str(tmp_path)), text=True, stdout=subprocess.PIPE) as process:
+    with file_events.ReadEvents(path) as events, \
+            subprocess.Popen(reader(compiled, kind, str(tmp_path)), text=True, stdout=subprocess.PIPE) as process:
         for half in (b"", record[:1000]):
             path.write_bytes(half)
-            wait_slept(process.pid)
+            events.wait(0)  # what was read before
+            assert events.wait(waiting.scaled(waiting.PATIENCE))
         path.write_bytes(record + record)
         printed = process.communicate()[0]
     assert printed == 2 * "interface wan1 ipv4 vrf default failed for 0 nexthop -\n"

@@ -84,8 +84,7 @@ def test_the_reader_knows_no_other_keyword():
     words = set(re.findall(r'(?:key|block) == "([^"]+)"', text) + re.findall(r'\{"([^"]+)", TestKeyword', text) +
                 re.findall(r'\{"([^"]+)", "[^"]*", &Options', text))
     written = entries()
-    assert words == {word for section in ("OPTIONS", "HEALTH", "Keywords of an interface", "Keywords of a test", "RULES")
-                     for word in written[section]} - {"rule", "test"}
+    assert words == {word for section in set(CONTEXTS.values()) - {""} for word in written[section]} - {"rule", "test"}
     types = set(re.findall(r'type == "([^"]+)"', pages.text_of("src/tests/probe_factory.cpp")))
     assert f"|{'|'.join(sorted(types))}\n" in pages.text_of(PAGE).replace(".B type ", "|").replace("\\fR|\\fP", "|")
 
@@ -161,7 +160,8 @@ def test_dump_files_are_told_alike():
     reference = re.findall(r"^\| (\d+) \| (\S+?)(?: × \d+)? \| `(\w+)` \|", pages.text_of("docs/dump-files.md"),
                            re.MULTILINE)
     page = [(at, size, name) for name, at, size in
-            re.findall(r"^\\fI(\w+)\\fP \(offset (\d+), (\d+)", pages.text_of("packaging/man/wlb_dump.5"), re.MULTILINE)]
+            re.findall(r"^\\fI(\w+)\\fP \(offset (\d+), (\d+)", pages.text_of("packaging/man/wlb_dump.5"),
+                       re.MULTILINE)]
     assert page == reference
     asserted = re.findall(r"offsetof\(\w+, (\w+)\) == (\d+)", pages.text_of("src/output/dump_format.h"))
     assert asserted and not set(asserted) - {(name, at) for at, _, name in reference}
