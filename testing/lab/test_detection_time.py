@@ -15,7 +15,6 @@ import pytest
 
 from lab import configtext, pages, waiting
 from lab.configtext import interface, ping, ping_ext, rule
-from lab.tool import carry_out, ctl
 
 GUIDE = "docs/guides/thresholds.md"
 CUTS = int(os.environ.get("LB_DETECTION_CUTS", "2"))
@@ -126,21 +125,3 @@ def test_pings(lab):
 def test_bursts(lab, number):
     """Each alone: a burst that waits holds up the others."""
     measure(lab, of_kind("ping_ext")[number:number + 1], CUTS)
-
-
-def test_configuration_and_commands_of_the_guide(lab):
-    """The file is sound, and a trace of the running daemon goes through it."""
-    text = pages.block(GUIDE, "hold-down", "conf")
-    path = lab.write("etc/wan_lb/lb.conf", text)
-    checked = ctl(lab, "check", "--strict", "--offline", path)
-    assert (checked.status, checked.stdout) == (0, ""), checked.stdout
-    link = lab.uplink(1)
-    running = text.replace("192.0.2.1", link.gateway).replace("198.51.100.7", link.gateway)
-    lb = lab.start_lb(running.replace("hold-down 60", "hold-down 0"), out=lab.path("run/load-balance"))
-    lb.wait_status("wan1", "active")
-    lab.write("etc/wan_lb/lb.conf", running)
-    commands = pages.block(GUIDE, "lbctl record", "sh")
-    assert " 86400 " in commands
-    made = carry_out(lab, commands.replace(" 86400 ", " 3 "))
-    assert made.status == 0, made.stdout + made.stderr
-    assert "wan1" in made.stdout and "wan1" in lab.read("run/trace.txt"), made.stdout

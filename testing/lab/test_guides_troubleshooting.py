@@ -143,9 +143,9 @@ def test_held_down(lab, router):
 
 
 def log_of(lab):
-    """The log as a log daemon writes it; the lab has no journal."""
+    """What the log has of wan1, as a log daemon writes it; the lab has no journal."""
     lines = []
-    for record in lab.log.matching("changed state"):
+    for record in lab.log.matching("interface wan1 changed state"):
         when = datetime.datetime.fromtimestamp(time.time() - time.monotonic() + record.when, datetime.timezone.utc)
         lines.append(f"{when.isoformat()} router {record.tag}[{record.pid}]: {record.text}")
     return lab.write("var_log/lb.log", "\n".join(lines) + "\n")
