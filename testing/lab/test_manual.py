@@ -129,12 +129,24 @@ def test_examples_are_sound(lab, number):
     assert not lab.log.matching(".")
 
 
-def test_route_file_on_the_page(lab):
-    path = lab.write("lb.conf", re.sub(r"options \{.*?^\}\n", "", examples()[0], flags=re.DOTALL | re.MULTILINE)
-                     .replace("nexthop kernel", "nexthop 198.51.100.1"))
-    made = ctl(lab, "routes", path, "-4").stdout
-    shown = re.search(r"^\.EX\n(protocol static.*?)^\.EE$", pages.text_of(PAGE), re.MULTILINE | re.DOTALL)[1]
-    assert shown in made, made
+def test_route_files_on_the_page(lab):
+    """As the page's first example makes them, with and without bird2."""
+    text = examples()[0].replace("nexthop kernel", "nexthop 198.51.100.1")
+    plain_text = re.sub(r"options \{.*?^\}\n", "", text, flags=re.DOTALL | re.MULTILINE)
+    shown = re.findall(r"^\.EX\n((?:protocol|route) .*?)^\.EE$", pages.text_of(PAGE).replace("\\[aq]", "'"),
+                       re.MULTILINE | re.DOTALL)
+    assert len(shown) == 2
+    for number, configuration in enumerate((plain_text, text)):
+        made = ctl(lab, "routes", lab.write("lb.conf", configuration), "-4").stdout
+        assert shown[number] in made, made
+
+
+def test_options_of_the_daemon_are_on_its_page(lab):
+    told = lab.run_lb(None, argv=["-h"])
+    assert told.status == 0
+    known = set(re.findall(r"^ +(-\w) ", told.stdout + told.stderr, re.MULTILINE))
+    text = pages.text_of("packaging/man/lb.8").split(".SH OPTIONS")[1].split(".SH")[0]
+    assert set(re.findall(r"^\.BI? \\(-\w)", text, re.MULTILINE)) == known
 
 
 def options_in(text):

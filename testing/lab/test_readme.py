@@ -5,6 +5,7 @@
     198.51.100.8 2001:db8::8 far2 203.0.113.1 fe80::1 ---- eth1 (wan2) /
 """
 
+import os
 import re
 
 import pytest
@@ -58,6 +59,11 @@ def test_links_lead_somewhere(page):
     targets = {target for target in pages.links(page) if target.startswith(in_copies)}
     assert targets
     assert not [target for target in targets if not pages.exists(target)]
+
+
+def test_every_guide_is_in_the_index():
+    guides = {f"docs/guides/{name}" for name in os.listdir(os.path.join(pages.REPOSITORY, "docs/guides"))}
+    assert guides <= pages.links("docs/README.md")
 
 
 def statements(text):
