@@ -52,3 +52,11 @@ def test_nothing_is_wrong_with_the_examples(lab, word, codes):
     path = lab.write("lb.conf", pages.block(CONFIGURATION, word, "conf"))
     found = ctl(lab, "check", "--offline", path).stdout
     assert re.findall(r"\[([\w-]+)\]$", found, re.MULTILINE) == codes, found
+
+
+def test_sample_of_the_package_is_the_references_example():
+    def statements(text):
+        return [line.split("#")[0].split() for line in text.splitlines() if line.split("#")[0].strip()]
+
+    assert statements(pages.text_of("packaging/examples/two-providers.conf")) == \
+        statements(pages.block(CONFIGURATION, "routing-daemon bird2", "conf"))
