@@ -20,6 +20,7 @@ from lab.tool import ctl
 DASHBOARD, ALERTS = "packaging/examples/grafana-dashboard.json", "packaging/examples/alerts.yml"
 ADDED = 'instance="router:9100",job="node"'
 WRITTEN = "wan_lb_last_write_timestamp_seconds"
+TIMER = 15  # seconds from one writing of the metrics to the next
 
 # Minutes of the virtual course: what each stands for. For 5 minutes a series is shown that is no longer there.
 COURSE = [("good", 10), ("wan1 failed", 5), ("all failed", 8), ("good again", 10), ("flapped", 10), ("lossy", 20),
@@ -127,7 +128,7 @@ def value_at(run, series, minute, start=0.0):
         return value
     # The daemon's clock goes with the course, until it has stopped.
     alive = minute if stage != "stopped" else last_minute_of("lossy")
-    return start + alive * 60 - value
+    return start + alive * 60 - TIMER - value
 
 
 def all_series(run):
@@ -187,6 +188,9 @@ def check_alerts(lab, run):
         inputs.append({"series": series, "values": " ".join(texts)})
     tests = [{"eval_time": f"{last_minute_of(stage)}m", "alertname": name, "exp_alerts": stages.get(stage, [])}
              for name, stages in EXPECTED.items() for stage, _ in COURSE]
+    # Just before Prometheus looks again, once a minute, what it has is oldest.
+    tests += [{"eval_time": f"{last_minute_of(stage) * 60 + 45}s", "alertname": "LoadBalancerStale", "exp_alerts": []}
+              for stage, _ in COURSE if stage != "stopped"]
     lab.write("run/alerts.yml", pages.text_of(ALERTS))
     # JSON is YAML.
     lab.write("run/test.yml", json.dumps({"rule_files": ["alerts.yml"], "evaluation_interval": "15s", "tests": [
