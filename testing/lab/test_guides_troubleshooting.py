@@ -77,7 +77,8 @@ def usual(text):
     text = re.sub(r"  - (Nobody on \S+ answers ARP|The kernel has no neighbour entry).*", "  - NO ANSWER", text)
     # Which of the links was up first.
     text = re.sub(r"  - The kernel's route to it goes by .*\n", "", text)
-    return re.sub(r" +$", "", re.sub(r"[ -]{2,}", "  ", text), flags=re.MULTILINE).strip() + "\n"
+    # The guide breaks long lines.
+    return " ".join(re.sub(r"-{2,}", "-", text).split())
 
 
 def hold(lab, title, instead=lambda command: command):
