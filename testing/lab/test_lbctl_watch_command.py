@@ -32,3 +32,28 @@ def test_command_for_each_change(lab):
 def test_without_a_daemon(lab):
     done = tool.ctl(lab, "watch", "-o", "/nowhere")
     assert done.status == 3 and "/nowhere/wlb_dump" in done.stderr
+
+
+def test_restart_is_no_change(lab):
+    """A daemon that was started anew has its links failed at first: nobody is told of that, but of what it finds."""
+    links = {name: lab.uplink(number) for number, name in ((1, "wan1"), (2, "wan2"))}
+    text = configtext.build(
+        [interface(name, [ping(link.gateway, resp_time=900)], failure_ct=2, success_ct=2, nexthop=link.gateway)
+         for name, link in links.items()],
+        [rule("1_ipv4", {"wan1": 1, "wan2": 1}, {"0.0.0.0/0": None})])
+    lb = lab.start_lb(text)
+    for name in links:
+        lb.wait_status(name, "active")
+    watch = lab.enclosure.spawn([tool.program(), "watch", "-o", lb.out, "--exec",
+                                 f"echo $WAN_LB_INTERFACE $WAN_LB_STATE >>{lab.path('run/seen')}"])
+    lb.wait_cycles(2)
+    lb.stop()
+    links["wan2"].cut()
+    lb = lab.start_lb(text, out=lb.out)
+    lb.wait_status("wan1", "active")
+    lab.wait_text("run/seen", "wan2 failed\n")
+    links["wan2"].restore()
+    lab.wait_text("run/seen", "wan2 failed\nwan2 active\n")
+    watch.signal(signal.SIGTERM)
+    waiting.wait_until(lambda: watch.status is not None, "lbctl watch to end")
+    assert [line.split()[1:] for line in watch.stdout.splitlines()] == [["wan2", "FAILED"], ["wan2", "ACTIVE"]]

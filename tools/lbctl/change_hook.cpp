@@ -48,6 +48,14 @@ std::vector<char*> environment_with(std::vector<std::string>& added) {
   return environment;
 }
 
+// Whether it is failed because nothing is known of it yet.
+bool is_unsettled(const InterfaceDump& interface) {
+  return !interface.active && interface.change_age == 0 &&
+         std::none_of(
+             interface.tests.begin(), interface.tests.end(),
+             [&](const TestDump& test) { return test.failure_count >= interface.failure_ct; });
+}
+
 }  // namespace
 
 std::vector<std::string> environment_of(const InterfaceChange& change) {
@@ -63,15 +71,20 @@ std::vector<InterfaceChange> ChangeFinder::take(const std::vector<InterfaceDump>
                                                 bool ipv6, std::time_t now) {
   std::vector<InterfaceChange> changes;
   std::vector<InterfaceDump>& before = before_[ipv6 ? 1 : 0];
-  for (const InterfaceDump& interface : interfaces) {
+  std::vector<InterfaceDump> known_now = interfaces;
+  for (InterfaceDump& interface : known_now) {
     const auto known = std::find_if(
         before.begin(), before.end(),
         [&](const InterfaceDump& candidate) { return candidate.name == interface.name; });
     if (known == before.end() || known->active == interface.active) continue;
+    if (is_unsettled(interface)) {
+      interface.active = true;
+      continue;
+    }
     changes.push_back({interface.name, ipv6, interface.vrf, interface.active, interface.nexthop,
                        now - interface.change_age});
   }
-  before = interfaces;
+  before = std::move(known_now);
   return changes;
 }
 

@@ -27,7 +27,8 @@ struct InterfaceChange {
 std::vector<std::string> environment_of(const InterfaceChange& change);
 
 // Finds the changes between one dump of a family and the next. What is there at first, or new
-// later, has not changed.
+// later, has not changed. A daemon that was started anew has every interface failed until its tests
+// have settled: it keeps the state that it had until then.
 class ChangeFinder {
  public:
   std::vector<InterfaceChange> take(const std::vector<InterfaceDump>& interfaces, bool ipv6,

@@ -64,6 +64,31 @@ TEST(ChangeFinder, FamiliesAndNewInterfacesAreApart) {
   EXPECT_TRUE(finder.take({interface("wan1", true), interface("wan3", false)}, false, 101).empty());
 }
 
+TEST(ChangeFinder, RestartOfTheDaemonIsNoChange) {
+  ChangeFinder finder;
+  InterfaceDump fresh = interface("wan1", false);
+  fresh.failure_ct = 2;
+  fresh.tests.resize(1);
+  finder.take({interface("wan1", true, 90)}, false, 100);
+  EXPECT_TRUE(finder.take({fresh}, false, 101).empty());
+  fresh.tests[0].failure_count = 1;
+  EXPECT_TRUE(finder.take({fresh}, false, 102).empty());
+  EXPECT_TRUE(finder.take({interface("wan1", true)}, false, 103).empty()) << "as it was";
+  EXPECT_TRUE(finder.take({fresh}, false, 104).empty());
+  fresh.tests[0].failure_count = 2;
+  EXPECT_EQ(finder.take({fresh}, false, 105).size(), 1U) << "settled";
+  EXPECT_TRUE(finder.take({fresh}, false, 106).empty());
+}
+
+TEST(ChangeFinder, FailureWhoseCountIsGoneAgainIsTold) {
+  ChangeFinder finder;
+  finder.take({interface("wan1", true, 90)}, false, 100);
+  InterfaceDump failed = interface("wan1", false, 1);
+  failed.failure_ct = 2;
+  failed.tests.resize(1);
+  EXPECT_EQ(finder.take({failed}, false, 101).size(), 1U);
+}
+
 class ChangeHookRun : public testing::Test {
  protected:
   void TearDown() override { unlink(path_.c_str()); }
