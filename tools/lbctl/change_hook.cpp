@@ -50,10 +50,15 @@ std::vector<char*> environment_with(std::vector<std::string>& added) {
 
 // Whether it is failed because nothing is known of it yet.
 bool is_unsettled(const InterfaceDump& interface) {
-  return !interface.active && interface.change_age == 0 &&
-         std::none_of(
-             interface.tests.begin(), interface.tests.end(),
-             [&](const TestDump& test) { return test.failure_count >= interface.failure_ct; });
+  const auto has_failed = [&](const TestDump& test) {
+    return test.failure_count >= interface.failure_ct;
+  };
+  const auto has_succeeded = [&](const TestDump& test) {
+    return test.success_count >= interface.success_ct;  // and is held down
+  };
+  const auto& tests = interface.tests;
+  return !interface.active && std::none_of(tests.begin(), tests.end(), has_failed) &&
+         !std::all_of(tests.begin(), tests.end(), has_succeeded);
 }
 
 }  // namespace

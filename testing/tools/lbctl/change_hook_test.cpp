@@ -67,7 +67,7 @@ TEST(ChangeFinder, FamiliesAndNewInterfacesAreApart) {
 TEST(ChangeFinder, RestartOfTheDaemonIsNoChange) {
   ChangeFinder finder;
   InterfaceDump fresh = interface("wan1", false);
-  fresh.failure_ct = 2;
+  fresh.failure_ct = fresh.success_ct = 2;
   fresh.tests.resize(1);
   finder.take({interface("wan1", true, 90)}, false, 100);
   EXPECT_TRUE(finder.take({fresh}, false, 101).empty());
@@ -80,13 +80,14 @@ TEST(ChangeFinder, RestartOfTheDaemonIsNoChange) {
   EXPECT_TRUE(finder.take({fresh}, false, 106).empty());
 }
 
-TEST(ChangeFinder, FailureWhoseCountIsGoneAgainIsTold) {
+TEST(ChangeFinder, LinkThatIsHeldDownHasFailed) {
   ChangeFinder finder;
   finder.take({interface("wan1", true, 90)}, false, 100);
-  InterfaceDump failed = interface("wan1", false, 1);
-  failed.failure_ct = 2;
-  failed.tests.resize(1);
-  EXPECT_EQ(finder.take({failed}, false, 101).size(), 1U);
+  InterfaceDump held = interface("wan1", false, 1);
+  held.failure_ct = held.success_ct = 2;
+  held.tests.resize(1);
+  held.tests[0].success_count = 2;
+  EXPECT_EQ(finder.take({held}, false, 101).size(), 1U);
 }
 
 class ChangeHookRun : public testing::Test {
