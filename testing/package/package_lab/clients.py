@@ -52,6 +52,9 @@ class Provider:
         self._network = {1: "192.0.2", 2: "198.51.100"}[number]
         self._directory = tempfile.TemporaryDirectory(prefix="wan-lb-provider-")
         self._isp = machine.isp(device, f"203.0.113.{number}/32", f"2001:db8:ff::{number}/128")
+        # It is a router: hosts forget the default routes by one whose neighbour advertisements say otherwise (RFC 4861,
+        # 7.2.5).
+        self._isp.run("sysctl", "-qw", "net.ipv6.conf.all.forwarding=1")
         # Its link-local address is fe80::1 and no other.
         self._isp.run("ip", "link", "set", "customer", "addrgenmode", "none")
         self._isp.run("ip", "-6", "address", "flush", "dev", "customer")
