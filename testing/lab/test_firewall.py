@@ -541,4 +541,11 @@ def test_hosts_are_told_of_a_dead_prefix(lab, network):
     called(network.isps[1].prefix + "2")
     network.isps[0].restore()
     carry_out(lab, [back])
-    called(network.isps[0].prefix + "2")
+
+    def is_reached():
+        try:
+            called(network.isps[0].prefix + "2")
+        except OSError:  # the router has not found the gateway again
+            return False
+        return True
+    waiting.wait_until(is_reached, "the server by the uplink that is back")
