@@ -119,7 +119,7 @@ def test_flushes_after_the_routes_have_switched(lab, network):
 
 
 def test_does_nothing_while_the_routes_stay(lab, network):
-    """No other uplink is left, or the daemon was started anew."""
+    """No other uplink is left."""
     install(lab, "cp /usr/share/doc/wan-lb/examples/hooks/state-change", "chmod")
     first, _ = network.isps
     lab.ip(f"route add default via {first.gateway} dev eth0 proto bird",
