@@ -16,7 +16,8 @@ from lab.documented_router import cut, far_end, start_bird, wait_routes
 
 README, CONFIGURATION, RUNNING = "README.md", "docs/configuration.md", "docs/running.md"
 # These need nothing but the repository's own pages, which are all there in a copy for another user, too.
-LINKING = [README, "docs/README.md", CONFIGURATION, RUNNING, "docs/build.md", "docs/probing.md"]
+GUIDES = sorted(f"docs/guides/{name}" for name in os.listdir(os.path.join(pages.REPOSITORY, "docs/guides")))
+LINKING = [README, "docs/README.md", CONFIGURATION, RUNNING, "docs/build.md", "docs/probing.md", *GUIDES]
 
 
 def test_two_providers_as_the_reference_has_them(lab):
@@ -62,8 +63,7 @@ def test_links_lead_somewhere(page):
 
 
 def test_every_guide_is_in_the_index():
-    guides = {f"docs/guides/{name}" for name in os.listdir(os.path.join(pages.REPOSITORY, "docs/guides"))}
-    assert guides <= pages.links("docs/README.md")
+    assert set(GUIDES) <= pages.links("docs/README.md")
 
 
 def statements(text):
