@@ -91,29 +91,14 @@ def _check_life(machine, isps):
     _wait_hops(machine, _FIRST6, _SECOND6, family=6)
 
 
-def _watch_routes(machine):
-    """From now on _seen tells every change of a route."""
-    machine.run("sh", "-c", "exec ip -o monitor route >/run/routes.seen 2>&1 &")
-
-    def sees():
-        machine.run("ip", "route", "replace", "blackhole", "240.0.0.1/32")
-        return "240.0.0.1" in machine.read("/run/routes.seen")
-
-    wait_until(sees, "the monitor to see a change")
-
-
-def _seen(machine):
-    return machine.read("/run/routes.seen").splitlines()
-
-
 def _check_left_alone(machine, *command):
     """The command sets eth0 up anew, and removes no route of BIRD's."""
-    _watch_routes(machine)
+    machine.watch_routes()
     machine.run(*command)
     # Its own default routes go and come.
-    wait_until(lambda: _gone_and_back(_seen(machine)) and "eth0" in _advertised(machine),
-               lambda: "\n".join(["the client's routes in", *_seen(machine), str(_routes(machine, 6))]))
-    seen = _seen(machine)
+    wait_until(lambda: _gone_and_back(machine.changed_routes()) and "eth0" in _advertised(machine),
+               lambda: "\n".join(["the client's routes in", *machine.changed_routes(), str(_routes(machine, 6))]))
+    seen = machine.changed_routes()
     assert not [line for line in seen if line.startswith("Deleted") and "proto bird" in line], seen
 
 
@@ -236,14 +221,14 @@ def test_ipv6_dynamic(dynamic, machine, isps, tmp_path):
                 "priority 0; ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:1::/64 counter name old; "
                 "ip6 daddr 2001:db8:ff::1 ip6 saddr 2001:db8:11::/64 counter name new; }; }")
     before = _states(machine)
-    _watch_routes(machine)
+    machine.watch_routes()
     wait_until(lambda: _probes_from(isps[0], "old", tmp_path) >= 2, "probes from the old prefix")
     isps[0].serve(1, "2001:db8:11::", "dhcp-range=2001:db8:1::,ra-only,64,deprecated")
     dynamic.wait_address("eth0", "2001:db8:11:")
     isps[0].run("nft", "insert rule ip6 seen receive ip6 saddr 2001:db8:1::/64 ip6 daddr 2001:db8:ff::/48 drop")
     wait_until(lambda: _probes_from(isps[0], "new", tmp_path) >= 8, "probes from the new prefix")
     assert _states(machine) == before and _hops(machine, 6) == [_FIRST6]
-    seen = [line for line in _seen(machine) if "proto bird" in line]
+    seen = [line for line in machine.changed_routes() if "proto bird" in line]
     # BIRD puts its route in its own place at each scan; nothing else is to be seen.
     assert all(line.startswith("default via fe80::1 dev eth0") for line in seen), seen
 

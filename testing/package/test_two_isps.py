@@ -77,12 +77,13 @@ def test_reload_starts_anew_and_changes_no_route(router):
     """Every change of the kernel's routes from before the reload until well after it would be seen."""
     before = _pid(router)
     routes = {family: router.run(*_DEFAULTS[family]).stdout for family in _DEFAULTS}
-    router.run("sh", "-c", "ip monitor route >/run/routes.seen 2>&1 &")
+    router.watch_routes()
     router.run("systemctl", "reload", "wan-lb")
     wait_until(lambda: _pid(router) not in (before, "0"), "another process of the daemon")
+    router.wait_found_active(4)
     _wait_status(router, 0)
     # BIRD puts an IPv6 route with "onlink" in its own place at each scan; nothing else is to be seen.
-    seen = {" ".join(line.split()) for line in router.read("/run/routes.seen").splitlines()}
+    seen = {" ".join(line.split()) for line in router.changed_routes()}
     assert seen <= {" ".join(routes[6].split())}, router.journal()
     assert routes == {family: router.run(*_DEFAULTS[family]).stdout for family in _DEFAULTS}
     assert "Failed" not in router.journal()

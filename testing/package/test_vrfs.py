@@ -105,11 +105,12 @@ def _restart_changes_no_route(router):
     router.run("sed", "-i", "0,/interface blue2 {/s//&\\n        success-ct 6/", "/etc/wan_lb/lb.conf")
     routes = {key: _default_route(router, *key) for key in _BOTH_UP}
     for vrf in ("blue", "red"):
-        router.run("sh", "-c", f"ip -n {vrf} monitor route >/run/routes.{vrf} 2>&1 &")
+        router.watch_routes(vrf)
     router.run("systemctl", "restart", "wan-lb")
+    router.wait_found_active(8)
     _all_is_well(router)
     assert routes == {key: _default_route(router, *key) for key in _BOTH_UP}
     for vrf in ("blue", "red"):
-        seen = {" ".join(line.split()) for line in router.read(f"/run/routes.{vrf}").splitlines()}
+        seen = {" ".join(line.split()) for line in router.changed_routes(vrf)}
         # BIRD puts an IPv6 route with "onlink" in its own place at each scan; nothing else is to be seen.
         assert seen <= {" ".join(routes[vrf, 6].split())}, f"{seen}\n{router.journal()}"

@@ -36,6 +36,7 @@ exec env -i container=lab PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c \
 """
 
 _PATIENCE = 60
+_OF_THE_MONITOR = "240.0.0.1"  # a change that is made until it is seen
 
 
 def wait_until(condition, what, timeout=_PATIENCE):
@@ -147,6 +148,35 @@ class Machine:
 
     def read(self, path):
         return self.run("cat", path).stdout
+
+    def wait_found_active(self, links):
+        """The daemon that runs now has found so many links active. Its files do not say that: until it has written them
+        they are those of the one before."""
+        def found():
+            pid = self.run("systemctl", "show", "-P", "MainPID", "wan-lb").stdout.strip()
+            told = self.run("journalctl", "-q", "--no-pager", "-o", "cat", f"_PID={pid}", check=False).stdout
+            return told.count("changed state to active") == links
+
+        wait_until(found, self.journal)
+
+    def watch_routes(self, vrf=None):
+        """From now on changed_routes tells every change of a route, in the VRF if one is named."""
+        ip = ["ip", *(["-n", vrf] if vrf else [])]
+        self.run("sh", "-c", f"exec {' '.join(ip)} -o monitor route >{self._changes(vrf)} 2>&1 &")
+
+        def sees():
+            self.run(*ip, "route", "replace", "blackhole", _OF_THE_MONITOR)
+            return _OF_THE_MONITOR in self.read(self._changes(vrf))
+
+        wait_until(sees, "the monitor to see a change")
+
+    def changed_routes(self, vrf=None):
+        """A line each."""
+        return [line for line in self.read(self._changes(vrf)).splitlines() if _OF_THE_MONITOR not in line]
+
+    @staticmethod
+    def _changes(vrf):
+        return f"/run/routes.{vrf or 'default'}"
 
     def isp(self, device, *addresses):
         isp = Isp(self, device, addresses)
