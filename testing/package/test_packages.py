@@ -1,5 +1,6 @@
 """The packages in a root tree without a service manager: what they install, and what they leave behind."""
 
+import glob
 import os
 import re
 import subprocess
@@ -22,8 +23,16 @@ def test_version_is_one(tree, packages):
     assert trees.run(tree, "dpkg-query", "-W", "-f", "${Version}", "wan-lb").stdout == _version()
     for name, path in packages.items():
         assert f"_{_version()}_" in path, name
-    with open(os.path.join(_SOURCES, "packaging", "man", "lb.8"), encoding="utf-8") as page:
-        assert f'"wan-lb {_version()}"' in page.readline()
+    pages = glob.glob(os.path.join(_SOURCES, "packaging", "man", "*"))
+    assert len(pages) == 4
+    for path in pages:
+        with open(path, encoding="utf-8") as page:
+            assert f'"wan-lb {_version()}"' in page.readline(), path
+    told = set()
+    for path in [os.path.join(_SOURCES, "README.md"), *glob.glob(os.path.join(_SOURCES, "docs", "guides", "*.md"))]:
+        with open(path, encoding="utf-8") as page:
+            told |= set(re.findall(r"wan-lb_([\d.]+)_", page.read()))
+    assert told == {_version()}
 
 
 def test_sample_is_read_and_clean(tree):
@@ -73,8 +82,10 @@ def _use_vrf_samples(tree):
 
 
 def test_units_are_sound(tree):
-    """Ours and BIRD's with our drop-in, then the samples for VRFs too; their manual pages are looked for as well."""
-    units = ["wan-lb.service", "wan-lb-metrics.service", "wan-lb-metrics.timer", "bird.service"]
+    """Ours, BIRD's with our drop-in, and the sample hook's, then the samples for VRFs too; their manual pages are looked
+    for as well."""
+    trees.run(tree, "cp", f"{_EXAMPLES}/hooks/wan-lb-watch.service", "/etc/systemd/system/")
+    units = ["wan-lb.service", "wan-lb-metrics.service", "wan-lb-metrics.timer", "bird.service", "wan-lb-watch.service"]
     for more in ([], ["vrf@blue.service", "bird-vrf@blue.service"]):
         if more:
             _use_vrf_samples(tree)
