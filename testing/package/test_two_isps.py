@@ -112,3 +112,33 @@ def test_configuration_with_errors_is_not_started(machine):
     machine.write("/etc/wan_lb/lb.conf", "health {\n")
     assert machine.run("systemctl", "start", "wan-lb", check=False).returncode != 0
     assert "unbalanced" in machine.journal() or "brackets" in machine.journal(), machine.journal()
+
+
+def test_sample_hook_as_a_service(router, isps):
+    """As the guide has it installed: it tells of a dead uplink, and not of a daemon that is started anew."""
+    step, = [step for step in guide.steps("beside-the-kernel.md") if "hooks/state-change" in step[2]]
+    guide.carry_out(router, [step])
+    started = router.run("systemctl", "show", "-P", "MainPID", "wan-lb-watch").stdout
+
+    def told():
+        """By its tag: of who ended at once the journal may not know the unit."""
+        lines = router.run("journalctl", "-q", "--no-pager", "-o", "cat", "-t", "wan-lb").stdout.splitlines()
+        return sorted(line.split(" since ")[0] for line in lines)
+
+    def wait_told(*more):
+        expected.extend(f"{name} (IPv{family}, VRF default) is {state}" for name, state in more for family in (4, 6))
+        wait_until(lambda: told() == sorted(expected),
+                   lambda: f"{expected}, but it told\n{told()}\n{router.journal('wan-lb-watch')}")
+
+    expected = []
+    isps[0].answers(False)
+    wait_told(("isp1", "failed"))
+    isps[0].answers(True)
+    wait_told(("isp1", "active"))
+    before = _pid(router)
+    router.run("systemctl", "reload", "wan-lb")
+    wait_until(lambda: _pid(router) not in (before, "0"), "another process of the daemon")
+    router.wait_found_active(4)
+    isps[1].answers(False)
+    wait_told(("isp2", "failed"))
+    assert router.run("systemctl", "show", "-P", "MainPID", "wan-lb-watch").stdout == started
