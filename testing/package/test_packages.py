@@ -82,8 +82,8 @@ def _use_vrf_samples(tree):
 
 
 def test_units_are_sound(tree):
-    """Ours, BIRD's with our drop-in, and the sample hook's, then the samples for VRFs too; their manual pages are looked
-    for as well."""
+    """Ours, BIRD's with our drop-in, and the sample hook's, then the samples for VRFs too; their manual pages are
+    looked for as well."""
     trees.run(tree, "cp", f"{_EXAMPLES}/hooks/wan-lb-watch.service", "/etc/systemd/system/")
     units = ["wan-lb.service", "wan-lb-metrics.service", "wan-lb-metrics.timer", "bird.service", "wan-lb-watch.service"]
     for more in ([], ["vrf@blue.service", "bird-vrf@blue.service"]):
