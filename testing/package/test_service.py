@@ -146,10 +146,12 @@ def test_many_reloads_and_few_crashes(router):
 def test_metrics_for_the_node_exporter(router):
     router.run("mkdir", "-p", "/var/lib/prometheus/node-exporter")
     router.run("systemctl", "start", "wan-lb-metrics.timer")
-    router.run("systemctl", "start", "wan-lb-metrics.service")
-    text = router.read("/var/lib/prometheus/node-exporter/wan_lb.prom")
+    path = "/var/lib/prometheus/node-exporter/wan_lb.prom"
+    wait_until(lambda: router.run("test", "-e", path, check=False).returncode == 0,
+               lambda: f"the timer's file\n{router.journal('wan-lb-metrics')}")
+    text = router.read(path)
     assert 'wan_lb_interface_active{interface="isp1"' in text, text
-    assert router.run("stat", "-c", "%a", "/var/lib/prometheus/node-exporter/wan_lb.prom").stdout == "644\n"
+    assert router.run("stat", "-c", "%a", path).stdout == "644\n"
     assert _state(router, "wan-lb-metrics.timer") == "active"
 
 
