@@ -8,8 +8,7 @@
 import json
 import os
 
-import test_readme
-from lab import configtext
+from lab import configtext, pages
 from lab.configtext import interface, ping, rule
 from lab.tool import ctl, document
 from lab.two_uplinks import TwoUplinks
@@ -111,7 +110,7 @@ def test_document_and_exit_statuses(lab):
 
 
 def test_the_readmes_example_is_clean(lab):
-    path = lab.write("lb.conf", test_readme.block_with("routing-daemon bird2"))
+    path = lab.write("lb.conf", pages.block("README.md", "routing-daemon bird2", "conf"))
     checked = ctl(lab, "check", "--offline", path)
     assert (checked.status, checked.stdout, checked.stderr) == (0, "", "")
 

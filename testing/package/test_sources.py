@@ -43,7 +43,9 @@ def test_files_of_the_package(packages):
     units = "lib/systemd/system"
     samples = {os.path.join(_EXAMPLES, os.path.relpath(os.path.join(top, name), _source("packaging/examples")))
                for top, _, names in os.walk(_source("packaging/examples")) for name in names}
-    assert set(found) == samples | _manual_pages("lb.8", "lb.conf.5", "lbctl.1") | {
+    pages = {os.path.join("usr/share/doc/wan-lb", os.path.relpath(os.path.join(top, name), _source("docs")))
+             for top, _, names in os.walk(_source("docs")) for name in names}
+    assert set(found) == samples | pages | _manual_pages("lb.8", "lb.conf.5", "lbctl.1", "wlb_dump.5") | {
         "etc/wan_lb/lb.conf", "usr/sbin/lb", "usr/bin/lbctl", "usr/lib/tmpfiles.d/wan-lb.conf",
         "usr/share/bash-completion/completions/lbctl",
         f"{units}/wan-lb.service", f"{units}/wan-lb-metrics.service", f"{units}/wan-lb-metrics.timer",
@@ -56,7 +58,7 @@ def test_files_of_the_package(packages):
 
 
 def test_files_of_the_development_package(packages):
-    assert set(_listed(packages["wan-lb-dev"])) == _manual_pages("wlb_dump.5") | {
+    assert set(_listed(packages["wan-lb-dev"])) == {
         "usr/include/wan-lb/dump_format.h", "usr/share/pkgconfig/wan-lb.pc",
         "usr/share/doc/wan-lb-dev/changelog.gz", "usr/share/doc/wan-lb-dev/copyright"}
 
