@@ -10,10 +10,12 @@ Behind both ISPs is everybody's 203.0.113.80 and 2001:db8:ff::80. Each ISP knows
 reaches it from the other's is not answered.
 """
 
+import itertools
 import os
 import re
 import select
 import socket
+import time
 
 from . import configtext, kernel_routes, waiting
 from .bird import README_CONFIG, Bird
@@ -22,6 +24,8 @@ from .configtext import interface, ping, rule
 _REPOSITORY = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
 EXAMPLES = os.path.join(_REPOSITORY, "packaging", "examples")
 _INSTALLED_EXAMPLES = "/usr/share/doc/wan-lb/examples"
+
+_NUMBERS = itertools.count()
 
 SERVER, SERVER6 = "203.0.113.80", "2001:db8:ff::80"
 STOCK = ("routing-daemon bird2", "discovery linux", "keep-last-routes")
@@ -200,6 +204,7 @@ class Flow:
         self.server = (SERVER6 if ipv6 else SERVER, 7)
         self.client = network.socket(socket.SOCK_DGRAM, "lan", (source, 0), ipv6)
         self.client.setblocking(False)
+        self.sent = b""
         self.servers = {isp.far: network.socket(socket.SOCK_DGRAM, isp.far, self.server, ipv6)
                         for isp in network.isps}
 
@@ -208,22 +213,31 @@ class Flow:
 
         The server has answered it then, where it can.
         """
-        self.client.sendto(b"x", self.server)
-        ready, _, _ = select.select(list(self.servers.values()), [], [], waiting.scaled(patience))
-        for name, server in self.servers.items():
-            if server in ready:
-                _, caller = server.recvfrom(10)
+        # Its number tells it from an earlier one that nobody waits for any more.
+        self.sent = str(next(_NUMBERS)).encode()
+        self.client.sendto(self.sent, self.server)
+        deadline = time.monotonic() + waiting.scaled(patience)
+        while ready := select.select(list(self.servers.values()), [], [], max(0, deadline - time.monotonic()))[0]:
+            for name, server in self.servers.items():
+                if server not in ready:
+                    continue
+                heard, caller = server.recvfrom(10)
+                if heard != self.sent:
+                    continue
                 try:
-                    server.sendto(b"y", caller)
+                    server.sendto(heard, caller)
                 except OSError:  # nothing leads from here to such an address
                     pass
                 return name, caller[0]
         return None
 
     def answered(self, patience=waiting.PATIENCE):
-        """The client gets an answer."""
-        ready, _, _ = select.select([self.client], [], [], waiting.scaled(patience))
-        return bool(ready) and self.client.recv(10) == b"y"
+        """The client gets the answer to what it sent last."""
+        deadline = time.monotonic() + waiting.scaled(patience)
+        while select.select([self.client], [], [], max(0, deadline - time.monotonic()))[0]:
+            if self.client.recv(10) == self.sent:
+                return True
+        return False
 
     def wait(self, expected, timeout=waiting.PATIENCE):
         """Sends until `expected` (ISP, source) hears it; returns how many were sent."""
