@@ -4,9 +4,7 @@
 # namespace meets those of its neighbours, and two classes of one name, which a linker would not see, are an error.
 function(lb_bundle library)
   if(LB_BUNDLE)
-    set_target_properties(${library} PROPERTIES
-      UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${LB_BUNDLE}
-      UNITY_BUILD_CODE_BEFORE_INCLUDE "// NOLINTNEXTLINE(bugprone-suspicious-include)")
+    set_target_properties(${library} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE ${LB_BUNDLE})
   endif()
 endfunction()
 
