@@ -272,16 +272,20 @@ NO_PINS = ["oifname $wan1 ct state new", "oifname $wan2 ct state new"]
 FIRST, SECOND = ("isp1", "192.0.2.10"), ("isp2", "198.51.100.10")
 
 
-def flow_by_the_first(network, *missing):
-    """A flow that an ISP has answered, and then the routes switch."""
+def answered_flow(network, isp, expected, *missing):
+    """A flow that the ISP has answered, before the routes switch."""
     network.settings()
     network.firewall(*missing)
     network.rules()
-    network.route(network.isps[0])
+    network.route(isp)
     flow = Flow(network)
-    flow.wait(FIRST)
+    flow.wait(expected)
     assert flow.answered()
     return flow
+
+
+def flow_by_the_first(network, *missing):
+    return answered_flow(network, network.isps[0], FIRST, *missing)
 
 
 def test_masquerading_at_a_switch(network):
@@ -336,13 +340,7 @@ def test_connection_stays_until_it_is_flushed(lab, network, flush):
 @pytest.mark.parametrize("missing", [[], NO_PINS], ids=["with", "without"])
 def test_connections_stay_when_an_uplink_comes_back(network, missing):
     """Of twenty flows by the second uplink, none is moved; without the marks half of them are."""
-    network.settings()
-    network.firewall(*missing)
-    network.rules()
-    network.route(network.isps[1])
-    flow = Flow(network)
-    flow.wait(SECOND)
-    assert flow.answered()
+    flow = answered_flow(network, network.isps[1], SECOND, *missing)
     clients = [flow.client, *[network.socket(socket.SOCK_DGRAM, "lan") for _ in range(19)]]
     heard = []
     for client in clients:

@@ -10,7 +10,7 @@ import re
 import pytest
 
 from lab import pages, waiting
-from lab.documented_router import cut, far_end, start_bird, wait_routes
+from lab.documented_router import far_end, start_bird, wait_routes
 from lab.tool import ctl
 
 README, CONFIGURATION = "README.md", "docs/configuration.md"
@@ -34,7 +34,7 @@ def test_picture_of_the_readme(lab):
     # The default time for an answer is long.
     lb = lab.start_lb(text.replace("type ping\n", "type ping\n            resp-time 500\n"))
     wait_routes(lab, 4, {("192.0.2.1", "eth0"), ("198.51.100.1", "eth1")})
-    cut(lab, far1)
+    lab.cut(far1)
     wait_routes(lab, 4, {("198.51.100.1", "eth1")})
     picture = pages.block(README, "$ lbctl status").replace("$ lbctl status -4\n", "")
     last = [""]

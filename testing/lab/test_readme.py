@@ -12,7 +12,7 @@ import pytest
 
 from lab import pages
 from lab.bird import README_CONFIG
-from lab.documented_router import cut, far_end, start_bird, wait_routes
+from lab.documented_router import far_end, start_bird, wait_routes
 
 README, CONFIGURATION, RUNNING = "README.md", "docs/configuration.md", "docs/running.md"
 # These need nothing but the repository's own pages, which are all there in a copy for another user, too.
@@ -34,11 +34,11 @@ def test_two_providers_as_the_reference_has_them(lab):
     wait_routes(lab, 4, both)
     wait_routes(lab, 6, {("fe80::1", "eth0")})
 
-    cut(lab, far1)
+    lab.cut(far1)
     wait_routes(lab, 4, {("203.0.113.1", "eth1")})
     wait_routes(lab, 6, {("fe80::1", "eth1")})
 
-    lab.run(["nft", "delete", "table", "inet", "cut"], netns=far1)
+    lab.restore(far1)
     wait_routes(lab, 4, both)
     wait_routes(lab, 6, {("fe80::1", "eth0")})
 

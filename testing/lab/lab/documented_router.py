@@ -25,10 +25,6 @@ def start_bird(lab):
     Bird(lab, pages.block(RUNNING, "protocol kernel", "conf"))
 
 
-def cut(lab, far):
-    lab.nft("table inet cut {\nchain receive {\ntype filter hook prerouting priority -300;\ndrop\n}\n}", netns=far)
-
-
 def default_routes(lab, family):
     """{(next hop, device)} of the kernel's default route that the routing daemon has put there."""
     text = lab.ip_text(f"-{family} route show default proto bird")

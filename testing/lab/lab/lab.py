@@ -112,6 +112,13 @@ class Lab:
         """Loads nftables rules."""
         self.run(["nft", "-f", "-"], netns, stdin_text=text + "\n")
 
+    def cut(self, far):
+        """That namespace goes silent for all that comes in; its links stay up, so that only probing finds out."""
+        self.nft("table inet cut {\nchain receive {\ntype filter hook prerouting priority -300;\ndrop\n}\n}", netns=far)
+
+    def restore(self, far):
+        self.run(["nft", "delete", "table", "inet", "cut"], netns=far)
+
     def drop_invalid(self, netns=None):
         """A firewall on the way in that drops what the connection tracker does not know, and counts it."""
         self.nft("table inet firewall {\nchain input {\ntype filter hook input priority 0;\n"

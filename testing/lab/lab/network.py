@@ -31,14 +31,13 @@ class Uplink:
         if self.responder:
             self.responder.silent = True
         else:
-            self.lab.nft("table inet cut {\nchain receive {\ntype filter hook prerouting priority -300;\n"
-                         "drop\n}\n}", netns=self.far)
+            self.lab.cut(self.far)
 
     def restore(self):
         if self.responder:
             self.responder.silent = False
         else:
-            self.lab.run(["nft", "delete", "table", "inet", "cut"], netns=self.far)
+            self.lab.restore(self.far)
 
 
 class TunPeer(responder.EchoPolicy):

@@ -12,15 +12,20 @@ def text_of(page):
         return file.read()
 
 
-def blocks(page, kind=""):
-    """(title of the section, text) of each block that begins with ``` and `kind`, in order."""
+def all_blocks(page):
+    """(title of the section, kind, text) of each block that begins with ``` and its kind, in order."""
     found, title = [], ""
     for match in re.finditer(r"^#+ ([^\n]*)$|^```(\w*)\n(.*?)^```$", text_of(page), re.MULTILINE | re.DOTALL):
         if match[1]:
             title = match[1]
-        elif match[2] == kind:
-            found.append((title, match[3]))
+        else:
+            found.append((title, match[2], match[3]))
     return found
+
+
+def blocks(page, kind=""):
+    """(title of the section, text) of each block of the kind, in order."""
+    return [(title, text) for title, its_kind, text in all_blocks(page) if its_kind == kind]
 
 
 def block(page, word, kind=""):

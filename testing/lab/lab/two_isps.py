@@ -12,17 +12,15 @@ reaches it from the other's is not answered.
 
 import itertools
 import os
-import re
 import select
 import socket
 import time
 
-from . import configtext, kernel_routes, waiting
+from . import configtext, kernel_routes, pages, waiting
 from .bird import README_CONFIG, Bird
 from .configtext import interface, ping, rule
 
-_REPOSITORY = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))))
-EXAMPLES = os.path.join(_REPOSITORY, "packaging", "examples")
+EXAMPLES = os.path.join(pages.REPOSITORY, "packaging", "examples")
 _INSTALLED_EXAMPLES = "/usr/share/doc/wan-lb/examples"
 
 _NUMBERS = itertools.count()
@@ -45,15 +43,7 @@ def without(text, *parts):
 
 def guide(name):
     """[(title of the section, "sh" or "conf", text)] of the blocks of a page in docs/guides, in order."""
-    with open(os.path.join(_REPOSITORY, "docs", "guides", name), encoding="utf-8") as file:
-        text = file.read()
-    found, title = [], ""
-    for match in re.finditer(r"^## ([^\n]*)$|^```(sh|conf)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL):
-        if match[1]:
-            title = match[1]
-        else:
-            found.append((title, match[2], match[3]))
-    return found
+    return [block for block in pages.all_blocks(f"docs/guides/{name}") if block[1] in ("sh", "conf")]
 
 
 def own_directories(lab, *names):
@@ -98,11 +88,10 @@ class Isp:
 
     def cut(self):
         """It goes silent for all that comes in; the link stays up."""
-        self.lab.nft("table inet cut {\nchain receive {\ntype filter hook prerouting priority -300;\ndrop\n}\n}",
-                     netns=self.far)
+        self.lab.cut(self.far)
 
     def restore(self):
-        self.lab.run(["nft", "delete", "table", "inet", "cut"], netns=self.far)
+        self.lab.restore(self.far)
 
 
 class TwoIsps:
