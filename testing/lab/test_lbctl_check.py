@@ -110,7 +110,7 @@ def test_document_and_exit_statuses(lab):
 
 
 def test_the_readmes_example_is_clean(lab):
-    path = lab.write("lb.conf", pages.block("README.md", "routing-daemon bird2", "conf"))
+    path = lab.write("lb.conf", pages.text_of("packaging/examples/two-uplinks.conf"))
     checked = ctl(lab, "check", "--offline", path)
     assert (checked.status, checked.stdout, checked.stderr) == (0, "", "")
 

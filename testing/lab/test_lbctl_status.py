@@ -67,9 +67,13 @@ def test_follows_a_cut(lab):
     lab.ip("route del default")
     found = document(lab, "status", "status", "--json", "-4", *out)
     assert in_force(found) == {(1, 4, "default"): [False]}
-    lab.ip("route add default via 10.2.0.1 dev wan2")
+    lab.ip("route add default via 10.2.0.1 dev wan2 proto dhcp")
+    assert in_force(document(lab, "status", "status", "--json", "-4", *out)) == {(1, 4, "default"): [False]}
+    shown = ctl(lab, "status", "-4", *out).stdout
+    assert "\n  0.0.0.0/0  not in force: another route is used (from a DHCP client)\n" in shown, shown
+    lab.ip("route replace default via 10.2.0.1 dev wan2 proto bird")
     assert in_force(document(lab, "status", "status", "--json", "-4", *out)) == {(1, 4, "default"): [True]}
-    lab.ip("route replace default via 10.1.0.1 dev wan1")
+    lab.ip("route replace default via 10.1.0.1 dev wan1 proto bird")
     assert in_force(document(lab, "status", "status", "--json", "-4", *out)) == {(1, 4, "default"): [False]}
 
 
@@ -108,11 +112,11 @@ def test_vrfs_have_tables_of_their_own(lab):
     assert [route["metric"] for route in red["routes"]] == [None, 5]
     assert in_force(found) == {(1, 4, "red"): [False, False], (2, 4, "default"): [False]}
 
-    lab.ip(f"route add default via {links[2].gateway}", netns="red")
-    lab.ip(f"route add default via {links[1].gateway}")
+    lab.ip(f"route add default via {links[2].gateway} proto bird", netns="red")
+    lab.ip(f"route add default via {links[1].gateway} proto bird")
     found = document(lab, "status", "status", "--json", *out)
     assert in_force(found) == {(1, 4, "red"): [True, False], (2, 4, "default"): [True]}
-    lab.ip(f"route replace default via {links[3].gateway}", netns="red")
+    lab.ip(f"route replace default via {links[3].gateway} proto bird", netns="red")
     assert in_force(document(lab, "status", "status", "--json", *out))[(1, 4, "red")] == [False, False]
 
     # Who may not enter the namespace is told so, and the rest all the same.

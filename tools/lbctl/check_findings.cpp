@@ -57,6 +57,7 @@ constexpr CodeEntry kCodes[] = {
     {"limit-zero", kWarning},
     {"duplicate-test", kWarning},
     {"test-without-type", kWarning},
+    {"resp-time-zero", kWarning},
     {"same-target-twice", kWarning},
     {"slow-detection", kWarning},
     {"too-many", kWarning},
@@ -79,6 +80,7 @@ constexpr CodeEntry kCodes[] = {
     {"raw-ipv6", kWarning},
     {"rp-filter", kWarning},
     {"shadowed-default", kWarning},
+    {"not-included", kWarning},
     // What the daemon logs and nothing above has told.
     {"reader-message", kError},
 };

@@ -6,6 +6,7 @@
 
 #include "lbctl/check_model.h"
 #include "lbctl/check_nearest_word.h"
+#include "lbctl/families.h"
 #include "output/dump_format.h"
 
 namespace lbctl {
@@ -17,8 +18,6 @@ constexpr int64_t kSlowBurst = 60'000;  // milliseconds
 bool is_of(AddressKind kind, bool ipv6) {
   return kind == (ipv6 ? AddressKind::kIpv6 : AddressKind::kIpv4);
 }
-
-const char* family_name(bool ipv6) { return ipv6 ? "IPv6" : "IPv4"; }
 
 // An address that is none of the interface's family.
 void tell_wrong_family(const Setting& setting, const std::string& what,
@@ -121,15 +120,28 @@ void check_burst(const TestView& test, Findings& findings) {
   const int64_t timeout = test.number("timeout", 1000);
   if (count < 1 || timeout < 1 || count > INT32_MAX || timeout > INT32_MAX) return;
   if (count * timeout <= kSlowBurst) return;
-  const Setting* const cause =
-      test.find("count") != nullptr && (count > 10 || test.find("timeout") == nullptr)
-          ? test.find("count")
-          : test.find("timeout");
+  const Setting* const given_count = test.find("count");
+  const Setting* const given_timeout = test.find("timeout");
+  const bool is_count = given_count != nullptr && (count > 10 || given_timeout == nullptr);
+  const Setting* const cause = is_count ? given_count : given_timeout;
+  if (cause == nullptr) return;
   findings.add(cause->place, "slow-detection",
                fmt::format("a burst of {} requests that wait {} ms each takes up to {} s, in which "
                            "no other interface of the VRF is looked at",
                            count, timeout, count * timeout / 1000),
                "let count x timeout be a minute at most");
+}
+
+// Looks come once a second, the first one as soon as the cycle's probes have left.
+void check_response_time(const TestView& test, Findings& findings) {
+  const Setting* const limit = test.find("resp-time");
+  if (limit == nullptr) return;
+  const Number number = read_number(limit->value);
+  if (!number.has_digits || number.value != 0) return;
+  findings.add(limit->place, "resp-time-zero",
+               "'resp-time 0' fails a probe that was not answered before the first look at it, "
+               "within milliseconds: the interface comes and goes",
+               "write the milliseconds that a reply may take: 900 fails it at the next look");
 }
 
 void check_type(const InterfaceView& interface, const TestView& test, Findings& findings) {
@@ -155,6 +167,7 @@ void check_type(const InterfaceView& interface, const TestView& test, Findings& 
     return;
   }
   if (is_burst) return check_burst(test, findings);
+  check_response_time(test, findings);
   for (const char* const key : {"period", "count", "timeout", "loss", "rtt", "jitter"}) {
     const Setting* const setting = test.find(key);
     if (setting == nullptr) continue;

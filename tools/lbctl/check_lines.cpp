@@ -104,6 +104,23 @@ void check_quotes(const ReadLine& line, Findings& findings) {
                    : "write the value between two double quotes");
 }
 
+// Editors show it as a line's end, which it is not. One at the end of a comment hides nothing.
+// True when one was told.
+bool tell_lone_return(const std::vector<ReadLine>& lines, Findings& findings) {
+  for (const ReadLine& line : lines) {
+    const std::string whole = line.text + line.comment;
+    const size_t found = whole.find('\r');
+    const size_t next = whole.find_first_not_of(" \t~\r", found);
+    if (found == std::string::npos) continue;
+    if (found >= line.text.size() && next == std::string::npos) continue;
+    findings.add(line.place_of(found), "carriage-returns",
+                 "a carriage return stands here: the daemon takes what follows for the same line",
+                 "save the file with Unix line ends (tr '\\r' '\\n' <FILE)");
+    return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::vector<ReadLine> read_lines(std::string_view text) {
@@ -141,7 +158,10 @@ void check_bytes(std::string_view text, const std::vector<ReadLine>& lines, Find
                  "FILE)");
   }
   size_t found = text.find("\r\n");
-  if (found == std::string_view::npos && text.ends_with('\r')) found = text.size() - 1;
+  if (found == std::string_view::npos && !tell_lone_return(lines, findings) &&
+      text.ends_with('\r')) {
+    found = text.size() - 1;
+  }
   if (found != std::string_view::npos) {
     const auto line_number = 1 + std::count(text.begin(), text.begin() + found, '\n');
     const size_t line_start = text.rfind('\n', found) + 1;

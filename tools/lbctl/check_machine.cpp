@@ -1,13 +1,13 @@
 #include "lbctl/check_machine.h"
 
-#include <linux/rtnetlink.h>
-
 #include <algorithm>
 #include <set>
 
 #include <fmt/format.h>
 
 #include "lbctl/check_model.h"
+#include "lbctl/reverse_path.h"
+#include "platform/places.h"
 
 namespace lbctl {
 
@@ -31,7 +31,9 @@ class MachineChecks {
     }
     for (const RuleView& rule : view_.rules) {
       if (rule.vrf_setting) check_vrf(*rule.vrf_setting);
-      if (!missing_vrfs_.contains(rule.vrf())) check_defaults(rule);
+      if (missing_vrfs_.contains(rule.vrf())) continue;
+      check_defaults(rule);
+      check_include(rule);
     }
   }
 
@@ -65,29 +67,17 @@ class MachineChecks {
                                 origin, interface.label()),
                     "take the block away, or use a device of the Ethernet kind");
     }
-    if (!interface.ipv6 && facts->rp_filter != 0 && !view_.options.wire_replies) {
-      check_replies(interface, facts->rp_filter);
-    }
+    if (!interface.ipv6 && !view_.options.wire_replies) check_replies(interface);
   }
 
-  // Strict filtering drops a reply whose sender the kernel would answer by another device, loose
-  // filtering one whose sender it could not answer at all.
-  void check_replies(const InterfaceView& interface, int rp_filter) {
-    const std::string origin = interface.origin();
-    const std::string configured = interface.value("source_address");
-    const std::string source = configured == "auto" ? std::string() : configured;
+  void check_replies(const InterfaceView& interface) {
     for (const TestView& test : interface.tests) {
       const Setting* const target = test.find("target");
       if (target == nullptr || kind_of_address(target->value) != AddressKind::kIpv4) continue;
-      const auto way = machine_.way_back(interface.vrf(), origin, source, target->value);
-      if (!way || *way == origin || (rp_filter == 2 && !way->empty())) continue;
-      findings_.add(target->place, "rp-filter",
-                    fmt::format("the device '{}' filters reverse paths (rp_filter {}), and the way "
-                                "back to {} does not lead by it: replies are dropped before the "
-                                "daemon sees them",
-                                origin, rp_filter, target->value),
-                    "ask for 'replies wire', set rp_filter to 0 or lead replies back with a source "
-                    "rule (ip rule add from ADDRESS table NUMBER)");
+      const auto dropped = dropped_replies(machine_, interface.vrf(), interface.origin(),
+                                           interface.value("source_address"), target->value);
+      if (!dropped) continue;
+      findings_.add(target->place, "rp-filter", "the " + *dropped, kDroppedRepliesMend);
       return;
     }
   }
@@ -99,7 +89,7 @@ class MachineChecks {
       if (!routes) return;
       const uint32_t own = own_metric(target, *routes);
       for (const KernelRoute& route : *routes) {
-        if (!is_default(route.destination) || route.protocol == RTPROT_BIRD) continue;
+        if (!is_default(route.destination) || is_routing_daemons(route)) continue;
         if (route.metric > own) continue;
         const std::string device = route.nexthops.empty() ? "" : route.nexthops.front().device;
         findings_.add(target.place, "shadowed-default",
@@ -112,13 +102,27 @@ class MachineChecks {
     }
   }
 
+  // Once for each file.
+  void check_include(const RuleView& rule) {
+    const std::string path = route_file_path(rule.vrf(), rule.ipv6);
+    if (!looked_for_.insert(path).second) return;
+    const std::string without = machine_.bird_configuration_without(rule.vrf(), path);
+    if (without.empty()) return;
+    findings_.add(
+        rule.place, "not-included",
+        fmt::format("the routing daemon's configuration {} does not include {}: no route "
+                    "of the rule comes into force",
+                    without, path),
+        fmt::format("add the line include \"{}\"; and have it read that: birdc configure", path));
+  }
+
   // With which the routing daemon has, or will have, the route in the kernel.
   uint32_t own_metric(const DestinationView& target, const std::vector<KernelRoute>& routes) const {
     if (view_.options.bird2_routes && target.metric) {
       return static_cast<uint32_t>(read_number(target.metric->value).value);
     }
     const auto found = std::find_if(routes.begin(), routes.end(), [](const KernelRoute& route) {
-      return is_default(route.destination) && route.protocol == RTPROT_BIRD;
+      return is_default(route.destination) && is_routing_daemons(route);
     });
     return found == routes.end() ? kKernelProtocolMetric : found->metric;
   }
@@ -127,6 +131,7 @@ class MachineChecks {
   const Machine& machine_;
   Findings& findings_;
   std::set<std::string> missing_vrfs_;
+  std::set<std::string> looked_for_;
 };
 
 }  // namespace

@@ -32,6 +32,10 @@ class Machine {
                                               const std::string& source,
                                               const std::string& target) const = 0;
 
+  // That of bird_configuration.h.
+  virtual std::string bird_configuration_without(const std::string& vrf,
+                                                 const std::string& path) const = 0;
+
   virtual std::optional<std::vector<KernelRoute>> routes(const std::string& vrf,
                                                          bool ipv6) const = 0;
 };

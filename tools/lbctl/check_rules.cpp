@@ -7,6 +7,7 @@
 
 #include "lbctl/check_model.h"
 #include "lbctl/check_nearest_word.h"
+#include "lbctl/families.h"
 #include "output/dump_format.h"
 #include "output/dump_records.h"
 
@@ -15,8 +16,6 @@ namespace lbctl {
 namespace {
 
 constexpr int64_t kLargestWeight = 256;  // of BIRD
-
-const char* family_name(bool ipv6) { return ipv6 ? "IPv6" : "IPv4"; }
 
 using VrfFamily = std::pair<std::string, bool>;
 
@@ -63,8 +62,7 @@ class RuleChecks {
                             rule.name)
               : fmt::format("'{}' tells no family: the rules dump ends at this rule, and "
                             "the daemon takes it for an {} rule",
-                            rule.name,
-                            rule.name.find("ipv4") == std::string::npos ? "IPv6" : "IPv4"),
+                            rule.name, family_name(rule.name.find("ipv4") == std::string::npos)),
           "name the rule NUMBER_ipv4 or NUMBER_ipv6");
     } else if (!read_number(rule.name).fits) {
       findings_.add(

@@ -14,6 +14,7 @@
 #include <span>
 #include <vector>
 
+#include "lbctl/bird_configuration.h"
 #include "lbctl/check_machine.h"
 #include "lbctl/inside_vrf.h"
 #include "packets/family.h"
@@ -37,7 +38,7 @@ std::optional<int> setting(const std::string& device, const char* name) {
   return std::atoi(read_up_to(file, 16).c_str());
 }
 
-std::optional<DeviceFacts> own_device(const std::string& name) {
+std::optional<DeviceFacts> own_device_facts(const std::string& name) {
   DeviceFacts facts;
   if (name.empty() || name.size() >= IF_NAMESIZE || if_nametoindex(name.c_str()) == 0) return facts;
   facts.present = true;
@@ -167,7 +168,7 @@ class ThisMachine : public Machine {
   std::optional<DeviceFacts> device(const std::string& vrf,
                                     const std::string& name) const override {
     std::optional<DeviceFacts> facts;
-    run_inside_vrf(vrf, [&] { facts = own_device(name); });
+    run_inside_vrf(vrf, [&] { facts = own_device_facts(name); });
     return facts;
   }
 
@@ -177,6 +178,11 @@ class ThisMachine : public Machine {
     std::optional<std::string> way;
     run_inside_vrf(vrf, [&] { way = own_way_back(device, source, target); });
     return way;
+  }
+
+  std::string bird_configuration_without(const std::string& vrf,
+                                         const std::string& path) const override {
+    return lbctl::bird_configuration_without(vrf, path);
   }
 
   std::optional<std::vector<KernelRoute>> routes(const std::string& vrf, bool ipv6) const override {

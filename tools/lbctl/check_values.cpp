@@ -13,7 +13,7 @@ namespace lbctl {
 
 namespace {
 
-constexpr std::string_view kBlanks = " \t\v\f\r\n";
+constexpr std::string_view kWhiteSpace = " \t\v\f\r\n";
 
 bool is_alphanumeric(char character) {
   return std::isalnum(static_cast<unsigned char>(character)) != 0;
@@ -32,7 +32,7 @@ Number read_number(const std::string& text) {
   number.value = std::strtoll(text.c_str(), &end, 10);
   number.has_digits = end != text.c_str();
   const auto stop = static_cast<size_t>(end - text.c_str());
-  number.has_rest = text.find_first_not_of(kBlanks, stop) != std::string::npos;
+  number.has_rest = text.find_first_not_of(kWhiteSpace, stop) != std::string::npos;
   number.fits = errno == 0 && number.value == static_cast<int32_t>(number.value);
   return number;
 }

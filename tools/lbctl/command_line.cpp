@@ -4,6 +4,8 @@
 
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +21,53 @@ namespace lbctl {
 const char* const kDefaultOutputDirectory = "/var/run/load-balance";
 
 namespace {
+
+constexpr size_t kHelpWidth = 80;
+
+// Words in lines of that width at most, all but the first one indented.
+std::string wrapped(const std::string& text, size_t indent) {
+  std::string result;
+  size_t column = indent;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    if (!result.empty() && column + 1 + word.size() > kHelpWidth) {
+      result += "\n" + std::string(indent, ' ');
+      column = indent;
+    } else if (!result.empty()) {
+      result += ' ';
+      ++column;
+    }
+    result += word;
+    column += word.size();
+  }
+  return result;
+}
+
+// CLI11 breaks no line itself, and lists subcommands with all that their own help says.
+class HelpText : public CLI::Formatter {
+ public:
+  std::string make_description(const CLI::App* command) const override {
+    return wrapped(command->get_description(), 0) + "\n";
+  }
+  std::string make_subcommand(const CLI::App* command) const override {
+    const std::string text = command->get_description();
+    const size_t stop = text.find(". ");  // the first sentence ends there
+    return row(command->get_name(), stop == std::string::npos ? text : text.substr(0, stop + 1));
+  }
+  std::string make_option(const CLI::Option* option, bool is_positional) const override {
+    return row(make_option_name(option, is_positional) + make_option_opts(option),
+               make_option_desc(option));
+  }
+
+ private:
+  std::string row(const std::string& name, const std::string& text) const {
+    const size_t indent = get_column_width();
+    const bool fits = name.size() + 3 < indent;
+    const std::string gap =
+        fits ? std::string(indent - 2 - name.size(), ' ') : "\n" + std::string(indent, ' ');
+    return fmt::format("  {}{}{}\n", name, gap, wrapped(text, indent));
+  }
+};
 
 // Of the subcommand that was given, else of the program.
 std::string usage_line(const CLI::App& program) {
@@ -104,6 +153,7 @@ void CommandLine::runs(Action& action, Action run) const {
 int run_lbctl(int argc, const char* const* argv) {
   CLI::App program("Shows, checks, explains and tries out what the WAN load balancer does.",
                    "lbctl");
+  program.formatter(std::make_shared<HelpText>());
   program.set_version_flag("--version", "lbctl " LB_VERSION);
   program.require_subcommand(1);
   program.footer("Example:\n  lbctl status");

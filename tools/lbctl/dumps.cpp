@@ -1,13 +1,16 @@
 #include "lbctl/dumps.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "config/health_test.h"
 #include "lbctl/command.h"
 #include "platform/file_descriptor.h"
 #include "platform/regular_file.h"
@@ -75,6 +78,9 @@ class Reader {
     }
   }
 
+  // A file that is not read shows a daemon as well.
+  void note(const std::string& path) { found_ = found_ || access(path.c_str(), F_OK) == 0; }
+
   bool has_found() const { return found_; }
   timespec newest() const { return newest_; }
 
@@ -93,6 +99,12 @@ std::string outbounds_path(const std::string& output_directory, bool ipv6) {
 
 }  // namespace
 
+bool InterfaceDump::was_looked_at() const {
+  return success_age != 0 || failure_age != 0 || change_age != 0 ||
+         std::any_of(tests.begin(), tests.end(),
+                     [](const TestDump& test) { return test.result != kResultNone; });
+}
+
 bool Dumps::is_stale(std::time_t now) const { return now - newest.tv_sec > kStaleAge; }
 
 std::vector<std::string> dump_paths(const std::string& output_directory) {
@@ -100,10 +112,14 @@ std::vector<std::string> dump_paths(const std::string& output_directory) {
           path_of(output_directory, "wlb_rules.bin"), path_of(output_directory, "wlb_routes.bin")};
 }
 
-Dumps read_dumps(const std::string& output_directory) {
+Dumps read_dumps(const std::string& output_directory, const Families& families) {
   Reader reader;
   Dumps dumps;
   for (const bool ipv6 : {false, true}) {
+    if (!families.has(ipv6)) {
+      reader.note(outbounds_path(output_directory, ipv6));
+      continue;
+    }
     auto interfaces = reader.read<InterfaceDump>(
         outbounds_path(output_directory, ipv6),
         [ipv6](std::span<const uint8_t> bytes) { return parse_outbounds(bytes, ipv6); });

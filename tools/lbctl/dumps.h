@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "lbctl/families.h"
+
 namespace lbctl {
 
 struct TestDump {
@@ -40,6 +42,10 @@ struct InterfaceDump {
   bool nexthop_is_dhcp = false;
   bool nexthop_is_tunnel = false;
   bool active = false;
+
+  // False before the daemon's first look at it, and where it never looks: without a rule of that
+  // VRF and family, or without the namespace. Its ages are 0 then, and its state is the first one.
+  bool was_looked_at() const;
 };
 
 struct MemberDump {
@@ -79,8 +85,8 @@ inline constexpr int kStaleAge = 10;
 // The files in `output_directory`/wlb_dump. A file that is caught half written is read again, for a
 // second at most. A family without a file has no interfaces. A Failure (kExitUnreadable) that names
 // the file when there is none at all, one cannot be read, or one is not what this host's daemon
-// writes.
-Dumps read_dumps(const std::string& output_directory);
+// writes. Of the families that are not wanted no interfaces are read.
+Dumps read_dumps(const std::string& output_directory, const Families& families = {});
 
 // The files that read_dumps() looks at, whether they are there or not.
 std::vector<std::string> dump_paths(const std::string& output_directory);

@@ -4,10 +4,12 @@
 
 #include <fmt/format.h>
 
+#include "config/health_test.h"
 #include "lbctl/discovered_nexthops.h"
 #include "lbctl/explain_neighbor.h"
 #include "lbctl/explain_tests.h"
 #include "lbctl/print.h"
+#include "lbctl/reverse_path.h"
 #include "platform/places.h"
 
 namespace lbctl {
@@ -17,9 +19,10 @@ namespace {
 int version_of(const InterfaceDump& interface) { return interface.ipv6 ? 6 : 4; }
 
 std::string headline_of(const InterfaceDump& interface) {
-  return fmt::format("{} is {} for {}{}.", interface_label(interface.name, interface.ipv6),
-                     interface.active ? "ACTIVE" : "FAILED", span(interface.change_age),
-                     in_vrf(interface.vrf));
+  const std::string age =
+      interface.was_looked_at() ? fmt::format(" for {}", span(interface.change_age)) : "";
+  return fmt::format("{} is {}{}{}.", interface_label(interface.name, interface.ipv6),
+                     interface.active ? "ACTIVE" : "FAILED", age, in_vrf(interface.vrf));
 }
 
 // True when nobody probes the interface.
@@ -130,6 +133,23 @@ void explain_foreign_configuration(const Situation& situation, const InterfaceDu
       "Restart the daemon, or name the file that it runs with (-f FILE).");
 }
 
+// The kernel's filter keeps a link failed: while no route leads by it, replies by it are dropped.
+void explain_filter(const Situation& situation, const InterfaceDump& interface,
+                    const std::string& device, Explanation& explanation) {
+  const LBInterface* const known = situation.configured(interface);
+  if (known == nullptr || interface.ipv6) return;
+  if (situation.configuration->model.options->wire_replies) return;
+  for (const TestDump& test : interface.tests) {
+    if (test.result != kResultFailure) continue;
+    const auto dropped = situation.machine.dropped_replies(interface.vrf, device,
+                                                           known->source_address, test.target);
+    if (!dropped) continue;
+    explanation.add(fmt::format("The {}.", *dropped),
+                    fmt::format("Let the replies in: {}.", kDroppedRepliesMend));
+    return;
+  }
+}
+
 void explain_failure(const Situation& situation, const InterfaceDump& interface,
                      Explanation& explanation) {
   if (explain_unserved(situation, interface, explanation)) return;
@@ -146,8 +166,9 @@ void explain_failure(const Situation& situation, const InterfaceDump& interface,
         "is.");
   }
   if (interface.nexthop.empty()) explain_missing_nexthop(situation, interface, explanation);
-  if (explain_tests(situation, interface, explanation) && !is_dead && state && state->resolves) {
-    explain_neighbor(situation, interface, *device, explanation);
+  if (explain_tests(situation, interface, explanation) && !is_dead && state) {
+    if (state->resolves) explain_neighbor(situation, interface, *device, explanation);
+    explain_filter(situation, interface, *device, explanation);
   }
   explain_way_back(situation, interface, explanation);
   if (!explanation.next_step.empty()) return;

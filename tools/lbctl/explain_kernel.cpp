@@ -1,7 +1,5 @@
 #include "lbctl/explain_kernel.h"
 
-#include <linux/rtnetlink.h>
-
 #include <algorithm>
 #include <set>
 
@@ -14,26 +12,6 @@
 namespace lbctl {
 
 namespace {
-
-// rtnetlink(7), /etc/iproute2/rt_protos.
-std::string protocol_name(uint8_t protocol) {
-  switch (protocol) {
-    case RTPROT_KERNEL:
-      return "the kernel";
-    case RTPROT_BOOT:
-      return "ip route";
-    case RTPROT_STATIC:
-      return "a static configuration";
-    case RTPROT_RA:
-      return "a router advertisement";
-    case RTPROT_DHCP:
-      return "a DHCP client";
-    case RTPROT_BIRD:
-      return "the routing daemon";
-    default:
-      return fmt::format("protocol {}", protocol);
-  }
-}
 
 std::set<std::string> addresses_of(const KernelRoute& route) {
   std::set<std::string> addresses;
@@ -48,7 +26,7 @@ std::string way_of(const KernelRoute& route) {
     way += nexthop.address.empty() ? "" : nexthop.address + " ";
     way += "dev " + nexthop.device;
   }
-  return fmt::format("{} (metric {}, from {})", way, route.metric, protocol_name(route.protocol));
+  return fmt::format("{} (metric {}, from {})", way, route.metric, origin_of(route));
 }
 
 // Why the routing daemon did not bring the route into the kernel.
@@ -57,9 +35,7 @@ void explain_refusal(const Situation& situation, const RuleDump& rule, const Sta
                      Explanation& explanation) {
   const std::string path = route_file_path(rule.vrf, rule.ipv6);
   explanation.add(
-      fmt::format("It is in the routing daemon's file {}, but not in the kernel's "
-                  "table: the routing daemon refused it or does not run.",
-                  path));
+      fmt::format("It is in the routing daemon's file {}, but not in the kernel's table.", path));
   for (const KernelRoute* other : others) {
     explanation.add(fmt::format("The kernel's route to it goes {} instead.", way_of(*other)));
   }
@@ -68,6 +44,16 @@ void explain_refusal(const Situation& situation, const RuleDump& rule, const Sta
     explanation.add(fmt::format("The routing daemon does not seem to run: {}.", fault),
                     fmt::format("Start the routing daemon with {} as its pid file (bird -P).",
                                 routing_pid_path(rule.vrf)));
+    return;
+  }
+  const std::string without = situation.machine.bird_configuration_without(rule.vrf, path);
+  if (!without.empty()) {
+    explanation.add(
+        fmt::format("The routing daemon does not read it: its configuration {} has no line that "
+                    "includes it.",
+                    without),
+        fmt::format("Add the line include \"{}\"; to {}, and have it read that: birdc configure",
+                    path, without));
     return;
   }
   const BirdVerdict verdict = situation.machine.bird(file_text, path);
@@ -110,8 +96,10 @@ bool explain_kernel(const Situation& situation, const RuleDump& rule, const Stat
                    [](const KernelRoute* first, const KernelRoute* second) {
                      return first->metric < second->metric;
                    });
-  // The routing daemon may merge routes of several rules into one.
+  // The routing daemon may merge routes of several rules into one. Another program's route by the
+  // same next hop stays there when that one fails.
   const auto has_it = [&](const KernelRoute* candidate) {
+    if (!is_routing_daemons(*candidate)) return false;
     const std::set<std::string> used = addresses_of(*candidate);
     return std::includes(used.begin(), used.end(), wanted.begin(), wanted.end());
   };

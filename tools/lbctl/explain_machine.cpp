@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "lbctl/inside_vrf.h"
+#include "lbctl/reverse_path.h"
 #include "packets/netlink_dump.h"
 #include "packets/route_message.h"
 #include "platform/places.h"
@@ -90,6 +91,13 @@ std::optional<uint16_t> ThisRouter::neighbor(const std::string& vrf, bool ipv6,
   return state;
 }
 
+std::optional<std::string> ThisRouter::dropped_replies(const std::string& vrf,
+                                                       const std::string& device,
+                                                       const std::string& source,
+                                                       const std::string& target) const {
+  return lbctl::dropped_replies(*machine_, vrf, device, source, target);
+}
+
 std::optional<std::vector<KernelRoute>> ThisRouter::kernel_routes(const std::string& vrf,
                                                                   bool ipv6) const {
   const auto [entry, is_new] = tables_.try_emplace({vrf, ipv6});
@@ -122,6 +130,11 @@ std::string ThisRouter::routing_daemon_fault(const std::string& vrf) const {
   // Signal 0 asks only; EPERM says that there is such a process.
   if (kill(*pid, 0) == 0 || errno == EPERM) return "";
   return fmt::format("its pid file {} names the process {}, which is no more", path, *pid);
+}
+
+std::string ThisRouter::bird_configuration_without(const std::string& vrf,
+                                                   const std::string& path) const {
+  return machine_->bird_configuration_without(vrf, path);
 }
 
 BirdVerdict ThisRouter::bird(const std::string& text, const std::string& name) const {

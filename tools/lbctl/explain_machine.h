@@ -4,11 +4,13 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "lbctl/check_machine.h"
 #include "lbctl/kernel_table.h"
 #include "lbctl/routes_bird.h"
 
@@ -44,6 +46,12 @@ class Router {
   virtual std::optional<uint16_t> neighbor(const std::string& vrf, bool ipv6,
                                            const std::string& device,
                                            const std::string& address) const = 0;
+
+  // dropped_replies() of reverse_path.h.
+  virtual std::optional<std::string> dropped_replies(const std::string& vrf,
+                                                     const std::string& device,
+                                                     const std::string& source,
+                                                     const std::string& target) const = 0;
   virtual std::optional<std::vector<KernelRoute>> kernel_routes(const std::string& vrf,
                                                                 bool ipv6) const = 0;
 
@@ -52,6 +60,9 @@ class Router {
 
   // Why the VRF's routing daemon cannot be there; empty where it seems to run.
   virtual std::string routing_daemon_fault(const std::string& vrf) const = 0;
+  // That of bird_configuration.h.
+  virtual std::string bird_configuration_without(const std::string& vrf,
+                                                 const std::string& path) const = 0;
   virtual BirdVerdict bird(const std::string& text, const std::string& name) const = 0;
 };
 
@@ -64,14 +75,20 @@ class ThisRouter : public Router {
   std::optional<DeviceState> device(const std::string& vrf, const std::string& name) const override;
   std::optional<uint16_t> neighbor(const std::string& vrf, bool ipv6, const std::string& device,
                                    const std::string& address) const override;
+  std::optional<std::string> dropped_replies(const std::string& vrf, const std::string& device,
+                                             const std::string& source,
+                                             const std::string& target) const override;
   std::optional<std::vector<KernelRoute>> kernel_routes(const std::string& vrf,
                                                         bool ipv6) const override;
   FileLook file(const std::string& path) const override;
   std::string routing_daemon_fault(const std::string& vrf) const override;
+  std::string bird_configuration_without(const std::string& vrf,
+                                         const std::string& path) const override;
   BirdVerdict bird(const std::string& text, const std::string& name) const override;
 
  private:
   using Table = std::optional<std::vector<KernelRoute>>;
+  const std::unique_ptr<Machine> machine_ = this_machine();
   mutable std::map<std::string, FileLook> files_;
   mutable std::map<std::pair<std::string, bool>, Table> tables_;
   mutable std::map<std::string, BirdVerdict> verdicts_;  // by the file's name

@@ -15,6 +15,7 @@ struct Member {
   std::string label;
   bool ipv6 = false;
   int32_t weight = 0;
+  bool has_whole_weight = false;  // of the records there is the low byte alone
   const InterfaceDump* interface = nullptr;
 };
 
@@ -23,16 +24,46 @@ std::vector<Member> members_of(const Situation& situation, const RuleDump& rule)
   std::vector<Member> members;
   if (const LBRule* const known = situation.configured(rule)) {
     for (const auto& [name, member] : known->members) {
-      members.push_back({interface_label(name, member.ipv6), member.ipv6, member.weight,
+      members.push_back({interface_label(name, member.ipv6), member.ipv6, member.weight, true,
                          situation.interface_dump(name, member.ipv6)});
     }
     return members;
   }
   for (const MemberDump& member : rule.members) {
     members.push_back({interface_label(member.device, member.ipv6), member.ipv6, member.weight,
-                       situation.interface_dump(member.device, member.ipv6)});
+                       false, situation.interface_dump(member.device, member.ipv6)});
   }
   return members;
+}
+
+// Who carries a failover rule's traffic, null for nobody: the heaviest, which without whole weights
+// only the daemon's choice tells.
+const Member* chosen_of(const RuleDump& rule, const std::vector<Member>& eligible) {
+  const auto heaviest = std::max_element(
+      eligible.begin(), eligible.end(),
+      [](const Member& first, const Member& second) { return first.weight < second.weight; });
+  if (heaviest == eligible.end()) return nullptr;
+  if (heaviest->has_whole_weight) return &*heaviest;
+  const auto is_chosen = [&rule](const Member& member) {
+    return std::any_of(rule.routes.begin(), rule.routes.end(), [&member](const RouteDump& route) {
+      return !route.nexthop.empty() && route.nexthop == member.interface->nexthop;
+    });
+  };
+  const auto chosen = std::find_if(eligible.begin(), eligible.end(), is_chosen);
+  return chosen == eligible.end() ? nullptr : &*chosen;
+}
+
+std::string why_it_stands_by(const Member& member, const Member* chosen) {
+  if (chosen == nullptr) return fmt::format("{} stands by: none is chosen.", member.label);
+  if (!member.has_whole_weight) {
+    return fmt::format("{} stands by: {} is chosen.", member.label, chosen->label);
+  }
+  if (chosen->weight == member.weight) {
+    return fmt::format("{} stands by: {} has the same weight {} and comes first by name.",
+                       member.label, chosen->label, chosen->weight);
+  }
+  return fmt::format("{} stands by: {} is heavier (weight {} against {}).", member.label,
+                     chosen->label, chosen->weight, member.weight);
 }
 
 bool requires_nexthop(const Situation& situation) {
@@ -68,6 +99,7 @@ std::string fault_of(const Situation& situation, const RuleDump& rule, const Mem
   }
   if (!member.interface->active) {
     next_step = fmt::format("lbctl explain {}", member.label);
+    if (!member.interface->was_looked_at()) return "is FAILED";
     return fmt::format("is FAILED for {}", span(member.interface->change_age));
   }
   if (requires_nexthop(situation) && member.interface->nexthop.empty()) {
@@ -102,19 +134,17 @@ MemberReport report_members(const Situation& situation, const RuleDump& rule) {
     set_step("Give the rule members (\"interface NAME {\" with a weight).");
   }
 
-  const auto best = std::max_element(
-      eligible.begin(), eligible.end(),
-      [](const Member& first, const Member& second) { return first.weight < second.weight; });
+  const Member* const chosen = rule.failover ? chosen_of(rule, eligible) : nullptr;
   for (const Member& member : eligible) {
     const InterfaceDump& interface = *member.interface;
-    if (rule.failover && member.label != best->label) {
-      report.sentences.push_back(
-          best->weight == member.weight
-              ? fmt::format("{} stands by: {} has the same weight {} and comes first by name.",
-                            member.label, best->label, best->weight)
-              : fmt::format("{} stands by: {} is heavier (weight {} against {}).", member.label,
-                            best->label, best->weight, member.weight));
-    } else if (member.weight == 0) {
+    if (rule.failover && &member != chosen) {
+      report.sentences.push_back(why_it_stands_by(member, chosen));
+    } else if (member.weight == 0 && !member.has_whole_weight && !rule.failover) {
+      report.sentences.push_back(fmt::format(
+          "{} is ACTIVE; whether it has a weight only the configuration tells (-f FILE).",
+          member.label));
+      report.is_complete = false;
+    } else if (member.weight == 0 && member.has_whole_weight) {
       report.sentences.push_back(
           fmt::format("{} has no weight in the rule, so it carries nothing.", member.label));
       set_step("Give the member a weight of 1 or more, then restart the daemon.");
@@ -124,9 +154,10 @@ MemberReport report_members(const Situation& situation, const RuleDump& rule) {
                                              place_of(situation, interface)));
       set_step(fmt::format("lbctl explain {}", member.label));
     } else {
-      report.sentences.push_back(fmt::format("{} carries it by {}, weight {}.", member.label,
-                                             interface.nexthop, member.weight));
-      report.carriers.push_back({member.label, interface.nexthop, member.weight});
+      report.sentences.push_back(
+          fmt::format("{} carries it by {}{}.", member.label, interface.nexthop,
+                      member.has_whole_weight ? fmt::format(", weight {}", member.weight) : ""));
+      report.carriers.push_back({member.label, interface.nexthop});
     }
   }
   return report;

@@ -11,7 +11,6 @@ namespace lbctl {
 struct Carrier {
   std::string label;    // "wan1/6"
   std::string address;  // next hop
-  int32_t weight = 0;
 };
 
 struct MemberReport {

@@ -66,7 +66,7 @@ void add_history_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<HistoryOptions>();
   const CommandLine command(
       program, "history",
-      "State changes of the interfaces from the journal or a log file, how long each\n"
+      "State changes of the interfaces from the journal or a log file, how long each "
       "state lasted, and for how much of the time the interfaces were active.",
       "lbctl history --since 7d --svg week.svg");
   command.value("--since", options->since,

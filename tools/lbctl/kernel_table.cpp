@@ -1,10 +1,13 @@
 #include "lbctl/kernel_table.h"
 
+#include <linux/rtnetlink.h>
 #include <net/if.h>
 
 #include <array>
 #include <cerrno>
 #include <map>
+
+#include <fmt/format.h>
 
 #include "lbctl/inside_vrf.h"
 #include "lbctl/kernel_route_message.h"
@@ -49,6 +52,37 @@ Table read_own_table(const Family& family) {
 }
 
 }  // namespace
+
+bool is_routing_daemons(const KernelRoute& route) {
+  switch (route.protocol) {
+    case RTPROT_RA:
+    case RTPROT_DHCP:
+    case RTPROT_KEEPALIVED:
+      return false;
+    default:
+      return route.protocol > RTPROT_STATIC;
+  }
+}
+
+// rtnetlink(7), /etc/iproute2/rt_protos.
+std::string origin_of(const KernelRoute& route) {
+  switch (route.protocol) {
+    case RTPROT_KERNEL:
+      return "the kernel";
+    case RTPROT_BOOT:
+      return "ip route";
+    case RTPROT_STATIC:
+      return "a static configuration";
+    case RTPROT_RA:
+      return "a router advertisement";
+    case RTPROT_DHCP:
+      return "a DHCP client";
+    case RTPROT_KEEPALIVED:
+      return "keepalived";
+    default:
+      return fmt::format("protocol {}", route.protocol);
+  }
+}
 
 Table read_kernel_routes(const std::string& vrf, bool ipv6) {
   const Family& family = family_of(ipv6);

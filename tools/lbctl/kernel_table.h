@@ -21,6 +21,12 @@ struct KernelRoute {
   std::vector<KernelNexthop> nexthops;
 };
 
+// Whether a routing daemon has put it there: BIRD or another one.
+bool is_routing_daemons(const KernelRoute& route);
+
+// Who else has put it there, in words: "a DHCP client".
+std::string origin_of(const KernelRoute& route);
+
 // Of the VRF's network namespace ("default": the calling thread's) and one family; in the kernel's
 // order. No value where they may not be read, or the VRF is not there.
 std::optional<std::vector<KernelRoute>> read_kernel_routes(const std::string& vrf, bool ipv6);

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "config/health_test.h"
+#include "lbctl/families.h"
 
 namespace lbctl {
 
@@ -50,8 +51,6 @@ std::string series_of(std::string_view name, const Labels& labels) {
   }
   return labels.empty() ? text : text + '}';
 }
-
-const char* family_word(bool ipv6) { return ipv6 ? "ipv6" : "ipv4"; }
 
 // One metric and its samples, in the order in which they were added.
 class Metric {

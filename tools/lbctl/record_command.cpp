@@ -48,7 +48,7 @@ void add_record_command(CLI::App& program, Action& action) {
   const auto directory = std::make_shared<std::string>(kDefaultOutputDirectory);
   const CommandLine command(
       program, "record",
-      "Write a trace of what the running daemon finds, until Ctrl-C (or SIGTERM).\n"
+      "Write a trace of what the running daemon finds, until Ctrl-C (or SIGTERM). "
       "lbctl simulate runs it with this configuration or another one.",
       "lbctl record > trace.txt");
   command.value("-o", *directory, "The daemon's output directory").shows_default();

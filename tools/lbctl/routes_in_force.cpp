@@ -66,7 +66,7 @@ bool RoutesInForce::has(const RuleDump& rule, const RouteDump& route) const {
   const std::string destination = canonical_destination(route.destination, ipv6_);
   const auto chosen = chosen_.find(destination);
   const std::vector<Way> ways = ways_of(rule, route);
-  if (chosen == chosen_.end() || ways.empty()) return false;
+  if (chosen == chosen_.end() || ways.empty() || !is_routing_daemons(chosen->second)) return false;
   const std::vector<KernelNexthop>& nexthops = chosen->second.nexthops;
   const auto is_there = [&nexthops](const Way& way) {
     return std::any_of(nexthops.begin(), nexthops.end(),
@@ -81,6 +81,13 @@ bool RoutesInForce::has(const RuleDump& rule, const RouteDump& route) const {
   const bool are_there = has_active_member(rule) ? std::all_of(ways.begin(), ways.end(), is_there)
                                                  : std::any_of(ways.begin(), ways.end(), is_there);
   return are_there && std::all_of(nexthops.begin(), nexthops.end(), is_wanted);
+}
+
+std::string RoutesInForce::used_instead(const RouteDump& route) const {
+  const auto chosen = chosen_.find(canonical_destination(route.destination, ipv6_));
+  if (chosen == chosen_.end() || chosen->second.nexthops.empty()) return "";
+  if (is_routing_daemons(chosen->second)) return "";
+  return origin_of(chosen->second);
 }
 
 bool RoutesInForce::matches(const Way& way, const KernelNexthop& nexthop) {

@@ -18,12 +18,16 @@ class RoutesInForce {
   RoutesInForce(const Dumps& dumps, const std::string& vrf, bool ipv6,
                 const std::vector<KernelRoute>& table);
 
-  // Whether of the kernel's routes to the destination the preferred one leads where the rule wants
-  // it: to the next hop that a failover rule has chosen, else to those of the active members; where
-  // none is active, to that of any member (a kept route). The
-  // routing daemon joins the routes of rules that share a destination into one; the others' next
-  // hops may then be there too.
+  // Whether of the kernel's routes to the destination the preferred one is the routing daemon's and
+  // leads where the rule wants it: to the next hop that a failover rule has chosen, else to those
+  // of the active members; where none is active, to that of any member (a kept route). The routing
+  // daemon joins the routes of rules that share a destination into one; the others' next hops may
+  // then be there too.
   bool has(const RuleDump& rule, const RouteDump& route) const;
+
+  // Who has put the preferred one there, where that is not the routing daemon; else empty. Such a
+  // route does not follow the states, wherever it leads.
+  std::string used_instead(const RouteDump& route) const;
 
  private:
   // Where traffic is to go: by any of the devices.

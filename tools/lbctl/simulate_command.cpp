@@ -70,9 +70,9 @@ void add_simulate_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<SimulateOptions>();
   const CommandLine command(
       program, "simulate",
-      "Run a configuration through a trace of probe results, without touching the network.\n"
-      "A trace has lines such as \"12.0 probe wan1 198.51.100.7 fail\",\n"
-      "\"30.0 burst wan2 198.51.100.8 20 150 30\" (loss in %, rtt and jitter in ms) and\n"
+      "Run a configuration through a trace of probe results, without touching the network. "
+      "A trace has lines such as \"12.0 probe wan1 198.51.100.7 fail\", "
+      "\"30.0 burst wan2 198.51.100.8 20 150 30\" (loss in %, rtt and jitter in ms) and "
       "\"31.0 nexthop wan3 192.0.2.1\"; lbctl record writes one. An IPv6 interface is \"wan1/6\".",
       "lbctl simulate /etc/wan_lb/lb.conf trace.txt --svg timeline.svg");
   command.value("FILE", options->configuration, "The configuration").required();

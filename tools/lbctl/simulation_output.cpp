@@ -4,11 +4,11 @@
 
 #include <fmt/format.h>
 
+#include "lbctl/families.h"
+
 namespace lbctl {
 
 namespace {
-
-const char* family_word(bool ipv6) { return ipv6 ? "ipv6" : "ipv4"; }
 
 std::vector<std::string> lines_of(const std::string& body) {
   std::vector<std::string> lines;

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "lbctl/families.h"
 #include "lbctl/print.h"
 
 namespace lbctl {
@@ -148,7 +149,7 @@ std::string SimulationTimeline::draw(int64_t begin, int64_t end, const std::stri
       empty == route_styles_.end() ? std::nullopt : std::optional<size_t>(empty->second);
   for (const auto& [key, changes] : routes_) {
     TimelineLane lane;
-    lane.label = fmt::format("routes {} {}", key.second ? "ipv6" : "ipv4", key.first);
+    lane.label = fmt::format("routes {} {}", family_word(key.second), key.first);
     lane.spans = spans_of(changes, begin, end, std::nullopt, empty_style);
     timeline.lanes.push_back(std::move(lane));
   }

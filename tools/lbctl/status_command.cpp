@@ -30,7 +30,7 @@ struct StatusOptions {
 
 int run_status(const StatusOptions& options) {
   if (options.watch) return watch_status(options.directory, options.families());
-  const Dumps dumps = read_dumps(options.directory);
+  const Dumps dumps = read_dumps(options.directory, options.families());
   const Status status =
       make_status(dumps, options.families(), std::time(nullptr), read_kernel_routes);
   if (options.json) {
@@ -47,8 +47,8 @@ void add_status_command(CLI::App& program, Action& action) {
   const auto options = std::make_shared<StatusOptions>();
   const CommandLine command(
       program, "status",
-      "Shows interfaces, tests, rules and whether their routes are in force.\n"
-      "Exit status: 0 when every interface is active, 1 when one is failed, 3 when the\n"
+      "Shows interfaces, tests, rules and whether their routes are in force. "
+      "Exit status: 0 when every interface is active, 1 when one is failed, 3 when the "
       "files are stale (older than 10 seconds) or cannot be read.",
       "lbctl status -4");
   command.value("-o", options->directory, "The daemon's output directory (its option -o)")

@@ -68,7 +68,7 @@ Json rule_of(const RuleStatus& status) {
         {{"device", member.device}, {"weight", member.weight}, {"family", version(member.ipv6)}});
   }
   Json routes = Json::array();
-  for (const auto& [route, in_force] : status.routes) {
+  for (const auto& [route, in_force, used_instead] : status.routes) {
     routes.push_back({{"destination", route.destination},
                       {"metric", route.metric == -1 ? Json(nullptr) : Json(route.metric)},
                       {"nexthop", text_or_null(route.nexthop)},

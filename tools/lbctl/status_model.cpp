@@ -26,8 +26,10 @@ std::vector<RuleStatus> statuses_of(const Dumps& dumps, const Families& families
         entry->second.emplace(dumps, rule.vrf, rule.ipv6, *table);
     }
     for (const RouteDump& route : rule.routes) {
-      status.routes.push_back({route, std::nullopt});
-      if (entry->second) status.routes.back().in_force = entry->second->has(rule, route);
+      RouteStatus& shown = status.routes.emplace_back(RouteStatus{route, std::nullopt, ""});
+      if (!entry->second) continue;
+      shown.in_force = entry->second->has(rule, route);
+      shown.used_instead = entry->second->used_instead(route);
     }
   }
   return statuses;

@@ -10,20 +10,15 @@
 #include <vector>
 
 #include "lbctl/dumps.h"
+#include "lbctl/families.h"
 #include "lbctl/kernel_table.h"
 
 namespace lbctl {
 
-// Which families are wanted.
-struct Families {
-  bool ipv4 = true;
-  bool ipv6 = true;
-  bool has(bool is_ipv6) const { return is_ipv6 ? ipv6 : ipv4; }
-};
-
 struct RouteStatus {
   RouteDump route;
   std::optional<bool> in_force;  // nothing: the kernel's table may not be read
+  std::string used_instead;      // who has put another route there, which is used; else empty
 };
 
 struct RuleStatus {

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "config/health_test.h"
+#include "lbctl/families.h"
 #include "tests/burst_judge.h"
 
 namespace lbctl {
@@ -58,7 +59,11 @@ TextLine interface_line(const InterfaceDump& interface, const Columns& columns) 
       {cell(plain(interface.name), columns.name), Colour::kBold},
       {"  " + cell(plain(interface.vrf), columns.vrf) + "  ", {}},
       {cell(state, kStateWidth), interface.active ? Colour::kGreen : Colour::kRed},
-      {"  " + cell(span(std::max(interface.change_age, 0)), kForWidth) + "  ", {}},
+      {"  " +
+           cell(interface.was_looked_at() ? span(std::max(interface.change_age, 0)) : "not probed",
+                kForWidth) +
+           "  ",
+       {}},
       {cut(nexthop, columns.nexthop), {}},
   };
   line.subject = interface_subject(interface);
@@ -179,6 +184,8 @@ void append_route(const RuleStatus& rule, const RouteStatus& status, Lines& line
     force = *status.in_force ? TextPart{"in force", Colour::kGreen}
                              : TextPart{"not in force", Colour::kRed};
   }
+  if (!status.used_instead.empty())
+    force.text += fmt::format(": another route is used (from {})", status.used_instead);
   std::string target = "  " + plain(route.destination);
   if (route.metric != -1) target += fmt::format("  metric {}", route.metric);
   std::string way;
@@ -207,7 +214,7 @@ void append_family(const Status& status, bool ipv6, Lines& lines) {
   }
   if (interfaces.empty() && rules.empty()) return;
   if (!lines.empty()) lines.emplace_back();
-  lines.push_back({{{ipv6 ? "IPv6" : "IPv4", Colour::kBold}}, "", ""});
+  lines.push_back({{{family_name(ipv6), Colour::kBold}}, "", ""});
   if (interfaces.empty()) {
     lines.push_back({{{"No interfaces.", {}}}, "", ""});
   } else {

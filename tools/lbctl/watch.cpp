@@ -174,7 +174,7 @@ class Watch {
   void look() {
     files_.watch();
     try {
-      const Dumps dumps = read_dumps(directory_);
+      const Dumps dumps = read_dumps(directory_, families_);
       view_.update(make_status(dumps, families_, std::time(nullptr),
                                [this](const std::string& vrf, bool ipv6) {
                                  return tables_.read(vrf, ipv6);

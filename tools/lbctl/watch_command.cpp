@@ -58,8 +58,8 @@ void add_watch_command(CLI::App& program, Action& action) {
   const CommandLine command(
       program, "watch",
       "Print each change of an interface's state, until Ctrl-C (or SIGTERM), and run a command for "
-      "it.\n"
-      "The command finds the change in its environment: WAN_LB_INTERFACE, WAN_LB_FAMILY (4 or 6),\n"
+      "it. "
+      "The command finds the change in its environment: WAN_LB_INTERFACE, WAN_LB_FAMILY (4 or 6), "
       "WAN_LB_VRF, WAN_LB_STATE (active or failed), WAN_LB_NEXTHOP and WAN_LB_TIME.",
       "lbctl watch --exec 'logger \"$WAN_LB_INTERFACE is $WAN_LB_STATE\"'");
   command.value("-o", options->directory, "The daemon's output directory").shows_default();

@@ -8,7 +8,7 @@
 
 #include "lbctl/check_file.h"
 #include "lbctl/check_nearest_word.h"
-#include "lbctl/command.h"
+#include "lbctl/run_command.h"
 #include "support/temporary_directory.h"
 
 namespace lbctl {
@@ -51,13 +51,10 @@ TEST(CheckFindingsTest, AllFilesAreCheckedWhateverTheFirstIs) {
   const TemporaryDirectory directory;
   const std::string bad = directory.write("bad.conf", "colour red\n");
   const std::string missing = directory.file("missing.conf");
-  const char* const arguments[] = {"lbctl", "check", "--offline", missing.c_str(), bad.c_str()};
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(run_lbctl(std::size(arguments), arguments), kExitUnreadable);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "lbctl: " + missing + ": No such file or directory\n");
-  EXPECT_NE(testing::internal::GetCapturedStdout().find("[unknown-section]"), std::string::npos);
+  const Outcome outcome = run_command({"check", "--offline", missing, bad});
+  EXPECT_EQ(outcome.status, kExitUnreadable);
+  EXPECT_EQ(outcome.complaint, "lbctl: " + missing + ": No such file or directory\n");
+  EXPECT_NE(outcome.output.find("[unknown-section]"), std::string::npos);
 }
 
 TEST(CheckFindingsTest, TheNearestWordIsOneThatMayHaveBeenMeant) {

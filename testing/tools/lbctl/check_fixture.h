@@ -11,12 +11,13 @@
 
 namespace lbctl {
 
-// Knows the VRF blue and every device but "gone0"; "tun0" has no link-layer addresses, "strict0"
-// and "loose0" filter. IPv4 replies from 198.51.100.7 would go back by another device, and there is
-// no way to 198.51.100.9. IPv6 has another program's default route.
+// Knows the VRFs blue and green, whose BIRD includes nothing, and every device but "gone0"; "tun0"
+// has no link-layer addresses, "strict0" and "loose0" filter. IPv4 replies from 198.51.100.7 would
+// go back by another device, and there is no way to 198.51.100.9. IPv6 has another program's
+// default route.
 class FakeMachine : public Machine {
  public:
-  bool has_vrf(const std::string& vrf) const override { return vrf == "blue"; }
+  bool has_vrf(const std::string& vrf) const override { return vrf == "blue" || vrf == "green"; }
 
   std::optional<DeviceFacts> device(const std::string& /*vrf*/,
                                     const std::string& name) const override {
@@ -32,6 +33,11 @@ class FakeMachine : public Machine {
     if (target == "198.51.100.9") return std::string();
     if (target == "198.51.100.7" && source != "192.0.2.10") return "other0";
     return device;
+  }
+
+  std::string bird_configuration_without(const std::string& vrf,
+                                         const std::string& /*path*/) const override {
+    return vrf == "green" ? "/etc/bird/green.conf" : "";
   }
 
   std::optional<std::vector<KernelRoute>> routes(const std::string& /*vrf*/,

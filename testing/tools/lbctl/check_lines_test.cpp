@@ -74,6 +74,15 @@ TEST(CheckLinesTest, ABraceInTheCommentOfALineThatOpensNoBlockIsNothing) {
 TEST(CheckLinesTest, CarriageReturnsAreToldAtTheFirst) {
   EXPECT_THAT(told("health {\n}\r\n\r\n"), ElementsAre("2:2 carriage-returns"));
   EXPECT_THAT(told("health {\n}\r"), ElementsAre("2:2 carriage-returns"));
+  EXPECT_THAT(told("health {\n# one\r\n}\n"), ElementsAre("2:6 carriage-returns"));
+}
+
+TEST(CheckLinesTest, ACarriageReturnAloneIsNoEndOfALine) {
+  EXPECT_THAT(told("# one\rhealth {\r}\r"), testing::Contains("1:6 carriage-returns"));
+  EXPECT_THAT(told("health {\n}\n# two\r# three\n"), ElementsAre("3:6 carriage-returns"));
+  EXPECT_THAT(told("health {\n}\n# two\r \n"), IsEmpty()) << "nothing is hidden by it";
+  EXPECT_THAT(told("health {\n interface wan1 {\n  nexthop 192.0.2.1\rorigin eth0\n }\n}\n"),
+              testing::Contains("3:20 carriage-returns"));
 }
 
 }  // namespace lbctl

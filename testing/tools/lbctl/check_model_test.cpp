@@ -53,6 +53,8 @@ TEST(CheckModelTest, NumbersAreHeldAgainstWhatTheReaderKeeps) {
   EXPECT_THAT(told(with_interface("hold-down -1\n")), ElementsAre("4:11 bad-option"));
   EXPECT_THAT(told(with_interface("hold-down +1\n")), ElementsAre("4:11 bad-option"));
   EXPECT_THAT(told(with_test("type ping\nresp-time -5\n")), ElementsAre("6:11 out-of-range"));
+  EXPECT_THAT(told(with_test("type ping\nresp-time 0\n")), ElementsAre("6:11 resp-time-zero"));
+  EXPECT_THAT(told(with_test("type ping_ext\nresp-time 0\n")), IsEmpty()) << "of no effect there";
   EXPECT_THAT(told(with_test("type ping_ext\nperiod 2147483\n")), IsEmpty());
   EXPECT_THAT(told(with_test("type ping_ext\nperiod 2147484\n")), ElementsAre("6:8 out-of-range"));
   EXPECT_THAT(told(with_test("type ping_ext\ncount 0\n")), ElementsAre("6:7 out-of-range"));

@@ -1,30 +1,16 @@
 // The command line: what is refused, where it is said, and the exit statuses that scripts rely on.
-#include "lbctl/command.h"
-
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
-#include <vector>
+
+#include "lbctl/run_command.h"
 
 namespace lbctl {
 namespace {
 
-struct Outcome {
-  int status;
-  std::string output;
-  std::string complaint;
-};
-
-Outcome run(std::vector<const char*> arguments) {
-  arguments.insert(arguments.begin(), "lbctl");
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const int status = run_lbctl(static_cast<int>(arguments.size()), arguments.data());
-  return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
-}
-
 TEST(Command, UnknownOptionGetsAUsageLineOnStandardError) {
-  const Outcome outcome = run({"status", "--nonsense"});
+  const Outcome outcome = run_command({"status", "--nonsense"});
   EXPECT_EQ(outcome.status, kExitUsage);
   EXPECT_EQ(outcome.output, "");
   EXPECT_NE(outcome.complaint.find("--nonsense"), std::string::npos) << outcome.complaint;
@@ -32,7 +18,7 @@ TEST(Command, UnknownOptionGetsAUsageLineOnStandardError) {
 }
 
 TEST(Command, UnknownSubcommandGetsAUsageLine) {
-  const Outcome outcome = run({"stauts"});
+  const Outcome outcome = run_command({"stauts"});
   EXPECT_EQ(outcome.status, kExitUsage);
   EXPECT_NE(outcome.complaint.find("no subcommand or option 'stauts'"), std::string::npos)
       << outcome.complaint;
@@ -41,13 +27,13 @@ TEST(Command, UnknownSubcommandGetsAUsageLine) {
 }
 
 TEST(Command, NoSubcommandIsAUsageError) {
-  const Outcome outcome = run({});
+  const Outcome outcome = run_command({});
   EXPECT_EQ(outcome.status, kExitUsage);
   EXPECT_EQ(outcome.output, "");
 }
 
 TEST(Command, VersionIsTheProjects) {
-  const Outcome outcome = run({"--version"});
+  const Outcome outcome = run_command({"--version"});
   EXPECT_EQ(outcome.status, kExitOk);
   EXPECT_EQ(outcome.output, "lbctl " LB_VERSION "\n");
 }
@@ -55,11 +41,30 @@ TEST(Command, VersionIsTheProjects) {
 TEST(Command, HelpOfEachSubcommandShowsOneExample) {
   for (const char* name : {"status", "check", "routes", "explain", "simulate", "record", "history",
                            "metrics", "watch"}) {
-    const Outcome outcome = run({name, "--help"});
+    const Outcome outcome = run_command({name, "--help"});
     EXPECT_EQ(outcome.status, kExitOk) << name;
     EXPECT_NE(outcome.output.find("Example:\n  lbctl " + std::string(name)), std::string::npos)
         << outcome.output;
   }
+}
+
+TEST(Command, HelpFitsATerminal) {
+  for (const char* name : {"", "status", "check", "routes", "explain", "simulate", "record",
+                           "history", "metrics", "watch"}) {
+    const Outcome outcome = *name == '\0' ? run_command({"--help"}) : run_command({name, "--help"});
+    std::istringstream lines(outcome.output);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80U) << line;
+  }
+}
+
+TEST(Command, SubcommandsAreListedWithOneSentence) {
+  const Outcome outcome = run_command({"--help"});
+  EXPECT_NE(outcome.output.find(
+                "  check                       Tells what is wrong with a configuration, also\n"
+                "                              what the daemon passes over in silence.\n"
+                "  routes "),
+            std::string::npos)
+      << outcome.output;
 }
 
 }  // namespace

@@ -57,6 +57,12 @@ TEST_F(DumpsTest, OneFamilyOnly) {
   EXPECT_TRUE(dumps.rules.empty());
 }
 
+TEST_F(DumpsTest, AFamilyThatIsNotWantedIsNotRead) {
+  directory_.put("wlb_ipv4_outbounds.bin", "not a dump");
+  EXPECT_TRUE(read_dumps(directory_.path(), {.ipv4 = false}).interfaces.empty());
+  EXPECT_NE(complaint().find("wlb_ipv4_outbounds.bin"), std::string::npos) << complaint();
+}
+
 TEST_F(DumpsTest, NoneAtAll) {
   EXPECT_NE(complaint().find(directory_.path() + "/wlb_dump"), std::string::npos) << complaint();
   EXPECT_NE(complaint().find("no dump files"), std::string::npos) << complaint();

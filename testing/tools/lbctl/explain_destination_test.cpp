@@ -87,9 +87,11 @@ TEST_F(ExplainDestination, LostAgainstAHeavierMember) {
 
 TEST_F(ExplainDestination, LostAgainstAnEarlierName) {
   make_all_well();
-  configuration_.reset();
   dumps_.rules.front().failover = true;
   dumps_.rules.front().members = {{"wan1", 5, false}, {"wan2", 5, false}};
+  configure(std::string(kHealth) +
+            "rule 1_ipv4 {\nfailover\ninterface wan1 {\n weight 5\n}\n"
+            "interface wan2 {\n weight 5\n}\n}\n");
   write_routes({"route 0.0.0.0/0 via 192.0.2.1 weight 5;"});
   machine_.kernel.clear();
   add_kernel_route("0.0.0.0/0", "192.0.2.1", "wan1");
@@ -98,6 +100,43 @@ TEST_F(ExplainDestination, LostAgainstAnEarlierName) {
   - wan2 stands by: wan1 has the same weight 5 and comes first by name.
   Next step: none, all is well with it.
 )");
+}
+
+// The records have the low bytes of weights alone: 44 for 300, 0 for 256.
+TEST_F(ExplainDestination, WeightsWithoutAConfiguration) {
+  make_all_well();
+  configuration_.reset();
+  dumps_.rules.front().members = {{"wan1", 2, false}, {"wan2", 44, false}};
+  EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) leads to wan1, wan2.
+  - wan1 carries it by 192.0.2.1.
+  - wan2 carries it by 192.0.2.2.
+  Next step: none, all is well with it.
+)");
+  dumps_.rules.front().members[1].weight = 0;
+  EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) is routed.
+  - wan1 carries it by 192.0.2.1.
+  - wan2 is ACTIVE; whether it has a weight only the configuration tells (-f FILE).
+  - The routing daemon's file /routes/default.ipv4 has it by 192.0.2.1, 192.0.2.2.
+  Next step: none, all is well with it.
+)");
+}
+
+TEST_F(ExplainDestination, FailoverWithoutAConfigurationIsTheDaemonsChoice) {
+  make_all_well();
+  configuration_.reset();
+  dumps_.rules.front().failover = true;
+  dumps_.rules.front().members = {{"wan1", 44, false}, {"wan2", 2, false}};  // 300 and 258
+  dumps_.rules.front().routes.front().nexthop = "192.0.2.2";
+  write_routes({"route 0.0.0.0/0 via 192.0.2.2 weight 258;"});
+  machine_.kernel.clear();
+  add_kernel_route("0.0.0.0/0", "192.0.2.2", "wan2");
+  EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4, failover) leads to wan2.
+  - wan1 stands by: wan2 is chosen.
+  - wan2 carries it by 192.0.2.2.
+  Next step: none, all is well with it.
+)");
+  dumps_.rules.front().routes.front().nexthop.clear();
+  EXPECT_THAT(explained("default"), testing::HasSubstr("  - wan1 stands by: none is chosen.\n"));
 }
 
 TEST_F(ExplainDestination, NoNextHopYet) {
@@ -252,7 +291,7 @@ TEST_F(ExplainDestination, RoutingDaemonDoesNotRun) {
   EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) should lead to wan1, wan2.
   - wan1 carries it by 192.0.2.1, weight 2.
   - wan2 carries it by 192.0.2.2, weight 300.
-  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table: the routing daemon refused it or does not run.
+  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table.
   - The routing daemon does not seem to run: its pid file /var/run/routing.pid: No such file or directory.
   Next step: Start the routing daemon with /pids/default as its pid file (bird -P).
 )");
@@ -265,7 +304,7 @@ TEST_F(ExplainDestination, RoutingDaemonRefusesTheFile) {
   EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) should lead to wan1, wan2.
   - wan1 carries it by 192.0.2.1, weight 2.
   - wan2 carries it by 192.0.2.2, weight 300.
-  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table: the routing daemon refused it or does not run.
+  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table.
   - bird refuses the whole file: /routes/default.ipv4:4:30: Weight must be in range 1-256.
   Next step: Mend what it names: lbctl check lb.conf, and lbctl routes lb.conf --check-bird
 )");
@@ -277,7 +316,7 @@ TEST_F(ExplainDestination, InTheFileButNotInTheKernel) {
   EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) should lead to wan1, wan2.
   - wan1 carries it by 192.0.2.1, weight 2.
   - wan2 carries it by 192.0.2.2, weight 300.
-  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table: the routing daemon refused it or does not run.
+  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table.
   Next step: See what the routing daemon makes of it: birdc show route for 0.0.0.0/0 all. Its next hop must be within a prefix of its interface, or the option "routing-daemon bird2" set.
 )");
 }
@@ -294,6 +333,37 @@ TEST_F(ExplainDestination, AnotherProgramsRouteIsPreferred) {
   EXPECT_FALSE(is_well_);
 }
 
+// It leads there, and would still when the link has failed.
+TEST_F(ExplainDestination, AnotherProgramsRouteByTheSameNextHop) {
+  make_all_well();
+  dumps_.interfaces[1].active = false;
+  write_routes({"route 0.0.0.0/0 via 192.0.2.1 weight 2;"});
+  machine_.kernel.clear();
+  add_kernel_route("0.0.0.0/0", "192.0.2.1", "wan1", 100, RTPROT_DHCP);
+  const std::string text = explained("default");
+  EXPECT_NE(
+      text.find("The kernel's route to it goes by 192.0.2.1 dev wan1 (metric 100, from a DHCP "
+                "client) instead."),
+      std::string::npos)
+      << text;
+  EXPECT_FALSE(is_well_);
+}
+
+TEST_F(ExplainDestination, RoutingDaemonDoesNotIncludeTheFile) {
+  make_all_well();
+  machine_.kernel.clear();
+  machine_.bird_configuration = "/etc/bird/bird.conf";
+  machine_.bird_fault = ":4:1: of no concern";
+  EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) should lead to wan1, wan2.
+  - wan1 carries it by 192.0.2.1, weight 2.
+  - wan2 carries it by 192.0.2.2, weight 300.
+  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table.
+  - The routing daemon does not read it: its configuration /etc/bird/bird.conf has no line that includes it.
+  Next step: Add the line include "/routes/default.ipv4"; to /etc/bird/bird.conf, and have it read that: birdc configure
+)");
+  EXPECT_FALSE(is_well_);
+}
+
 TEST_F(ExplainDestination, OnlyAnotherProgramsRouteIsThere) {
   make_all_well();
   machine_.kernel.clear();
@@ -301,7 +371,7 @@ TEST_F(ExplainDestination, OnlyAnotherProgramsRouteIsThere) {
   EXPECT_EQ(explained("default"), R"(0.0.0.0/0 (rule 1_ipv4) should lead to wan1, wan2.
   - wan1 carries it by 192.0.2.1, weight 2.
   - wan2 carries it by 192.0.2.2, weight 300.
-  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table: the routing daemon refused it or does not run.
+  - It is in the routing daemon's file /routes/default.ipv4, but not in the kernel's table.
   - The kernel's route to it goes by 203.0.113.1 dev eth9 (metric 0, from a DHCP client) instead.
   Next step: See what the routing daemon makes of it: birdc show route for 0.0.0.0/0 all. Its next hop must be within a prefix of its interface, or the option "routing-daemon bird2" set.
 )");

@@ -41,6 +41,12 @@ class FakeRouter : public Router {
                                    const std::string& /*address*/) const override {
     return neighbor_state;
   }
+  std::optional<std::string> dropped_replies(const std::string& /*vrf*/, const std::string& device,
+                                             const std::string& source,
+                                             const std::string& target) const override {
+    if (device != filtering_device) return std::nullopt;
+    return "device drops what comes from " + target + " to " + source;
+  }
   std::optional<std::vector<KernelRoute>> kernel_routes(const std::string& vrf,
                                                         bool /*ipv6*/) const override {
     if (closed_vrfs.contains(vrf)) return std::nullopt;
@@ -54,6 +60,10 @@ class FakeRouter : public Router {
   std::string routing_daemon_fault(const std::string& /*vrf*/) const override {
     return routing_fault;
   }
+  std::string bird_configuration_without(const std::string& /*vrf*/,
+                                         const std::string& /*path*/) const override {
+    return bird_configuration;
+  }
   BirdVerdict bird(const std::string& /*text*/, const std::string& name) const override {
     return {true, bird_fault.empty(), bird_fault.empty() ? "" : name + bird_fault};
   }
@@ -66,6 +76,8 @@ class FakeRouter : public Router {
   std::map<std::string, FileLook> files;
   std::string routing_fault;
   std::string bird_fault;
+  std::string filtering_device;
+  std::string bird_configuration;
 };
 
 class ExplainFixture : public RedirectedPlacesTest {

@@ -29,6 +29,46 @@ TEST_F(ExplainInterface, TargetDoesNotAnswer) {
   EXPECT_FALSE(is_well_);
 }
 
+TEST_F(ExplainInterface, WithoutARuleItHasNoAge) {
+  InterfaceDump& dump = add_failed("wan1");
+  dump.change_age = 0;
+  dump.tests.front() = test("198.51.100.7", kResultNone, 0);
+  dumps_.rules.clear();
+  EXPECT_THAT(explained("wan1"), testing::StartsWith("wan1 is FAILED.\n  - It is never probed: "));
+}
+
+TEST_F(ExplainInterface, ReverseFilterDropsTheReplies) {
+  configure(
+      health_with("interface wan1 {\n origin eth0\n nexthop 192.0.2.1\n"
+                  " source_address 192.0.2.10\n}"));
+  machine_.filtering_device = "eth0";
+  machine_.devices["eth0"] = {
+      .exists = true, .is_up = true, .has_carrier = true, .resolves = false};
+  add_failed("wan1");
+  EXPECT_EQ(explained("wan1"), R"(wan1 is FAILED for 1 min 15 s.
+  - Target 198.51.100.7: the last probe was not answered; 2 failures in a row, 2 settle it as failed.
+  - The device drops what comes from 198.51.100.7 to 192.0.2.10.
+  - It comes back when its target has been reached 3 times in a row.
+  Next step: Let the replies in: ask for 'replies wire', set rp_filter to 0 or lead replies back with a source rule (ip rule add from ADDRESS table NUMBER).
+)");
+  dumps_.interfaces[0].tests.push_back(test("198.51.100.8", kResultSuccess, 1));
+  dumps_.interfaces[0].tests[0] = test("198.51.100.7", kResultNone, 0);
+  EXPECT_THAT(explained("wan1"), testing::Not(testing::HasSubstr("drops"))) << "not a failed test";
+}
+
+TEST_F(ExplainInterface, ReverseFilterIsOfNoConcern) {
+  machine_.filtering_device = "eth0";
+  add_failed("wan1");
+  configure("options {\nreplies wire\n}\n" + health_with(kWan1));
+  EXPECT_THAT(explained("wan1"), testing::Not(testing::HasSubstr("drops"))) << "read before it";
+  configuration_.reset();
+  EXPECT_THAT(explained("wan1"), testing::Not(testing::HasSubstr("drops"))) << "not known";
+  dumps_.interfaces.clear();
+  add_failed("wan1", true);
+  configure(health_with("interface6 wan1 {\n origin eth0\n nexthop fe80::1\n}"));
+  EXPECT_THAT(explained("wan1/6"), testing::Not(testing::HasSubstr("drops"))) << "IPv4 only";
+}
+
 TEST_F(ExplainInterface, TargetBeginsToAnswer) {
   add_failed("wan1").tests.front() = test("198.51.100.7", kResultSuccess, 1);
   EXPECT_EQ(explained("wan1"), R"(wan1 is FAILED for 1 min 15 s.

@@ -130,6 +130,27 @@ TEST(KernelRouteMessageTest, CutMessagesAreReadNoFurther) {
   }
 }
 
+// The route file may also be that of another daemon than BIRD.
+TEST(KernelTableOriginTest, RoutingDaemonsAndOthers) {
+  const auto route = [](uint8_t protocol) { return KernelRoute{"0.0.0.0/0", 0, protocol, {}}; };
+  constexpr uint8_t kStaticRoutesOfFrr = 196;
+  for (const uint8_t protocol :
+       {uint8_t{RTPROT_BIRD}, uint8_t{RTPROT_ZEBRA}, uint8_t{RTPROT_BGP}, kStaticRoutesOfFrr}) {
+    EXPECT_TRUE(is_routing_daemons(route(protocol))) << int{protocol};
+  }
+  const std::pair<uint8_t, const char*> others[] = {{RTPROT_KERNEL, "the kernel"},
+                                                    {RTPROT_BOOT, "ip route"},
+                                                    {RTPROT_STATIC, "a static configuration"},
+                                                    {RTPROT_RA, "a router advertisement"},
+                                                    {RTPROT_DHCP, "a DHCP client"},
+                                                    {RTPROT_KEEPALIVED, "keepalived"},
+                                                    {RTPROT_REDIRECT, "protocol 1"}};
+  for (const auto& [protocol, origin] : others) {
+    EXPECT_FALSE(is_routing_daemons(route(protocol))) << int{protocol};
+    EXPECT_EQ(origin_of(route(protocol)), origin);
+  }
+}
+
 class KernelTableTest : public testing::Test {
  protected:
   DumpAnswers kernel_;

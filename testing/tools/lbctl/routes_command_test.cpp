@@ -6,18 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "lbctl/command.h"
 #include "lbctl/routes_bird.h"
+#include "lbctl/run_command.h"
 #include "support/redirected_places.h"
 
 namespace lbctl {
 namespace {
-
-struct Outcome {
-  int status;
-  std::string output;
-  std::string complaint;
-};
 
 constexpr const char* kTwoUplinks = R"(
 health {
@@ -82,13 +76,8 @@ class RoutesCommand : public RedirectedPlacesTest {
   void use(const std::string& text) { directory_.write("lb.conf", text); }
 
   Outcome run(std::vector<std::string> options) const {
-    options.insert(options.begin(), {"lbctl", "routes", path_});
-    std::vector<const char*> arguments;
-    for (const std::string& option : options) arguments.push_back(option.c_str());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = run_lbctl(static_cast<int>(arguments.size()), arguments.data());
-    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    options.insert(options.begin(), {"routes", path_});
+    return run_command(options);
   }
 
   // A stand-in for bird: leaves its configuration in a file, says something and ends.

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "config/config_reader.h"
-#include "lbctl/command.h"
+#include "lbctl/run_command.h"
 #include "routing/nexthop_discovery.h"
 #include "routing/route_decision.h"
 #include "support/model_builder.h"
@@ -144,8 +144,8 @@ void run_daemon_for(const std::string& config_path, const Question& question) {
 }
 
 std::string lbctls_output(const std::string& config_path, const Question& question) {
-  std::vector<std::string> words{"lbctl", "routes",    config_path, question.ipv6 ? "-6" : "-4",
-                                 "--vrf", question.vrf};
+  std::vector<std::string> words{"routes", config_path, question.ipv6 ? "-6" : "-4", "--vrf",
+                                 question.vrf};
   for (const std::string& name : question.named) {
     words.insert(words.end(),
                  {question.names_up ? "--up" : "--down", name + (question.ipv6 ? "/6" : "")});
@@ -154,15 +154,9 @@ std::string lbctls_output(const std::string& config_path, const Question& questi
     words.insert(words.end(), {"--nexthop", name + (question.ipv6 ? "/6=" : "=") +
                                                 (address.empty() ? "-" : address)});
   }
-  std::vector<const char*> arguments;
-  for (const std::string& word : words) arguments.push_back(word.c_str());
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  const int status = run_lbctl(static_cast<int>(arguments.size()), arguments.data());
-  const std::string output = testing::internal::GetCapturedStdout();
-  const std::string complaints = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(status, kExitOk) << complaints;
-  return output;
+  const Outcome outcome = run_command(words);
+  EXPECT_EQ(outcome.status, kExitOk) << outcome.complaint;
+  return outcome.output;
 }
 
 TEST_F(RoutesProperty, BytesAreTheDaemons) {

@@ -7,8 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
-#include "lbctl/command.h"
 #include "lbctl/metrics_text.h"
+#include "lbctl/run_command.h"
 #include "lbctl/sample_dumps.h"
 
 namespace lbctl {
@@ -19,21 +19,9 @@ constexpr const char* kChanges =
 
 class StatusCommandTest : public testing::Test {
  protected:
-  struct Outcome {
-    int status;
-    std::string output;
-    std::string complaint;
-  };
-
   Outcome run(std::vector<std::string> words) {
-    words.insert(words.begin(), "lbctl");
     words.insert(words.end(), {"-o", directory_.path()});
-    std::vector<const char*> arguments;
-    for (const std::string& word : words) arguments.push_back(word.c_str());
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status = run_lbctl(static_cast<int>(arguments.size()), arguments.data());
-    return {status, testing::internal::GetCapturedStdout(), testing::internal::GetCapturedStderr()};
+    return run_command(words);
   }
 
   void make_all_stale() {
@@ -62,6 +50,16 @@ TEST_F(StatusCommandTest, ActiveFailedAndStale) {
   outcome = run({"status", "--json"});
   EXPECT_EQ(outcome.status, kExitUnreadable);
   EXPECT_EQ(nlohmann::json::parse(outcome.output)["stale"], true);
+}
+
+TEST_F(StatusCommandTest, TheOtherFamilysFileIsOfNoConcern) {
+  directory_.put_all();
+  directory_.put("wlb_ipv6_outbounds.bin", "not a dump");
+  EXPECT_EQ(run({"status"}).status, kExitUnreadable);
+  const Outcome outcome = run({"status", "-4"});
+  EXPECT_EQ(outcome.status, kExitOk);
+  EXPECT_EQ(outcome.complaint, "");
+  EXPECT_EQ(run({"status", "-6"}).status, kExitUnreadable);
 }
 
 TEST_F(StatusCommandTest, FamiliesThatAreWanted) {

@@ -21,7 +21,7 @@ TEST(StatusJsonTest, WholeDocument) {
   interface.tests[0].measurement = {4, 40, 35, 50, 20, 200};
   status.interfaces = {interface};
   const RuleDump rule = rule_dump(7, false, {{"eth0", 3}}, {{"10.0.0.0/8", ""}});
-  status.rules = {{rule, {{rule.routes[0], std::nullopt}}}};
+  status.rules = {{rule, {{rule.routes[0], std::nullopt, ""}}}};
   EXPECT_EQ(status_document(status).dump(1), R"({
  "schema": "wan_lb/status/1",
  "written": "2000-02-29T00:00:00Z",
@@ -97,7 +97,7 @@ TEST(StatusJsonTest, OtherWords) {
   status.interfaces = {interface, interface_dump("wan2", true, "192.0.2.1")};
   RuleDump rule = rule_dump(7, true, {}, {{"::/0", "fe80::1"}}, true);
   rule.routes[0].metric = 0;
-  status.rules = {{rule, {{rule.routes[0], false}}}};
+  status.rules = {{rule, {{rule.routes[0], false, "a DHCP client"}}}};
   const Json found = status_document(status);
   EXPECT_EQ(found["interfaces"][0]["family"], 6);
   EXPECT_EQ(found["interfaces"][0]["state"], "active");

@@ -2,6 +2,7 @@
 #include "lbctl/status_model.h"
 
 #include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
 
 #include "lbctl/command.h"
 #include "lbctl/sample_dumps.h"
@@ -12,8 +13,8 @@ namespace {
 using Table = std::vector<KernelRoute>;
 
 KernelRoute kernel_route(const std::string& destination, std::vector<KernelNexthop> nexthops,
-                         uint32_t metric = 32) {
-  return {destination, metric, 12, std::move(nexthops)};
+                         uint32_t metric = 32, uint8_t protocol = RTPROT_BIRD) {
+  return {destination, metric, protocol, std::move(nexthops)};
 }
 
 class StatusModelTest : public testing::Test {
@@ -76,6 +77,24 @@ TEST_F(SameNames, ThePreferredRouteCounts) {
   EXPECT_EQ(in_force(), true);
   set_table({wanted, kernel_route("0.0.0.0/0", {{"192.0.2.9", "eth0"}}, 0)});
   EXPECT_EQ(in_force(), false) << "shadowed";
+}
+
+// Such as a DHCP client's: it stays there when the link has failed.
+TEST_F(SameNames, AnotherProgramsRouteIsNotInForceWhereverItLeads) {
+  dumps_.interfaces[1].active = false;
+  const KernelRoute foreign = kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}}, 100, RTPROT_DHCP);
+  const auto used_instead = [this] { return status().rules.at(0).routes.at(0).used_instead; };
+  set_table({foreign});
+  EXPECT_EQ(in_force(), false);
+  EXPECT_EQ(used_instead(), "a DHCP client");
+  set_table({foreign, kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}})});
+  EXPECT_EQ(in_force(), true) << "the routing daemon's is preferred";
+  EXPECT_EQ(used_instead(), "");
+  set_table({foreign, kernel_route("0.0.0.0/0", {{"192.0.2.1", "eth0"}}, 101)});
+  EXPECT_EQ(in_force(), false) << "shadowed";
+  EXPECT_EQ(used_instead(), "a DHCP client");
+  set_table({kernel_route("0.0.0.0/0", {}, 100, RTPROT_DHCP)});
+  EXPECT_EQ(used_instead(), "") << "nothing goes by it";
 }
 
 TEST_F(SameNames, NoActiveMemberHasNoRouteInForce) {

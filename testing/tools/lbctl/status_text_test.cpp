@@ -30,8 +30,9 @@ Status sample() {
   RuleDump failover =
       rule_dump(2, true, {{"eth0", 10}}, {{"::/0", "fe80::1"}, {"2001:db8::/32", ""}}, true);
   failover.routes[0].metric = 20;
-  status.rules = {{weighted, {{weighted.routes[0], true}, {weighted.routes[1], false}}},
-                  {failover, {{failover.routes[0], std::nullopt}, {failover.routes[1], false}}}};
+  status.rules = {
+      {weighted, {{weighted.routes[0], true, ""}, {weighted.routes[1], false, ""}}},
+      {failover, {{failover.routes[0], std::nullopt, ""}, {failover.routes[1], false, ""}}}};
   return status;
 }
 
@@ -102,12 +103,43 @@ TEST(StatusTextTest, LongRoutesTakeTwoLines) {
   const char* const destination = "2001:db8:1111:2222:3333:4444:5555:6666/128";
   const char* const nexthop = "2001:db8:1111:2222:3333:4444:5555:7777";
   status.interfaces.clear();
-  status.rules = {{rule_dump(1, true, {}, {}, true), {{{destination, nexthop, 7, 1}, true}}}};
+  status.rules = {{rule_dump(1, true, {}, {}, true), {{{destination, nexthop, 7, 1}, true, ""}}}};
   EXPECT_EQ(joined(status_tables(status), false), R"(IPv6
 No interfaces.
 Rule 1  default  failover: no members
   2001:db8:1111:2222:3333:4444:5555:6666/128  metric 7
     via 2001:db8:1111:2222:3333:4444:5555:7777  in force
+)");
+}
+
+// No worker serves it: its ages are 0 for good.
+TEST(StatusTextTest, AnInterfaceThatIsNotProbedHasNoAge) {
+  Status status = sample();
+  InterfaceDump& interface = status.interfaces[0];
+  interface = interface_dump("wan1", false, "192.0.2.1");
+  interface.success_age = interface.failure_age = interface.change_age = 0;
+  interface.tests = {test_dump("198.51.100.7", 0)};
+  const auto line = [&status] {
+    const std::string text = joined(status_tables(status), false);
+    return text.substr(text.find("wan1"), 53);
+  };
+  EXPECT_EQ(line(), "wan1       default  failed  not probed   192.0.2.1\n  ");
+  interface.tests = {test_dump("198.51.100.7", 2)};
+  EXPECT_EQ(line(), "wan1       default  failed  0 s          192.0.2.1\n  ");
+}
+
+TEST(StatusTextTest, AnotherProgramsRouteIsSaid) {
+  Status status = sample();
+  status.interfaces.clear();
+  status.rules.resize(1);
+  status.rules[0].routes[0] = {status.rules[0].rule.routes[0], false, "a DHCP client"};
+  status.rules[0].routes[1] = {{"2001:db8:1111:2222:3333::/80", "", -1, 2}, false, "ip route"};
+  EXPECT_EQ(joined(status_tables(status), false), R"(IPv4
+No interfaces.
+Rule 1  default  by weight: eth0 1, eth1 2
+  0.0.0.0/0  not in force: another route is used (from a DHCP client)
+  2001:db8:1111:2222:3333::/80
+    not in force: another route is used (from ip route)
 )");
 }
 
@@ -172,7 +204,9 @@ TEST(StatusTextTest, NoLineIsLongerThan80Columns) {
       rule.rule.failover = any.below(2) == 0;
       for (size_t member = any.below(20); member > 0; --member)
         rule.rule.members.push_back({any.text(63), 255, false});
-      rule.routes.push_back({{any.text(49), any.text(45), any.number(), 1}, any.below(2) == 0});
+      rule.routes.push_back({{any.text(49), any.text(45), any.number(), 1},
+                             any.below(2) == 0,
+                             any.below(2) == 0 ? "" : "a router advertisement"});
       status.rules.push_back(rule);
     }
     std::istringstream lines(joined(status_text(status), false));

@@ -111,7 +111,7 @@ TEST(WatchViewTest, MarksRoutesAndWhatIsNew) {
   WatchView view("title");
   const RuleDump rule = rule_dump(1, true, {}, {{"0.0.0.0/0", "192.0.2.1"}});
   Status status = status_of({});
-  status.rules = {{rule, {{rule.routes[0], true}}}};
+  status.rules = {{rule, {{rule.routes[0], true, ""}}}};
   view.update(status, 50);
   status.rules[0].routes[0].in_force = false;
   status.interfaces = {interface_dump("wan1", true, "192.0.2.1")};
