@@ -130,6 +130,11 @@ def test_uplink_without_arp(lab, network, options, accepts):
         assert lb.statuses() == {"dsl": "failed"}
 
 
+def follows(flow, expected):
+    """With the second packet at most. Of the first one, that it is lost is not told from that it is heard late."""
+    return flow.send(2) == expected or flow.send() == expected
+
+
 def test_flows_through_switches(network):
     """Masquerading without marks for what goes out: the daemon's switch moves a flow with the second packet at most,
     by itself; with a fixed address it would stay (see the scenario without a daemon)."""
@@ -142,11 +147,11 @@ def test_flows_through_switches(network):
     assert flow.answered()
     first.cut()
     network.wait_route(second)
-    assert flow.wait(("isp2", second.address)) <= 2
+    assert follows(flow, ("isp2", second.address))
     assert flow.answered()
     first.restore()
     network.wait_route(first)
-    assert flow.wait(("isp1", first.address)) <= 2
+    assert follows(flow, ("isp1", first.address))
 
 
 def test_ingress_hook_comes_before_the_wire(lab, network):

@@ -1,19 +1,23 @@
-"""Waiting until somebody has read a file, as inotify(7) tells."""
+"""Waiting until something is done with a file, as inotify(7) tells."""
 
 import ctypes
 import os
 import select
 
 _libc = ctypes.CDLL(None, use_errno=True)
-IN_CLOSE_NOWRITE = 0x10
+IN_MODIFY, IN_ATTRIB, IN_CLOSE_NOWRITE, IN_MOVED_TO, IN_CREATE, IN_DELETE = 0x2, 0x4, 0x10, 0x80, 0x100, 0x200
+# Somebody opened the file to read it, and closed it.
+READ = IN_CLOSE_NOWRITE
+# A file, or one of the directory, is another one than before. What readers do is none of these.
+CHANGED = IN_MODIFY | IN_ATTRIB | IN_MOVED_TO | IN_CREATE | IN_DELETE
 
 
-class ReadEvents:
-    """Counts on from its construction; use as a context manager."""
+class FileEvents:
+    """Of a file or a directory; counts on from its construction. Use as a context manager."""
 
-    def __init__(self, path):
+    def __init__(self, path, events):
         self._descriptor = _libc.inotify_init1(os.O_CLOEXEC | os.O_NONBLOCK)
-        if self._descriptor < 0 or _libc.inotify_add_watch(self._descriptor, os.fsencode(path), IN_CLOSE_NOWRITE) < 0:
+        if self._descriptor < 0 or _libc.inotify_add_watch(self._descriptor, os.fsencode(path), events) < 0:
             raise OSError(ctypes.get_errno(), "inotify")
 
     def __enter__(self):
@@ -22,8 +26,8 @@ class ReadEvents:
     def __exit__(self, *_):
         os.close(self._descriptor)
 
-    def wait(self, seconds):
-        """True when somebody opened the file to read it, and closed it, since the last call or within so long."""
+    def wait(self, seconds=None):
+        """True when there was an event since the last call, or within so long; without a time it waits for one."""
         if not select.select([self._descriptor], [], [], seconds)[0]:
             return False
         os.read(self._descriptor, 65536)

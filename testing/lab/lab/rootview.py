@@ -10,7 +10,9 @@ It works for an ordinary user inside a user namespace, and needs no overlay file
 """
 
 import ctypes
+import functools
 import os
+import threading
 
 _libc = ctypes.CDLL(None, use_errno=True)
 MS_NOSUID, MS_NODEV, MS_BIND, MS_REC, MS_PRIVATE = 2, 4, 4096, 16384, 1 << 18
@@ -42,6 +44,20 @@ def mount(source, target, fstype=None, flags=0, data=None):
         raise OSError(number, os.strerror(number), f"mount {source} on {target}")
 
 
+_one_at_a_time = threading.Lock()  # labs may be made by several threads
+
+
+@functools.cache
+def _links_to_etc():
+    """A directory with a link to each name of the host's /etc. Another name of a link is cheaper than another link."""
+    import tempfile  # the first process of each lab needs it not  # pylint: disable=import-outside-toplevel
+    directory = tempfile.TemporaryDirectory(prefix="lblab-etc-")
+    for name in os.listdir("/etc"):
+        if name != "wan_lb":
+            os.symlink("/.host/etc/" + name, os.path.join(directory.name, name))
+    return directory
+
+
 def make_directories(top):
     """Creates what the view shows, below `top`. Runs outside, before the view is built."""
     for name in PRIVATE.values():
@@ -49,9 +65,10 @@ def make_directories(top):
     for name in ("run/lock", "run/netns", "root", "bin", "san", "etc/wan_lb"):
         os.mkdir(os.path.join(top, name))
     # /etc is the host's, name by name, so that a test can replace or hide any of them.
-    for name in os.listdir("/etc"):
-        if name != "wan_lb":
-            os.symlink("/.host/etc/" + name, os.path.join(top, "etc", name))
+    with _one_at_a_time:
+        links = _links_to_etc().name
+    for name in os.listdir(links):
+        os.link(os.path.join(links, name), os.path.join(top, "etc", name), follow_symlinks=False)
     dev = os.path.join(top, "dev")
     for name in ("net", "shm", "pts"):
         os.mkdir(os.path.join(dev, name))

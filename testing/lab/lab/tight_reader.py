@@ -15,7 +15,7 @@ class TightReader:
 
     def __init__(self, lab, path):
         self._notes = lab.path(f"read.{id(self)}")
-        self._process = lab.enclosure.spawn([sys.executable, _READER, path, self._notes])
+        self._process = lab.enclosure.spawn([sys.executable, "-B", _READER, path, self._notes])
         waiting.wait_until(lambda: os.path.exists(self._notes) and self.texts(), "a reader that reads")
 
     def texts(self):
