@@ -1,10 +1,12 @@
 """Which scenarios are run again, and what is said of it: small ones under a pytest of their own."""
 
+import os
 import re
+import threading
 
 import pytest
 
-from lab import stalls
+from lab import stalls, waiting
 from lab.inner_session import InnerSession
 
 # Without leaving Python's lock it stops every thread of the process for a while, as the machine may do.
@@ -40,6 +42,22 @@ def test_failure_in_a_stall_is_run_again(tmp_path, options):
     assert name == stalls.RUN_AGAIN and note[1] in value
     assert "run again lab: test_scenarios.test_it: the machine stood still" in session.counted()
     assert session.counted().splitlines()[-1] == "1 passed, 0 failed"
+
+
+def test_each_processor_is_watched():
+    """One may stand still while the others go on."""
+    def watched():
+        return sorted(tuple(os.sched_getaffinity(thread.native_id)) for thread in threading.enumerate()
+                      if thread.name == "stalls" and thread not in others)
+
+    others = threading.enumerate()
+    watcher = stalls.Watcher()
+    try:
+        waiting.wait_until(lambda: watched() == [(processor,) for processor in sorted(os.sched_getaffinity(0))],
+                           lambda: f"watches of {watched()}")
+    finally:
+        watcher.stop()
+    assert not watched()
 
 
 def test_failure_without_a_stall_is_not_run_again(tmp_path):
@@ -120,11 +138,13 @@ def test_kept_failure_is_not_run_again(tmp_path):
 def test_no_thread_is_left_over(tmp_path):
     session = InnerSession(tmp_path, PRELUDE + """
 seen = []
+def watches():
+    return [thread for thread in threading.enumerate() if thread.name == "stalls"]
 def test_one():
-    seen.extend(thread for thread in threading.enumerate() if thread.name == "stalls")
-    assert len(seen) == 1
+    seen.extend(watches())
+    assert len(seen) == len(os.sched_getaffinity(0))
 def test_two():
-    assert not seen[0].is_alive()
-    assert len([thread for thread in threading.enumerate() if thread.name == "stalls"]) == 1
+    assert not any(thread.is_alive() for thread in seen)
+    assert len(watches()) == len(seen)
 """)
     assert session.process.returncode == 0, session.text

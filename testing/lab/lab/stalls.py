@@ -1,10 +1,10 @@
 """A scenario that failed while the machine stood still is run again, and the summary says so.
 
 The lab's programs have to answer each other within a second or so. A machine that gives them no processor for a good
-part of it makes a scenario fail that is right: a suspended guest, or far too much other work. A thread beside each
-scenario sleeps for moments and notes every one that lasted too long. Only a failure with such a note inside its
-duration is tried again, in namespaces of its own; whatever the last run says counts. Where the lab of a failed
-scenario is to be kept (LB_LAB_KEEP), the first failure is what is looked into, and nothing is run again.
+part of it makes a scenario fail that is right: a suspended guest, or far too much other work. Threads beside each
+scenario, one on each processor, sleep for moments and note every one that lasted too long. Only a failure with such a
+note inside its duration is tried again, in namespaces of its own; whatever the last run says counts. Where the lab of
+a failed scenario is to be kept (LB_LAB_KEEP), the first failure is what is looked into, and nothing is run again.
 """
 
 import os
@@ -23,18 +23,22 @@ RUN_AGAIN = "run again"
 
 
 class Watcher:
-    """Notes stalls from its construction to `stop`."""
+    """Notes stalls from its construction to `stop`: of each processor, since one may stand still alone."""
 
     def __init__(self):
         self.noted = []  # seconds of each
-        self._running = threading.Lock()  # to wait for it is cheaper than for an Event
-        self._running.acquire()
-        self._thread = threading.Thread(target=self._run, name="stalls", daemon=True)
-        self._thread.start()
+        self._watches = []
+        for processor in sorted(os.sched_getaffinity(0)):
+            running = threading.Lock()  # to wait for it is cheaper than for an Event
+            running.acquire()
+            thread = threading.Thread(target=self._run, args=(processor, running), name="stalls", daemon=True)
+            thread.start()
+            self._watches.append((thread, running))
 
-    def _run(self):
+    def _run(self, processor, running):
+        os.sched_setaffinity(0, {processor})  # of this thread
         before = time.monotonic()
-        while not self._running.acquire(timeout=MOMENT):
+        while not running.acquire(timeout=MOMENT):
             before = self._note(before)
         self._note(before)
 
@@ -46,8 +50,9 @@ class Watcher:
 
     def stop(self):
         """Returns the seconds of the longest stall, 0 if there was none."""
-        self._running.release()
-        self._thread.join()
+        for thread, running in self._watches:
+            running.release()
+            thread.join()
         return max(self.noted, default=0.0)
 
 
