@@ -19,6 +19,8 @@ use_ccache() {
   export CCACHE_DIR=${CCACHE_DIR:-$1}
   # Else nothing with a precompiled header is cached.
   export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros}
+  # Else two builds of the same sources with the same options share nothing, since they are in two directories.
+  export CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
   # Else it preprocesses what it does not find first, which costs a seventh more.
   export CCACHE_DEPEND=${CCACHE_DEPEND:-1}
 }
