@@ -181,7 +181,7 @@ def test_half_written_file_is_waited_for(tmp_path, compiled, kind):
     path = tmp_path / "wlb_dump" / "wlb_ipv4_outbounds.bin"
     record = b"wan1".ljust(64, b"\0") + b"default".ljust(dumps.OUTBOUND_SIZE - 64, b"\0")
     path.write_bytes(b"")
-    with file_events.ReadEvents(path) as events, \
+    with file_events.FileEvents(path, file_events.READ) as events, \
             subprocess.Popen(reader(compiled, kind, str(tmp_path)), text=True, stdout=subprocess.PIPE) as process:
         for half in (b"", record[:1000]):
             path.write_bytes(half)

@@ -96,7 +96,6 @@ def hold(lab, title, instead=lambda command: command):
                            f"{command}\nto print\n{text}but it prints\n{last[0]}\nlog:\n{lab.log.text()}", interval=0.2)
 
 def test_other_way_by_hand(lab, router):
-    lab.ip("route add default via 10.2.0.1 dev wan2")
     router.start(router.config(tests=[ping("198.51.100.2", resp_time=900)])).wait_status("wan2", "active")
     hold(lab, "Ping works by hand, and the link is FAILED")
 
@@ -161,6 +160,12 @@ def test_file_is_not_included(lab, router):
     lines = pages.block(RUNNING, "protocol kernel", "conf")
     router.both(bird="\n".join(line for line in lines.splitlines() if not line.startswith("include")) + "\n")
     hold(lab, "The routing daemon does not read the file")
+
+
+def test_kernel_protocol_is_missing(lab, router):
+    lines = pages.block(RUNNING, "protocol kernel", "conf")
+    router.both(bird="\n".join(line for line in lines.splitlines() if not line.startswith("protocol kernel")) + "\n")
+    hold(lab, "The routing daemon reads the file, and the kernel has no route")
 
 
 def test_file_is_refused(lab, router):

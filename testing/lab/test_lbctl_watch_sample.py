@@ -79,6 +79,35 @@ def run_hook(lab, path=None, **change):
                                 "/" + HOOK])
 
 
+class Steps:
+    """In the place of sleep: each one lasts until the test lets it end, and the hook's patience with it."""
+
+    def __init__(self, lab):
+        self.path = lab.path("run/step")
+        self.end = None
+        os.mkfifo(self.path)
+        lab.write("bin/sleep", "#!/bin/sh\nread -r _ </run/step\n")
+        os.chmod(lab.path("bin/sleep"), 0o755)
+
+    def wait(self):
+        """Until the hook sleeps."""
+        def opened():
+            try:
+                self.end = os.open(self.path, os.O_WRONLY | os.O_NONBLOCK)
+            except OSError:  # nobody reads
+                return False
+            return True
+
+        if self.end is None:
+            waiting.wait_until(opened, "the hook to sleep")
+
+    def take(self):
+        self.wait()
+        os.write(self.end, b"\n")
+        os.close(self.end)
+        self.end = None
+
+
 def test_flow_goes_by_the_other_uplink_after_a_failure(lab, network):
     network.start((*STOCK, "replies wire"), out=lab.path("run/load-balance"), failover=True)
     first, second = network.isps
@@ -109,17 +138,23 @@ def test_flushes_after_the_routes_have_switched(lab, network):
     lab.ip(f"route add default via {first.gateway} dev eth0 proto bird")
     flow = Flow(network)
     flow.wait(("isp1", first.address))
+    steps = Steps(lab)
     hook = run_hook(lab)
+    steps.take()
     asked = "-4 route show default proto bird"
-    waiting.wait_until(lambda: lab.ip_calls().count(asked) >= 2, "two looks at the routes")
+    waiting.wait_until(lambda: lab.ip_calls().count(asked) == 2, "a second look at the routes")
+    steps.wait()
     assert hook.status is None and flow.send() == ("isp1", first.address)
     lab.ip(f"route replace default via {second.gateway} dev eth1 proto bird")
+    steps.take()
     assert hook.wait() == 0
     assert flow.send() == ("isp2", second.address)
 
 
 def test_does_nothing_while_the_routes_stay(lab, network):
     """No other uplink is left."""
+    lab.write("bin/sleep", "#!/bin/sh\n")
+    os.chmod(lab.path("bin/sleep"), 0o755)
     install(lab, "cp /usr/share/doc/wan-lb/examples/hooks/state-change", "chmod")
     first, _ = network.isps
     lab.ip(f"route add default via {first.gateway} dev eth0 proto bird",

@@ -37,7 +37,7 @@ def test_version_is_one(tree, packages):
 
 def test_sample_is_read_and_clean(tree):
     """The samples of the configuration, and the file that is installed."""
-    for sample in (f"{_EXAMPLES}/two-providers.conf", "/etc/wan_lb/lb.conf"):
+    for sample in (f"{_EXAMPLES}/two-uplinks.conf", f"{_EXAMPLES}/two-providers.conf", "/etc/wan_lb/lb.conf"):
         assert trees.run(tree, "lb", "-t", "-f", sample).returncode == 0
         checked = trees.run(tree, "lbctl", "check", "--offline", sample)
         assert checked.stdout == "", checked.stdout
@@ -47,6 +47,11 @@ def test_bird_takes_the_sample(tree):
     done = trees.run(tree, "sh", "-ec", "systemd-tmpfiles --create wan-lb.conf || true\n"
                      f"bird -p -c {_EXAMPLES}/bird.conf")
     assert done.stdout + done.stderr == "" or "rror" not in done.stdout + done.stderr
+    # Which is why a removal leaves the route files.
+    for name in ("routing-wlb.conf", "routing-wlb6.conf"):
+        done = trees.run(tree, "sh", "-ec", f"rm /usr/etc/{name}\nbird -p -c {_EXAMPLES}/bird.conf", check=False)
+        assert done.returncode != 0 and f"Unable to open included file /usr/etc/{name}" in done.stderr, done.stderr
+        trees.run(tree, "touch", f"/usr/etc/{name}")
 
 
 def test_directories_are_made(tree):

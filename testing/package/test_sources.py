@@ -8,6 +8,8 @@ import textwrap
 
 import pytest
 
+from package_lab import buildroot
+
 _ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
 _EXAMPLES = "usr/share/doc/wan-lb/examples"
 _LIBRARIES = {  # of the daemon alone, beside those of the C++ compiler
@@ -70,10 +72,14 @@ def test_alert_rules(packages, tmp_path):
     assert told.returncode == 0 and "SUCCESS" in told.stdout, told.stdout + told.stderr
 
 
+def _needed(program):
+    """The libraries that it is linked with."""
+    return set(re.findall(r"NEEDED\s+(\S+)", _output("objdump", "-p", program)))
+
+
 def test_daemon_needs_its_own_libraries_only(packages, tmp_path):
     subprocess.run(["dpkg-deb", "-x", packages["wan-lb"], tmp_path], check=True)
-    needed = set(re.findall(r"NEEDED\s+(\S+)", _output("objdump", "-p", f"{tmp_path}/usr/sbin/lb")))
-    assert needed - _COMPILER == _LIBRARIES
+    assert _needed(tmp_path / "usr" / "sbin" / "lb") - _COMPILER == _LIBRARIES
 
 
 @pytest.fixture(scope="module")
@@ -102,23 +108,25 @@ def _with_dependencies(names):
     return names | {words.split()[0].split(":")[0] for words in re.split("[,|]", told) if words.split()}
 
 
-def test_daemon_is_configured_without_the_tools_libraries(documented, tmp_path):
-    """What CMake asks for: every module belongs to a package that the documentation names."""
-    wrapper, asked = tmp_path / "pkg-config", tmp_path / "asked"
-    wrapper.write_text(f'#!/bin/sh\necho "$@" >>{asked}\nexec pkg-config "$@"\n')
-    wrapper.chmod(0o755)
-    told = subprocess.run(["cmake", "-S", _ROOT, "-B", tmp_path / "build", "-G", "Ninja", "-DLB_BUILD_TOOLS=OFF",
-                           "-DLB_BUILD_TESTS=OFF", f"-DPKG_CONFIG_EXECUTABLE={wrapper}"], capture_output=True,
-                          text=True, check=False)
-    assert told.returncode == 0, told.stdout + told.stderr
-    modules = {word for word in asked.read_text().split() if re.match(r"lib|ncurses", word)}
-    assert modules == {"libmnl", "libnetfilter_conntrack", "libsystemd"}
-    files = {f"{_output('pkg-config', '--variable=pcfiledir', module).strip()}/{module}.pc" for module in modules}
-    assert _packages_of(files) <= documented
-    cache = (tmp_path / "build" / "CMakeCache.txt").read_text()
-    assert re.findall(r"^(\w+)_DIR:PATH=", cache, re.MULTILINE) == [], "packages of CMake's own kind"
-    targets = json.dumps(json.loads((tmp_path / "build" / "compile_commands.json").read_text()))
-    assert "/src/main.cpp" in targets and "/tools/" not in targets and "/testing/" not in targets
+def test_daemon_alone_is_built_as_documented(documented, tmp_path):
+    """The README's commands, where there is nothing of this machine but the packages that it names, and what those need.
+    Not optimised, and several sources at once, since only what is there counts."""
+    root = buildroot.BuildRoot(tmp_path / "root", documented)
+    for name in ("CMakeLists.txt", "cmake", "src", "packaging", "docs"):
+        root.bring(_source(name), f"source/{name}")
+    with open(_source("README.md"), encoding="utf-8") as file:
+        commands, = re.findall(r"^```sh\n(cmake [^`]*)```$", file.read(), re.MULTILINE)
+    options = "-DLB_BUILD_TOOLS=OFF -DLB_BUILD_TESTS=OFF"
+    assert commands.count(options) == 1
+    told = root.run("source", commands.replace(options, f"{options} -DLB_BUNDLE=30"),
+                    CMAKE_BUILD_TYPE="None", CXXFLAGS="-O0", CMAKE_BUILD_PARALLEL_LEVEL="2")
+    assert told.returncode == 0, told.stdout[-4000:] + told.stderr[-4000:]
+    build = tmp_path / "root" / "source" / "build"
+    assert _needed(build / "lb") - _COMPILER == _LIBRARIES
+    told = root.run("source", "build/lb -t -f packaging/examples/two-uplinks.conf")
+    assert (told.returncode, told.stdout + told.stderr) == (0, "")
+    compiled = {command["file"] for command in json.loads((build / "compile_commands.json").read_text())}
+    assert "/source/src/main.cpp" in compiled and not [path for path in compiled if not path.startswith("/source/")]
 
 
 def test_daemon_is_compiled_with_the_documented_packages(documented, tmp_path):

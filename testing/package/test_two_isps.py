@@ -43,7 +43,7 @@ def _wait_status(machine, status):
 
 @pytest.fixture
 def router(machine, isps):
-    """The machine after the guide's steps up to the last one; the packages are installed."""
+    """The machine after the guide's steps up to the last one; by the first one its tree was made."""
     for step in guide.steps("two-isps.md"):
         if step[0].startswith(("2.", "3.", "4.")):
             guide.carry_out(machine, [step])
@@ -67,6 +67,31 @@ def test_guide(router, isps):
     _wait_devices(router, 6, ["eth0"])
     _wait_status(router, 0)
     assert router.run("systemctl", "is-active", "wan-lb").stdout == "active\n"
+    _go_back(router)
+
+
+def _go_back(router):
+    """The last section. The router always has its default routes."""
+    remove, purge = [step for step in guide.steps("two-isps.md") if step[0].startswith("6.")]
+    routes = {family: router.run(*_DEFAULTS[family]).stdout for family in _DEFAULTS}
+    router.watch_routes()
+    guide.carry_out(router, [remove])
+    assert router.run("pidof", "lb", check=False).stdout == ""
+    router.run("systemctl", "reload", "bird")
+    assert routes == {family: router.run(*_DEFAULTS[family]).stdout for family in _DEFAULTS}
+    # BIRD puts an IPv6 route with "onlink" in its own place at each scan; nothing else is to be seen.
+    seen = {" ".join(line.split()) for line in router.changed_routes()}
+    assert seen <= {" ".join(routes[6].split())}, seen
+    router.run("systemctl", "restart", "bird")
+    _wait_devices(router, 4, ["eth0", "eth1"])
+    _wait_devices(router, 6, ["eth0"])
+    guide.carry_out(router, [purge])
+    for family, gateway in ((4, "192.0.2.1"), (6, "fe80::1")):
+        wait_until(lambda shown=_DEFAULTS[family]: "proto bird" not in router.run(*shown).stdout, "BIRD's routes to go")
+        assert f"via {gateway} dev eth0" in router.run(*_DEFAULTS[family]).stdout
+    router.run("systemctl", "restart", "bird")
+    assert router.run("systemctl", "is-active", "bird").stdout == "active\n"
+    router.run("sh", "-ec", "[ ! -e /usr/etc ] && [ ! -e /etc/wan_lb ]")
 
 
 def _pid(machine):
@@ -78,7 +103,7 @@ def test_reload_starts_anew_and_changes_no_route(router):
     before = _pid(router)
     routes = {family: router.run(*_DEFAULTS[family]).stdout for family in _DEFAULTS}
     router.watch_routes()
-    router.run("systemctl", "reload", "wan-lb")
+    guide.carry_out(router, [step for step in guide.steps("two-isps.md") if step[0].startswith("5.")][1:])
     wait_until(lambda: _pid(router) not in (before, "0"), "another process of the daemon")
     router.wait_found_active(4)
     _wait_status(router, 0)

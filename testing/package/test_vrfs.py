@@ -56,8 +56,7 @@ def isps(machine):
 def router(machine, isps, tree, packages):
     """The machine after the guide's steps up to the last one."""
     shutil.copy(packages["wan-lb"], tree)  # where the commands are carried out
-    machine.write("/etc/apt/apt.conf.d/yes", 'APT::Get::Assume-Yes "true";\n')  # the administrator's
-    guide.carry_out(machine, _steps("1."))
+    machine.run("sh", "-ec", guide.installation("vrfs.md"))
     guide.carry_out(machine, _steps("2."))
     for vrf in ("blue", "red"):
         machine.run("ip", "netns", "exec", vrf, "sysctl", "-qw", "net.ipv6.conf.all.accept_dad=0")

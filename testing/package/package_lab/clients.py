@@ -5,13 +5,15 @@
 """
 
 import os
+import shutil
 import signal
 import subprocess
 import tempfile
 
+from . import guide
 from .machine import wait_until
 
-_PACKAGES = ["network-manager", "ifupdown", "isc-dhcp-client", "dhcpcd", "dnsmasq", "nftables"]
+_PACKAGES = ["network-manager", "ifupdown", "isc-dhcp-client"]  # beside those that a guide installs
 _OFF = ["NetworkManager", "NetworkManager-wait-online", "NetworkManager-dispatcher", "dhcpcd", "networking",
         "dnsmasq"]
 # The machine has no devices for udev to tend, and is not to tend those of the host.
@@ -21,14 +23,19 @@ _MASKED = ["systemd-udevd.service", "systemd-udevd-control.socket", "systemd-ude
 _INSTALL = f"""
 export DEBIAN_FRONTEND=noninteractive PATH=/usr/sbin:/usr/bin:/sbin:/bin
 for unit in {' '.join(_MASKED)}; do ln -s /dev/null "/etc/systemd/system/$unit"; done
+echo force-unsafe-io >/etc/dpkg/dpkg.cfg.d/unsafe
 apt-get update
-apt-get install -y --no-install-recommends -o DPkg::Options::=--force-unsafe-io {' '.join(_PACKAGES)}
+cd /root
+{guide.installation("ipv6-dynamic.md")}
+apt-get install {' '.join(_PACKAGES)}
 systemctl disable {' '.join(_OFF)}
 """
 
 
-def install(root):
-    """All clients into the tree at `root`; none of them runs when it boots."""
+def install(root, deb):
+    """All clients into the tree at `root`, the first of them by the guide's command with the package `deb`. None runs
+    when it boots."""
+    shutil.copy(deb, f"{root}/root")
     done = subprocess.run(["chroot", root, "/bin/sh", "-ec", _INSTALL], capture_output=True, text=True, check=False)
     assert done.returncode == 0, done.stdout[-2000:] + done.stderr[-2000:]
 

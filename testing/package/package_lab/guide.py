@@ -21,6 +21,13 @@ def steps(name):
     return found
 
 
+def installation(name):
+    """The commands of the first section, with which everything begins."""
+    (title, kind, text), *_ = steps(name)
+    assert (title, kind) == ("1. Install", "sh") and text.startswith("apt install ./wan-lb_"), (title, text)
+    return text
+
+
 def carry_out(machine, some):
     """Does what the steps say, on the machine; a file's path is in its first line. Returns what was printed."""
     printed = ""

@@ -4,6 +4,7 @@
     machine eth1 ------- isp2
 """
 
+import json
 import os
 import signal
 import subprocess
@@ -139,6 +140,11 @@ class Machine:
         """A program of this host, in the machine's network."""
         subprocess.run(["nsenter", "-t", str(self._init), "-n", "--", *argv], check=True, timeout=_PATIENCE)
 
+    def ip_json(self, *what):
+        """What ip shows; of a table that has never had a route nothing."""
+        told = self.run("ip", "-j", *what, check=False)
+        return [entry for entry in json.loads((told.stdout if told.returncode == 0 else "") or "[]") if entry]
+
     def journal(self, unit="wan-lb"):
         return subprocess.run(self._enter(["journalctl", "--no-pager", "-o", "cat", "-u", unit, "-n", "60"]),
                               capture_output=True, text=True, check=False).stdout
@@ -165,7 +171,9 @@ class Machine:
         self.run("sh", "-c", f"exec {' '.join(ip)} -o monitor route >{self._changes(vrf)} 2>&1 &")
 
         def sees():
-            self.run(*ip, "route", "replace", "blackhole", _OF_THE_MONITOR)
+            # The kernel says nothing of a route that is replaced by itself.
+            self.run(*ip, "route", "add", "blackhole", _OF_THE_MONITOR)
+            self.run(*ip, "route", "del", "blackhole", _OF_THE_MONITOR)
             return _OF_THE_MONITOR in self.read(self._changes(vrf))
 
         wait_until(sees, "the monitor to see a change")

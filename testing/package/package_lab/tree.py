@@ -3,10 +3,13 @@
 import contextlib
 import glob
 import os
+import shlex
 import subprocess
 
 _DOCUMENTATION = ["--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-include=/usr/share/doc/wan-lb/*",
                   "--dpkgopt=path-exclude=/usr/share/locale/*"]
+# The administrator says yes; what is only recommended the guides name.
+_ANSWERS = ['--aptopt=APT::Get::Assume-Yes "true"', '--aptopt=APT::Install-Recommends "false"']
 
 
 def packages(directory):
@@ -16,13 +19,12 @@ def packages(directory):
     return found
 
 
-def make(directory, debs, also=()):
-    """A minimal Debian 12 in `directory` with the packages `debs` installed as a user installs them; `also` are
-    packages of Debian's."""
+def make(directory, debs, commands, also=()):
+    """A minimal Debian 12 in `directory`, with `also` of Debian's packages; then the packages `debs` are copied there,
+    and the commands carried out where they lie."""
     hooks = [f"--customize-hook=cp {deb} \"$1/tmp/\"" for deb in debs]
-    names = " ".join("/tmp/" + os.path.basename(deb) for deb in debs)
-    hooks.append(f"--customize-hook=chroot \"$1\" apt-get install -y --no-install-recommends {names}")
-    done = subprocess.run(["mmdebstrap", "--mode=root", "--variant=minbase", *_DOCUMENTATION, *hooks,
+    hooks.append(f"--customize-hook=chroot \"$1\" sh -ec {shlex.quote('cd /tmp' + chr(10) + commands)}")
+    done = subprocess.run(["mmdebstrap", "--mode=root", "--variant=minbase", *_DOCUMENTATION, *_ANSWERS, *hooks,
                            f"--include={','.join(['systemd', *also])}", "bookworm", directory],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     assert done.returncode == 0, done.stdout[-4000:]
