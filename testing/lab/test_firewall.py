@@ -27,6 +27,12 @@ def network(lab):
     return TwoIsps(lab)
 
 
+def test_flows_have_ports_of_their_own(network):
+    """Else an answer goes to another one's socket now and then."""
+    ports = [network.socket(socket.SOCK_DGRAM, "lan").getsockname()[1] for _ in range(500)]
+    assert len(set(ports)) == len(ports)
+
+
 def is_served(network, far, address, port, server, ipv6=False):
     """Whether a caller gets a TCP connection to the address; `server` listens. At an ISP he has an address that both
     have: by the default route his answers would go to the other one."""

@@ -174,7 +174,8 @@ class TwoIsps:
     def socket(self, kind, netns=None, address=("", 0), ipv6=False):
         """A bound socket (socket.SOCK_DGRAM or SOCK_STREAM) in the namespace, closed with the lab."""
         made = self.lab.closing(self.lab.enclosure.socket(socket.AF_INET6 if ipv6 else socket.AF_INET, kind, 0, netns))
-        made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        if address[1]:  # where the kernel chooses the port, it might give two sockets the same one
+            made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         made.bind(address)
         if kind == socket.SOCK_STREAM:
             made.settimeout(waiting.scaled(waiting.PATIENCE))
