@@ -13,7 +13,7 @@ if(LB_HAS_STACK_CLASH_PROTECTION)  # not on every processor
 endif()
 
 # Unoptimised code cannot be checked so, and a sanitizer checks the same calls itself.
-if(NOT LB_SANITIZE AND NOT LB_FUZZ AND NOT LB_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+if(NOT LB_SANITIZE AND NOT LB_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
 endif()
 add_compile_definitions(_GLIBCXX_ASSERTIONS)
