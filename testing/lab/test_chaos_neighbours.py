@@ -90,7 +90,8 @@ def test_neighbour_tables_flushed(lab):
     """Between two cycles: the next probe resolves anew, and no link is lost. At any moment: all are back at once."""
     strands = [Strand(1), Strand(2), Strand(3, ipv6=True), Strand(4, ipv6=True)]
     links = ManyLinks(lab, strands)
-    watched = Watched(lab, strands)
+    # On a busy machine a flush may come late and meet a probe that is on its way: it costs that one, not the next too.
+    watched = Watched(lab, strands, failure_ct=2)
     capture = links.sniffer(strands[0])
     for _ in range(5):
         for family in (4, 6):

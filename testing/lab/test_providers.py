@@ -84,7 +84,9 @@ def test_router_advertisements_with_one_gateway(lab):
                        lambda: lab.ip_text("-6 route"))
     link = router.links[0]
     lab.ip(f"-6 route add {link.target6} via fe80::1 dev wan1")
-    assert "src 2001:db8:1:" in lab.ip_text(f"-6 route get {link.target6}")
+    # The address comes after the route, and is looked for on the link first.
+    waiting.wait_until(lambda: "src 2001:db8:1:" in lab.ip_text(f"-6 route get {link.target6}"),
+                       lambda: lab.ip_text("-6 addr"))
     assert reached(lab, link.target6) and not reached(lab, link.target6, source=link.link_local, device="wan1")
     link.advertise("2001:db8:11::", "dhcp-range=2001:db8:1::,ra-only,64,deprecated")
     waiting.wait_until(lambda: "src 2001:db8:11:" in lab.ip_text(f"-6 route get {link.target6}"),

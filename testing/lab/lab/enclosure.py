@@ -97,7 +97,7 @@ class Enclosure:
                 ["unshare", *namespaces, "--fork", "--kill-child", sys.executable, _HOLDER, self.top,
                  str(inside.fileno())],
                 pass_fds=[inside.fileno()], stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                start_new_session=True, env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
+                process_group=0, env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})
 
     def path(self, name):
         """A path below the lab's own directory; the same inside and outside."""

@@ -157,9 +157,11 @@ class Holder:
         if fixed_addresses:
             _libc.personality(usual | ADDR_NO_RANDOMIZE)
         try:
-            # A lab may be started by one who ignores SIGHUP, for example.
+            # A lab may be started by one who ignores SIGHUP, for example. A session of its own would be more than is
+            # needed to outlive the terminal's interruptions: Linux gives each session the same share of the processor
+            # (sched_autogroup, sched(7)), so that with many of them all wait for seconds when the machine is busy.
             pid = self.in_netns(netns, lambda: os.posix_spawn(
-                _found(argv[0], env["PATH"]), argv, env, setsid=True, setsigdef=_SIGNALS,
+                _found(argv[0], env["PATH"]), argv, env, setpgroup=0, setsigdef=_SIGNALS,
                 file_actions=[(os.POSIX_SPAWN_DUP2, descriptors[number], number) for number in range(3)]))
         finally:
             _libc.personality(usual)
