@@ -87,6 +87,20 @@ await() {
   [ -e "$reports/$1.ended" ] && [ "$(cat "$reports/$1.stage")" = pass ]
 }
 
+# one_share [FILE]: until the script ends, sessions have no shares of the processor of their own (autogroup, sched(7)).
+# With them kernel 6.18 lets whole sessions and its own threads wait for seconds at times while the processors are busy,
+# and links fail that are well. Only root may change it; FILE is the kernel's switch.
+one_share() {
+  local switch=${1:-/proc/sys/kernel/sched_autogroup_enabled}
+  [ "$(cat "$switch" 2>/dev/null)" = 1 ] || return 0
+  if { echo 0 >"$switch"; } 2>/dev/null; then
+    trap "echo 1 >'$switch'" EXIT
+    echo "$switch is 0 until the end"
+  else
+    echo "$switch is 1, and only root may change it: expect stalls while the machine is busy"
+  fi
+}
+
 # What failed, and why, comes first: the log's end may be cut off where this is shown.
 what_failed() {
   {

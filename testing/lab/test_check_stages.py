@@ -4,6 +4,8 @@ import os
 import signal
 import subprocess
 
+import pytest
+
 from lab import waiting
 
 _STAGES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "scripts", "stages.sh")
@@ -48,6 +50,29 @@ def test_lane_waits_for_stages_of_the_first(tmp_path):
                                      "what_failed() { :; }\nlanes one other")
     assert (lines[0].split()[:2], status) == (["ok", "good"], 0)
     assert [line for line in lines if line[-1] in "01"] == ["good 0", "bad 1", "never 1"]
+
+
+@pytest.mark.parametrize("ending", ["true", "exit 3", "kill -INT $$; sleep 9", "kill -TERM $$; sleep 9"])
+def test_shares_of_sessions_are_off_until_the_end(tmp_path, ending):
+    switch = tmp_path / "switch"
+    switch.write_text("1\n")
+    lines, _ = _shown(tmp_path, f"one_share {switch}; (cat {switch}); cat {switch}; {ending}")
+    assert lines == [f"{switch} is 0 until the end", "0", "0"]
+    assert switch.read_text() == "1\n"
+
+
+def test_shares_of_sessions_that_are_off_stay_so(tmp_path):
+    switch = tmp_path / "switch"
+    switch.write_text("0\n")
+    assert _shown(tmp_path, f"one_share {switch}; one_share {tmp_path}/none; echo went on")[0] == ["went on"]
+    assert switch.read_text() == "0\n"
+
+
+def test_shares_of_sessions_that_cannot_be_changed(tmp_path):
+    """As an ordinary user sees the switch: he may read it."""
+    lines, status = _shown(tmp_path, "cat() { echo 1; }; one_share /proc/self/nothing; exit 4")
+    assert "only root may change it" in lines[0] and len(lines) == 1
+    assert status == 4
 
 
 def test_interrupted_lanes_end_what_they_started(tmp_path):
