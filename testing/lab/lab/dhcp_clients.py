@@ -42,6 +42,9 @@ class DhClient:
                 f"/run/dhclient{self.family}.{self.link.name}.pid", "-e", f"IF_METRIC={self.metric}", self.link.name]
 
     def start(self):
+        if self.family == 6:  # it asks from there, and ends where it cannot; ifupdown waits for the address too
+            shown = f"-6 addr show dev {self.link.name} scope link -tentative"
+            waiting.wait_until(lambda: "inet6 fe80:" in self.lab.ip_text(shown), "a link-local address")
         self.process = self.lab.enclosure.spawn(["dhclient", "-d", *self._arguments()])
 
     def leases(self):
