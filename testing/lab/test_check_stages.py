@@ -75,6 +75,19 @@ def test_shares_of_sessions_that_cannot_be_changed(tmp_path):
     assert status == 4
 
 
+@pytest.mark.parametrize("may_mount", [True, False])
+def test_temporary_files_in_memory(tmp_path, may_mount):
+    """Who may mount something leaves none on the disk; who may not goes on there."""
+    not_permitted = "" if may_mount else "unshare() { return 1; }\n"
+    script = tmp_path / "script"
+    script.write_text(f"source {_STAGES}\n{not_permitted}"
+                      "in_memory $1 sh -c 'touch $TMPDIR/one && ls $TMPDIR && exit 3'; echo $?; ls $1\n")
+    files = tmp_path / "files"
+    files.mkdir()
+    lines, _ = _shown(tmp_path, f"unshare -Urm bash {script} {files}")
+    assert lines == ["one", "3"] + (["one"] if not may_mount else [])
+
+
 def test_interrupted_lanes_end_what_they_started(tmp_path):
     process = _start(tmp_path, f"deep() {{ (echo $BASHPID >{tmp_path}/$1; sleep 1000); }}\n"
                                "one() { stage one deep first; }\nother() { stage other deep second; }\nlanes one other")
