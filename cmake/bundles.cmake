@@ -11,7 +11,8 @@ endfunction()
 # For tests, which stand in no namespace of the project's and have many names in common:
 # lb_bundle_sources(VARIABLE NAME SIZE source...): replaces absolute paths of sources by generated ones, which hold SIZE
 # of them each. A source is in a namespace of its own, so that names of one cannot meet those of another; for that, all
-# headers come first. They need guards, and are to be included by lines that begin with #include.
+# headers come first. They need guards, and are to be included by lines that begin with #include. Some sources stand in
+# the namespace lbctl, of what they test: they find its names there as well.
 function(lb_bundle_sources variable name size)
   set(bundles)
   list(LENGTH ARGN left)
@@ -26,7 +27,9 @@ function(lb_bundle_sources variable name size)
       list(APPEND headers ${lines})
       file(RELATIVE_PATH place ${CMAKE_CURRENT_SOURCE_DIR} ${source})
       string(MAKE_C_IDENTIFIER ${place} namespace)
-      string(APPEND bodies "namespace in_${namespace} {\n#include \"${source}\"\n}\n")
+      file(STRINGS ${source} outer REGEX "^namespace lbctl {")
+      string(REPLACE "{" "{ using namespace ::lbctl; }\n" outer "${outer}")
+      string(APPEND bodies "namespace in_${namespace} {\n${outer}#include \"${source}\"\n}\n")
     endforeach()
     list(REMOVE_DUPLICATES headers)
     list(JOIN headers "\n" headers)
