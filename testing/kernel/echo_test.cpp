@@ -40,12 +40,10 @@ class KernelEcho : public VethTest {
     run("ip addr add " + near_address6_ + "/64 nodad dev " + near());
     far_run("ip addr add " + far_address_ + "/24 dev " + far());
     far_run("ip addr add " + far_address6_ + "/64 nodad dev " + far());
-    // The kernel makes an address usable behind our back: a single probe could come too early.
-    const std::string settled =
-        "sh -c 'for i in $(seq 2000); do ip -6 -o addr show tentative scope global | grep -q . || "
-        "exit 0; sleep 0.01; done; exit 1'";
-    run(settled);
-    far_run(settled);
+    // The kernel begins to hear questions for an address behind our back, and a single probe could
+    // come too early. All addresses of an end share the group.
+    run(until_in("ff02::1:ff00:1", near()));
+    far_run(until_in("ff02::1:ff00:2", far()));
     interface_ = std::make_unique<LBInterface>(near(), false);
     interface6_ = std::make_unique<LBInterface>(near(), true);
     interface_->nexthop = far_address_;
@@ -68,6 +66,12 @@ class KernelEcho : public VethTest {
   }
 
   static void far_run(const std::string& command) { run("ip netns exec far " + command); }
+
+  // Waits until the interface is in the multicast group.
+  static std::string until_in(const std::string& group, const std::string& interface) {
+    return "sh -c 'for i in $(seq 2000); do ip -6 maddr show dev " + interface + " | grep -qw " +
+           group + " && exit 0; sleep 0.01; done; exit 1'";
+  }
 
   // Interfaces that resolve no addresses, which probes leave by the raw path. The kernel sends to
   // the interface's own address then, so both ends have the same.

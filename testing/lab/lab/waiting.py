@@ -26,20 +26,25 @@ def milliseconds(number):
     return int(scaled(number))
 
 
+# Who has waited long asks less often, up to this: the scenarios beside it need the processor too.
+LONGEST_INTERVAL = 0.05
+
+
 def wait_until(condition, what="", timeout=PATIENCE, interval=0.01):
     """Calls `condition` until it returns something true, and returns that; raises TimedOut.
 
     `what` says what was waited for: a text, or a function that is called when time is up.
     """
-    deadline = time.monotonic() + scaled(timeout)
+    begin = time.monotonic()
     while True:
         result = condition()
         if result:
             return result
-        if time.monotonic() >= deadline:
+        waited = time.monotonic() - begin
+        if waited >= scaled(timeout):
             text = what() if callable(what) else what
             raise TimedOut(f"not within {scaled(timeout):g} s: {text or condition}")
-        time.sleep(interval)
+        time.sleep(max(interval, min(waited / 20, LONGEST_INTERVAL)))
 
 
 def never(condition, seconds, what="", interval=0.02):
