@@ -114,7 +114,7 @@ in_memory() {
 # What failed, and why, comes first: the log's end may be cut off where this is shown.
 what_failed() {
   {
-    grep -aE '^(FAILED|ERROR)[: ]|^\[  FAILED' "$reports/$1.log" | head -n 20
+    grep -aE '^(FAILED|ERROR|PROBLEM)[: ]|^\[  FAILED' "$reports/$1.log" | head -n 20
     grep -aE '^E  |error: |Sanitizer' "$reports/$1.log" | head -n 20
     echo "--- the end of $1.log:"
     tail -n "${LB_CHECK_LINES:-60}" "$reports/$1.log"

@@ -24,13 +24,14 @@ def _shown(directory, script):
 
 def test_passed_and_failed(tmp_path):
     lines, status = _shown(tmp_path, "figures() { echo figures of $1; }\n"
-                                     "bad() { echo one; echo 'x: error: two'; return 3; }\n"
+                                     "bad() { echo one; echo 'x: error: two'; echo 'PROBLEM  3'; return 3; }\n"
                                      "stage good true && ! stage bad bad && stage last true")
     assert status == 0
     assert lines[0].startswith("ok      good (") and lines[0].endswith(" s)")
     assert lines[1:3] == ["figures of good", lines[2]] and lines[2].startswith("FAILED  bad (")
-    assert lines[3:9] == ["    x: error: two", "    --- the end of bad.log:", "    one", "    x: error: two",
-                          "figures of bad", lines[8]] and lines[8].startswith("ok      last (")
+    assert lines[3:11] == ["    PROBLEM  3", "    x: error: two", "    --- the end of bad.log:", "    one",
+                           "    x: error: two", "    PROBLEM  3", "figures of bad", lines[10]]
+    assert lines[10].startswith("ok      last (")
     assert [(tmp_path / f"{name}.stage").read_text().strip() for name in ("good", "bad")] == ["pass", "fail"]
 
 

@@ -33,9 +33,10 @@ def test_report_text(lab, link):
     lb.wait_status("wan1", "active")
     text = lb.wait_report(lambda report: "-Test:  ping\t" in report)
     stamp = r"[A-Z][a-z]{2} [A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \d{4}"
+    shared = "Test:  ping\tTarget: 10.1.0.1\n"  # two tests have one probe: who is judged after the answer takes it
     assert re.fullmatch(
         f"Interface:  wan1\n  Status:  active\n  Last Status Change:  {stamp}\n"
-        "  \\+Test:  ping\tTarget: 10.1.0.1\n  [ +]Test:  ping\tTarget: 10.1.0.1\n"
+        f"  (?:\\+{shared}  [ +]{shared}| {shared}  \\+{shared})"
         f"    Last Interface Success:  {AGE}\t\n    Last Interface Failure:  (?:{AGE}\t|n/a\t\t)\n\n"
         f"Interface:  wan2\n  Status:  failed\n  Last Status Change:  {stamp}\n"
         "  -Test:  ping\tTarget: 10.2.0.1\n  -Test:  ping extended\tTarget: 198.51.100.2\n"

@@ -1,5 +1,6 @@
 """Which scenarios are run again, and what is said of it: small ones under a pytest of their own."""
 
+import ctypes
 import os
 import re
 import threading
@@ -58,6 +59,32 @@ def test_each_processor_is_watched():
     finally:
         watcher.stop()
     assert not watched()
+
+
+def _last_result(*runs):
+    """What is returned when the runs are (problems, whether a stall may have made them, whether there is one), and how
+    many runs and words there were."""
+    left, told = list(runs), []
+
+    def run():
+        problems, by_stall, stands_still = left.pop(0)
+        if stands_still:
+            ctypes.PyDLL(None).usleep(500000)
+        return problems, by_stall
+
+    problems = stalls.last_result(run, told.append)
+    assert all(stall > stalls.STALL for stall in told)
+    return problems, len(runs) - len(left), len(told)
+
+
+def test_runs_that_count():
+    """The soak's, which is no scenario of pytest."""
+    good = ([], True, False)
+    assert _last_result((["late"], True, True), good) == ([], 2, 1)
+    assert _last_result((["late"], True, False), good) == (["late"], 1, 0)  # nothing stood still
+    assert _last_result((["crash"], False, True), good) == (["crash"], 1, 0)  # no matter of time
+    assert _last_result(([], True, True), good) == ([], 1, 0)
+    assert _last_result(*[(["late"], True, True)] * stalls.MOST_RUNS, good) == (["late"], stalls.MOST_RUNS, 2)
 
 
 def test_failure_without_a_stall_is_not_run_again(tmp_path):

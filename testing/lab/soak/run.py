@@ -13,7 +13,7 @@ import random
 import sys
 import time
 
-from lab import waiting
+from lab import stalls, waiting
 from lab.growth import Growth, holdings
 from lab.lab import Lab
 from lab.route_watch import STATE_CHANGE
@@ -220,6 +220,15 @@ def main(arguments):
         parser.error("a soak takes half a minute at least")
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     print(f"seed {seed}; repeat with: scripts/soak --minutes {options.minutes:g} --seed {seed}", flush=True)
+    problems = stalls.last_result(lambda: _once(seed, options),
+                                  lambda stall: print(f"not judged: the machine stood still for {stall:.2f} s; "
+                                                      "the same faults again", flush=True))
+    print(f"soak: {'ok' if not problems else f'{len(problems)} problems'}")
+    return 1 if problems else 0
+
+
+def _once(seed, options):
+    """The problems of one run, and whether a machine that stood still may have made them."""
     with Lab() as lab:
         soak = Soak(Router(lab), seed, options.verbose)
         try:
@@ -227,10 +236,11 @@ def main(arguments):
         except (AssertionError, OSError) as problem:
             problems = [str(problem)]
             print(f"PROBLEM  {problem}")
-        problems += lab.finish()
+        # An end of the daemon or a sanitizer's report is no matter of time.
+        faults_of_the_daemon = lab.finish()
+        for fault in faults_of_the_daemon:
+            print(f"PROBLEM  {fault}")
+        problems += faults_of_the_daemon
         if problems:
             print("The daemon's last words:\n" + "\n".join(lab.log.text().splitlines()[-60:]))
-        print(f"soak: {'ok' if not problems else f'{len(problems)} problems'}")
-        return 1 if problems else 0
-
-
+        return problems, not faults_of_the_daemon
