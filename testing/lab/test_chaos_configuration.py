@@ -98,7 +98,7 @@ def test_thousands_of_rules_and_targets(lab):
     everything, without_last = frozenset(weights), frozenset(list(weights)[:-1])
     lab.wait_text(ROUTE_FILE, explain(everything))
     growth = Growth(lab, lb)
-    watch = RouteWatch(lab, ROUTE_FILE, explain, interval=0.05)
+    watch = RouteWatch(lab, ROUTE_FILE, explain)
     requests = len(links[0].responder.requests)
     cycle = work(lb, 5, 0.3)
     # A probe is judged in the cycle after its own, and the next one follows in the one after that.

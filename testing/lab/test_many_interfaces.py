@@ -88,7 +88,7 @@ def test_32_interfaces_in_three_vrfs(lab):
             rules.append(rule(f"{len(rules) + 1}_ipv{family}", {f"wan{number}": number for number in numbers},
                               {default_route(family): None}, namespace=vrf))
             watches.append(RouteWatch(lab, f"{directory(vrf)}routing-wlb{6 if family == 6 else ''}.conf",
-                                      lambda active, v=vrf, f=family: routes(v, f, active), family, 0.02))
+                                      lambda active, v=vrf, f=family: routes(v, f, active), family))
     lb = lab.start_lb(configtext.build(interfaces, rules))
 
     wait_states(lb, failed=())

@@ -94,7 +94,8 @@ class Enclosure:
             namespaces += ["--user", "--map-root-user"]
         with open(self.path("holder.log"), "w", encoding="utf-8") as log:
             return subprocess.Popen(
-                ["unshare", *namespaces, "--fork", "--kill-child", sys.executable, _HOLDER, self.top,
+                # Without packages of the host's, which take as long to set up as all the rest of the interpreter.
+                ["unshare", *namespaces, "--fork", "--kill-child", sys.executable, "-S", _HOLDER, self.top,
                  str(inside.fileno())],
                 pass_fds=[inside.fileno()], stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                 process_group=0, env={**os.environ, "PYTHONDONTWRITEBYTECODE": "1"})

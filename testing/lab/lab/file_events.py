@@ -19,6 +19,8 @@ class FileEvents:
         self._descriptor = _libc.inotify_init1(os.O_CLOEXEC | os.O_NONBLOCK)
         if self._descriptor < 0 or _libc.inotify_add_watch(self._descriptor, os.fsencode(path), events) < 0:
             raise OSError(ctypes.get_errno(), "inotify")
+        self._poller = select.poll()  # select(2) knows no descriptor above 1023
+        self._poller.register(self._descriptor, select.POLLIN)
 
     def __enter__(self):
         return self
@@ -28,7 +30,7 @@ class FileEvents:
 
     def wait(self, seconds=None):
         """True when there was an event since the last call, or within so long; without a time it waits for one."""
-        if not select.select([self._descriptor], [], [], seconds)[0]:
+        if not self._poller.poll(None if seconds is None else seconds * 1000):
             return False
         os.read(self._descriptor, 65536)
         return True

@@ -11,6 +11,7 @@ import threading
 import time
 
 from . import stamps, waiting
+from .file_events import CHANGED, FileEvents
 
 STATE_CHANGE = re.compile(r"IP(v6)? interface (\S+) changed state to (active|inactive)")
 
@@ -19,6 +20,8 @@ _LAG = 6.0
 # The clock of the files goes by ticks and may be behind the one of the log by as much.
 _TICK = 0.02
 _NO_FILE = (None, None, 0)
+# Seconds; the directory may be another one, of which there are no events, and the watch is to end.
+_LONGEST_WAIT = 0.05
 
 
 def _shortly(text, wanted):
@@ -34,12 +37,11 @@ class RouteWatch:
     The file may lie anywhere a test can read it. `verify` may be called again and again.
     """
 
-    def __init__(self, lab, name, explain, family=4, interval=0.002):
-        self._path, self._explain, self._family, self._interval = lab.path(name), explain, family, interval
+    def __init__(self, lab, name, explain, family=4):
+        self._path, self._explain, self._family = lab.path(name), explain, family
         self._log = lab.log
         self.contents = []  # (since when, by the file's own stamp, text), each different from the one before
-        self._running = threading.Lock()  # to wait for it is cheaper than for an Event
-        self._running.acquire()
+        self._running = True
         self._thread = threading.Thread(target=self._run, daemon=True)
         self._thread.start()
         lab.closing(self)
@@ -65,8 +67,13 @@ class RouteWatch:
         return status.st_ino, status.st_size, status.st_mtime
 
     def _run(self):
+        with FileEvents(os.path.dirname(self._path), CHANGED) as events:
+            self._watch(events)
+
+    def _watch(self, events):
         last_written, last_look = None, None
-        while not self._running.acquire(timeout=self._interval):
+        while self._running:
+            events.wait(_LONGEST_WAIT)
             look, now = self._look(), time.time()
             if look == last_look:
                 continue
@@ -119,5 +126,5 @@ class RouteWatch:
         return len(contents)
 
     def close(self):
-        self._running.release()
+        self._running = False
         self._thread.join()

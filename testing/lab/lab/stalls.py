@@ -14,7 +14,7 @@ import time
 import pytest
 from _pytest.runner import runtestprotocol
 
-MOMENT = 0.02
+MOMENT = 0.05
 # Oversleeping that long is a stall. Where the processors are merely busy, one who has slept is let in sooner.
 STALL = 0.25
 MOST_RUNS = 3

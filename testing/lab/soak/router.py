@@ -93,7 +93,7 @@ class Router:
             for family in (4, 6):
                 self.watches.append(RouteWatch(
                     self.lab, self.route_directory(vrf) + f"routing-wlb{6 if family == 6 else ''}.conf",
-                    lambda active, v=vrf, f=family: self.routes(v, f, active), family, 0.02))
+                    lambda active, v=vrf, f=family: self.routes(v, f, active), family))
         self.bird = Bird(self.lab)
         self.lb = self.lab.start_lb(self.config(), prefix=capabilities.only(),
                                     env={"NOTIFY_SOCKET": self.lab.path("notify"), "WATCHDOG_USEC": "30000000"})
