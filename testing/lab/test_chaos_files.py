@@ -158,7 +158,7 @@ def test_directory_of_the_route_file(lab, fault):
     """What could not be written is not written later: the next change of the routes is what is written right."""
     lab.add_netns("red")
     routing = lab.routing_daemon("var_vrfs/red/usr/var/run/routing.pid", ())
-    disk = SmallDisk(lab, RED_ETC, "4k")
+    disk = SmallDisk(lab, RED_ETC)  # with room for a new file beside the old one: overwriting could be watched
     pair = WeightedPair(lab, vrf="red", route_file=seen(lab, f"{RED_ETC}/routing-wlb.conf"))
     pair.wait_settled()
     pair.lb.wait_cycles(1)

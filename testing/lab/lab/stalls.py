@@ -23,9 +23,11 @@ RUN_AGAIN = "run again"
 
 
 class Watcher:
-    """Notes stalls from its construction to `stop`: of each processor, since one may stand still alone."""
+    """Notes stalls from its construction to `stop`, or to the end of its context: of each processor, since one may stand
+    still alone."""
 
-    def __init__(self):
+    def __init__(self, stall=STALL):
+        self._stall = stall
         self.noted = []  # seconds of each
         self._watches = []
         for processor in sorted(os.sched_getaffinity(0)):
@@ -34,6 +36,12 @@ class Watcher:
             thread = threading.Thread(target=self._run, args=(processor, running), name="stalls", daemon=True)
             thread.start()
             self._watches.append((thread, running))
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
 
     def _run(self, processor, running):
         os.sched_setaffinity(0, {processor})  # of this thread
@@ -44,7 +52,7 @@ class Watcher:
 
     def _note(self, before):
         now = time.monotonic()
-        if now - before - MOMENT > STALL:
+        if now - before - MOMENT > self._stall:
             self.noted.append(now - before - MOMENT)
         return now
 
@@ -62,11 +70,9 @@ def last_result(run, told):
     `told` gets the seconds of the stall before each further run.
     """
     for number in range(1, MOST_RUNS + 1):
-        watcher = Watcher()
-        try:
+        with Watcher() as watcher:
             problems, by_stall = run()
-        finally:
-            stall = watcher.stop()
+        stall = max(watcher.noted, default=0.0)
         if not problems or not by_stall or not stall or number == MOST_RUNS:
             return problems
         told(stall)
