@@ -71,9 +71,10 @@ class RouteWatch:
             self._watch(events)
 
     def _watch(self, events):
-        last_written, last_look = None, None
+        last_written, last_look, patience = None, None, 0.0
         while self._running:
-            events.wait(_LONGEST_WAIT)
+            events.wait(patience)
+            patience = _LONGEST_WAIT
             look, now = self._look(), time.time()
             if look == last_look:
                 continue

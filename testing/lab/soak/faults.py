@@ -120,7 +120,7 @@ FAILING = [
     Fault("link down", link_down, (4, 6)),
     Fault("carrier lost", carrier_lost, (4, 6)),
     Fault("link replaced", link_replaced, (4, 6)),
-    # Seventeen seconds for the kernel (UNICAST_PROBES), two probes: a third of this, undisturbed.
+    # Three probes of a second, eight seconds for the kernel, two probes: a third of this, undisturbed.
     Fault("far end replaced in silence", far_end_replaced_in_silence, (4, 6),
           lambda number: _has_responder(number) and number != RAW, heals=60.0),
 ]

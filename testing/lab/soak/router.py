@@ -20,9 +20,6 @@ from lab.route_watch import RouteWatch
 SUCCESSES, FAILURES, REPLY_MILLISECONDS = 2, 3, 1000
 VRFS = {"default": (1, 2, 3, 4, 5), "blue": (6, 7), "red": (8,)}
 KERNEL, RAW, DHCP, EXTENDED = (1, 6), 4, 3, 5
-# After five seconds of waiting the kernel asks a neighbour that it doubts so often, a second each, before it asks
-# everybody. With its usual three it may mend an entry before three probes have failed, where cycles are stretched.
-UNICAST_PROBES = 12
 LEASE = 'lease {{\n  interface "wan3";\n  option routers {};\n}}\n'
 
 
@@ -67,8 +64,6 @@ class Router:
                                far_end="kernel" if number in KERNEL else "responder")
         for netns in (link.vrf, link.far):
             self.lab.sysctl("net.ipv6.conf.all.keep_addr_on_down=1", netns=netns)
-        self.lab.sysctl(*(f"net/ipv{family}/neigh/{link.name}/ucast_solicit={UNICAST_PROBES}"
-                          for family in self.families(number)), netns=link.vrf)
         return link
 
     # What happens to links
