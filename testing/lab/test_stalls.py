@@ -52,12 +52,9 @@ def test_each_processor_is_watched():
                       if thread.name == "stalls" and thread not in others)
 
     others = threading.enumerate()
-    watcher = stalls.Watcher()
-    try:
+    with stalls.Watcher():
         waiting.wait_until(lambda: watched() == [(processor,) for processor in sorted(os.sched_getaffinity(0))],
                            lambda: f"watches of {watched()}")
-    finally:
-        watcher.stop()
     assert not watched()
 
 
@@ -70,9 +67,9 @@ def _last_result(*runs):
         problems, by_stall, stands_still = left.pop(0)
         if stands_still:
             ctypes.PyDLL(None).usleep(500000)
-        return problems, by_stall
+        return problems, bool(problems) and by_stall
 
-    problems = stalls.last_result(run, told.append)
+    problems = stalls.last_result(run, lambda _, stall: told.append(stall))
     assert all(stall > stalls.STALL for stall in told)
     return problems, len(runs) - len(left), len(told)
 

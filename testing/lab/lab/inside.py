@@ -13,10 +13,10 @@ def seen(lab, path):
 class SmallDisk:
     """A small file system of its own on a directory; `directory` is its name inside, `path` its name outside."""
 
-    def __init__(self, lab, directory, size="64k"):
+    def __init__(self, lab, directory):
         self.lab, self.directory = lab, directory
         lab.run(["mkdir", "-p", directory])
-        lab.run(["mount", "-t", "tmpfs", "-o", f"size={size},mode=755", "none", directory])
+        lab.run(["mount", "-t", "tmpfs", "-o", "size=64k,mode=755", "none", directory])
         self.path = seen(lab, directory)
 
     def fill(self, leave_files=False):

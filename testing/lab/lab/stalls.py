@@ -23,25 +23,26 @@ RUN_AGAIN = "run again"
 
 
 class Watcher:
-    """Notes stalls from its construction to `stop`, or to the end of its context: of each processor, since one may stand
-    still alone."""
+    """Notes stalls while its context lasts: of each processor, since one may stand still alone."""
 
     def __init__(self, stall=STALL):
         self._stall = stall
         self.noted = []  # seconds of each
         self._watches = []
+
+    def __enter__(self):
         for processor in sorted(os.sched_getaffinity(0)):
             running = threading.Lock()  # to wait for it is cheaper than for an Event
             running.acquire()
             thread = threading.Thread(target=self._run, args=(processor, running), name="stalls", daemon=True)
             thread.start()
             self._watches.append((thread, running))
-
-    def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self.stop()
+        for thread, running in self._watches:
+            running.release()
+            thread.join()
 
     def _run(self, processor, running):
         os.sched_setaffinity(0, {processor})  # of this thread
@@ -56,27 +57,19 @@ class Watcher:
             self.noted.append(now - before - MOMENT)
         return now
 
-    def stop(self):
-        """Returns the seconds of the longest stall, 0 if there was none."""
-        for thread, running in self._watches:
-            running.release()
-            thread.join()
-        return max(self.noted, default=0.0)
-
 
 def last_result(run, told):
-    """Calls `run` for (problems, whether a stall may have made them) until the problems count, and returns them.
+    """Calls `run` for (result, whether a stall may have spoiled it) until the result counts, and returns that.
 
-    `told` gets the seconds of the stall before each further run.
+    `told` gets the result that does not count and the seconds of the longest stall, before each further run.
     """
-    for number in range(1, MOST_RUNS + 1):
+    for _ in range(MOST_RUNS - 1):
         with Watcher() as watcher:
-            problems, by_stall = run()
-        stall = max(watcher.noted, default=0.0)
-        if not problems or not by_stall or not stall or number == MOST_RUNS:
-            return problems
-        told(stall)
-    raise AssertionError("the last run has counted")
+            result, may_be_spoiled = run()
+        if not may_be_spoiled or not watcher.noted:
+            return result
+        told(result, max(watcher.noted))
+    return run()[0]
 
 
 class Plugin:
@@ -96,21 +89,20 @@ class Plugin:
     @staticmethod
     def _last_run(item, nextitem):
         properties, earlier = list(item.user_properties), []
-        for run in range(1, MOST_RUNS + 1):
+
+        def run():
             # Reports take what is there: of a run that is thrown away only its note stays.
             item.user_properties[:] = properties + earlier
             item._report_sections.clear()
-            watcher = Watcher()
-            try:
-                reports = runtestprotocol(item, nextitem=nextitem, log=False)
-            finally:
-                stall = watcher.stop()
-            failed = [report for report in reports if report.failed]
-            if not failed or not stall or run == MOST_RUNS or os.environ.get("LB_LAB_KEEP"):
-                return reports
-            earlier.append((RUN_AGAIN, f"the machine stood still for {stall:.2f} s in run {run}, which failed: "
-                                       f"{_reason(failed[0])}"))
-        return reports
+            reports = runtestprotocol(item, nextitem=nextitem, log=False)
+            return reports, any(report.failed for report in reports) and not os.environ.get("LB_LAB_KEEP")
+
+        def told(reports, stall):
+            failed = next(report for report in reports if report.failed)
+            earlier.append((RUN_AGAIN, f"the machine stood still for {stall:.2f} s in run {len(earlier) + 1}, which "
+                                       f"failed: {_reason(failed)}"))
+
+        return last_result(run, told)
 
     def pytest_runtest_logreport(self, report):
         notes = [text for name, text in report.user_properties if name == RUN_AGAIN]

@@ -221,14 +221,14 @@ def main(arguments):
     seed = options.seed if options.seed is not None else random.SystemRandom().randrange(1 << 32)
     print(f"seed {seed}; repeat with: scripts/soak --minutes {options.minutes:g} --seed {seed}", flush=True)
     problems = stalls.last_result(lambda: _once(seed, options),
-                                  lambda stall: print(f"not judged: the machine stood still for {stall:.2f} s; "
-                                                      "the same faults again", flush=True))
+                                  lambda _, stall: print(f"not judged: the machine stood still for {stall:.2f} s; "
+                                                         "the same faults again", flush=True))
     print(f"soak: {'ok' if not problems else f'{len(problems)} problems'}")
     return 1 if problems else 0
 
 
 def _once(seed, options):
-    """The problems of one run, and whether a machine that stood still may have made them."""
+    """The problems of one run, and whether there are some that a machine that stood still may have made."""
     with Lab() as lab:
         soak = Soak(Router(lab), seed, options.verbose)
         try:
@@ -243,4 +243,4 @@ def _once(seed, options):
         problems += faults_of_the_daemon
         if problems:
             print("The daemon's last words:\n" + "\n".join(lab.log.text().splitlines()[-60:]))
-        return problems, not faults_of_the_daemon
+        return problems, bool(problems) and not faults_of_the_daemon
