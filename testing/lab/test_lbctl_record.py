@@ -127,6 +127,7 @@ def test_the_daemon_is_started_anew(lab):
     lb = lab.start_lb(text)
     lb.wait_status("wan1", "active")
     recorder, _ = start_recording(lab, lb)
+    lb.wait_cycles(2)  # a simulation does not show what begins and ends within one cycle
     lb.stop()
     lb = lab.start_lb(text, out=lb.out)
     lab.log.wait_for("changed state to active", count=2)
