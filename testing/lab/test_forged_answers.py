@@ -70,6 +70,7 @@ def test_answer_by_another_interface(lab, ipv6):
         assert world.known() is None
     world.wan1.responder.answer_arp = world.wan1.responder.answer_nd = True
     world.lb.wait_status("wan1", "active", family=world.family)
+    lab.log.wait_for("interface wan1 changed state to active$")
     mark = lab.log.mark()
     for forger in forgers:
         world.send(forger, world.answer(forger, FORGED, claims=world.wan1))

@@ -24,6 +24,7 @@ def test_flapping_link(lab, hold_down):
     lb = lab.start_lb(configuration(links, hold_down))
     for link in links:
         lb.wait_status(link.name, "active")
+    lab.log.wait_for(CHANGE + "active$")  # it may come a moment after the report that shows it
     mark = lab.log.mark()
     for _ in range(3):
         for silent in (True, False):
@@ -37,6 +38,7 @@ def test_flapping_link(lab, hold_down):
     else:
         assert inactive == 3
     lb.wait_status("wan1", "active")
+    lab.log.wait_for(CHANGE + "active$", since=mark, count=inactive)
     changes = lab.log.matching(CHANGE, mark)
     if hold_down:
         assert len(changes) == 2

@@ -73,7 +73,7 @@ def test_new_gateway_that_is_dead(lab):
     lb.wait_status("wan1", "active")
     lab.ip("route replace default via 10.1.0.254 dev wan1 proto dhcp metric 100")
     lb.wait_status("wan1", "failed")
-    assert lab.log.matching(r"IP interface wan1 last check target 10\.1\.0\.254 failure$")
+    lab.log.wait_for(r"IP interface wan1 last check target 10\.1\.0\.254 failure$")
     link.responder.answer_arp = True
     lb.wait_status("wan1", "active")
     lab.wait_text("usr_etc/routing-wlb.conf", via("10.1.0.254"))

@@ -39,8 +39,7 @@ def outage(lab):
     lb.wait_cycles(3)
     link.responder.silent = False
     lb.wait_status("wan1", "active")
-    lab.log.settle()
-    down, up = (lab.log.matching("IP interface wan1 changed state to")[at].when for at in (2, 3))
+    down, up = (lab.log.wait_for("IP interface wan1 changed state to", count=count).when for count in (3, 4))
     return up - down
 
 

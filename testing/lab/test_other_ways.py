@@ -35,6 +35,11 @@ def start(lab, links, family):
         [rule(f"1_ipv{family}", {link.name: 1 for link in links}, {"::/0" if family == 6 else "0.0.0.0/0": None})]))
 
 
+def wait_told(lab, link):
+    """The message may come a moment after the report that shows the same."""
+    lab.log.wait_for(f"interface {link.name} changed state to active$")
+
+
 def answer_by(link, other):
     """The answers to probes by `link` come from the wire of `other`."""
     def echo(request):
@@ -55,6 +60,7 @@ def test_answer_by_another_interface(lab, links, family, asking, answering, prob
     lb = start(lab, [links[number] for number in probed], family)
     for number in probed:
         lb.wait_status(links[number].name, "active", family=family)
+        wait_told(lab, links[number])
     mark = lab.log.mark()
     link.responder.wait_requests(4, since=len(link.responder.requests))
     assert not lab.log.matching("changed state", since=mark)
@@ -73,6 +79,8 @@ def test_device_that_comes_later(lab, links, family):
     lb.wait_status(second.name, "active", family=family)
     lab.ip(f"link set away1 name {first.name}", f"link set {first.name} up")
     lb.wait_status(first.name, "active", family=family)
+    for link in (first, second):
+        wait_told(lab, link)
     answer_by(first, second)
     mark = lab.log.mark()
     first.responder.wait_requests(3, since=len(first.responder.requests))
