@@ -27,18 +27,22 @@ LEAST_SHARE = 0.8
 
 
 class Flooded:
-    """Five links and a daemon that probes them in every way; floods come in by the first."""
+    """Five links and a daemon that probes them in every way; floods come in by the first.
 
-    def __init__(self, lab, turns):
+    failure_ct: with 2, a link may lose one probe.
+    """
+
+    def __init__(self, lab, turns, failure_ct):
         self.lab, self.turns = lab, turns
         frame, control, burst, raw, raw_burst = [Strand(1, ipv6=True), Strand(2, ipv6=True), Strand(3),
                                                  Strand(4, arp=False), Strand(5, arp=False)]
         self.first, self.control = frame, control
         self.links = ManyLinks(lab, [frame, control, burst, raw, raw_burst])
-        blocks = [interface(strand.name, [self._test(strand, strand in (burst, raw_burst))], success_ct=1,
-                            nexthop=strand.gateway4) for strand in self.links.strands]
-        blocks += [interface(strand.name, [ping(strand.gateway6, resp_time=PATIENCE)], ipv6=True, success_ct=1,
-                             nexthop=strand.gateway6) for strand in (frame, control)]
+        counts = {"success_ct": 1, "failure_ct": failure_ct}
+        blocks = [interface(strand.name, [self._test(strand, strand in (burst, raw_burst))], nexthop=strand.gateway4,
+                            **counts) for strand in self.links.strands]
+        blocks += [interface(strand.name, [ping(strand.gateway6, resp_time=PATIENCE)], ipv6=True,
+                             nexthop=strand.gateway6, **counts) for strand in (frame, control)]
         both = [frame, control]
         self.routes = [RouteWatch(lab, "usr_etc/routing-wlb.conf", explained_by(self.links.strands, 4)),
                        RouteWatch(lab, "usr_etc/routing-wlb6.conf", explained_by(both, 6), 6)]
@@ -152,10 +156,10 @@ class Flooded:
 
 
 @pytest.fixture
-def flooded(lab):
+def flooded(lab, request):
     # One flood at a time, of all labs of this checkout: it takes a good part of a processor.
     with open(__file__, encoding="utf-8") as turns:
-        yield Flooded(lab, turns)
+        yield Flooded(lab, turns, getattr(request, "param", 1))
 
 
 def test_answers_to_nobodys_question(flooded):
@@ -190,6 +194,7 @@ def test_echo_replies_with_the_keys_of_probes(flooded):
     def deaf_far_end(running):
         capture = flooded.links.sniffer(flooded.first)
         flooded.links.deafen(flooded.first)
+        capture.settle()
         since = len(capture.frames)
         for ipv6, request in ((False, sniffer.is_echo_request), (True, sniffer.is_echo6_request)):
             probes = capture.wait_for(request, count=2, since=since)
@@ -229,20 +234,22 @@ def test_link_that_dies_in_a_flood(flooded):
     flooded.finish(running)
     for family in (4, 6):
         flooded.lb.wait_status(flooded.control.name, "active", family=family)
-        assert state_changes(flooded.lab, flooded.control.name, family == 6) == flapped(1)
+        # A message may come a moment after the report that shows its change.
+        waiting.wait_until(lambda v6=family == 6: state_changes(flooded.lab, flooded.control.name, v6) == flapped(1))
     flooded.watched = [link for link in flooded.watched if link[0] != flooded.control.name]
     flooded.settle()
 
 
+@pytest.mark.parametrize("flooded", [2], indirect=True, ids=["one-probe-may-be-lost"])
 def test_neighbours_resolved_in_a_flood(flooded):
-    """The answer that counts comes among ten thousand a second that do not."""
+    """The answer that counts comes among ten thousand a second that do not. On a busy machine one may come too late."""
     frames = (flood.arp_flood(flooded.target, flooded.other)
               + flood.advertisement_flood(flooded.target, flooded.other))
     captures = [flooded.links.sniffer(strand) for strand in (flooded.first, flooded.control)]
     running = flooded.flood([frame for frame in frames if flooded.target.far_mac not in frame[14:]])
     flooded.arrive(running)
     since = [len(capture.frames) for capture in captures]
-    for _ in range(2):
+    for _ in range(3):
         for family in (4, 6):
             # The report ends a cycle's work: the next one has to resolve anew.
             flooded.lb.wait_cycles(1, family=family)

@@ -32,6 +32,7 @@ def test_arp_request_byte_for_byte(lab, link):
 
 
 def test_echo_frame_field_by_field(lab, link):
+    lab.ip(f"neigh add {link.gateway} lladdr {link.far_mac} dev wan1 nud permanent")  # no answer comes too late
     capture = link.sniff()
     lb = lab.start_lb(configtext.single(link, [ping("198.51.100.7")]))
     lb.wait_status("wan1", "active")
@@ -121,6 +122,7 @@ def test_arp_unanswered_then_answered(lab, link, kind):
 
 def test_incomplete_entry_of_the_kernel_is_asked_for_again(lab, link):
     link.responder.answer_arp = False
+    lab.sysctl("net.ipv4.neigh.wan1.retrans_time_ms=60000")  # the first request is the kernel's, the next one is not
     probe = lab.enclosure.socket(socket.AF_INET, socket.SOCK_DGRAM)
     probe.sendto(b"x", (link.gateway, 9))
     waiting.wait_until(lambda: link.gateway in lab.neighbours("wan1"))
@@ -186,6 +188,7 @@ def test_origin_and_alias_name_the_interface(lab, link):
     config = config.replace("success-ct 1", "success-ct 1\n        origin wan1")
     lb = lab.start_lb(config)
     lb.wait_status("uplink-a", "active")
+    lab.log.wait_for("changed state to active$")
     texts = [record.text for record in lab.log.matching("IP interface")]
     assert texts == [
         "%WAN-I-INSTANCE: IP interface WAN one changed state to inactive",

@@ -13,7 +13,9 @@ from lab.configtext import ping
 
 @pytest.fixture
 def link(lab):
-    return lab.uplink(1, arp=False, ipv6=True)
+    made = lab.uplink(1, arp=False, ipv6=True)
+    made.wait_sending()
+    return made
 
 
 def test_request_byte_for_byte_and_time_out(lab, link):

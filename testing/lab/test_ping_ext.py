@@ -19,6 +19,11 @@ def start(lab, link, target=None, **settings):
     return lab.start_lb(configtext.single(link, [ping_ext(target or link.gateway, **chosen)]))
 
 
+def first_keys(link):
+    """Of the first burst that leaves: where the gateway's answer to ARP is late, it is the second one."""
+    return {1, 2} if link.responder.arp_requests else {1}
+
+
 def bursts(requests):
     """Requests by burst: a burst is what shares a key."""
     result = {}
@@ -51,7 +56,7 @@ def test_a_good_burst(lab, link):
     lb.wait_status("wan1", "active")
     burst = wait_burst(link, 4)
     assert [request.sequence for request in burst] == [0, 1, 2, 3]
-    assert {request.key for request in burst} == {1}
+    assert burst[0].key in first_keys(link)
     assert {request.identifier for request in burst} == {lb.pid & 0xFFFF}
     lb.wait_report("  +Test:  ping extended\tTarget: 10.1.0.1\n")
     record = lb.outbounds()[0]["tests"][0]
@@ -65,12 +70,14 @@ def test_packets_of_a_burst(lab, link):
     lb = start(lab, link, count=3)
     lb.wait_status("wan1", "active")
     frames = capture.wait_for(sniffer.is_echo_request, count=3)[:3]
+    key, = {frame.data[42:46] for frame in frames}
+    assert int.from_bytes(key, "big") in first_keys(link)
     raw = not link.responder.arp_requests
     for number, frame in enumerate(frames):
         packet = frame.decode()
         length = packet["IP"].len
         assert length == (44 if raw else 32) and packet["ICMP"].seq == number
-        assert frame.data[42:46] == b"\0\0\0\1" and not any(frame.data[46:14 + length])
+        assert not any(frame.data[46:14 + length])
         again = packet.copy()
         again["ICMP"].chksum = again["IP"].chksum = None
         assert bytes(again)[:14 + length] == frame.data[:14 + length], "scapy computes another checksum"

@@ -3,7 +3,7 @@
 import os
 import time
 
-from . import responder
+from . import responder, waiting
 
 
 class Uplink:
@@ -21,6 +21,13 @@ class Uplink:
         self.link_local = f"fe80::ff:fe00:{number:x}02"
         self.far_link_local = f"fe80::ff:fe00:{number:x}01"
         self.responder = None
+
+    def wait_sending(self):
+        """A moment after the link is up a kernel thread lets packets out, and gives it its link-local address."""
+        def shown():
+            return self.lab.ip_text(f"-br addr show {self.name}", netns=self.vrf)
+
+        waiting.wait_until(lambda: {"UP", f"{self.link_local}/64"} <= set(shown().split()), shown)
 
     def sniff(self):
         """A capture at the far side."""
