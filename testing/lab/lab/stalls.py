@@ -25,8 +25,8 @@ RUN_AGAIN = "run again"
 class Watcher:
     """Notes stalls while its context lasts: of each processor, since one may stand still alone."""
 
-    def __init__(self, stall=STALL):
-        self._stall = stall
+    def __init__(self, stall=None):
+        self._stall = STALL if stall is None else stall
         self.noted = []  # seconds of each
         self._watches = []
 
