@@ -269,7 +269,7 @@ def test_quick_is_little():
 
 def test_two_interfaces(capsys):
     with bed.Bed(Case(2)) as made:
-        rounds = windows.rounds(made, 1, 1.0, print)
+        rounds = windows.rounds(made, 1, 3.0, print)
         assert not made.lab.finish()
     result = row.row(Case(2), rounds)
     print(table.table([result]))

@@ -90,7 +90,7 @@ def test_responder_can_refuse_arp_and_lie(lab):
     link.responder.answer_arp, link.responder.arp_mac = True, bytes.fromhex("02000000ee01")
     lab.ip("neigh flush all")
     ping(lab, link.gateway, "0.2", check=False)
-    assert "02:00:00:00:ee:01" in lab.neighbours(link.name)[link.gateway]
+    waiting.wait_until(lambda: "02:00:00:00:ee:01" in lab.neighbours(link.name).get(link.gateway, ""))
 
 
 def test_ipv6_responder_answers_solicitations(lab):

@@ -133,7 +133,9 @@ def test_route_of_another_program_is_preferred(lab, links):
 
 def test_file_cannot_be_written(lab, links):
     os.mkdir(lab.path(FILE))
-    lab.start_lb(config(links)).wait_status("wan1", "active")
+    lb = lab.start_lb(config(links))
+    for link in links.values():
+        lb.wait_status(link.name, "active")  # another text would be written anew
     wait_said(lab, "The routing daemon's file /usr/etc/routing-wlb.conf cannot be read: not a regular file.",
               of=["default"])
     os.rmdir(lab.path(FILE))

@@ -152,8 +152,7 @@ def test_never_a_complaint_while_files_are_written(lab):
     lb.wait_status(link.name, "active")
     end = time.monotonic() + 8
     looks = 0
-    while time.monotonic() < end:
+    while time.monotonic() < end or looks <= 20:
         shown = ctl(lab, "status", "-4", "-o", lb.out)
         assert shown.status == 0 and shown.stderr == "", shown.stderr
         looks += 1
-    assert looks > 20

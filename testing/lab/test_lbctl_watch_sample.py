@@ -173,6 +173,7 @@ def test_connections_of_the_other_uplink_stay(lab, network):
     network.route(network.isps[1])
     flow = Flow(network)
     flow.wait(("isp2", "198.51.100.10"))
+    assert flow.answered()
     before = [line.split("sport")[1] for line in lab.run(["conntrack", "-L", "-p", "udp"]).stdout.splitlines()]
     for change in ({}, {"interface": "isp2", "state": "active"}, {"interface": "isp2", "vrf": "blue"},
                    {"interface": "another"}):

@@ -4,6 +4,8 @@
     machine eth1 198.51.100.10 2001:db8:2::10 ------- isp2: 203.0.113.2, 2001:db8:ff::2
 """
 
+import re
+
 import pytest
 
 from package_lab import guide
@@ -118,7 +120,7 @@ def test_reload_with_errors_leaves_the_daemon_alone(router):
     before = _pid(router)
     router.run("sed", "-i", "s/nexthop 192.0.2.1/nexthop 192.0.2.300/", "/etc/wan_lb/lb.conf")
     assert router.run("systemctl", "reload", "wan-lb", check=False).returncode != 0
-    assert "192.0.2.300" in router.journal()
+    wait_until(lambda: "192.0.2.300" in router.journal(), router.journal)
     assert _pid(router) == before
 
 
@@ -136,7 +138,7 @@ def test_daemon_that_hangs_is_started_anew(router):
 def test_configuration_with_errors_is_not_started(machine):
     machine.write("/etc/wan_lb/lb.conf", "health {\n")
     assert machine.run("systemctl", "start", "wan-lb", check=False).returncode != 0
-    assert "unbalanced" in machine.journal() or "brackets" in machine.journal(), machine.journal()
+    wait_until(lambda: re.search("unbalanced|brackets", machine.journal()), machine.journal)
 
 
 def test_sample_hook_as_a_service(router, isps):

@@ -198,6 +198,7 @@ class Responder(EchoPolicy):
         self.arp_requests, self.solicitations = [], []
         self._socket = enclosure.socket(socket.AF_PACKET, socket.SOCK_RAW, ETH_P_ALL, netns, interface)
         stamps.enable(self._socket)
+        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
         request = fcntl.ioctl(self._in_netns_socket(enclosure, netns), SIOCGIFHWADDR,
                               struct.pack("16s16x8x", interface.encode()))
         self.mac = request[18:24]

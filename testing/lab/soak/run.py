@@ -144,6 +144,7 @@ class Soak:
             self._inject()
             self._watch(self.rng.uniform(0.2, 2 * PACE))
             if growth is None and time.monotonic() > warm:
+                self._watch(0.5)  # the shortest faults end before what follows holds up all endings
                 # Requests for neighbours that cannot leave close the VRF's socket of that family.
                 growth = Growth(self.lab, self.router.lb, closed_sockets=len(self.router.watches))
             if time.monotonic() > next_word:
