@@ -40,10 +40,8 @@ class KernelEcho : public VethTest {
     run("ip addr add " + near_address6_ + "/64 nodad dev " + near());
     far_run("ip addr add " + far_address_ + "/24 dev " + far());
     far_run("ip addr add " + far_address6_ + "/64 nodad dev " + far());
-    // The kernel begins to hear questions for an address behind our back, and a single probe could
-    // come too early. All addresses of an end share the group.
-    run(until_in("ff02::1:ff00:1", near()));
-    far_run(until_in("ff02::1:ff00:2", far()));
+    wait_known(far_address_);
+    wait_known(far_address6_);
     interface_ = std::make_unique<LBInterface>(near(), false);
     interface6_ = std::make_unique<LBInterface>(near(), true);
     interface_->nexthop = far_address_;
@@ -67,10 +65,13 @@ class KernelEcho : public VethTest {
 
   static void far_run(const std::string& command) { run("ip netns exec far " + command); }
 
-  // Waits until the interface is in the multicast group.
-  static std::string until_in(const std::string& group, const std::string& interface) {
-    return "sh -c 'for i in $(seq 2000); do ip -6 maddr show dev " + interface + " | grep -qw " +
-           group + " && exit 0; sleep 0.01; done; exit 1'";
+  // Waits until the kernel has the address's neighbour entry. For a while it drops what a new link
+  // sends, and does not hear questions for a new address; a single probe could come too early, and
+  // its answer to a question too late.
+  void wait_known(const std::string& address) const {
+    run("bash -c 'for i in $(seq 2000); do echo >/dev/udp/" + address + "/9; ip neigh show to " +
+        address.substr(0, address.find('%')) + " dev " + near() +
+        " | grep -q lladdr && exit 0; sleep 0.01; done 2>/dev/null; exit 1'");
   }
 
   // Interfaces that resolve no addresses, which probes leave by the raw path. The kernel sends to
@@ -148,6 +149,7 @@ TEST_F(KernelEcho, Frame6IsAnsweredByTheNextHop) {
 TEST_F(KernelEcho, LinkLocalSourceIsAnsweredToo) {
   run("ip addr add fe80::1/64 nodad dev " + near());
   far_run("ip addr add fe80::2/64 nodad dev " + far());
+  wait_known("fe80::2%" + near());
   interface6_->source_address.clear();
   interface6_->nexthop = "fe80::2";
   LBTestICMP6 test;

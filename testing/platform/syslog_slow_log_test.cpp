@@ -1,6 +1,7 @@
 // A system log that reads slowly or not at all.
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -52,9 +53,14 @@ TEST_F(SyslogSlowLogTest, HoldsUpNobody) {
 TEST_F(SyslogExitDeathTest, LastMessagesAreWaitedFor) {
   EXPECT_EXIT(
       {
-        send_to_stderr_after([] { std::this_thread::sleep_for(20ms); });
+        static std::atomic_bool has_begun = false;  // the log's thread, which may take its time
+        send_to_stderr_after([] {
+          has_begun = true;
+          std::this_thread::sleep_for(20ms);
+        });
         LB_ERROR("one");
         LB_ERROR("two");
+        while (!has_begun) std::this_thread::sleep_for(1ms);
         std::exit(3);
       },
       ExitedWithCode(3), EndsWith("%WAN-W-ERR: one\n%WAN-W-ERR: two\n"));

@@ -128,6 +128,12 @@ TEST_F(ChangeHookRun, CommandThatTakesTooLongIsKilledWithItsChildren) {
   {
     ChangeHook hook("(sleep 60; echo late >>" + path_ + ") & echo $! >>" + path_ + "; wait", 1);
     hook.add(change("wan1"));
+    timespec time = monotonic_now();
+    hook.attend(time);
+    for (int pauses = 0; pauses < 3000 && !written().ends_with('\n'); ++pauses)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ++time.tv_sec;
+    hook.attend(time);
     finish(hook);
   }
   EXPECT_THAT(testing::internal::GetCapturedStderr(),

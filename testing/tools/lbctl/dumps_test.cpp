@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <fstream>
-#include <thread>
+#include <functional>
+#include <string_view>
 
 #include "lbctl/command.h"
 #include "lbctl/sample_dumps.h"
+#include "support/wrapped_calls.h"
 
 namespace lbctl {
 namespace {
@@ -24,6 +26,21 @@ class DumpsTest : public testing::Test {
       return failure.what();
     }
     return "";
+  }
+
+  // The dump of the rules, with what the daemon does to it before each look at it; looks count
+  // from 1.
+  std::vector<RuleDump> rules_while(const std::function<void(int)>& daemon) {
+    int look = 0;
+    CallHook hook(wrapped::open, [&](const char* path, int flags, mode_t mode) {
+      if (std::string_view(path).ends_with("/wlb_rules.bin")) daemon(++look);
+      return wrapped::open.real(path, flags, mode);
+    });
+    return read_dumps(directory_.path()).rules;
+  }
+
+  void append_to_rules(const std::string& text) const {
+    std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << text;
   }
 
   OutputDirectory directory_;
@@ -104,14 +121,11 @@ TEST_F(DumpsTest, AHalfWrittenFileIsReadAgain) {
   directory_.put_all();
   const std::string whole = rule_record().bytes();
   directory_.put("wlb_rules.bin", whole.substr(0, 1000));
-  std::jthread daemon([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << whole.substr(1000);
+  const auto rules = rules_while([&](int look) {
+    if (look == 11) append_to_rules(whole.substr(1000));
   });
-  const Dumps dumps = read_dumps(directory_.path());
-  daemon.join();
-  ASSERT_EQ(dumps.rules.size(), 1U);
-  EXPECT_EQ(dumps.rules[0].number, 7);
+  ASSERT_EQ(rules.size(), 1U);
+  EXPECT_EQ(rules[0].number, 7);
 }
 
 // The daemon empties a file before it writes it anew: what follows a long half is not empty for
@@ -120,15 +134,11 @@ TEST_F(DumpsTest, AFileThatIsEmptyForAMomentIsReadAgain) {
   directory_.put_all();
   const std::string whole = rule_record().bytes();
   directory_.put("wlb_rules.bin", whole.substr(0, 1000));
-  std::jthread daemon([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    directory_.put("wlb_rules.bin", "");
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    std::ofstream(directory_.file("wlb_dump/wlb_rules.bin"), std::ios::app) << whole;
+  const auto rules = rules_while([&](int look) {
+    if (look == 21) directory_.put("wlb_rules.bin", "");
+    if (look == 24) append_to_rules(whole);
   });
-  const Dumps dumps = read_dumps(directory_.path());
-  daemon.join();
-  ASSERT_EQ(dumps.rules.size(), 1U);
+  ASSERT_EQ(rules.size(), 1U);
 }
 
 TEST_F(DumpsTest, AHalfWrittenFileIsWaitedForASecondAtMost) {
