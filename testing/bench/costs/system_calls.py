@@ -12,7 +12,7 @@ from lab import waiting
 from .healthy_links import LINKS
 
 CYCLES = 3
-ATTEMPTS = 4
+ATTEMPTS = 12
 
 # Made by being traced: every wait that strace interrupts goes on with one.
 TRACERS = {"restart_syscall"}
