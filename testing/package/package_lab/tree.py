@@ -8,8 +8,9 @@ import subprocess
 
 _DOCUMENTATION = ["--dpkgopt=path-exclude=/usr/share/doc/*", "--dpkgopt=path-include=/usr/share/doc/wan-lb/*",
                   "--dpkgopt=path-exclude=/usr/share/locale/*"]
-# The administrator says yes; what is only recommended the guides name.
-_ANSWERS = ['--aptopt=APT::Get::Assume-Yes "true"', '--aptopt=APT::Install-Recommends "false"']
+# The administrator says yes; what is only recommended the guides name; a mirror that fails is asked again.
+_ANSWERS = ['--aptopt=APT::Get::Assume-Yes "true"', '--aptopt=APT::Install-Recommends "false"',
+            '--aptopt=Acquire::Retries "3"']
 
 
 def packages(directory):
